@@ -1,0 +1,163 @@
+#pragma once
+// Enumerations known to the framework.
+//
+// An enumeration is described once, next to its declaration, by a constexpr hook found through
+// argument-dependent lookup:
+//
+//   enum class OutDelayApplyType : uint8_t { applyToAll = 0, applyToNew = 1 };
+//   constexpr auto kelpEnum(Kelp::Tag<OutDelayApplyType>) {
+//     return Kelp::enumType<OutDelayApplyType>("Routing::OutDelayApplyType",
+//         {{OutDelayApplyType::applyToAll, "applyToAll"}, {OutDelayApplyType::applyToNew, "applyToNew"}});
+//   }
+//   KELP_ENUM_FUNCTIONS(OutDelayApplyType)   // stringValue, valueToStrep, operator<<, ...
+//
+// Its long text form is the enumerator's name; a value without a name (read off the wire, say)
+// prints as its decimal number, and the parser accepts both, so every value survives print and
+// parse. The runtime descriptor Kelp::EnumType<U> (U the storage type) answers name and number
+// lookups for generic code and the type registry.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "platform/Kelp/TextForm.h"
+
+namespace Kelp {
+
+// One enumerator: the descriptor entry that the ...Instance lookups return.
+struct EnumEntryInfo {
+  std::uint64_t value;
+  std::string_view name;
+};
+
+template <typename E>
+struct EnumEntry {
+  E value;
+  const char* name;
+};
+
+template <typename E, std::size_t N>
+struct EnumDesc {
+  std::string_view typeName;
+  std::array<EnumEntryInfo, N> entries;
+};
+
+template <typename E, std::size_t N>
+constexpr EnumDesc<E, N> enumType(std::string_view typeName, const EnumEntry<E> (&entries)[N]) {
+  EnumDesc<E, N> d{typeName, {}};
+  for (std::size_t i = 0; i < N; ++i) {
+    d.entries[i] = EnumEntryInfo{static_cast<std::uint64_t>(entries[i].value), entries[i].name};
+  }
+  return d;
+}
+
+template <typename E>
+concept DescribedEnum = std::is_enum_v<E> && requires { kelpEnum(Tag<E>{}); };
+
+template <DescribedEnum E>
+inline constexpr auto enumDescOf = kelpEnum(Tag<E>{});
+
+// The runtime descriptor of an enumeration stored in U.
+template <typename U>
+class EnumType {
+ public:
+  EnumType(std::string_view typeName, const EnumEntryInfo* entries, std::size_t count)
+      : typeName_(typeName), entries_(entries, entries + count) {}
+
+  std::string_view typeName() const { return typeName_; }
+  const std::vector<EnumEntryInfo>& entries() const { return entries_; }
+
+  const EnumEntryInfo* instance(U value) const {
+    for (const auto& e : entries_) {
+      if (e.value == static_cast<std::uint64_t>(value)) return &e;
+    }
+    return nullptr;
+  }
+  const EnumEntryInfo* instance(std::string_view name) const {
+    for (const auto& e : entries_) {
+      if (e.name == name) return &e;
+    }
+    return nullptr;
+  }
+  // The enumerator's name; for a value without one, its decimal number.
+  String stringValue(U value) const {
+    const EnumEntryInfo* e = instance(value);
+    return e != nullptr ? String(e->name) : std::to_string(static_cast<std::uint64_t>(value));
+  }
+  String valueToStrep(U value) const { return stringValue(value); }
+  // Reads an enumerator name, or a decimal number that fits U.
+  U sequenceToValue(CharRange& r) const;
+
+ private:
+  std::string_view typeName_;
+  std::vector<EnumEntryInfo> entries_;
+};
+
+// Reads a run of identifier characters [A-Za-z0-9_].
+std::string_view readIdentifier(CharRange& r);
+
+template <typename U>
+U EnumType<U>::sequenceToValue(CharRange& r) const {
+  std::size_t start = r.position();
+  std::string_view word = readIdentifier(r);
+  if (!word.empty() && word.find_first_not_of("0123456789") == std::string_view::npos) {
+    CharRange digits(word);
+    return static_cast<U>(parseUnsigned(digits, static_cast<std::uint64_t>(U(~U(0)))));
+  }
+  if (const EnumEntryInfo* e = instance(word)) return static_cast<U>(e->value);
+  r.failAt(start, std::string("expected a ") + String(typeName_) + " enumerator");
+}
+
+template <DescribedEnum E>
+const EnumType<std::underlying_type_t<E>>& enumTypeOf() {
+  static const EnumType<std::underlying_type_t<E>> t(enumDescOf<E>.typeName, enumDescOf<E>.entries.data(),
+                                                     enumDescOf<E>.entries.size());
+  return t;
+}
+
+template <DescribedEnum E>
+struct TextForm<E> {
+  using U = std::underlying_type_t<E>;
+  static void print(String& out, E v) { out += enumTypeOf<E>().stringValue(static_cast<U>(v)); }
+  static void parse(CharRange& r, E& v) { v = static_cast<E>(enumTypeOf<E>().sequenceToValue(r)); }
+};
+
+}  // namespace Kelp
+
+// Declares the framework's per-enumeration functions at namespace scope, next to the enumeration:
+// E##Instance (by number and by name), stringValue, valueToStrep, operator<< and sequenceToValue.
+#define KELP_ENUM_FUNCTIONS(E)                                                                  \
+  inline const ::Kelp::EnumEntryInfo* E##Instance(unsigned int v) {                             \
+    return ::Kelp::enumTypeOf<E>().instance(static_cast<std::underlying_type_t<E>>(v));          \
+  }                                                                                             \
+  inline const ::Kelp::EnumEntryInfo* E##Instance(const ::Kelp::String& name) {                 \
+    return ::Kelp::enumTypeOf<E>().instance(std::string_view(name));                            \
+  }                                                                                             \
+  inline ::Kelp::String stringValue(E v) {                                                      \
+    return ::Kelp::enumTypeOf<E>().stringValue(static_cast<std::underlying_type_t<E>>(v));       \
+  }                                                                                             \
+  inline ::Kelp::String valueToStrep(E v) { return ::Kelp::valueToStrep(v); }                   \
+  inline std::ostream& operator<<(std::ostream& os, E v) { return os << stringValue(v); }       \
+  inline void sequenceToValue(::Kelp::CharRange& r, E* v) { ::Kelp::TextForm<E>::parse(r, *v); }
+
+// The same for an enumeration declared inside a class: E##Instance become static members, the
+// others hidden friends.
+#define KELP_ENUM_MEMBER_FUNCTIONS(E)                                                           \
+  static const ::Kelp::EnumEntryInfo* E##Instance(unsigned int v) {                             \
+    return ::Kelp::enumTypeOf<E>().instance(static_cast<std::underlying_type_t<E>>(v));          \
+  }                                                                                             \
+  static const ::Kelp::EnumEntryInfo* E##Instance(const ::Kelp::String& name) {                 \
+    return ::Kelp::enumTypeOf<E>().instance(std::string_view(name));                            \
+  }                                                                                             \
+  friend ::Kelp::String stringValue(E v) {                                                      \
+    return ::Kelp::enumTypeOf<E>().stringValue(static_cast<std::underlying_type_t<E>>(v));       \
+  }                                                                                             \
+  friend ::Kelp::String valueToStrep(E v) { return ::Kelp::valueToStrep(v); }                   \
+  friend std::ostream& operator<<(std::ostream& os, E v) {                                      \
+    return os << ::Kelp::enumTypeOf<E>().stringValue(static_cast<std::underlying_type_t<E>>(v)); \
+  }                                                                                             \
+  friend void sequenceToValue(::Kelp::CharRange& r, E* v) { ::Kelp::TextForm<E>::parse(r, *v); }

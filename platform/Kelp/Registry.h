@@ -1,0 +1,121 @@
+#pragma once
+// Type modules and the type registry.
+//
+// Each source file of the library owns one TypeModule naming the types it defines; the module
+// registers them when the library is loaded and withdraws them when it is unloaded. Generic code
+// (the command-line tool, tests, configuration mounting) then finds a type by its qualified name
+// and prints, parses, hashes or reflects on values of it without knowing the C++ type:
+//
+//   // in BgpTypesImpl.cpp
+//   static Kelp::TypeModule module("BgpTypesImpl",
+//       {Kelp::typeInfo<MaxRoutes>(), Kelp::typeInfo<OutDelay>()});
+//
+//   // anywhere
+//   const Kelp::TypeInfo* t = Kelp::findType("Routing::Bgp::MaxRoutes");
+//   std::any v = t->strepToValue(text);
+//   Kelp::String back = t->valueToStrep(v);
+
+#include <any>
+#include <cstdint>
+#include <initializer_list>
+#include <span>
+#include <string_view>
+#include <typeinfo>
+#include <vector>
+
+#include "platform/Kelp/ValueType.h"
+
+namespace Kelp {
+
+enum class TypeKind { value, enumeration, entity };
+
+struct TypeInfo {
+  std::string_view name;
+  TypeKind kind = TypeKind::value;
+  const std::type_info* cppType = nullptr;
+  std::vector<AttrInfo> attributes;
+  // Parses a whole text; trailing characters are an error. Null for entities.
+  std::any (*strepToValue)(std::string_view text) = nullptr;
+  // The long text form of a value held in `v` (which must hold this type).
+  String (*valueToStrep)(const std::any& v) = nullptr;
+  // The generic hash entry (throws UnhashableException for unhashable types).
+  std::uint32_t (*hash)(const std::any& v) = nullptr;
+  // The reflective attribute operation on a value held in `obj`.
+  int (*attributeOp)(std::any* result, std::any& obj, const KelpAttrBase* attr, int op,
+                     const std::any* other, std::span<const std::any> args) = nullptr;
+
+  // The attribute with that name, or null.
+  const AttrInfo* attribute(std::string_view attrName) const;
+};
+
+namespace detail {
+template <typename T>
+const T& held(const std::any& v, std::string_view typeName) {
+  const T* p = std::any_cast<T>(&v);
+  if (p == nullptr) GenericIfImpl::throwTypeException(typeName, v.has_value() ? v.type().name() : "empty");
+  return *p;
+}
+}  // namespace detail
+
+// The registry entry of a described value type or enumeration, built once.
+template <typename T>
+const TypeInfo* typeInfo() {
+  static const TypeInfo info = [] {
+    TypeInfo t;
+    t.cppType = &typeid(T);
+    if constexpr (DescribedEnum<T>) {
+      t.name = enumDescOf<T>.typeName;
+      t.kind = TypeKind::enumeration;
+    } else {
+      t.name = typeNameOf<T>();
+      t.kind = TypeKind::value;
+      t.attributes = attributesOf<T>();
+      t.hash = [](const std::any& v) -> std::uint32_t {
+        return genericHash(detail::held<T>(v, typeNameOf<T>()));
+      };
+      t.attributeOp = [](std::any* result, std::any& obj, const KelpAttrBase* attr, int op,
+                         const std::any* other, std::span<const std::any> args) -> int {
+        T* self = std::any_cast<T>(&obj);
+        if (self == nullptr) GenericIfImpl::throwTypeException(typeNameOf<T>(), "another type");
+        const T* o = other != nullptr ? &detail::held<T>(*other, typeNameOf<T>()) : nullptr;
+        return genericIfAttributeOp(result, self, attr, op, o, args);
+      };
+    }
+    t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
+    t.valueToStrep = [](const std::any& v) -> String {
+      return Kelp::valueToStrep(detail::held<T>(v, typeInfo<T>()->name));
+    };
+    return t;
+  }();
+  return &info;
+}
+
+// A reference-counted framework object known to the registry by name and attribute names only.
+TypeInfo entityType(std::string_view name, std::initializer_list<std::string_view> attributeNames);
+
+class TypeModule {
+ public:
+  TypeModule(std::string_view moduleName, std::initializer_list<const TypeInfo*> types);
+  ~TypeModule();
+  TypeModule(const TypeModule&) = delete;
+  TypeModule& operator=(const TypeModule&) = delete;
+
+  std::string_view name() const { return name_; }
+  std::span<const TypeInfo* const> types() const { return types_; }
+
+ private:
+  std::string_view name_;
+  std::vector<const TypeInfo*> types_;
+};
+
+// Registers a module's types (done by TypeModule's constructor).
+void kelpModuleIs(const TypeModule* module);
+void kelpModuleDel(const TypeModule* module);
+
+const TypeInfo* findType(std::string_view qualifiedName);
+// Every registered type, sorted by name.
+std::vector<const TypeInfo*> registeredTypes();
+// Every registered module, sorted by name.
+std::vector<const TypeModule*> registeredModules();
+
+}  // namespace Kelp

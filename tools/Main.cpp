@@ -1,0 +1,35 @@
+// bgpcommon: shows the library at work from the shell.
+#include <algorithm>
+#include <cstdio>
+
+#include "tools/Command.h"
+
+namespace tools {
+
+std::vector<RegisteredCommand>& registeredCommands() {
+  static std::vector<RegisteredCommand> commands;
+  return commands;
+}
+
+CommandRegistration::CommandRegistration(std::string name, CommandSetup setup) {
+  registeredCommands().push_back({std::move(name), std::move(setup)});
+}
+
+}  // namespace tools
+
+int main(int argc, char** argv) {
+  CLI::App app{"bgpcommon: data types of a BGP routing agent, from the shell"};
+  app.require_subcommand(1);
+  auto& commands = tools::registeredCommands();
+  std::sort(commands.begin(), commands.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+  for (const auto& c : commands) c.setup(app);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s\n", e.what());
+    return 1;
+  }
+  return 0;
+}

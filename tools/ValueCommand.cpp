@@ -1,0 +1,72 @@
+// bgpcommon value list | parse TYPE TEXT: every registered type, reachable through the registry.
+#include <cstdio>
+
+#include "platform/Kelp/Registry.h"
+#include "tools/Command.h"
+
+namespace {
+
+const char* kindName(Kelp::TypeKind k) {
+  switch (k) {
+    case Kelp::TypeKind::value: return "value";
+    case Kelp::TypeKind::enumeration: return "enum";
+    case Kelp::TypeKind::entity: return "entity";
+  }
+  return "?";
+}
+
+struct ValueOptions {
+  std::string type;
+  std::string text;
+  bool verbose = false;
+};
+
+tools::CommandRegistration reg("value", [](CLI::App& app) {
+  auto* value = app.add_subcommand("value", "Print and parse values of the registered types");
+  value->require_subcommand(1);
+
+  auto* list = value->add_subcommand("list", "List the registered type names");
+  static bool withKind = false;
+  list->add_flag("--kind,-k", withKind, "Show each type's kind (value, enum, entity)");
+  list->callback([] {
+    for (const Kelp::TypeInfo* t : Kelp::registeredTypes()) {
+      if (withKind) {
+        std::printf("%-60.*s %s\n", static_cast<int>(t->name.size()), t->name.data(), kindName(t->kind));
+      } else {
+        std::printf("%.*s\n", static_cast<int>(t->name.size()), t->name.data());
+      }
+    }
+  });
+
+  static ValueOptions opt;
+  auto* parse = value->add_subcommand(
+      "parse", "Parse TEXT as a value of TYPE and print its long text form (exit 1 on bad text)");
+  parse->add_option("TYPE", opt.type, "Qualified type name, as 'value list' shows it")->required();
+  parse->add_option("TEXT", opt.text, "The value's long text form")->required();
+  parse->add_flag("--attributes,-a", opt.verbose, "Also list the type's reflective attributes");
+  parse->callback([] {
+    const Kelp::TypeInfo* t = Kelp::findType(opt.type);
+    if (t == nullptr) {
+      std::fprintf(stderr, "unknown type '%s' (see 'bgpcommon value list')\n", opt.type.c_str());
+      throw CLI::RuntimeError(1);
+    }
+    if (t->strepToValue == nullptr) {
+      std::fprintf(stderr, "type '%s' has no text form\n", opt.type.c_str());
+      throw CLI::RuntimeError(1);
+    }
+    try {
+      std::any v = t->strepToValue(opt.text);
+      std::printf("%s\n", t->valueToStrep(v).c_str());
+    } catch (const Kelp::RangeException& e) {
+      std::fprintf(stderr, "%s\n", e.what());
+      throw CLI::RuntimeError(1);
+    }
+    if (opt.verbose) {
+      for (const Kelp::AttrInfo& a : t->attributes) {
+        std::printf("  %d %.*s\n", a.id, static_cast<int>(a.name.size()), a.name.data());
+      }
+    }
+  });
+});
+
+}  // namespace
