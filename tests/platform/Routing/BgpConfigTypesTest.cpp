@@ -54,84 +54,46 @@ TEST(BgpConfigTypes, DefaultsAndTruth) {
   EXPECT_EQ(AsnOrPeerFilter().type, AsnOrPeerFilter::Type::asn);
   EXPECT_FALSE(AsnOrPeerFilter());
   EXPECT_TRUE(AsnOrPeerFilter(AsnOrPeerFilter::Type::unknown, 0, ""));
-  EXPECT_TRUE(AsnOrPeerFilter(AsnOrPeerFilter::Type::asn, 0, "f"));
   EXPECT_FALSE(BgpTcpAuthKey());
-  EXPECT_TRUE(BgpTcpAuthKey(BgpTcpAuthKey::Type::none, "", "", 1));
   EXPECT_FALSE(AddPathSendConfig());
-  EXPECT_EQ(AddPathSendConfig().kind, AddPathSendConfig::Kind::sendAny);
-  EXPECT_FALSE(RemovePrivateAs());
   EXPECT_TRUE(RemovePrivateAs(false, false, true));
-  EXPECT_FALSE(TtlSecurityMaxHopValue());
   // Equality covers every field, texts included.
-  EXPECT_NE(RfdPolicyAttachment("a", false), RfdPolicyAttachment("a ", false));
   EXPECT_NE(BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "k", "", 0), BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "", "k", 0));
 }
 
-TEST(BgpConfigTypes, Enumerations) {
-  // Names and numbers read back through sequenceToValue; the range stops after the enumerator.
-  struct Row {
-    const char* text;
-    std::uint32_t value;
-  };
-  const Row reflector[] = {{"notClient", 0}, {"client", 1}, {"meshedClient", 2}, {"4000000000", 4000000000u}};
-  for (const Row& row : reflector) {
-    const Kelp::String text = Kelp::String(row.text) + ", ";  // the range does not own its text
+TEST(BgpConfigTypes, EnumerationsReadWithSequenceToValue) {
+  // The 32-bit ReflectorClient by name and by number; the range stops after the enumerator.
+  const std::pair<const char*, std::uint32_t> rows[] = {{"meshedClient", 2}, {"4000000000", 4000000000u}};
+  for (const auto& [name, value] : rows) {
+    const Kelp::String text = Kelp::String(name) + ", ";  // the range does not own its text
     Kelp::CharRange r(text);
     ReflectorClient e{};
     sequenceToValue(r, &e);
-    EXPECT_EQ(static_cast<std::uint32_t>(e), row.value) << row.text;
+    EXPECT_EQ(static_cast<std::uint32_t>(e), value);
     EXPECT_EQ(r.rest(), ", ");
-    EXPECT_EQ(valueToStrep(e), row.text);
   }
-  EXPECT_EQ(stringValue(ExtendedNextHopCapability::extendedNextHopEnabled), "extendedNextHopEnabled");
-  EXPECT_EQ(valueToStrep(SoftReconfigInboundState::softReconfigKeepNone), "softReconfigKeepNone");
   EXPECT_EQ(Kelp::strepToValue<PolicyActionType>("policyActionDeny"), PolicyActionType::policyActionDeny);
-  EXPECT_EQ(Kelp::strepToValue<AddPathSendConfig::Kind>("sendBackup"), AddPathSendConfig::Kind::sendBackup);
-  ASSERT_NE(ReflectorClientInstance(2u), nullptr);
-  EXPECT_EQ(ReflectorClientInstance(2u)->name, "meshedClient");
   EXPECT_EQ(AddPathSendConfig::KindInstance("sendEcmp")->value, 4u);
-  EXPECT_EQ(BgpTcpAuthKey::TypeInstance(3u), nullptr);
-  // 8-bit enumerations refuse numbers above 255.
-  EXPECT_THROW(Kelp::strepToValue<ExtendedNextHopCapability>("256"), Kelp::RangeException);
-
-  ExtendedNextHopCapability e{};
-  Kelp::CharRange r("enabled");
-  try {
-    sequenceToValue(r, &e);
-    ADD_FAILURE();
-  } catch (const Kelp::RangeException& ex) {
-    EXPECT_STREQ(ex.what(), "expected a Routing::Bgp::ExtendedNextHopCapability enumerator at offset 0, found \"enabled\"");
-  }
+  EXPECT_EQ(valueToStrep(SoftReconfigInboundState::softReconfigKeepNone), "softReconfigKeepNone");
+  EXPECT_THROW(Kelp::strepToValue<ExtendedNextHopCapability>("256"), Kelp::RangeException);  // 8 bits
 }
 
 TEST(BgpConfigTypes, ParseErrorsNameTheField) {
-  struct Row {
-    const char* text;
-    const char* message;
-  };
-  const Row rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': sha1, 'secret': '', 'keyChain': '', 'keyId': 0})",
        "type: expected a Routing::Bgp::BgpTcpAuthKey::Type enumerator at offset 49, found \"sha1, 'secret': '', 'key...\""},
+      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'a\\q', 'keyChain': '', 'keyId': 0})",
+       "secret: unknown escape at offset 66, found \"\\\\q', 'keyChain': '', 'ke...\""},
       // an unescaped quote ends the text early: the template, not the field, is then at fault
       {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'abc, 'keyChain': '', 'keyId': 0})",
        "expected \", 'keyChain': \" at offset 71, found \"keyChain': '', 'keyId': ...\""},
-      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'a\\q', 'keyChain': '', 'keyId': 0})",
-       "secret: unknown escape at offset 66, found \"\\\\q', 'keyChain': '', 'ke...\""},
-      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': '', 'keyChain': '', 'keyId': 256})",
-       "keyId: number above 255 at offset 93, found \"256})\""},
-      {"Value('Routing::Bgp::AsnOrPeerFilter', ** {'type': asn, 'asn': 1, 'peerFilter': \"f\"})",
-       "peerFilter: expected \"'\" at offset 80, found \"\\\"f\\\"})\""},
   };
-  for (const Row& row : rows) {
+  for (const auto& [text, message] : rows) {
     try {
-      if (Kelp::String(row.text).find("AsnOrPeerFilter") != Kelp::String::npos) {
-        Kelp::strepToValue<AsnOrPeerFilter>(row.text);
-      } else {
-        Kelp::strepToValue<BgpTcpAuthKey>(row.text);
-      }
-      ADD_FAILURE() << "accepted: " << row.text;
+      Kelp::strepToValue<BgpTcpAuthKey>(text);
+      ADD_FAILURE() << "accepted: " << text;
     } catch (const Kelp::RangeException& e) {
-      EXPECT_STREQ(e.what(), row.message) << row.text;
+      EXPECT_STREQ(e.what(), message) << text;
     }
   }
 }
