@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/Support/BgpConfigSamples.h"
+#include "tests/Support/RunTool.h"
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::Bgp {
@@ -55,6 +56,17 @@ TYPED_TEST(Tristates, TextNestsTheWrappedValuesWholeText) {
   const auto v = this->sample();
   EXPECT_EQ(Kelp::valueToStrep(T::valueSet(v)), Kelp::String("Value('") + Kelp::String(Kelp::typeNameOf<T>()) +
                                                    "', ** {'value': " + Kelp::valueToStrep(v) + ", 'isSet': True})");
+}
+
+// The command-line tool reaches every member through the type registry.
+TYPED_TEST(Tristates, ToolParsesAndPrintsIt) {
+  const Kelp::String text = Kelp::valueToStrep(TypeParam::valueSet(this->sample()));
+  Kelp::String quoted = "'";  // for the shell: ' becomes '\''
+  for (char c : text) quoted += c == '\'' ? Kelp::String("'\\''") : Kelp::String(1, c);
+  quoted += "'";
+  auto r = testing_support::runTool("value parse " + Kelp::String(Kelp::typeNameOf<TypeParam>()) + " " + quoted);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, text + "\n");
 }
 
 TYPED_TEST(Tristates, TruthAndInvalid) {
