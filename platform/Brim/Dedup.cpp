@@ -150,13 +150,13 @@ std::size_t DedupHashTable::size() const {
   return storeSize();
 }
 
-void DedupHashTable::adoptLocked(DedupHandleBase* handle) {
+void DedupHashTable::adoptLocked(DedupHandleBase* handle, bool stored) {
   handle->tableNumberIs(number_);
   handle->stateIs(DedupState::deduped);
   handle->takeRef();  // the table's
   handle->takeRef();  // the caller's
   newRef();           // the handle's reference on its table
-  storeInsert(handle);
+  if (!stored) storeInsert(handle);
   if (notifiee_ && hasNotificationActive()) notifiee_->handleInsert(Kelp::Ptr<DedupHandleBase>(handle));
 }
 
@@ -170,20 +170,21 @@ Kelp::Ptr<DedupHandleBase> DedupHashTable::dedup(DedupHandleBase* handle) {
     return Kelp::Ptr<DedupHandleBase>::adopt(found);
   }
   PICO_ASSERT(handle->dedupState() == DedupState::neverDeduped);
-  adoptLocked(handle);
+  adoptLocked(handle, false);
   return Kelp::Ptr<DedupHandleBase>::adopt(handle);
 }
 
 Kelp::Ptr<DedupHandleBase> DedupHashTable::findOrDedup(const DedupContentHandle& content, std::uint32_t hash,
                                                        DedupAllocFn alloc) {
   Guard g(*this);
-  if (DedupHandleBase* found = storeFindContent(content, hash)) {
-    found->takeRef();
-    return Kelp::Ptr<DedupHandleBase>::adopt(found);
+  bool inserted = false;
+  DedupHandleBase* handle = storeFindOrInsert(content, hash, alloc, inserted);
+  if (inserted) {
+    PICO_ASSERT(handle->hash() == hash);
+    adoptLocked(handle, true);
+  } else {
+    handle->takeRef();
   }
-  DedupHandleBase* handle = alloc(content);
-  PICO_ASSERT(handle->hash() == hash);
-  adoptLocked(handle);
   return Kelp::Ptr<DedupHandleBase>::adopt(handle);
 }
 
@@ -291,6 +292,13 @@ DedupHandleBase* DedupHashTableUnorderedSet::storeFindHandle(const DedupHandleBa
 }
 
 void DedupHashTableUnorderedSet::storeInsert(DedupHandleBase* handle) { set_.insert(handle); }
+
+DedupHandleBase* DedupHashTableUnorderedSet::storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash,
+                                                               DedupAllocFn alloc, bool& inserted) {
+  auto [it, added] = set_.insert(InsertProbe{hash, &content, alloc});
+  inserted = added;
+  return *it;
+}
 
 void DedupHashTableUnorderedSet::storeErase(const DedupHandleBase* handle) {
   set_.erase(const_cast<DedupHandleBase*>(handle));

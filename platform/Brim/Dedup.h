@@ -35,6 +35,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <type_traits>
 #include <vector>
 
 #include <absl/container/flat_hash_set.h>
@@ -186,13 +187,15 @@ class DedupHashTable : public Kelp::PtrInterface {
   virtual DedupHandleBase* storeFindContent(const DedupContentHandle& content, std::uint32_t hash) const = 0;
   virtual DedupHandleBase* storeFindHandle(const DedupHandleBase& like, std::uint32_t hash) const = 0;
   virtual void storeInsert(DedupHandleBase* handle) = 0;
+  // Answers the handle equal to `content`, or the one `alloc` builds, inserted in the same probe
+  // (`inserted` tells which).
+  virtual DedupHandleBase* storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash,
+                                             DedupAllocFn alloc, bool& inserted) = 0;
   virtual void storeErase(const DedupHandleBase* handle) = 0;
   virtual std::size_t storeSize() const = 0;
   virtual void storeForEach(const std::function<void(DedupHandleBase*)>& f) const = 0;
 
- private:
-  friend class DedupHandleBase;
-
+ protected:
   class Guard {
    public:
     explicit Guard(const DedupHashTable& t) : mutex_(t.useLock_ ? &t.mutex_ : nullptr) {
@@ -208,9 +211,14 @@ class DedupHashTable : public Kelp::PtrInterface {
     std::mutex* mutex_;
   };
 
-  // Inserts a handle found absent; the lock is held. Leaves it with the table's reference and
-  // the caller's.
-  void adoptLocked(DedupHandleBase* handle);
+  // Adopts a handle found absent (inserting it unless `stored`); the lock is held. Leaves it with
+  // the table's reference and the caller's.
+  void adoptLocked(DedupHandleBase* handle, bool stored);
+  static void takeRef(const DedupHandleBase* handle) { handle->takeRef(); }
+
+ private:
+  friend class DedupHandleBase;
+
   // The slow path of DedupHandleBase::deleteRef: the release may leave only the table's reference.
   void releaseFromHandle(const DedupHandleBase* handle);
   void notifyRemoveLocked(DedupHandleBase* handle) const;
@@ -232,10 +240,27 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   // The set's allocated slot count (for memory accounting).
   std::size_t capacity() const;
 
+  // findOrDedup for one key type, with the set probe and the comparison compiled into the caller:
+  // the typed front of interning (a route key table's dedupContent). Same contract as findOrDedup.
+  template <typename Key, typename Content>
+  Kelp::Ptr<Key> findOrDedupAs(const Content& content, std::uint32_t hash, DedupAllocFn alloc) {
+    Guard g(*this);
+    auto [it, added] = set_.insert(TypedInsertProbe<Key, Content>{hash, &content, alloc});
+    DedupHandleBase* handle = *it;
+    if (added) {
+      adoptLocked(handle, true);
+    } else {
+      takeRef(handle);
+    }
+    return Kelp::Ptr<Key>::adopt(static_cast<Key*>(handle));
+  }
+
  protected:
   DedupHandleBase* storeFindContent(const DedupContentHandle& content, std::uint32_t hash) const override;
   DedupHandleBase* storeFindHandle(const DedupHandleBase& like, std::uint32_t hash) const override;
   void storeInsert(DedupHandleBase* handle) override;
+  DedupHandleBase* storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc,
+                                     bool& inserted) override;
   void storeErase(const DedupHandleBase* handle) override;
   std::size_t storeSize() const override;
   void storeForEach(const std::function<void(DedupHandleBase*)>& f) const override;
@@ -244,25 +269,59 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   struct ContentProbe {
     std::uint32_t hash;
     const DedupContentHandle* content;
+    bool matches(const DedupHandleBase* h) const { return h->compareByContent(*content); }
+  };
+  // A content probe that, when the set needs the element because the content is absent, turns
+  // into the new handle: heterogeneous insert looks the probe up and converts it only on a miss,
+  // so find-or-insert is one probe of the set. Allocation failure terminates (noexcept) rather
+  // than leave a prepared slot without its element.
+  struct InsertProbe {
+    std::uint32_t hash;
+    const DedupContentHandle* content;
+    DedupAllocFn alloc;
+    bool matches(const DedupHandleBase* h) const { return h->compareByContent(*content); }
+    operator DedupHandleBase*() const noexcept { return alloc(*content); }
+  };
+  // The same for one key type: the comparison is the key's own, called directly (and inlined
+  // when the key's compareByContent is final).
+  template <typename Key, typename Content>
+  struct TypedInsertProbe {
+    std::uint32_t hash;
+    const Content* content;
+    DedupAllocFn alloc;
+    bool matches(const DedupHandleBase* h) const { return static_cast<const Key*>(h)->compareByContent(*content); }
+    operator DedupHandleBase*() const noexcept { return alloc(*content); }
   };
   struct HandleProbe {
     std::uint32_t hash;
     const DedupHandleBase* like;
+    bool matches(const DedupHandleBase* h) const { return h->compare(like); }
   };
+
+  // Every probe carries its precomputed hash and says whether a stored handle matches it.
   struct SlotHash {
     using is_transparent = void;
     std::size_t operator()(const DedupHandleBase* h) const { return h->hash(); }
-    std::size_t operator()(const ContentProbe& p) const { return p.hash; }
-    std::size_t operator()(const HandleProbe& p) const { return p.hash; }
+    template <typename Probe>
+      requires(!std::is_pointer_v<Probe>)
+    std::size_t operator()(const Probe& p) const {
+      return p.hash;
+    }
   };
   // Pointers compare by identity (erase finds exactly the handle given); probes by value.
   struct SlotEq {
     using is_transparent = void;
     bool operator()(const DedupHandleBase* a, const DedupHandleBase* b) const { return a == b; }
-    bool operator()(const ContentProbe& p, const DedupHandleBase* h) const { return h->compareByContent(*p.content); }
-    bool operator()(const DedupHandleBase* h, const ContentProbe& p) const { return h->compareByContent(*p.content); }
-    bool operator()(const HandleProbe& p, const DedupHandleBase* h) const { return h->compare(p.like); }
-    bool operator()(const DedupHandleBase* h, const HandleProbe& p) const { return h->compare(p.like); }
+    template <typename Probe>
+      requires(!std::is_pointer_v<Probe>)
+    bool operator()(const Probe& p, const DedupHandleBase* h) const {
+      return p.matches(h);
+    }
+    template <typename Probe>
+      requires(!std::is_pointer_v<Probe>)
+    bool operator()(const DedupHandleBase* h, const Probe& p) const {
+      return p.matches(h);
+    }
   };
 
   absl::flat_hash_set<DedupHandleBase*, SlotHash, SlotEq> set_;
