@@ -9,28 +9,6 @@ namespace Routing::Bgp {
 
 BgpIdAllocator::BgpIdAllocator(const Kelp::String& name) : name_(name) {}
 
-U32 BgpIdAllocator::allocate() {
-  U32 id = invalidId();
-  bool reused;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    reused = freeId_.deq([&id](const KelpFreeId& e) { id = e.value; });
-    if (!reused) id = ++largestAllocatedId_;
-  }
-  PICO_FMTRACE(Pico::kTraceLevelOperational, " {} {}{} id {:#x}", static_cast<const void*>(this),
-               reused ? "reuse" : "new", name_, id);
-  // Reached only when the counter wrapped past 4294967295 with nothing to reuse.
-  PICO_ASSERT(BgpIdAllocator::invalidId() != id);
-  return id;
-}
-
-void BgpIdAllocator::free(U32 id) {
-  PICO_FMTRACE(Pico::kTraceLevelOperational, " {} free {} id {:#x}", static_cast<const void*>(this), name_, id);
-  PICO_ASSERT(BgpIdAllocator::invalidId() != id);
-  std::lock_guard<std::mutex> lock(mutex_);
-  freeId_.enq().value = id;  // as freeIdEnq, without a call through the library's symbol table
-}
-
 U32 BgpIdAllocator::largestAllocatedIdInc(U32 by) { return largestAllocatedId_ += by; }
 
 U32 BgpIdAllocator::freeIdFront() const {

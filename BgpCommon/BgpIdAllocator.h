@@ -28,6 +28,7 @@
 #include "platform/Kelp/LinkQueue.h"
 #include "platform/Kelp/Ptr.h"
 #include "platform/Kelp/TextForm.h"
+#include "platform/Pico/Format.h"
 #include "platform/Pico/Integers.h"
 
 namespace Routing::Bgp {
@@ -85,6 +86,30 @@ class BgpIdAllocator : public Kelp::PtrInterface {
   FreeIdQueue freeId_;
   U32 largestAllocatedId_ = 0;
 };
+
+// allocate() and free() are defined here, inline: callers allocate and free in tight loops, and a
+// call into the library for each would cost as much as the work itself.
+inline U32 BgpIdAllocator::allocate() {
+  U32 id = invalidId();
+  bool reused;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    reused = freeId_.deq([&id](const KelpFreeId& e) { id = e.value; });
+    if (!reused) id = ++largestAllocatedId_;
+  }
+  PICO_FMTRACE(Pico::kTraceLevelOperational, " {} {}{} id {:#x}", static_cast<const void*>(this),
+               reused ? "reuse" : "new", name_, id);
+  // Reached only when the counter wrapped past 4294967295 with nothing to reuse.
+  PICO_ASSERT(BgpIdAllocator::invalidId() != id);
+  return id;
+}
+
+inline void BgpIdAllocator::free(U32 id) {
+  PICO_FMTRACE(Pico::kTraceLevelOperational, " {} free {} id {:#x}", static_cast<const void*>(this), name_, id);
+  PICO_ASSERT(BgpIdAllocator::invalidId() != id);
+  std::lock_guard<std::mutex> lock(mutex_);
+  freeId_.enq().value = id;
+}
 
 // The allocator of BGP instance epochs: every allocated value is a new epoch number (1 first).
 class BgpInstanceEpochAllocator : public BgpIdAllocator {
