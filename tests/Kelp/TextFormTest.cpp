@@ -1,0 +1,139 @@
+#include "platform/Kelp/TextForm.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/Kelp/EnumType.h"
+
+namespace Kelp {
+namespace {
+
+TEST(TextForm, UnsignedWidthsAndLimits) {
+  struct Row {
+    const char* text;
+    std::uint64_t max;
+    const char* error;  // nullptr: accepted
+  };
+  const Row rows[] = {
+      {"0", 255, nullptr},
+      {"255", 255, nullptr},
+      {"256", 255, "number above 255 at offset 0, found \"256\""},
+      {"65535", 65535, nullptr},
+      {"18446744073709551615", ~0ull, nullptr},
+      {"18446744073709551616", ~0ull, "number above 18446744073709551615 at offset 0, found \"18446744073709551616\""},
+      {"", 255, "expected an unsigned number at offset 0, found \"\""},
+      {"-1", 255, "expected an unsigned number at offset 0, found \"-1\""},
+      {"+1", 255, "expected an unsigned number at offset 0, found \"+1\""},
+  };
+  for (const Row& row : rows) {
+    CharRange r(row.text);
+    if (row.error == nullptr) {
+      EXPECT_EQ(parseUnsigned(r, row.max), std::stoull(row.text));
+      EXPECT_TRUE(r.empty());
+    } else {
+      try {
+        parseUnsigned(r, row.max);
+        ADD_FAILURE() << row.text;
+      } catch (const RangeException& e) {
+        EXPECT_STREQ(e.what(), row.error);
+      }
+    }
+  }
+  EXPECT_EQ(strepToValue<std::uint8_t>("200"), 200);
+  EXPECT_THROW(strepToValue<std::uint16_t>("65536"), RangeException);
+  EXPECT_EQ(valueToStrep(std::uint64_t{18446744073709551615ull}), "18446744073709551615");
+}
+
+TEST(TextForm, BooleanWords) {
+  EXPECT_EQ(valueToStrep(true), "True");
+  EXPECT_EQ(valueToStrep(false), "False");
+  EXPECT_TRUE(strepToValue<bool>("True"));
+  EXPECT_FALSE(strepToValue<bool>("False"));
+  for (const char* bad : {"true", "1", "", "Tru", "Falsey"}) {
+    EXPECT_THROW(strepToValue<bool>(bad), RangeException) << bad;
+  }
+}
+
+// Any byte string survives print then parse, and the printed form stays one quoted token.
+TEST(TextForm, StringsRoundTripEveryByte) {
+  std::vector<String> samples = {"", "plain", "it's", "back\\slash", "{braces}, 'quoted', commas",
+                                 "tab\tnew\nline\r", String("nul\0inside", 10), "\xff\xfe\x80 utf8 \xc3\xa9"};
+  String all;
+  for (int c = 0; c < 256; ++c) all.push_back(static_cast<char>(c));
+  samples.push_back(all);
+  for (const String& s : samples) {
+    String text = valueToStrep(s);
+    EXPECT_EQ(text.front(), '\'');
+    EXPECT_EQ(text.back(), '\'');
+    EXPECT_EQ(text.find_first_of("\n\r", 0), String::npos);
+    EXPECT_EQ(strepToValue<String>(text), s) << text;
+  }
+  EXPECT_EQ(valueToStrep(String("it's")), "'it\\'s'");
+  Bytes b = {0, 1, 'a', 0xff};
+  EXPECT_EQ(valueToStrep(b), "b'\\x00\\x01a\\xff'");
+  EXPECT_EQ(strepToValue<Bytes>(valueToStrep(b)), b);
+}
+
+TEST(TextForm, BadQuotedText) {
+  struct Row {
+    const char* text;
+    const char* error;
+  };
+  const Row rows[] = {
+      {"abc", "expected \"'\" at offset 0, found \"abc\""},
+      {"'abc", "unterminated quoted text at offset 0, found \"'abc\""},
+      {"'ab\\", "unterminated quoted text at offset 0, found \"'ab\\\\\""},
+      {"'\\q'", "unknown escape at offset 1, found \"\\\\q'\""},
+      {"'\\x4'", "bad \\x escape at offset 1, found \"\\\\x4'\""},
+  };
+  for (const Row& row : rows) {
+    try {
+      strepToValue<String>(row.text);
+      ADD_FAILURE() << row.text;
+    } catch (const RangeException& e) {
+      EXPECT_STREQ(e.what(), row.error) << row.text;
+    }
+  }
+}
+
+TEST(TextForm, Dectol) {
+  EXPECT_EQ(dectol("0", "RouteTarget"), 0u);
+  EXPECT_EQ(dectol("4294967296", "RouteTarget"), 4294967296u);
+  for (const char* bad : {"", "12a", "-3", " 1", "99999999999999999999"}) {
+    try {
+      dectol(bad, "RouteTarget");
+      ADD_FAILURE() << bad;
+    } catch (const RangeException& e) {
+      EXPECT_EQ(String(e.what()).rfind("RouteTarget: expected a decimal number", 0), 0u) << e.what();
+    }
+  }
+}
+
+enum class Colour : std::uint8_t { red = 0, green = 1, blue = 7 };
+constexpr auto kelpEnum(Tag<Colour>) {
+  return enumType<Colour>("Test::Colour", {{Colour::red, "red"}, {Colour::green, "green"}, {Colour::blue, "blue"}});
+}
+KELP_ENUM_FUNCTIONS(Colour)
+
+TEST(EnumType, NamesNumbersAndLookups) {
+  EXPECT_EQ(stringValue(Colour::blue), "blue");
+  EXPECT_EQ(valueToStrep(Colour::green), "green");
+  EXPECT_EQ(valueToStrep(static_cast<Colour>(9)), "9");  // a value without a name
+  EXPECT_EQ(strepToValue<Colour>("blue"), Colour::blue);
+  EXPECT_EQ(strepToValue<Colour>("9"), static_cast<Colour>(9));
+  EXPECT_THROW(strepToValue<Colour>("256"), RangeException);
+  EXPECT_THROW(strepToValue<Colour>("purple"), RangeException);
+  EXPECT_THROW(strepToValue<Colour>(""), RangeException);
+  ASSERT_NE(ColourInstance(7u), nullptr);
+  EXPECT_EQ(ColourInstance(7u)->name, "blue");
+  EXPECT_EQ(ColourInstance(String("green"))->value, 1u);
+  EXPECT_EQ(ColourInstance(3u), nullptr);
+  EXPECT_EQ(ColourInstance(String("Green")), nullptr);
+  Colour c{};
+  CharRange r("red, rest");
+  sequenceToValue(r, &c);
+  EXPECT_EQ(c, Colour::red);
+  EXPECT_EQ(r.rest(), ", rest");
+}
+
+}  // namespace
+}  // namespace Kelp

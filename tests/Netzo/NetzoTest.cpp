@@ -1,0 +1,389 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <set>
+
+#include "platform/Kelp/Registry.h"
+#include "platform/Netzo/AutonomousSystem.h"
+#include "platform/Netzo/IpAddr.h"
+#include "platform/Netzo/IpGenPrefix.h"
+#include "platform/Netzo/MplsLabel.h"
+#include "tests/Support/ValueConformance.h"
+
+namespace Netzo {
+namespace {
+
+using testing_support::expectValueConformance;
+
+// A described value with Netzo fields, to show that they print bare and parse back in place.
+struct RouteSample : Kelp::ValueBase<RouteSample> {
+  IpGenPrefix key;
+  IpGenAddr nexthop;
+  AutonomousSystem origin;
+  MplsLabel label;
+  MplsLabelStack stack;
+  IpAddr routerId;
+  Ip6Addr linkLocal;
+
+  RouteSample() = default;
+  explicit RouteSample(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
+
+  friend constexpr auto kelpType(Kelp::Tag<RouteSample>) {
+    return Kelp::valueType<RouteSample>(
+        "Test::RouteSample", Kelp::field("key", &RouteSample::key), Kelp::field("nexthop", &RouteSample::nexthop),
+        Kelp::field("origin", &RouteSample::origin), Kelp::field("label", &RouteSample::label),
+        Kelp::field("stack", &RouteSample::stack), Kelp::field("routerId", &RouteSample::routerId),
+        Kelp::field("linkLocal", &RouteSample::linkLocal));
+  }
+};
+const Kelp::TypeModule testModule("NetzoTest", {Kelp::typeInfo<RouteSample>()});
+
+struct TextRow {
+  const char* text;
+  const char* printed;  // canonical text, or nullptr when the text is refused
+};
+
+// Accepted rows print their canonical text; refused rows throw "<errorPrefix> "<text>"" and leave
+// `sample` unchanged.
+template <typename T>
+void checkTextRows(const char* what, const T& sample, std::initializer_list<TextRow> rows, const char* errorPrefix) {
+  for (const TextRow& row : rows) {
+    SCOPED_TRACE(std::string(what) + " " + row.text);
+    T v;
+    if (row.printed != nullptr) {
+      v.stringValueIs(row.text);
+      EXPECT_EQ(v.stringValue(), row.printed);
+      EXPECT_TRUE(T::fromString(v.stringValue()) == v);
+    } else {
+      T after = sample;
+      try {
+        after.stringValueIs(row.text);
+        ADD_FAILURE() << "accepted";
+      } catch (const Kelp::RangeException& e) {
+        EXPECT_EQ(e.what(), std::string(errorPrefix) + " \"" + Kelp::quoteExcerpt(row.text, 64) + "\"");
+      }
+      EXPECT_TRUE(after == sample);
+    }
+  }
+}
+
+TEST(NetzoText, Ipv4) {
+  checkTextRows<IpAddr>("IpAddr", IpAddr(1, 2, 3, 4),
+                        {{"192.0.2.1", "192.0.2.1"},
+                         {"0.0.0.0", "0.0.0.0"},
+                         {"255.255.255.255", "255.255.255.255"},
+                         // refused
+                         {"1.2.3", nullptr},
+                         {"1.2.3.256", nullptr},
+                         {"01.2.3.4", nullptr},
+                         {" 1.2.3.4", nullptr},
+                         {"1.2.3.4 ", nullptr},
+                         {"", nullptr},
+                         {"1.2.3.4.", nullptr},
+                         {"1.2.3.4567890123456", nullptr},
+                         {"::1", nullptr}},
+                        "invalid IPv4 address");
+  // A NUL inside the text is not the end of it.
+  IpAddr a;
+  EXPECT_THROW(a.stringValueIs(std::string_view("1.2.3.4\0x", 9)), Kelp::RangeException);
+}
+
+TEST(NetzoText, Ipv6FollowsRfc5952) {
+  checkTextRows<Ip6Addr>("Ip6Addr", Ip6Addr::fromString("1::2"),
+                         {{"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},
+                          {"2001:0db8:aaaa:bbbb:cccc:dddd:eeee:0001", "2001:db8:aaaa:bbbb:cccc:dddd:eeee:1"},
+                          {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},  // one zero field stays
+                          {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},           // the longest run
+                          {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},     // the first of equal runs
+                          {"0:0:0:0:0:0:0:0", "::"},
+                          {"0:0:0:0:0:0:0:1", "::1"},
+                          {"::ffff:c000:0201", "::ffff:192.0.2.1"},
+                          {"fe80::1:2", "fe80::1:2"},
+                          // refused
+                          {"", nullptr},
+                          {"1.2.3.4", nullptr},
+                          {"2001:db8::1::2", nullptr},
+                          {"2001:db8:0:0:0:0:0:0:1", nullptr},
+                          {"12345::", nullptr},
+                          {"::g", nullptr},
+                          {"2001:db8::1%eth0", nullptr}},
+                         "invalid IPv6 address");
+}
+
+TEST(NetzoText, GenericAddressAndPrefix) {
+  checkTextRows<IpGenAddr>("IpGenAddr", IpGenAddr(IpAddr(1, 2, 3, 4)),
+                           {{"10.1.2.3", "10.1.2.3"},
+                            {"2001:db8::a", "2001:db8::a"},
+                            {"None", "None"},
+                            {"none", nullptr},
+                            {"", nullptr},
+                            {"10.1.2", nullptr}},
+                           "invalid IP address");
+  checkTextRows<IpGenPrefix>("IpGenPrefix", IpGenPrefix(),
+                             {{"10.0.0.0/8", "10.0.0.0/8"},
+                              {"10.0.0.1/8", "10.0.0.1/8"},  // host bits are kept
+                              {"0.0.0.0/0", "0.0.0.0/0"},
+                              {"192.0.2.1/32", "192.0.2.1/32"},
+                              {"2001:DB8::/32", "2001:db8::/32"},
+                              {"::/0", "::/0"},
+                              {"::1/128", "::1/128"},
+                              {"None", "None"}},
+                             "");
+  struct Row {
+    const char* text;
+    const char* message;
+  };
+  const Row bad[] = {
+      {"10.0.0.0", "invalid prefix (no \"/\") \"10.0.0.0\""},
+      {"", "invalid prefix (no \"/\") \"\""},
+      {"10.0.0/8", "invalid prefix address \"10.0.0/8\""},
+      {"/8", "invalid prefix address \"/8\""},
+      {"None/0", "invalid prefix address \"None/0\""},
+      {"10.0.0.0/33", "invalid prefix length \"10.0.0.0/33\""},
+      {"::/129", "invalid prefix length \"::/129\""},
+      {"10.0.0.0/08", "invalid prefix length \"10.0.0.0/08\""},
+      {"10.0.0.0/", "invalid prefix length \"10.0.0.0/\""},
+      {"10.0.0.0/8x", "invalid prefix length \"10.0.0.0/8x\""},
+      {"10.0.0.0/1000", "invalid prefix length \"10.0.0.0/1000\""},
+      {"10.0.0.0/ 8", "invalid prefix length \"10.0.0.0/ 8\""},
+  };
+  for (const Row& row : bad) {
+    IpGenPrefix p = IpGenPrefix::fromString("1.0.0.0/8");
+    try {
+      p.stringValueIs(row.text);
+      ADD_FAILURE() << "accepted " << row.text;
+    } catch (const Kelp::RangeException& e) {
+      EXPECT_STREQ(e.what(), row.message);
+    }
+    EXPECT_EQ(p.stringValue(), "1.0.0.0/8");
+  }
+}
+
+TEST(NetzoText, AutonomousSystemNotations) {
+  struct Row {
+    const char* text;
+    std::uint32_t value;
+    const char* asPlain;
+    const char* asDot;
+  };
+  const Row rows[] = {
+      {"0", 0, "0", "0"},
+      {"65535", 65535, "65535", "65535"},
+      {"65536", 65536, "65536", "1.0"},
+      {"70000", 70000, "70000", "1.4464"},
+      {"4294967295", 4294967295u, "4294967295", "65535.65535"},
+      {"1.0", 65536, "65536", "1.0"},
+      {"1.4464", 70000, "70000", "1.4464"},
+      {"0.100", 100, "100", "100"},  // asdot+ is read too
+      {"65535.65535", 4294967295u, "4294967295", "65535.65535"},
+  };
+  for (const Row& row : rows) {
+    AutonomousSystem as = AutonomousSystem::fromString(row.text);
+    EXPECT_EQ(as.value(), row.value) << row.text;
+    EXPECT_EQ(as.displayString(false), row.asPlain);
+    EXPECT_EQ(as.displayString(true), row.asDot);
+    EXPECT_EQ(AutonomousSystem::fromString(row.asDot), as);
+  }
+  checkTextRows<AutonomousSystem>("AutonomousSystem", AutonomousSystem(7),
+                                  {{"", nullptr},
+                                   {"4294967296", nullptr},
+                                   {"99999999999", nullptr},
+                                   {"01", nullptr},
+                                   {"00.1", nullptr},
+                                   {"1.", nullptr},
+                                   {".1", nullptr},
+                                   {"1.65536", nullptr},
+                                   {"65536.0", nullptr},
+                                   {"1.2.3", nullptr},
+                                   {"-1", nullptr},
+                                   {"+1", nullptr},
+                                   {" 1", nullptr},
+                                   {"AS65000", nullptr}},
+                                  "invalid AS number");
+}
+
+TEST(NetzoText, MplsLabels) {
+  checkTextRows<MplsLabel>("MplsLabel", MplsLabel(16),
+                           {{"0", "0"},
+                            {"1048575", "1048575"},
+                            {"1048576", nullptr},
+                            {"016", nullptr},
+                            {"", nullptr},
+                            {"16 ", nullptr}},
+                           "invalid MPLS label");
+  checkTextRows<MplsLabelStack>("MplsLabelStack", MplsLabelStack{MplsLabel(16)},
+                                {{"[]", "[]"},
+                                 {"[16:0:1:64]", "[16:0:1:64]"},
+                                 {"[1048575:7:0:255, 3:0:1:0]", "[1048575:7:0:255, 3:0:1:0]"},
+                                 {"[16:0:1:64,17:0:1:64]", nullptr},
+                                 {"[16:8:1:64]", nullptr},
+                                 {"[16:0:2:64]", nullptr},
+                                 {"[16:0:1:256]", nullptr},
+                                 {"[16:0:1]", nullptr},
+                                 {"[16:0:1:64", nullptr},
+                                 {"[16:0:1:64]x", nullptr},
+                                 {"", nullptr}},
+                                "invalid MPLS label stack");
+
+  MplsLabelStack s{MplsLabel(16), MplsLabel(17), MplsLabel(18)};
+  s.labelAppend(MplsLabel(0x123456), 5, 64);  // keeps the low 20 bits
+  EXPECT_EQ(s.stringValue(), "[16:0:0:0, 17:0:0:0, 18:0:0:0, 144470:5:1:64]");
+  EXPECT_EQ(s.hostEntry(3), 0x23456u << 12 | 5u << 9 | 1u << 8 | 64u);
+  const std::uint8_t wire[4] = {0x23, 0x45, 0x6b, 0x40};  // the same entry as it travels
+  EXPECT_EQ(std::memcmp(&s.networkEntries()[3], wire, 4), 0);
+  EXPECT_TRUE(s.bottomOfStack(3));
+  EXPECT_FALSE(s.bottomOfStack(2));
+  EXPECT_EQ(s.label(1), MplsLabel(17));
+}
+
+TEST(Netzo, ByteOrderAndConversions) {
+  IpAddr a(192, 0, 2, 1);
+  const std::uint8_t wire[4] = {192, 0, 2, 1};
+  EXPECT_EQ(std::memcmp(&a, wire, 4), 0);
+  EXPECT_EQ(a.hostValue(), 0xc0000201u);
+  EXPECT_EQ(IpAddr::fromHostOrder(0xc0000201u), a);
+  EXPECT_EQ(IpAddr::fromNetworkOrder(a.value()), a);
+  EXPECT_EQ(IpAddr(NetU32::fromHost(0xc0000201u)), a);
+  std::uint8_t out[4];
+  a.copyTo(out);
+  EXPECT_EQ(std::memcmp(out, wire, 4), 0);
+
+  Ip6Addr b = Ip6Addr::fromString("2001:db8::102:304");
+  std::array<std::uint32_t, 4> w = b.networkWords();
+  EXPECT_EQ(ntoh32(w[0]), 0x20010db8u);
+  EXPECT_EQ(ntoh32(w[3]), 0x01020304u);
+  EXPECT_EQ(Ip6Addr::fromNetworkWords(w[0], w[1], w[2], w[3]), b);
+  EXPECT_EQ(Ip6Addr(b.octets().data()), b);
+
+  IpGenPrefix p(IpGenAddr(a), 24);
+  EXPECT_EQ(p.family(), AddressFamily::ipv4);
+  EXPECT_EQ(p.address().ipv4(), a);
+  EXPECT_EQ(p.length(), 24);
+  EXPECT_EQ(p.masked().stringValue(), "192.0.2.0/24");
+  EXPECT_TRUE(p.contains(IpAddr(192, 0, 2, 200)));
+  EXPECT_FALSE(p.contains(IpAddr(192, 0, 3, 1)));
+  EXPECT_FALSE(p.contains(b));
+  EXPECT_EQ(IpGenPrefix::fromString("2001:db8:ffff::1/35").masked().stringValue(), "2001:db8:e000::/35");
+  EXPECT_EQ(IpGenPrefix(IpGenAddr(b), 128).address().ipv6(), b);
+
+  EXPECT_EQ(static_cast<int>(AddressFamily::ipv4), 1);
+  EXPECT_EQ(static_cast<int>(AddressFamily::ipv6), 2);
+  EXPECT_EQ(stringValue(AddressFamily::ipv6), "ipv6");
+}
+
+TEST(Netzo, NumericOrder) {
+  // Each list is in ascending order.
+  const char* v4[] = {"0.0.0.0", "9.255.255.255", "10.0.0.2", "10.0.0.10", "10.0.1.0", "192.0.2.1", "255.0.0.0"};
+  for (std::size_t i = 0; i + 1 < std::size(v4); ++i) {
+    EXPECT_LT(IpAddr::fromString(v4[i]), IpAddr::fromString(v4[i + 1])) << v4[i];
+  }
+  const char* v6[] = {"::", "::1", "::2:0", "1::", "2001:db8::9", "2001:db8::10", "fe80::"};
+  for (std::size_t i = 0; i + 1 < std::size(v6); ++i) {
+    EXPECT_LT(Ip6Addr::fromString(v6[i]), Ip6Addr::fromString(v6[i + 1])) << v6[i];
+  }
+  const char* prefixes[] = {"None",          "0.0.0.0/0",    "10.0.0.0/8", "10.0.0.0/16", "10.0.0.1/8",
+                            "11.0.0.0/8",    "128.0.0.0/1",  "::/0",       "::/128",      "2001:db8::/32",
+                            "2001:db8::/48", "2001:db8:1::/48"};
+  for (std::size_t i = 0; i + 1 < std::size(prefixes); ++i) {
+    EXPECT_LT(IpGenPrefix::fromString(prefixes[i]), IpGenPrefix::fromString(prefixes[i + 1])) << prefixes[i];
+  }
+  EXPECT_LT(AutonomousSystem(65535), AutonomousSystem(65536));
+}
+
+// Random addresses of both families print to text that reads back to the same value, and distinct
+// values do not collide in the hash (over this sample).
+TEST(Netzo, GeneratedRoundTrips) {
+  std::mt19937_64 rng(20240611);
+  std::set<std::uint32_t> hashes;
+  for (int i = 0; i < 20000; ++i) {
+    std::uint64_t x = rng(), y = rng();
+    IpAddr a = IpAddr::fromNetworkOrder(static_cast<std::uint32_t>(x));
+    ASSERT_EQ(IpAddr::fromString(a.stringValue()), a);
+    Ip6Addr::Octets o;
+    std::memcpy(o.data(), &x, 8);
+    std::memcpy(o.data() + 8, &y, 8);
+    if (i % 3 == 0) std::fill(o.begin() + 2, o.begin() + 2 + (i % 14), 0);  // zero runs
+    if (i % 7 == 0) std::fill(o.begin(), o.begin() + 10, 0), o[10] = o[11] = 0xff;  // mapped
+    Ip6Addr b(o);
+    ASSERT_EQ(Ip6Addr::fromString(b.stringValue()), b) << b.stringValue();
+    IpGenPrefix p4(a, static_cast<unsigned>(y % 33)), p6(b, static_cast<unsigned>(x % 129));
+    ASSERT_EQ(IpGenPrefix::fromString(p4.stringValue()), p4);
+    ASSERT_EQ(IpGenPrefix::fromString(p6.stringValue()), p6);
+    AutonomousSystem as(static_cast<std::uint32_t>(y >> 32));
+    ASSERT_EQ(AutonomousSystem::fromString(as.displayString(true)), as);
+    ASSERT_EQ(AutonomousSystem::fromString(as.displayString(false)), as);
+    hashes.insert(p6.hash(0));
+  }
+  EXPECT_GT(hashes.size(), 19990u);
+}
+
+TEST(Netzo, Conformance) {
+  expectValueConformance<IpAddr>({{}, IpAddr(10, 0, 0, 1), IpAddr(255, 255, 255, 255)});
+  expectValueConformance<Ip6Addr>({{}, Ip6Addr::fromString("2001:db8::1"), Ip6Addr::fromString("::ffff:1.2.3.4")});
+  expectValueConformance<IpGenAddr>({{}, IpAddr(10, 0, 0, 1), Ip6Addr::fromString("fe80::1"), Ip6Addr()});
+  expectValueConformance<IpGenPrefix>({{},
+                                       IpGenPrefix::fromString("10.0.0.0/8"),
+                                       IpGenPrefix::fromString("10.0.0.0/9"),
+                                       IpGenPrefix::fromString("0.0.0.0/0"),
+                                       IpGenPrefix::fromString("::/0"),
+                                       IpGenPrefix::fromString("2001:db8::/127")});
+  expectValueConformance<AutonomousSystem>({{}, 65535u, 65536u, 4294967295u});
+  expectValueConformance<MplsLabel>({{}, MplsLabel(3), MplsLabel(1048575)});
+  expectValueConformance<MplsLabelStack>({{}, {MplsLabel(16)}, {MplsLabel(16), MplsLabel(17)}});
+
+  RouteSample r;
+  r.key = IpGenPrefix::fromString("10.0.0.0/8");
+  r.nexthop = Ip6Addr::fromString("2001:db8::1");
+  r.origin = 70000;
+  r.label = MplsLabel(24001);
+  r.stack = MplsLabelStack{MplsLabel(16), MplsLabel(17)};
+  r.routerId = IpAddr(192, 0, 2, 1);
+  r.linkLocal = Ip6Addr::fromString("fe80::1");
+  EXPECT_EQ(Kelp::valueToStrep(r),
+            "Value('Test::RouteSample', ** {'key': 10.0.0.0/8, 'nexthop': 2001:db8::1, 'origin': 70000, "
+            "'label': 24001, 'stack': [16:0:0:0, 17:0:1:0], 'routerId': 192.0.2.1, 'linkLocal': fe80::1})");
+  expectValueConformance<RouteSample>({{}, r});
+  testing_support::expectDamagedTextsRefused(r);
+
+  // Asdot is read in place too, and errors inside a value name the field and the position.
+  RouteSample dotted = Kelp::strepToValue<RouteSample>(
+      "Value('Test::RouteSample', ** {'key': None, 'nexthop': None, 'origin': 1.4464, 'label': 0, 'stack': [], "
+      "'routerId': 0.0.0.0, 'linkLocal': ::})");
+  EXPECT_EQ(dotted.origin, AutonomousSystem(70000));
+  try {
+    Kelp::strepToValue<RouteSample>("Value('Test::RouteSample', ** {'key': 10.0.0.0/33, 'nexthop': None, ...");
+    ADD_FAILURE();
+  } catch (const Kelp::RangeException& e) {
+    EXPECT_STREQ(e.what(),
+                 "key: invalid prefix length \"10.0.0.0/33\" at offset 38, found \"10.0.0.0/33, 'nexthop': ...\"");
+  }
+}
+
+TEST(Netzo, Registered) {
+  for (const char* name : {"Netzo::IpAddr", "Netzo::Ip6Addr", "Netzo::IpGenAddr", "Netzo::IpGenPrefix",
+                           "Netzo::AutonomousSystem", "Netzo::AddressFamily", "Netzo::MplsLabel",
+                           "Netzo::MplsLabelStack"}) {
+    const Kelp::TypeInfo* t = Kelp::findType(name);
+    ASSERT_NE(t, nullptr) << name;
+  }
+  const Kelp::TypeInfo* t = Kelp::findType("Netzo::IpGenPrefix");
+  std::any v = t->strepToValue("2001:db8::/32");
+  EXPECT_EQ(t->valueToStrep(v), "2001:db8::/32");
+  EXPECT_EQ(t->hash(v), IpGenPrefix::fromString("2001:db8::/32").hash(0));
+  std::any result;
+  const Kelp::KelpAttrBase* length = Kelp::attributeNamed<IpGenPrefix>("length");
+  IpGenPrefix p = IpGenPrefix::fromString("10.0.0.0/8");
+  ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &p, length, Kelp::attrOpCall, nullptr), 0);
+  EXPECT_EQ(std::any_cast<std::uint8_t>(result), 8);
+}
+
+TEST(NetzoDeathTest, Misuse) {
+  IpGenAddr v6 = Ip6Addr::fromString("::1");
+  EXPECT_DEATH(v6.ipv4(), "af_ == AddressFamily::ipv4");
+  EXPECT_DEATH(IpGenAddr().ipv6(), "af_ == AddressFamily::ipv6");
+  EXPECT_DEATH(IpGenPrefix(IpAddr(), 33), "length <= maxPrefixLength\\(address.family\\(\\)\\)");
+  EXPECT_DEATH(IpGenPrefix(IpGenAddr(), 1), "length <= maxPrefixLength");
+}
+
+}  // namespace
+}  // namespace Netzo

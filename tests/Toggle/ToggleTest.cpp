@@ -1,0 +1,62 @@
+#include "platform/Toggle/Toggle.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class ToggleFiles : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/bgpcommon-toggle-XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    setenv("BGPCOMMON_TOGGLE_DIR", dir_.c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("BGPCOMMON_TOGGLE_DIR");
+    std::filesystem::remove_all(dir_);
+  }
+  void write(const std::string& name, const std::string& text) { std::ofstream(dir_ + "/" + name) << text; }
+  std::string dir_;
+};
+
+TEST_F(ToggleFiles, StatesAndDefaults) {
+  write("Ira.json", R"({"StaticRouteCommunities": false, "On": true, "Nested": {"enabled": false},
+                        "Number": 0, "NestedBad": {"enabled": "yes"}})");
+  struct Row {
+    const char* toggle;
+    const char* file;
+    bool dflt;
+    bool expected;
+  };
+  const Row rows[] = {
+      {"StaticRouteCommunities", "Ira.json", true, false},
+      {"On", "Ira.json", false, true},
+      {"Nested", "Ira.json", true, false},
+      {"Number", "Ira.json", true, true},      // not a boolean: default
+      {"NestedBad", "Ira.json", false, false},
+      {"Absent", "Ira.json", true, true},
+      {"Absent", "Ira.json", false, false},
+      {"On", "Missing.json", false, false},    // absent file
+      {"On", "../Ira.json", false, false},     // outside the directory
+      {"On", "/etc/passwd", false, false},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(getToggleState(row.toggle, row.file, row.dflt), row.expected) << row.toggle << " " << row.file;
+  }
+}
+
+TEST_F(ToggleFiles, MalformedFilesGiveTheDefault) {
+  for (const char* text : {"", "{", "[true]", "{\"On\": tru}", "\xff\xfe", "null", "{\"On\": true,}"}) {
+    write("Bad.json", text);
+    EXPECT_TRUE(getToggleState("On", "Bad.json", true)) << text;
+    EXPECT_FALSE(getToggleState("On", "Bad.json", false)) << text;
+  }
+  std::filesystem::create_directory(dir_ + "/Dir.json");  // unreadable as a file
+  EXPECT_TRUE(getToggleState("On", "Dir.json", true));
+}
+
+}  // namespace
