@@ -41,6 +41,48 @@ class Entity : public Kelp::PtrInterface {
   Kelp::String name_;
 };
 
+// The part every entity with one shared collection has in common: its notifiee list, hearing the
+// collection's control as its listener, and leaving the control when the last reference goes (the
+// control may outlive the entity). Notifiee is the entity's own notifiee interface.
+template <typename Notifiee>
+class CollectionEntity : public Entity, protected KelpShelf::CollectionControl::Listener {
+ public:
+  using Entity::Entity;
+
+  void notifieeIs(Notifiee* n) {
+    for (Notifiee* m : notifiees_) {
+      if (m == n) return;
+    }
+    notifiees_.push_back(n);
+  }
+  void notifieeDel(Notifiee* n) { std::erase(notifiees_, n); }
+
+ protected:
+  // Calls fn(notifiee) for each notifiee; a notifiee may leave while it is told.
+  template <typename F>
+  void notifyAll(F&& fn) const {
+    std::vector<Notifiee*> copy = notifiees_;
+    for (Notifiee* n : copy) fn(*n);
+  }
+  bool hasNotifiees() const { return !notifiees_.empty(); }
+
+  // Makes this entity the listener of `next` (and no longer of `previous`).
+  void listenTo(const Kelp::Ptr<KelpShelf::CollectionControl>& previous,
+                const Kelp::Ptr<KelpShelf::CollectionControl>& next) {
+    if (previous) previous->listenerIs(nullptr);
+    if (next) next->listenerIs(this);
+  }
+  virtual KelpShelf::CollectionControl* boundControl() const = 0;
+
+  void onZeroReferences() const override {
+    if (KelpShelf::CollectionControl* c = boundControl()) c->listenerIs(nullptr);
+    delete this;
+  }
+
+ private:
+  std::vector<Notifiee*> notifiees_;
+};
+
 // The shared collection an entity type owns: its name and the largest key and value it stores.
 struct CollectionSpec {
   std::string_view name;

@@ -67,12 +67,17 @@ std::size_t CollectionControl::poll() {
         listener_->onScalarChange(c.scalarIndex);
         break;
       case Shelf::Change::Kind::writerClosed:
-        quiesced_ = true;
-        listener_->onQuiesced(true);
+        if (!quiesced_) {
+          quiesced_ = true;
+          listener_->onQuiesced(true);
+        }
         break;
       case Shelf::Change::Kind::cleared:
+        listener_->onResync();
+        break;
       case Shelf::Change::Kind::resync:
         listener_->onResync();
+        // Attached to a table afresh: its writer may have come or gone meanwhile.
         if (quiesced_ == reader_->writerOpen()) {
           quiesced_ = !quiesced_;
           listener_->onQuiesced(quiesced_);
