@@ -707,13 +707,13 @@ namespace {
 enum class Snap { ok, unstable, damaged };
 
 // Copies slot `idx` into `buf` under its sequence counter and checks it; `seqOut` receives the
-// counter the copy was taken at. On `damaged`, `why` says what is wrong with a slot that held still
-// while it was read.
-Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint32_t& seqOut, std::string& why) {
+// counter the copy was taken at. `damaged` means the slot held still while it was read and is
+// wrong all the same; damageOf(buf) then says how.
+Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint32_t& seqOut) {
   const std::uint8_t* s = m.slot(idx);
   for (int attempt = 0; attempt < kSnapshotTries; ++attempt) {
     std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
-    if (seq & 1u) {
+    if (seq & 1u) [[unlikely]] {
       __builtin_ia32_pause();
       continue;
     }
@@ -721,26 +721,35 @@ Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint3
     std::uint16_t keyLen = get16(buf + kKeyLenAt);
     std::uint16_t valueLen = get16(buf + kValueLenAt);
     bool lengthsOk = keyLen <= m.keyMax && valueLen <= m.valueMax;
-    if (lengthsOk) copyWordsIn(buf + kSlotHeaderBytes, s + kSlotHeaderBytes, roundUp(keyLen + valueLen, 8));
+    if (lengthsOk) [[likely]] {
+      copyWordsIn(buf + kSlotHeaderBytes, s + kSlotHeaderBytes, roundUp(keyLen + valueLen, 8));
+    }
     std::atomic_thread_fence(std::memory_order_acquire);
-    if (load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq) continue;
+    if (load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq) [[unlikely]] {
+      continue;
+    }
     seqOut = seq;
-    if (!lengthsOk) {
-      why = fmt::format("slot {} claims a key of {} and a value of {} bytes", idx, keyLen, valueLen);
-      return Snap::damaged;
-    }
-    std::uint64_t sum = XXH3_64bits(buf + kNextAt, kSlotHeaderBytes - kNextAt + keyLen + valueLen);
-    if (sum != get64(buf + kChecksumAt)) {
-      why = fmt::format("checksum mismatch in slot {}", idx);
-      return Snap::damaged;
-    }
-    if (get32(buf + kSelfAt) != idx) {
-      why = fmt::format("slot {} holds the record of slot {}", idx, get32(buf + kSelfAt));
+    if (!lengthsOk ||
+        XXH3_64bits(buf + kNextAt, kSlotHeaderBytes - kNextAt + keyLen + valueLen) != get64(buf + kChecksumAt) ||
+        get32(buf + kSelfAt) != idx) [[unlikely]] {
       return Snap::damaged;
     }
     return Snap::ok;
   }
   return Snap::unstable;
+}
+
+std::string damageOf(const Mapping& m, std::uint32_t idx, const std::uint8_t* buf) {
+  std::uint16_t keyLen = get16(buf + kKeyLenAt);
+  std::uint16_t valueLen = get16(buf + kValueLenAt);
+  if (keyLen > m.keyMax || valueLen > m.valueMax) {
+    return fmt::format("slot {} claims a key of {} and a value of {} bytes", idx, keyLen, valueLen);
+  }
+  if (get32(buf + kSelfAt) != idx &&
+      XXH3_64bits(buf + kNextAt, kSlotHeaderBytes - kNextAt + keyLen + valueLen) == get64(buf + kChecksumAt)) {
+    return fmt::format("slot {} holds the record of slot {}", idx, get32(buf + kSelfAt));
+  }
+  return fmt::format("checksum mismatch in slot {}", idx);
 }
 
 // Why a walk had to start again: the writer was busy (unstable) or the chain looped (cycle).
@@ -753,9 +762,8 @@ enum class Restart { none, unstable, cycle };
 // always changes the link to a slot before it frees or reuses the slot, and the reader has seen the
 // slot's new contents through an acquire of its counter, so if the link still points at the slot
 // when read again, the table is damaged; otherwise the writer moved on and the walk starts again.
-template <typename Visit>
-bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf,
-               const std::function<void(const std::string&)>& report, Visit&& visit) {
+template <typename Report, typename Visit>
+bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report&& report, Visit&& visit) {
   Restart last = Restart::none;
   for (int walk = 0; walk < kMaxWalks; ++walk) {
     if (walk > 0) pause(walk - 1);
@@ -773,11 +781,10 @@ bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf,
         last = Restart::cycle;
         break;
       }
-      std::string why;
       std::uint32_t seq = 0;
-      Snap snap = snapshot(m, idx, buf, seq, why);
-      if (snap == Snap::damaged) {
-        report(why);
+      Snap snap = snapshot(m, idx, buf, seq);
+      if (snap == Snap::damaged) [[unlikely]] {
+        report(damageOf(m, idx, buf));
         return false;
       }
       if (snap == Snap::unstable) {
