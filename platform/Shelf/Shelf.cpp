@@ -862,17 +862,16 @@ Mapping* Reader::refresh() const {
   close(dirFd);
   if (fd < 0) return m;
   struct stat st;
-  if (fstat(fd, &st) != 0 || (m != nullptr && st.st_dev == m->dev && st.st_ino == m->ino)) {
+  if (fstat(fd, &st) != 0 || (m != nullptr && st.st_dev == m->dev && st.st_ino == m->ino) ||
+      (st.st_dev == failedDev_ && st.st_ino == failedIno_)) {
     close(fd);
     return m;
   }
   auto fresh = std::make_unique<Mapping>();
   auto fail = [&](const std::string& why) {
-    std::string key = fmt::format("{}:{}:{}", st.st_dev, st.st_ino, why);
-    if (key != lastAttachFailure_) {
-      lastAttachFailure_ = key;
-      report(why);
-    }
+    failedDev_ = st.st_dev;
+    failedIno_ = st.st_ino;
+    report(why);
     return m;
   };
   if (static_cast<std::uint64_t>(st.st_size) < kHeaderBytes) {

@@ -263,7 +263,10 @@ class Reader {
   // Every mapping ever attached; kept until the reader goes, because a concurrent find may still
   // read one that has just been retired.
   mutable std::vector<std::unique_ptr<detail::Mapping>> mappings_;
-  mutable std::string lastAttachFailure_;
+  // The file that last failed to attach: it is not looked at again (a writer never changes a
+  // file's geometry; a new writer makes a new file).
+  mutable std::uint64_t failedDev_ = 0;
+  mutable std::uint64_t failedIno_ = 0;
 
   // Change-ring cursor (poll and wait).
   detail::Mapping* cursorMapping_ = nullptr;

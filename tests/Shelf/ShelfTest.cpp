@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -419,7 +420,11 @@ TEST(Shelf, AReaderMapsTheTableReadOnly) {
     }
   }
   EXPECT_EQ(readerMappings, 1);
-  EXPECT_EXIT(const_cast<std::uint8_t*>(mapped.data())[64] = 1, testing::KilledBySignal(SIGSEGV), "");
+  // A write through the mapping faults (AddressSanitizer turns the signal into a failing exit).
+  auto faulted = [](int status) {
+    return (WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV) || (WIFEXITED(status) && WEXITSTATUS(status) != 0);
+  };
+  EXPECT_EXIT(const_cast<std::uint8_t*>(mapped.data())[64] = 1, faulted, "");
 }
 
 }  // namespace
