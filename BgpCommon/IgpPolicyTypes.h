@@ -128,6 +128,8 @@ class CommunityArray {
 [[noreturn]] void throwArrayRange(std::uint32_t count, std::uint32_t limit);
 
 struct IgpResult : Kelp::ValueBase<IgpResult> {
+  // Holds a collection: not built from text (the range constructor asserts).
+  static constexpr bool kelpNoStringConstructor = true;
   static constexpr std::uint32_t minSerializedLen = 48;
   static constexpr std::uint32_t maxSerializedLen = 64;
 
@@ -183,6 +185,8 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
 namespace Routing::Bgp {
 
 struct IgpResult_ : Policy::Result_, Kelp::ValueBase<IgpResult_> {
+  // Holds a collection: not built from text (the range constructor asserts).
+  static constexpr bool kelpNoStringConstructor = true;
   Isis::Level isisLevel = Isis::Level::levelUnset;
   Ospf::OspfExtMetricType ospfMetricType = Ospf::OspfExtMetricType::typeUnset;
   bool ospfBitDn = false;

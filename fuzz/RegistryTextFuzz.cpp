@@ -1,5 +1,6 @@
 // Fuzzes the long text form of every registered type through the type registry.
-// Input: one byte choosing the type (modulo the number of types with a text form), then the text.
+// Input: a qualified type name, a newline, then the text; when the name is not registered, the
+// first byte chooses a type (modulo the number of types with a text form) and the rest is the text.
 // Accepted text must print to a text that parses back and prints the same; bad text may only
 // throw Kelp::RangeException. Anything else aborts.
 #include <cstdint>
@@ -26,8 +27,17 @@ const std::vector<const Kelp::TypeInfo*>& parsableTypes() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto& types = parsableTypes();
   if (size < 1 || types.empty()) return 0;
-  const Kelp::TypeInfo* t = types[data[0] % types.size()];
-  std::string_view text(reinterpret_cast<const char*>(data + 1), size - 1);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  const Kelp::TypeInfo* t = nullptr;
+  std::string_view text;
+  if (std::size_t nl = input.find('\n'); nl != std::string_view::npos) {
+    t = Kelp::findType(input.substr(0, nl));
+    text = input.substr(nl + 1);
+  }
+  if (t == nullptr || t->strepToValue == nullptr || t->valueToStrep == nullptr) {
+    t = types[data[0] % types.size()];
+    text = input.substr(1);
+  }
   std::any value;
   try {
     value = t->strepToValue(text);

@@ -51,7 +51,7 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
       throw CLI::RuntimeError(1);
     }
     if (t->strepToValue == nullptr) {
-      std::fprintf(stderr, "type '%s' has no text form\n", opt.type.c_str());
+      std::fprintf(stderr, "type '%s' cannot be built from text\n", opt.type.c_str());
       throw CLI::RuntimeError(1);
     }
     try {

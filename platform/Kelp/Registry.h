@@ -34,7 +34,8 @@ struct TypeInfo {
   TypeKind kind = TypeKind::value;
   const std::type_info* cppType = nullptr;
   std::vector<AttrInfo> attributes;
-  // Parses a whole text; trailing characters are an error. Null for entities.
+  // Parses a whole text; trailing characters are an error. Null for entities and for value types
+  // that cannot be built from text (kelpNoStringConstructor).
   std::any (*strepToValue)(std::string_view text) = nullptr;
   // The long text form of a value held in `v` (which must hold this type).
   String (*valueToStrep)(const std::any& v) = nullptr;
@@ -81,7 +82,11 @@ const TypeInfo* typeInfo() {
         return genericIfAttributeOp(result, self, attr, op, o, args);
       };
     }
-    t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
+    // A type that holds a collection declares kelpNoStringConstructor: building it from text is a
+    // programming error (its range constructor asserts), so generic code is not offered the entry.
+    if constexpr (!requires { T::kelpNoStringConstructor; }) {
+      t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
+    }
     t.valueToStrep = [](const std::any& v) -> String {
       return Kelp::valueToStrep(detail::held<T>(v, typeInfo<T>()->name));
     };

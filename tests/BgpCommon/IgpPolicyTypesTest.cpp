@@ -269,7 +269,8 @@ TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {
   EXPECT_THROW(record->hash(std::any(IgpResult(IgpResultId(1)))), Kelp::UnhashableException);
   std::string text = Kelp::valueToStrep(IgpResult(IgpResultId(1)));
   EXPECT_DEATH(Kelp::strepToValue<IgpResult>(text), "No String constructor for IgpResult - has collection");
-  EXPECT_DEATH(record->strepToValue(text), "No String constructor for IgpResult - has collection");
+  // Generic code is not offered a text entry it could only abort in.
+  EXPECT_EQ(record->strepToValue, nullptr);
   EXPECT_DEATH(Kelp::strepToValue<IgpResult_>(Kelp::valueToStrep(IgpResult_())),
                "No String constructor for IgpResult_ - has collection");
 }
