@@ -34,7 +34,8 @@
 namespace Routing::Bgp {
 
 // An identifier waiting in an allocator's queue for reuse, under its queue index.
-class KelpFreeId : public Kelp::LinkQueueEntry<KelpFreeId, U32> {
+// Aligned so that an entry (28 bytes) never straddles two cache lines.
+class alignas(32) KelpFreeId : public Kelp::LinkQueueEntry<KelpFreeId, U32> {
  public:
   U32 value = 0;  // the freed identifier
 };
@@ -82,7 +83,9 @@ class BgpIdAllocator : public Kelp::PtrInterface {
 
  private:
   const Kelp::String name_;
-  mutable std::mutex mutex_;  // guards freeId_ and largestAllocatedId_ in allocate and free
+  // Guards freeId_ and largestAllocatedId_ in allocate and free. It starts a cache line and the
+  // queue's fields follow it, so a thread taking the lock fetches two lines for all of it.
+  alignas(64) mutable std::mutex mutex_;
   FreeIdQueue freeId_;
   U32 largestAllocatedId_ = 0;
 };

@@ -4,9 +4,10 @@
 // Each iteration runs a batch of allocate+free pairs on ours, then the same batch on the peer (the
 // order alternates), timing each; the counters give nanoseconds per pair for both and their ratio.
 // With two threads both share one allocator of each kind, and a barrier starts each batch on both
-// threads together, so ours and the peer see the same contention. The argument is the number of
-// identifiers already waiting in the queue (0: each freed identifier is the next one handed out;
-// 10000: the queue stays that deep and reuse cycles through it).
+// threads together, so ours and the peer see the same contention. Batches are long (about a
+// millisecond) so that the two threads really overlap rather than run one after the other. The
+// argument is the number of identifiers already waiting in the queue (0: each freed identifier is
+// the next one handed out; 10000: the queue stays that deep and reuse cycles through it).
 #include <barrier>
 #include <chrono>
 #include <deque>
@@ -40,7 +41,7 @@ class DequeAllocator {
   std::uint32_t largest_ = 0;
 };
 
-constexpr int kBatch = 4096;
+constexpr int kBatch = 65536;
 
 template <typename A>
 double timeBatch(A& a) {
