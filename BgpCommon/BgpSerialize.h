@@ -76,9 +76,9 @@ class Serialize {
 
   void addU8(U8 v) { put8(reserve(1), v); }
   // Already in network order: the octets as they lie in memory.
-  void addU16n(U16 v) { addU16hton(Netzo::ntoh16(v)); }
-  void addU32n(U32 v) { addU32hton(Netzo::ntoh32(v)); }
-  void addU64n(const U64& v) { addU64hton(Netzo::ntoh64(v)); }
+  void addU16n(U16 v) { putMemory(reserve(2), v); }
+  void addU32n(U32 v) { putMemory(reserve(4), v); }
+  void addU64n(const U64& v) { putMemory(reserve(8), v); }
   // Host order in, big-endian out.
   void addU16hton(U16 v) { put16(reserve(2), v); }
   void addU32hton(U32 v) { put32(reserve(4), v); }
@@ -174,6 +174,13 @@ class Serialize {
     p[1] = static_cast<Octet>(v >> 16);
     p[2] = static_cast<Octet>(v >> 8);
     p[3] = static_cast<Octet>(v);
+  }
+  // The octets of `v` in memory order.
+  template <typename T>
+  static void putMemory(Octet* p, T v) {
+    U8 octets[sizeof v];
+    std::memcpy(octets, &v, sizeof v);
+    putOctets(p, octets, sizeof v);
   }
   static void putOctets(Octet* p, const U8* src, U32 n) {
     for (U32 i = 0; i < n; ++i) p[i] = static_cast<Octet>(src[i]);

@@ -25,7 +25,21 @@ constexpr U64 makeWide(U64 type, U64 global, U64 local) {
 
 [[noreturn]] void fail(const char* message) { throw Kelp::RangeException(message); }
 
-U64 decimal(std::string_view digits) { return Kelp::dectol(digits, "RouteTarget"); }
+// A decimal number as Kelp::dectol reads it. Up to 19 digits cannot overflow, so the common case
+// is converted here; anything else (empty, a non-digit, 20 digits or more) goes to dectol, which
+// converts it or throws its own message.
+U64 decimal(std::string_view digits) {
+  if (!digits.empty() && digits.size() <= 19) {
+    U64 v = 0;
+    for (char c : digits) {
+      const unsigned d = static_cast<unsigned char>(c) - unsigned{'0'};
+      if (d > 9) return Kelp::dectol(digits, "RouteTarget");
+      v = v * 10 + d;
+    }
+    return v;
+  }
+  return Kelp::dectol(digits, "RouteTarget");
+}
 
 }  // namespace
 

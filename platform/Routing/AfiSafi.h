@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <functional>
 #include <ostream>
+#include <utility>
 
 #include "platform/Kelp/EnumType.h"
 #include "platform/Kelp/ValueType.h"

@@ -1,0 +1,221 @@
+#include "BgpCommon/FilteredRtStatus.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "platform/Kelp/Registry.h"
+#include "platform/Pico/Format.h"
+
+std::uint32_t KelpShelf::KeyCodec<Netzo::IpGenPrefix>::encode(const Netzo::IpGenPrefix& p, std::uint8_t* out) {
+  out[0] = static_cast<std::uint8_t>(p.family());
+  out[1] = p.length();
+  std::size_t n = p.address().octetCount();
+  std::memcpy(out + 2, p.address().octets(), n);
+  return static_cast<std::uint32_t>(2 + n);
+}
+
+namespace {
+// The prefix at the front of `b` and the bytes it took, or nothing when the bytes are no prefix.
+std::optional<std::pair<Netzo::IpGenPrefix, std::size_t>> decodePrefix(Shelf::Bytes b) {
+  using Netzo::AddressFamily;
+  if (b.size() < 2) return std::nullopt;
+  auto family = static_cast<AddressFamily>(b[0]);
+  std::size_t n = family == AddressFamily::ipv4 ? 4 : family == AddressFamily::ipv6 ? 16 : 0;
+  if (b.size() < 2 + n || b[1] > Netzo::maxPrefixLength(family)) return std::nullopt;
+  Netzo::IpGenAddr address;
+  if (family == AddressFamily::ipv4) {
+    std::uint32_t nbo;
+    std::memcpy(&nbo, b.data() + 2, 4);
+    address = Netzo::IpAddr::fromNetworkOrder(nbo);
+  } else if (family == AddressFamily::ipv6) {
+    Netzo::Ip6Addr::Octets octets;
+    std::memcpy(octets.data(), b.data() + 2, 16);
+    address = Netzo::Ip6Addr(octets);
+  } else if (b[1] != 0) {
+    return std::nullopt;
+  }
+  return std::make_pair(Netzo::IpGenPrefix(address, b[1]), 2 + n);
+}
+}  // namespace
+
+Netzo::IpGenPrefix KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(Shelf::Bytes b) {
+  auto p = decodePrefix(b);
+  return p && p->second == b.size() ? p->first : Netzo::IpGenPrefix();
+}
+
+namespace Routing::BgpRedistribute {
+
+std::uint32_t FilteredRoute::serializeLen() const {
+  return static_cast<std::uint32_t>(2 + key.address().octetCount() + 4);
+}
+
+void FilteredRoute::serialize(std::uint8_t* out) const {
+  std::uint32_t n = KelpShelf::KeyCodec<Netzo::IpGenPrefix>::encode(key, out);
+  std::memcpy(out + n, &igpResultId.value, 4);
+}
+
+FilteredRoute FilteredRoute::deserialize(std::span<const std::uint8_t> in) {
+  auto p = decodePrefix(in);
+  if (!p || in.size() != p->second + 4) {
+    Pico::fmthrow<Kelp::RangeException>("FilteredRoute record of {} bytes does not hold a prefix and an id", in.size());
+  }
+  std::uint32_t id;
+  std::memcpy(&id, in.data() + p->second, 4);
+  return FilteredRoute(p->first, IgpResultId(id));
+}
+
+Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusWriter(
+    const Kelp::String& name, const Kelp::Ptr<KelpSharedMem::EntityManager>& em, std::uint32_t size) {
+  const Kelp::String path = mountPath(name);
+  em->mount(path, kTypeName, {KelpSharedMem::MountMode::writer, {{Kelp::String(kCollection), size}}});
+  Kelp::Ptr<IgpResultStatus> igpResultStatus = Kelp::ptrDynamicCast<IgpResultStatus>(em->entity(path));
+  PICO_ASSERT(igpResultStatus);
+  igpResultStatus->resultDelAll();
+  return igpResultStatus;
+}
+
+Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusReader(
+    const Kelp::String& name, const Kelp::Ptr<KelpSharedMem::EntityManager>& em) {
+  const Kelp::String path = mountPath(name);
+  em->mount(path, kTypeName, {KelpSharedMem::MountMode::reader, {}});
+  return Kelp::ptrDynamicCast<IgpResultStatus>(em->entity(path));
+}
+
+void IgpResultStatus::resultIs(const IgpResult& r) {
+  if (result_.set(r.key, r)) resultNotify(r.key);
+}
+
+void IgpResultStatus::resultDel(IgpResultId key) {
+  if (result_.del(key)) resultNotify(key);
+}
+
+void IgpResultStatus::resultDelAll() {
+  std::vector<IgpResultId> keys;
+  if (hasNotifiees()) result_.forEach([&](const IgpResult& r) { keys.push_back(r.key); });
+  result_.delAll();
+  for (IgpResultId k : keys) resultNotify(k);
+}
+
+void IgpResultStatus::resultControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
+  listenTo(result_.control(), c);
+  result_.controlIs(c);
+}
+
+void IgpResultStatus::collectionControlIs(std::string_view collection, const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
+  PICO_ASSERT(collection == kCollection);
+  resultControlIs(c);
+}
+
+void IgpResultStatus::onKeyChange(Shelf::Bytes key) {
+  resultNotify(KelpShelf::KeyCodec<IgpResultId>::decode(key));
+}
+
+void IgpResultStatus::resultNotify(IgpResultId key) {
+  notifyAll([&](Notifiee& n) { n.onResult(key); });
+}
+
+void IgpResultStatus::resultNotifyQuiesced(bool quiesced) {
+  notifyAll([&](Notifiee& n) { n.onResultQuiesced(quiesced); });
+}
+
+void IgpResultStatus::resultNotifyMountStatus() {
+  notifyAll([&](Notifiee& n) { n.onResultMountStatus(); });
+}
+
+Kelp::Ptr<IgpResultStatus> igpResultStatusFactory(const Kelp::String& name) {
+  return Kelp::makePtr<IgpResultStatus>(name);
+}
+
+void FilteredRtStatus::filteredRouteIs(const FilteredRoute& r) {
+  if (filteredRoute_.set(r.key, r)) filteredRouteNotify(r.key);
+}
+
+void FilteredRtStatus::filteredRouteDel(const Netzo::IpGenPrefix& prefix) {
+  if (filteredRoute_.del(prefix)) filteredRouteNotify(prefix);
+}
+
+void FilteredRtStatus::filteredRouteDelAll() {
+  std::vector<Netzo::IpGenPrefix> keys;
+  if (hasNotifiees()) filteredRoute_.forEach([&](const FilteredRoute& r) { keys.push_back(r.key); });
+  filteredRoute_.delAll();
+  for (const Netzo::IpGenPrefix& k : keys) filteredRouteNotify(k);
+}
+
+bool FilteredRtStatus::routesProcessed() const {
+  const auto& c = filteredRoute_.control();
+  return c ? c->scalar(kRoutesProcessedScalar) != 0 : routesProcessed_;
+}
+
+void FilteredRtStatus::routesProcessedIs(bool processed) {
+  if (processed == routesProcessed()) return;
+  const auto& c = filteredRoute_.control();
+  if (c) {
+    c->scalarIs(kRoutesProcessedScalar, processed ? 1 : 0);
+  } else {
+    routesProcessed_ = processed;
+  }
+  notifyAll([](Notifiee& n) { n.onRoutesProcessed(); });
+}
+
+void FilteredRtStatus::filteredRouteControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
+  listenTo(filteredRoute_.control(), c);
+  filteredRoute_.controlIs(c);
+}
+
+void FilteredRtStatus::collectionControlIs(std::string_view collection,
+                                           const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
+  PICO_ASSERT(collection == kCollection);
+  filteredRouteControlIs(c);
+}
+
+void FilteredRtStatus::onKeyChange(Shelf::Bytes key) {
+  filteredRouteNotify(KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(key));
+}
+
+void FilteredRtStatus::onScalarChange(std::uint32_t index) {
+  if (index == kRoutesProcessedScalar) notifyAll([](Notifiee& n) { n.onRoutesProcessed(); });
+}
+
+void FilteredRtStatus::filteredRouteNotify(const Netzo::IpGenPrefix& prefix) {
+  notifyAll([&](Notifiee& n) { n.onFilteredRoute(prefix); });
+}
+
+void FilteredRtStatus::filteredRouteNotifyQuiesced(bool quiesced) {
+  notifyAll([&](Notifiee& n) { n.onFilteredRouteQuiesced(quiesced); });
+}
+
+void FilteredRtStatus::filteredRouteNotifyMountStatus() {
+  notifyAll([](Notifiee& n) { n.onFilteredRouteMountStatus(); });
+}
+
+Kelp::Ptr<FilteredRtStatus> filteredRtStatusFactory(const Kelp::String& name) {
+  return Kelp::makePtr<FilteredRtStatus>(name);
+}
+
+namespace {
+
+const KelpSharedMem::EntityTypeRegistration filteredRtStatusType({
+    FilteredRtStatus::kTypeName,
+    [](const Kelp::String& name) -> Kelp::Ptr<KelpSharedMem::Entity> { return filteredRtStatusFactory(name); },
+    {FilteredRtStatus::kCollection, KelpShelf::KeyCodec<Netzo::IpGenPrefix>::maxSize, FilteredRoute::maxSerializedLen},
+});
+
+const KelpSharedMem::EntityTypeRegistration igpResultStatusType({
+    IgpResultStatus::kTypeName,
+    [](const Kelp::String& name) -> Kelp::Ptr<KelpSharedMem::Entity> { return igpResultStatusFactory(name); },
+    {IgpResultStatus::kCollection, KelpShelf::KeyCodec<IgpResultId>::maxSize, IgpResult::maxSerializedLen},
+});
+
+const Kelp::TypeInfo igpResultStatusInfo =
+    Kelp::entityType(IgpResultStatus::kTypeName, {"name", "result", "resultControl"});
+
+const Kelp::TypeInfo filteredRtStatusInfo = Kelp::entityType(
+    FilteredRtStatus::kTypeName, {"name", "filteredRoute", "filteredRouteControl", "routesProcessed"});
+
+const Kelp::TypeModule module("FilteredRtStatus",
+                              {Kelp::typeInfo<FilteredRoute>(), &igpResultStatusInfo, &filteredRtStatusInfo});
+
+}  // namespace
+}  // namespace Routing::BgpRedistribute

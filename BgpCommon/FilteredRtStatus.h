@@ -1,0 +1,220 @@
+#pragma once
+// The shared-memory status tables of redistribution.
+//
+// FilteredRoute ties a route prefix to the IgpResultId of the policy result that applies to it;
+// FilteredRtStatus publishes them keyed by prefix, with routesProcessed telling readers that the
+// writer has been through every route once. Users mount FilteredRtStatus themselves.
+//
+// IgpResultStatus publishes IgpResult records under their IgpResultId. The process that
+// deduplicates policy results writes it; the processes that redistribute routes read it:
+//
+//   // writer: mounts routing/rib/igpResultStatus/vrf1 with room for 1024 records, empty
+//   auto status = IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 1024);
+//   status->resultIs(record);
+//
+//   // reader, in another process
+//   auto view = IgpResultStatus::createIgpResultStatusReader("vrf1", em);
+//   std::optional<IgpResult> r = view->result(IgpResultId(7));
+//   view->resultControl()->waitForChanges(1.0);   // then poll() to hear which keys changed
+//   view->resultControl()->poll();
+//
+// Notifiees hear of each changed key (on the writer's side at once; on a reader's side when it
+// polls), of the writer closing or a new one opening (quiesced), and of everything having to be
+// read again (mount status: first attach, a new writer, a cleared table, or a reader that fell
+// behind the change ring).
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "BgpCommon/IgpPolicyTypes.h"
+#include "platform/Netzo/IpGenPrefix.h"
+#include "platform/Shelf/EntityManager.h"
+#include "platform/Shelf/KelpShelf.h"
+
+// Result identifiers are small numbers handed out in sequence, so the number itself spreads them
+// evenly over the buckets.
+template <>
+struct KelpShelf::KeyCodec<Routing::BgpRedistribute::IgpResultId> {
+  static constexpr std::uint32_t maxSize = 4;
+  static std::uint32_t encode(const Routing::BgpRedistribute::IgpResultId& id, std::uint8_t* out) {
+    std::memcpy(out, &id.value, 4);
+    return 4;
+  }
+  static Routing::BgpRedistribute::IgpResultId decode(Shelf::Bytes b) {
+    std::uint32_t v = 0;
+    std::memcpy(&v, b.data(), std::min<std::size_t>(b.size(), 4));
+    return Routing::BgpRedistribute::IgpResultId(v);
+  }
+  static std::uint32_t hash(const Routing::BgpRedistribute::IgpResultId& id) { return id.value; }
+};
+
+// A prefix is stored as its family, its length and its address octets: 6 bytes for IPv4, 18 for
+// IPv6. Bytes that do not make a prefix decode to the default prefix.
+template <>
+struct KelpShelf::KeyCodec<Netzo::IpGenPrefix> {
+  static constexpr std::uint32_t maxSize = 18;
+  static std::uint32_t encode(const Netzo::IpGenPrefix& p, std::uint8_t* out);
+  static Netzo::IpGenPrefix decode(Shelf::Bytes b);
+  static std::uint32_t hash(const Netzo::IpGenPrefix& p) { return p.hash(0); }
+};
+
+namespace Routing::BgpRedistribute {
+
+struct FilteredRoute : Kelp::ValueBase<FilteredRoute> {
+  static constexpr std::uint32_t maxSerializedLen = KelpShelf::KeyCodec<Netzo::IpGenPrefix>::maxSize + 4;
+
+  Netzo::IpGenPrefix key;  // the route prefix
+  IgpResultId igpResultId;  // the result that applies to it
+
+  FilteredRoute() = default;
+  FilteredRoute(const Netzo::IpGenPrefix& k, IgpResultId id) : key(k), igpResultId(id) {}
+  explicit FilteredRoute(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
+
+  // The prefix as its key bytes, then the identifier (4 bytes, little-endian).
+  std::uint32_t serializeLen() const;
+  void serialize(std::uint8_t* out) const;
+  // Kelp::RangeException when the bytes do not hold a prefix and an identifier.
+  static FilteredRoute deserialize(std::span<const std::uint8_t> in);
+
+  friend constexpr auto kelpType(Kelp::Tag<FilteredRoute>) {
+    return Kelp::valueType<FilteredRoute>("Routing::BgpRedistribute::FilteredRoute",
+                                          Kelp::field("key", &FilteredRoute::key),
+                                          Kelp::field("igpResultId", &FilteredRoute::igpResultId));
+  }
+};
+
+class IgpResultStatusNotifiee;
+
+class IgpResultStatus : public KelpSharedMem::CollectionEntity<IgpResultStatusNotifiee> {
+ public:
+  static constexpr std::string_view kTypeName = "Routing::BgpRedistribute::IgpResultStatus";
+  static constexpr std::string_view kMountPrefix = "routing/rib/igpResultStatus/";
+  static constexpr std::string_view kCollection = "result";
+
+  using Notifiee = IgpResultStatusNotifiee;
+
+  // Mounts routing/rib/igpResultStatus/<name> for writing with room for `size` records and clears
+  // it: a writer never inherits the records of an earlier run.
+  static Kelp::Ptr<IgpResultStatus> createIgpResultStatusWriter(const Kelp::String& name,
+                                                                const Kelp::Ptr<KelpSharedMem::EntityManager>& em,
+                                                                std::uint32_t size);
+  // Mounts the same path for reading; null when the path holds an entity of another type.
+  static Kelp::Ptr<IgpResultStatus> createIgpResultStatusReader(const Kelp::String& name,
+                                                                const Kelp::Ptr<KelpSharedMem::EntityManager>& em);
+  static Kelp::String mountPath(const Kelp::String& name) { return Kelp::String(kMountPrefix) + name; }
+
+  explicit IgpResultStatus(const Kelp::String& name) : CollectionEntity(name) {}
+
+  std::string_view typeName() const override { return kTypeName; }
+
+  // The stored record, or none.
+  std::optional<IgpResult> result(IgpResultId key) const { return result_.find(key); }
+  // Calls fn(const IgpResult&) for every record.
+  template <typename F>
+  void resultForEach(F&& fn) const {
+    result_.forEach(fn);
+  }
+  std::uint32_t resultCount() const { return result_.size(); }
+
+  // Writer only. Inserts or replaces by key, then notifies; storing an equal record changes nothing.
+  // A new key in a full table throws the table-full error.
+  void resultIs(const IgpResult& r);
+  // Writer only. Removes the record if present, then notifies.
+  void resultDel(IgpResultId key);
+  // Writer only. Removes every record, notifying each key.
+  void resultDelAll();
+
+  const Kelp::Ptr<KelpShelf::CollectionControl>& resultControl() const { return result_.control(); }
+  void resultControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c);
+  void collectionControlIs(std::string_view collection, const Kelp::Ptr<KelpShelf::CollectionControl>& c) override;
+
+  void resultNotify(IgpResultId key);
+  void resultNotifyQuiesced(bool quiesced);
+  void resultNotifyMountStatus();
+
+
+ private:
+  KelpShelf::CollectionControl* boundControl() const override { return result_.control().get(); }
+  void onKeyChange(Shelf::Bytes key) override;
+  void onResync() override { resultNotifyMountStatus(); }
+  void onQuiesced(bool quiesced) override { resultNotifyQuiesced(quiesced); }
+
+  KelpShelf::Collection<IgpResultId, IgpResult> result_;
+};
+
+class IgpResultStatusNotifiee {
+ public:
+  virtual ~IgpResultStatusNotifiee() = default;
+  virtual void onResult(IgpResultId /*key*/) {}
+  virtual void onResultQuiesced(bool /*quiesced*/) {}
+  virtual void onResultMountStatus() {}
+};
+
+Kelp::Ptr<IgpResultStatus> igpResultStatusFactory(const Kelp::String& name);
+
+}  // namespace Routing::BgpRedistribute
+
+namespace Routing::BgpRedistribute {
+
+class FilteredRtStatusNotifiee;
+
+class FilteredRtStatus : public KelpSharedMem::CollectionEntity<FilteredRtStatusNotifiee> {
+ public:
+  static constexpr std::string_view kTypeName = "Routing::BgpRedistribute::FilteredRtStatus";
+  static constexpr std::string_view kCollection = "filteredRoute";
+  using Notifiee = FilteredRtStatusNotifiee;
+
+  explicit FilteredRtStatus(const Kelp::String& name) : CollectionEntity(name) {}
+
+  std::string_view typeName() const override { return kTypeName; }
+
+  std::optional<FilteredRoute> filteredRoute(const Netzo::IpGenPrefix& prefix) const { return filteredRoute_.find(prefix); }
+  template <typename F>
+  void filteredRouteForEach(F&& fn) const {
+    filteredRoute_.forEach(fn);
+  }
+  std::uint32_t filteredRouteCount() const { return filteredRoute_.size(); }
+
+  // Writer only, as for IgpResultStatus.
+  void filteredRouteIs(const FilteredRoute& r);
+  void filteredRouteDel(const Netzo::IpGenPrefix& prefix);
+  void filteredRouteDelAll();
+
+  // Written by the writer (shared with readers through the table); false until then.
+  bool routesProcessed() const;
+  void routesProcessedIs(bool processed);
+
+  const Kelp::Ptr<KelpShelf::CollectionControl>& filteredRouteControl() const { return filteredRoute_.control(); }
+  void filteredRouteControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c);
+  void collectionControlIs(std::string_view collection, const Kelp::Ptr<KelpShelf::CollectionControl>& c) override;
+
+  void filteredRouteNotify(const Netzo::IpGenPrefix& prefix);
+  void filteredRouteNotifyQuiesced(bool quiesced);
+  void filteredRouteNotifyMountStatus();
+
+ private:
+  static constexpr std::uint32_t kRoutesProcessedScalar = 0;
+
+  KelpShelf::CollectionControl* boundControl() const override { return filteredRoute_.control().get(); }
+  void onKeyChange(Shelf::Bytes key) override;
+  void onResync() override { filteredRouteNotifyMountStatus(); }
+  void onQuiesced(bool quiesced) override { filteredRouteNotifyQuiesced(quiesced); }
+  void onScalarChange(std::uint32_t index) override;
+
+  KelpShelf::Collection<Netzo::IpGenPrefix, FilteredRoute> filteredRoute_;
+  bool routesProcessed_ = false;  // while no table is bound
+};
+
+class FilteredRtStatusNotifiee {
+ public:
+  virtual ~FilteredRtStatusNotifiee() = default;
+  virtual void onFilteredRoute(const Netzo::IpGenPrefix& /*prefix*/) {}
+  virtual void onFilteredRouteQuiesced(bool /*quiesced*/) {}
+  virtual void onFilteredRouteMountStatus() {}
+  virtual void onRoutesProcessed() {}
+};
+
+Kelp::Ptr<FilteredRtStatus> filteredRtStatusFactory(const Kelp::String& name);
+
+}  // namespace Routing::BgpRedistribute

@@ -1,0 +1,232 @@
+#pragma once
+// The results of redistribution policy for IGP and static routes.
+//
+// When the agent redistributes OSPF, OSPFv3, IS-IS or static routes into BGP, routing policy
+// computes a few attributes per route: preference, metric, tag, up to four standard communities
+// and the OSPF/IS-IS particulars. Two forms carry that result:
+//
+//   Routing::Bgp::IgpResult_                 the in-process form, as policy evaluation produces
+//                                            it (it derives from the policy library's Result_);
+//                                            deduplicated and identified by its contents
+//   Routing::BgpRedistribute::IgpResult      the flat record published in the shared-memory
+//                                            status table under an IgpResultId, read by other
+//                                            processes; no pointers, copied byte for byte
+//
+// and two small identifiers:
+//   IgpResultId     the number a record is published under (0 means "no result"); prints as a
+//                   bare decimal number
+//   CommunityIndex  a position in the four-slot community array, 0..3
+//
+// The community array keeps its count ending on a non-zero value: deleting the last slot drops
+// the trailing zero slots too, so "communities 10, 0, 30" with 30 deleted becomes "10".
+//
+// Serialized IgpResult (little-endian, 48 + 4 * count bytes):
+//   0 key(4) 4 preference(1) 5 ospfBitDn(1) 6 ospfv3BitDn(1) 7 padding(1, not written)
+//   8 metric(8) 16 isisLevel(4) 20 ospfMetricType(4) 24 ospfDomainId(8) 32 ospfRouteType(8)
+//   40 tag(4) 44 community count(4) 48 community values(4 each)
+//
+// Neither IgpResult nor IgpResult_ can be built from text (they hold a collection); their text
+// constructors stop the process.
+
+#include <cstdint>
+#include <span>
+
+#include "platform/Kelp/BareTextForm.h"
+#include "platform/Kelp/ValueType.h"
+#include "platform/Routing/PolicyResult.h"
+
+namespace Routing::BgpRedistribute {
+
+struct IgpResultId : Kelp::ValueBase<IgpResultId> {
+  std::uint32_t value = 0;
+
+  constexpr IgpResultId() = default;
+  constexpr explicit IgpResultId(std::uint32_t v) : value(v) {}
+
+  std::uint32_t hash(std::uint32_t seed) const;
+  friend constexpr auto kelpType(Kelp::Tag<IgpResultId>) {
+    return Kelp::valueType<IgpResultId>("Routing::BgpRedistribute::IgpResultId", Kelp::field("value", &IgpResultId::value));
+  }
+};
+
+inline std::uint32_t IgpResultId::hash(std::uint32_t seed) const { return Kelp::hashFields(*this, seed); }
+
+struct CommunityIndex : Kelp::ValueBase<CommunityIndex> {
+  static constexpr std::uint32_t min = 0;
+  static constexpr std::uint32_t max = 3;
+
+  std::uint32_t value = 0;
+
+  constexpr CommunityIndex() = default;
+  // Throws Kelp::RangeException for an index outside min..max.
+  explicit CommunityIndex(std::uint32_t v) : value(checked(v)) {}
+  explicit CommunityIndex(Kelp::CharRange& r) {
+    Kelp::parseFields(r, *this);
+    checked(value);
+  }
+
+  static std::uint32_t checked(std::uint32_t v);
+
+  friend constexpr auto kelpType(Kelp::Tag<CommunityIndex>) {
+    return Kelp::valueType<CommunityIndex>("Routing::BgpRedistribute::CommunityIndex",
+                                           Kelp::field("value", &CommunityIndex::value));
+  }
+};
+
+// Up to four standard communities (RFC 1997), kept in index order. Slots at or beyond the count
+// take no part in equality, hashing, printing or serializing.
+class CommunityArray {
+ public:
+  static constexpr std::uint32_t kSlots = 4;
+
+  // A position in the array; positions beyond the last slot raise the CommunityIndex range error
+  // when used to change the array.
+  class Iterator {
+   public:
+    Iterator(const CommunityArray* a, std::uint32_t pos) : array_(a), pos_(pos) {}
+    std::uint32_t position() const { return pos_; }
+    std::uint32_t value() const { return array_->at(CommunityIndex(pos_)); }
+    Iterator& operator++() {
+      ++pos_;
+      return *this;
+    }
+    // True while the position is inside the used slots.
+    explicit operator bool() const { return pos_ < array_->count(); }
+
+   private:
+    const CommunityArray* array_;
+    std::uint32_t pos_;
+  };
+
+  std::uint32_t count() const { return count_; }
+  // The value at `i`, 0 for an unused slot.
+  std::uint32_t at(CommunityIndex i) const { return i.value < count_ ? slots_[i.value] : 0; }
+  const std::uint32_t* data() const { return slots_; }
+  Iterator begin() const { return Iterator(this, 0); }
+
+  // Stores `value` at `i`; the count grows to i + 1 when `i` is beyond it (skipped slots keep what
+  // they held, 0 in a fresh array).
+  void communityIs(CommunityIndex i, std::uint32_t value);
+  void communityIs(const Iterator& it, std::uint32_t value) { communityIs(CommunityIndex(it.position()), value); }
+  // Removes the value at `i` and returns it (0 when `i` is at or beyond the count). A slot before
+  // the last is zeroed in place; removing the last slot also drops the zero slots before it.
+  std::uint32_t communityDel(CommunityIndex i);
+  std::uint32_t communityDel(const Iterator& it) { return communityDel(CommunityIndex(it.position())); }
+  void communityDelAll() { count_ = 0; }
+
+  // Reads a count and values as stored; a count above 4 raises the array range error.
+  void assign(std::uint32_t count, const std::uint32_t* values);
+
+  friend bool operator==(const CommunityArray& a, const CommunityArray& b);
+
+ private:
+  std::uint32_t count_ = 0;
+  std::uint32_t slots_[kSlots] = {};
+};
+
+// The array range error: "array count 5 above its limit 4".
+[[noreturn]] void throwArrayRange(std::uint32_t count, std::uint32_t limit);
+
+struct IgpResult : Kelp::ValueBase<IgpResult> {
+  static constexpr std::uint32_t minSerializedLen = 48;
+  static constexpr std::uint32_t maxSerializedLen = 64;
+
+  IgpResultId key;
+  RoutePreference preference;
+  bool ospfBitDn = false;
+  bool ospfv3BitDn = false;
+  Brim::MaybeU63 metric;
+  Isis::Level isisLevel = Isis::Level::levelUnset;
+  Ospf::OspfExtMetricType ospfMetricType = Ospf::OspfExtMetricType::typeUnset;
+  std::uint64_t ospfDomainId = 0;
+  std::uint64_t ospfRouteType = 0;
+  RouteTag tag;
+  CommunityArray community;
+
+  explicit IgpResult(IgpResultId k) : key(k) {}
+  // Text cannot describe a record with a collection: stops the process.
+  explicit IgpResult(Kelp::CharRange& r);
+
+  void communityIs(CommunityIndex i, std::uint32_t value) { community.communityIs(i, value); }
+  void communityIs(const CommunityArray::Iterator& it, std::uint32_t value) { community.communityIs(it, value); }
+  std::uint32_t communityDel(CommunityIndex i) { return community.communityDel(i); }
+  std::uint32_t communityDel(const CommunityArray::Iterator& it) { return community.communityDel(it); }
+  void communityDelAll() { community.communityDelAll(); }
+
+  // 48 + 4 * community count.
+  std::uint32_t serializeLen() const;
+  // Writes serializeLen() bytes to `out`; byte 7 is padding and left as it was.
+  void serialize(std::uint8_t* out) const;
+  // The length of the record that starts at `in` (which holds at least 48 bytes).
+  static std::uint32_t deserializeLen(std::span<const std::uint8_t> in);
+  // Reads a record; Kelp::RangeException when `in` is shorter than the record or its count is
+  // above 4.
+  static IgpResult deserialize(std::span<const std::uint8_t> in);
+
+  // True when anything differs from a fresh record with key 0.
+  explicit operator bool() const { return !(*this == IgpResult(IgpResultId())); }
+
+  friend constexpr auto kelpType(Kelp::Tag<IgpResult>) {
+    return Kelp::valueType<IgpResult>(
+        "Routing::BgpRedistribute::IgpResult", Kelp::field("key", &IgpResult::key),
+        Kelp::field("preference", &IgpResult::preference), Kelp::field("ospfBitDn", &IgpResult::ospfBitDn),
+        Kelp::field("ospfv3BitDn", &IgpResult::ospfv3BitDn), Kelp::field("metric", &IgpResult::metric),
+        Kelp::field("isisLevel", &IgpResult::isisLevel), Kelp::field("ospfMetricType", &IgpResult::ospfMetricType),
+        Kelp::field("ospfDomainId", &IgpResult::ospfDomainId), Kelp::field("ospfRouteType", &IgpResult::ospfRouteType),
+        Kelp::field("tag", &IgpResult::tag), Kelp::field("community", &IgpResult::community),
+        Kelp::function("serializeLen", &IgpResult::serializeLen));
+  }
+};
+
+}  // namespace Routing::BgpRedistribute
+
+namespace Routing::Bgp {
+
+struct IgpResult_ : Policy::Result_, Kelp::ValueBase<IgpResult_> {
+  Isis::Level isisLevel = Isis::Level::levelUnset;
+  Ospf::OspfExtMetricType ospfMetricType = Ospf::OspfExtMetricType::typeUnset;
+  bool ospfBitDn = false;
+  bool ospfv3BitDn = false;
+  std::uint64_t ospfDomainId = 0;
+  std::uint64_t ospfRouteType = 0;
+  BgpRedistribute::CommunityArray community;
+
+  IgpResult_() = default;
+  // Text cannot describe a result with a collection: stops the process.
+  explicit IgpResult_(Kelp::CharRange& r);
+
+  using CommunityIterator = BgpRedistribute::CommunityArray::Iterator;
+  void communityIs(BgpRedistribute::CommunityIndex i, std::uint32_t value) { community.communityIs(i, value); }
+  void communityIs(const CommunityIterator& it, std::uint32_t value) { community.communityIs(it, value); }
+  std::uint32_t communityDel(BgpRedistribute::CommunityIndex i) { return community.communityDel(i); }
+  std::uint32_t communityDel(const CommunityIterator& it) { return community.communityDel(it); }
+  void communityDelAll() { community.communityDelAll(); }
+
+  // The bucket hash of the dedup table. ospfDomainId, ospfRouteType and dps are left out on purpose:
+  // results differing only there share a bucket (and still compare unequal).
+  std::uint32_t hash(std::uint32_t seed = 0) const;
+  // True when policy set anything at all.
+  explicit operator bool() const { return !(*this == IgpResult_()); }
+
+  friend constexpr auto kelpType(Kelp::Tag<IgpResult_>) {
+    return Kelp::valueType<IgpResult_>(
+        "Routing::Bgp::IgpResult_", Kelp::field("preferenceStorage", &IgpResult_::preferenceStorage),
+        Kelp::field("tagStorage", &IgpResult_::tagStorage), Kelp::field("metric", &IgpResult_::metric),
+        Kelp::field("dps", &IgpResult_::dps), Kelp::field("isisLevel", &IgpResult_::isisLevel),
+        Kelp::field("ospfMetricType", &IgpResult_::ospfMetricType), Kelp::field("ospfBitDn", &IgpResult_::ospfBitDn),
+        Kelp::field("ospfv3BitDn", &IgpResult_::ospfv3BitDn), Kelp::field("ospfDomainId", &IgpResult_::ospfDomainId),
+        Kelp::field("ospfRouteType", &IgpResult_::ospfRouteType), Kelp::field("community", &IgpResult_::community));
+  }
+};
+
+}  // namespace Routing::Bgp
+
+template <>
+struct Kelp::TextForm<Routing::BgpRedistribute::IgpResultId> : Kelp::BareTextForm<Routing::BgpRedistribute::IgpResultId> {};
+
+// The value-array form of the used slots: "[]", "[100, 200]".
+template <>
+struct Kelp::TextForm<Routing::BgpRedistribute::CommunityArray> {
+  static void print(String& out, const Routing::BgpRedistribute::CommunityArray& a);
+  static void parse(CharRange& r, Routing::BgpRedistribute::CommunityArray& a);
+};

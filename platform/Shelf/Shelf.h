@@ -1,0 +1,277 @@
+#pragma once
+// Shelf: hash tables in shared memory, written by one process and read by any number of others.
+//
+// Model. A table is one file below a root directory (tmpfs, normally /dev/shm/bgpcommon). The
+// writer creates it and maps it read-write; readers open it read-only and map it PROT_READ, so
+// nothing a reader does can damage the table. The table has a fixed capacity chosen by the writer,
+// and holds byte-string keys and values of bounded size; typed fronts (KelpShelf) turn values into
+// bytes with the types' own serialize/deserialize.
+//
+// Layout of the file, in this order:
+//   header   geometry (immutable after creation, checksummed) and the writer's live counters;
+//   buckets  bucketCount 32-bit slot indices, the head of each chain (kNone for an empty chain);
+//   slots    slotCount fixed-size slots: sequence counter, chain link, bucket, key length, value
+//            length, own index, checksum (xxHash over everything but the counter), key, value;
+//   ring     the change ring: the keys the writer changed, newest last.
+//
+// Concurrency. One writer, lock-free readers. Every slot carries a sequence counter that is odd
+// while the writer rewrites it; a reader copies the slot, re-reads the counter and retries (a
+// bounded number of times) when it moved. The writer never rewrites a slot that readers can reach
+// from a bucket: a new value goes to a free slot, which is then linked in place of the old one with
+// a release store, and the old slot is freed afterwards (free slots are reused first-in first-out,
+// so a slot a reader is still looking at is rarely reused at once). A writer killed at any moment
+// therefore leaves every reachable record whole: readers see the old value or the new one.
+//
+// Distrust. Readers trust nothing they read: every index is bounds-checked, chains are
+// length-bounded, every slot's checksum and its own index are verified, and a slot found in the
+// wrong chain makes the walk restart. A check that fails on a stable slot calls the reader's
+// corruption handler with a message and the entry reads as absent; the reader never crashes and
+// never spins without bound.
+//
+// Restart. A writer that mounts a path that already holds a table starts empty: it builds a new
+// file beside the old one, renames it over the path and marks the old file retired. Readers notice
+// the mark on their next call and re-open the path; they need not re-attach.
+//
+// Changes. Each change appends its key to the ring in the file; a reader polls the ring (or waits
+// on it with a timeout) and learns which keys changed, or that it fell too far behind and must
+// re-read everything.
+//
+//   Shelf::Location where("/dev/shm/bgpcommon", "routing/rib/igpResultStatus/vrf1");
+//   auto w = Shelf::Writer::create(where, {"Ns::Status", "result", "vrf1"}, {1024, 4, 64});
+//   w->put(keyBytes, hash, valueBytes);
+//   Shelf::Reader r(where, {"Ns::Status", "result", ""}, 4, 64, handler);   // in another process
+//   std::optional<std::uint32_t> n = r.find(keyBytes, hash, buffer, sizeof buffer);
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Kelp/Exception.h"
+
+namespace Shelf {
+
+using Bytes = std::span<const std::uint8_t>;
+
+// A system call failed (the root cannot be created, the file cannot be mapped, ...) or the table
+// already has a live writer.
+class Exception : public std::runtime_error {
+ public:
+  explicit Exception(const std::string& message) : std::runtime_error(message) {}
+};
+
+// A table's bytes contradict themselves: a damaged file. Readers hand its message to their
+// corruption handler; the writer's typed fronts treat it as fatal.
+class CorruptionException : public Exception {
+ public:
+  explicit CorruptionException(const std::string& message) : Exception(message) {}
+};
+
+// No free slot for a new key. The message is "Shelf table full (occupancy:N tableSize:N) NAME";
+// nothing was changed.
+class TableFullException : public Kelp::RangeException {
+ public:
+  explicit TableFullException(const std::string& message) : Kelp::RangeException(message) {}
+};
+
+using CorruptionHandler = std::function<void(std::string_view message)>;
+
+// Where a table lives: a root directory and a relative path below it. The path is a list of
+// non-empty components separated by "/"; absolute paths, empty components, "." and ".." are refused
+// with Kelp::RangeException, so a table never lives outside its root. Components are opened without
+// following symbolic links.
+class Location {
+ public:
+  // The root used when none is given: $BGPCOMMON_SHM_ROOT, else /dev/shm/bgpcommon.
+  static std::string defaultRoot();
+
+  Location(std::string root, std::string_view relativePath);
+
+  const std::string& root() const { return root_; }
+  const std::string& relativePath() const { return path_; }
+  std::string fullPath() const { return root_ + "/" + path_; }
+  const std::string& leaf() const { return components_.back(); }
+
+  // Opens the directory that holds the leaf (creating missing directories when `create`), or -1
+  // with errno set.
+  int openDirectory(bool create) const;
+
+ private:
+  std::string root_;
+  std::string path_;
+  std::vector<std::string> components_;
+};
+
+// The names a table file carries in its header: the entity type that owns it, the collection, and a
+// name for messages (the table-full error names it).
+struct Labels {
+  std::string typeName;
+  std::string collectionName;
+  std::string tableName;
+};
+
+// The shape the writer chooses for a table.
+struct Geometry {
+  std::uint32_t capacity = 0;      // live entries at most; one more is refused as table full
+  std::uint32_t keyMax = 0;        // longest key, bytes (1..255)
+  std::uint32_t valueMax = 0;      // longest value, bytes
+  std::uint32_t ringCapacity = 0;  // change-ring entries (a power of 2); 0 chooses from capacity
+};
+
+// Upper bounds of the byte format.
+inline constexpr std::uint32_t kMaxKeyBytes = 255;
+inline constexpr std::uint32_t kMaxSlotBytes = 4096;
+inline constexpr std::uint32_t kMaxCapacity = 1u << 26;
+// How many 64-bit scalars the header carries for the owning entity's plain attributes.
+inline constexpr std::uint32_t kScalarCount = 8;
+
+// One entry of the change ring as a reader sees it.
+struct Change {
+  enum class Kind : std::uint8_t {
+    key,           // the value of `key` changed (stored, replaced or deleted)
+    cleared,       // every entry was deleted
+    scalar,        // header scalar `scalarIndex` changed
+    writerClosed,  // the writer closed the table; its contents stay readable
+    resync,        // the reader fell behind or the table was replaced: re-read everything
+  };
+  Kind kind;
+  Bytes key;                     // for Kind::key
+  std::uint32_t scalarIndex = 0;  // for Kind::scalar
+};
+
+namespace detail {
+struct Mapping;
+}
+
+// The only process that changes a table. Not thread-safe: one thread at a time.
+class Writer {
+ public:
+  // Creates a new, empty table at `where` (replacing and retiring any table there) and holds an
+  // exclusive lock on it until destroyed. Throws Kelp::RangeException for a bad geometry, and
+  // Shelf::Exception for system errors and for a path that already has a live writer.
+  static std::unique_ptr<Writer> create(const Location& where, const Labels& labels, const Geometry& geometry);
+  ~Writer();
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
+
+  // Stores `value` under `key` (insert or replace). Returns false, changing nothing, when the same
+  // bytes are stored already. Throws TableFullException for a new key in a full table and
+  // CorruptionException when the table's chains are damaged; nothing changes in either case.
+  bool put(Bytes key, std::uint32_t hash, Bytes value);
+  // Removes `key`; false when it was absent.
+  bool erase(Bytes key, std::uint32_t hash);
+  // Removes every entry.
+  void clear();
+  // Copies the value of `key` into `out` (which holds valueMax bytes) and returns its length.
+  std::optional<std::uint32_t> find(Bytes key, std::uint32_t hash, std::uint8_t* out) const;
+  // Calls fn(key, value) for every entry, chain by chain.
+  void forEach(const std::function<void(Bytes key, Bytes value)>& fn) const;
+
+  void scalarIs(std::uint32_t index, std::uint64_t value);
+  std::uint64_t scalar(std::uint32_t index) const;
+
+  std::uint32_t occupancy() const { return occupancy_; }
+  std::uint32_t capacity() const;
+  std::uint64_t generation() const;
+  const Labels& labels() const { return labels_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  Writer() = default;
+  struct Found;
+  Found locate(Bytes key, std::uint32_t bucket) const;
+  std::uint32_t takeFreeSlot();
+  void writeSlot(std::uint32_t index, std::uint32_t bucket, std::uint32_t next, Bytes key, Bytes value);
+  void relink(std::uint32_t predecessor, std::uint32_t next);
+  void freeSlot(std::uint32_t index);
+  void announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex);
+  [[noreturn]] void corrupt(const std::string& what) const;
+
+  std::unique_ptr<detail::Mapping> map_;
+  std::string path_;
+  Labels labels_;
+  std::vector<std::uint32_t> freeFifo_;  // free slot indices, a ring: taken at head, returned at tail
+  std::uint32_t freeHead_ = 0;
+  std::uint32_t freeCount_ = 0;
+  std::uint32_t occupancy_ = 0;
+  std::uint64_t ringHead_ = 0;
+  std::uint64_t lastWakeNs_ = 0;
+  std::vector<std::uint8_t> staging_;  // one slot image, built before it is published
+};
+
+// A read-only view of a table, possibly in another process than its writer. Attaches lazily (the
+// writer may start later) and follows a restarted writer to its new file. find, forEach, scalar and
+// occupancy may be called from several threads at once; poll and wait from one thread at a time.
+class Reader {
+ public:
+  // `expected` names the type and collection the file must carry (its tableName is ignored);
+  // `keyMax` and `valueMax` bound what the caller's buffers take.
+  Reader(Location where, Labels expected, std::uint32_t keyMax, std::uint32_t valueMax,
+         CorruptionHandler handler = {});
+  ~Reader();
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+
+  // True when a table file is attached (tries to attach first).
+  bool attached() const;
+  // Copies the value of `key` into `out` (of `outSize` bytes, at least valueMax) and returns its
+  // length; nullopt when absent or unreadable.
+  std::optional<std::uint32_t> find(Bytes key, std::uint32_t hash, std::uint8_t* out, std::uint32_t outSize) const;
+  // Calls fn(key, value) once for every entry found, bucket by bucket.
+  void forEach(const std::function<void(Bytes key, Bytes value)>& fn) const;
+  std::uint64_t scalar(std::uint32_t index) const;
+  std::uint32_t occupancy() const;
+  std::uint32_t capacity() const;
+  std::uint64_t generation() const;
+  bool writerOpen() const;
+
+  // Calls fn for each change since the last poll, in order, and returns how many there were. A
+  // reader that fell more than the ring's length behind, or whose table was replaced, gets one
+  // Change::Kind::resync instead of the lost entries.
+  std::size_t poll(const std::function<void(const Change&)>& fn);
+  // Waits until poll has something to report or `seconds` have passed; true when it has.
+  bool wait(double seconds);
+
+  // Set before the reader is shared between threads.
+  void corruptionHandlerIs(CorruptionHandler handler);
+  const Location& location() const { return where_; }
+  // The attached file's bytes as this process maps them (read-only); empty when unattached. For
+  // diagnostics and tests.
+  Bytes mappedBytes() const;
+
+ private:
+  detail::Mapping* current() const;
+  detail::Mapping* refresh() const;
+  void report(const std::string& message) const;
+  bool pending(detail::Mapping* m) const;
+
+  Location where_;
+  Labels expected_;
+  std::uint32_t keyMax_;
+  std::uint32_t valueMax_;
+  CorruptionHandler handler_;
+
+  mutable std::mutex mutex_;  // guards attaching and the list of mappings
+  mutable std::atomic<detail::Mapping*> current_{nullptr};
+  // Every mapping ever attached; kept until the reader goes, because a concurrent find may still
+  // read one that has just been retired.
+  mutable std::vector<std::unique_ptr<detail::Mapping>> mappings_;
+  // The file that last failed to attach: it is not looked at again (a writer never changes a
+  // file's geometry; a new writer makes a new file).
+  mutable std::uint64_t failedDev_ = 0;
+  mutable std::uint64_t failedIno_ = 0;
+
+  // Change-ring cursor (poll and wait).
+  detail::Mapping* cursorMapping_ = nullptr;
+  std::uint64_t cursor_ = 0;
+  std::uint64_t lastChangeNs_ = 0;
+};
+
+}  // namespace Shelf

@@ -1,0 +1,246 @@
+#include "BgpCommon/FilteredRtStatus.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/ValueConformance.h"
+
+namespace Routing::BgpRedistribute {
+namespace {
+
+using testing_support::TempRoot;
+using testing_support::versionedRecord;
+
+Netzo::IpGenPrefix prefix(const char* text) { return Netzo::IpGenPrefix::fromString(text); }
+
+// Records what a status table's notifiees hear, one word per event.
+struct Log : IgpResultStatus::Notifiee, FilteredRtStatus::Notifiee {
+  void onResult(IgpResultId key) override { events.push_back("key " + std::to_string(key.value)); }
+  void onResultQuiesced(bool q) override { events.push_back(q ? "quiesced" : "active"); }
+  void onResultMountStatus() override { events.push_back("mount"); }
+  void onFilteredRoute(const Netzo::IpGenPrefix& p) override { events.push_back("route " + p.stringValue()); }
+  void onFilteredRouteMountStatus() override { events.push_back("mount"); }
+  void onRoutesProcessed() override { events.push_back("processed"); }
+  std::vector<std::string> take() { return std::exchange(events, {}); }
+  std::vector<std::string> events;
+};
+
+TEST(FilteredRtStatus, FilteredRouteValue) {
+  testing_support::expectValueConformance<FilteredRoute>({
+      FilteredRoute(),
+      FilteredRoute(prefix("10.0.0.0/8"), IgpResultId(7)),
+      FilteredRoute(prefix("2001:db8::/32"), IgpResultId(4294967295u)),
+      FilteredRoute(prefix("10.0.0.1/8"), IgpResultId(7)),
+  });
+  EXPECT_EQ(Kelp::valueToStrep(FilteredRoute(prefix("10.0.0.0/8"), IgpResultId(7))),
+            "Value('Routing::BgpRedistribute::FilteredRoute', ** {'key': 10.0.0.0/8, 'igpResultId': 7})");
+  for (const FilteredRoute& r : {FilteredRoute(prefix("192.0.2.0/24"), IgpResultId(1)),
+                                 FilteredRoute(prefix("2001:db8::1/128"), IgpResultId(2)), FilteredRoute()}) {
+    std::uint8_t buf[FilteredRoute::maxSerializedLen];
+    r.serialize(buf);
+    EXPECT_EQ(FilteredRoute::deserialize(std::span(buf, r.serializeLen())), r);
+  }
+  const std::uint8_t badLength[] = {1, 33, 10, 0, 0, 0, 7, 0, 0, 0};
+  EXPECT_THROW(FilteredRoute::deserialize(badLength), Kelp::RangeException);
+  EXPECT_EQ(KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(std::span(badLength, 6)), Netzo::IpGenPrefix());
+}
+
+TEST(FilteredRtStatus, WriterStartsEmptyAtItsMountPath) {
+  TempRoot root;
+  {
+    auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+    auto earlier = IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64);
+    for (std::uint32_t k = 1; k <= 5; ++k) earlier->resultIs(versionedRecord(k, k));
+  }
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 1024);
+  struct stat st;
+  EXPECT_EQ(stat((root.path() + "/routing/rib/igpResultStatus/vrf1").c_str(), &st), 0);
+  EXPECT_EQ(status->name(), "vrf1");
+  EXPECT_EQ(status->resultControl()->name(), "result");
+  EXPECT_EQ(status->resultControl()->capacity(), 1024u);
+  EXPECT_EQ(status->resultCount(), 0u);
+  EXPECT_EQ(status->result(IgpResultId(1)), std::nullopt);
+  EXPECT_EQ(em->entity("routing/rib/igpResultStatus/vrf1"), status);
+}
+
+TEST(FilteredRtStatus, ReadersSeeWhatTheWriterStores) {
+  TempRoot root;
+  auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto early = IgpResultStatus::createIgpResultStatusReader("vrf2", readerEm);  // before the writer
+  ASSERT_TRUE(early);
+  EXPECT_EQ(early->result(IgpResultId(1)), std::nullopt);
+
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("vrf2", em, 100);
+  Log writerLog, readerLog;
+  status->notifieeIs(&writerLog);
+  early->notifieeIs(&readerLog);
+  early->resultControl()->poll();
+  EXPECT_EQ(readerLog.take(), std::vector<std::string>{"mount"});
+
+  for (std::uint32_t k = 1; k <= 100; ++k) status->resultIs(versionedRecord(k, k * 3));
+  status->resultIs(versionedRecord(5, 15));  // unchanged: no notification
+  status->resultDel(IgpResultId(1000));      // absent: no change, no notification
+  status->resultDel(IgpResultId(100));
+  EXPECT_EQ(status->resultCount(), 99u);
+  EXPECT_EQ(writerLog.events.size(), 101u);
+  EXPECT_EQ(writerLog.events.back(), "key 100");
+
+  auto late = IgpResultStatus::createIgpResultStatusReader("vrf2", readerEm);
+  EXPECT_EQ(late, early) << "one entity per mount";
+  for (std::uint32_t k = 1; k < 100; ++k) EXPECT_EQ(early->result(IgpResultId(k)), versionedRecord(k, k * 3));
+  EXPECT_EQ(early->result(IgpResultId(100)), std::nullopt);
+  std::uint32_t listed = 0;
+  early->resultForEach([&](const IgpResult& r) {
+    EXPECT_EQ(r, versionedRecord(r.key.value, r.key.value * 3));
+    ++listed;
+  });
+  EXPECT_EQ(listed, 99u);
+
+  early->resultControl()->poll();
+  std::vector<std::string> heard = readerLog.take();
+  ASSERT_EQ(heard.size(), 101u);
+  EXPECT_EQ(heard.front(), "key 1");
+  EXPECT_EQ(heard.back(), "key 100");
+
+  status->resultDelAll();
+  EXPECT_EQ(writerLog.events.size(), 101u + 99u);
+  em = nullptr;
+  status = nullptr;  // the writer goes
+  early->resultControl()->poll();
+  EXPECT_EQ(readerLog.take(), (std::vector<std::string>{"mount", "quiesced"}));
+  early->notifieeDel(&readerLog);
+}
+
+TEST(FilteredRtStatus, AFullTableRefusesANewRecord) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("small", em, 2);
+  status->resultIs(versionedRecord(1, 1));
+  status->resultIs(versionedRecord(2, 1));
+  try {
+    status->resultIs(versionedRecord(3, 1));
+    ADD_FAILURE() << "a third record fit";
+  } catch (const Kelp::RangeException& e) {
+    EXPECT_STREQ(e.what(), "Shelf table full (occupancy:2 tableSize:2) routing/rib/igpResultStatus/small");
+  }
+  EXPECT_EQ(status->result(IgpResultId(3)), std::nullopt);
+  status->resultIs(versionedRecord(2, 2));
+  EXPECT_EQ(status->result(IgpResultId(2)), versionedRecord(2, 2));
+}
+
+TEST(FilteredRtStatus, MountsAreCheckedByPathTypeAndMode) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  try {
+    IgpResultStatus::createIgpResultStatusReader("../../escape", em);
+    ADD_FAILURE() << "escaped the root";
+  } catch (const Kelp::RangeException& e) {
+    EXPECT_STREQ(e.what(),
+                 "Shelf mount path 'routing/rib/igpResultStatus/../../escape' refused: it has a '..' component, "
+                 "which would leave the root");
+  }
+  EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("", em), Kelp::RangeException);
+
+  // A path that holds an entity of another type gives no status table to a reader.
+  em->mount("routing/rib/igpResultStatus/other", FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}});
+  EXPECT_FALSE(IgpResultStatus::createIgpResultStatusReader("other", em));
+  EXPECT_THROW(IgpResultStatus::createIgpResultStatusWriter("other", em, 4), Kelp::RangeException);
+  em->mount("routing/rib/igpResultStatus/otherw", FilteredRtStatus::kTypeName,
+            {KelpSharedMem::MountMode::writer, {{"filteredRoute", 4}}});
+  EXPECT_DEATH(IgpResultStatus::createIgpResultStatusWriter("otherw", em, 4), "igpResultStatus");
+
+  EXPECT_THROW(em->mount("x", "No::Such::Type", {}), Kelp::RangeException);
+  EXPECT_THROW(em->mount("y", IgpResultStatus::kTypeName, {KelpSharedMem::MountMode::writer, {}}), Kelp::RangeException);
+  EXPECT_THROW(em->mount("z", IgpResultStatus::kTypeName, {KelpSharedMem::MountMode::writer, {{"results", 4}}}),
+               Kelp::RangeException);
+}
+
+TEST(FilteredRtStatus, RoutesByPrefixAndRoutesProcessed) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  const Kelp::String path = "routing/rib/filteredRtStatus/default";
+  auto writer = Kelp::ptrDynamicCast<FilteredRtStatus>(
+      em->mount(path, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::writer, {{"filteredRoute", 16}}}));
+  ASSERT_TRUE(writer);
+  auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto reader = Kelp::ptrDynamicCast<FilteredRtStatus>(
+      readerEm->mount(path, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}}));
+  ASSERT_TRUE(reader);
+  Log log;
+  reader->notifieeIs(&log);
+  reader->filteredRouteControl()->poll();
+  log.take();
+
+  writer->filteredRouteIs(FilteredRoute(prefix("10.0.0.0/8"), IgpResultId(1)));
+  writer->filteredRouteIs(FilteredRoute(prefix("10.0.0.0/16"), IgpResultId(2)));
+  writer->filteredRouteIs(FilteredRoute(prefix("2001:db8::/32"), IgpResultId(3)));
+  EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/16"))->igpResultId, IgpResultId(2));
+  EXPECT_EQ(reader->filteredRoute(prefix("2001:db8::/32"))->igpResultId, IgpResultId(3));
+  EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/24")), std::nullopt);
+  EXPECT_FALSE(reader->routesProcessed());
+  writer->routesProcessedIs(true);
+  writer->routesProcessedIs(true);
+  EXPECT_TRUE(reader->routesProcessed());
+  writer->filteredRouteDel(prefix("10.0.0.0/8"));
+  EXPECT_EQ(reader->filteredRouteCount(), 2u);
+  reader->filteredRouteControl()->poll();
+  EXPECT_EQ(log.take(), (std::vector<std::string>{"route 10.0.0.0/8", "route 10.0.0.0/16", "route 2001:db8::/32",
+                                                 "processed", "route 10.0.0.0/8"}));
+  reader->notifieeDel(&log);
+
+  auto unmounted = filteredRtStatusFactory("loose");
+  EXPECT_FALSE(unmounted->routesProcessed());
+  unmounted->routesProcessedIs(true);
+  EXPECT_TRUE(unmounted->routesProcessed());
+}
+
+// A control outlives its entity: the entity leaves it when its last reference goes.
+TEST(FilteredRtStatus, AControlForgetsItsEntity) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusReader("gone", em);
+  Kelp::Ptr<KelpShelf::CollectionControl> control = status->resultControl();
+  ASSERT_NE(control->listener(), nullptr);
+  em->unmount(IgpResultStatus::mountPath("gone"));
+  status = nullptr;
+  EXPECT_EQ(control->listener(), nullptr);
+  auto writerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto writer = IgpResultStatus::createIgpResultStatusWriter("gone", writerEm, 4);
+  writer->resultIs(versionedRecord(1, 1));
+  EXPECT_EQ(control->poll(), 1u);  // heard, told to no one
+}
+
+// A writer that meets a damaged table reports it and stops rather than spread the damage.
+TEST(FilteredRtStatus, AWriterStopsOnADamagedTable) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("hurt", em, 64);
+  status->resultIs(versionedRecord(1, 1));
+  {
+    int fd = open((root.path() + "/routing/rib/igpResultStatus/hurt").c_str(), O_RDWR);
+    struct stat st;
+    fstat(fd, &st);
+    auto* base = static_cast<std::uint8_t*>(mmap(nullptr, st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    std::memset(base + 1024, 0x55, st.st_size - 1024);  // everything past the header's fixed part
+    munmap(base, st.st_size);
+    close(fd);
+  }
+  EXPECT_DEATH(
+      {
+        status->resultControl()->corruptionHandlerIs([](std::string_view m) {
+          std::fprintf(stderr, "handler: %.*s\n", static_cast<int>(m.size()), m.data());
+        });
+        status->resultIs(versionedRecord(1, 2));
+      },
+      "handler: Shelf .*hurt: link to slot .*in no man's land");
+}
+
+}  // namespace
+}  // namespace Routing::BgpRedistribute

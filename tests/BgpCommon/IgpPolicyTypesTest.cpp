@@ -1,0 +1,278 @@
+#include "BgpCommon/IgpPolicyTypes.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/Kelp/Registry.h"
+#include "tests/Support/ValueConformance.h"
+
+namespace Routing::BgpRedistribute {
+namespace {
+
+using Routing::Bgp::IgpResult_;
+using testing_support::expectValueConformance;
+
+const char* const kIndexRangeMessage =
+    "Routing::BgpRedistribute::CommunityIndex::value < Routing::BgpRedistribute::CommunityIndex::min or > "
+    "Routing::BgpRedistribute::CommunityIndex::max not allowed";
+
+template <typename F>
+std::string messageOf(F&& f) {
+  try {
+    f();
+  } catch (const Kelp::RangeException& e) {
+    return e.what();
+  }
+  return "(no exception)";
+}
+
+TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
+  expectValueConformance<IgpResultId>({IgpResultId(), IgpResultId(7), IgpResultId(4294967295u)});
+  expectValueConformance<CommunityIndex>({CommunityIndex(0), CommunityIndex(3)});
+  expectValueConformance<RoutePreference>({RoutePreference(0), RoutePreference(110), RoutePreference(255)});
+  expectValueConformance<RouteTag>({RouteTag(0), RouteTag(4294967295u)});
+
+  EXPECT_EQ(Kelp::valueToStrep(IgpResultId(7)), "7");
+  EXPECT_EQ(messageOf([] { Kelp::strepToValue<IgpResultId>("x"); }),
+            "value: expected an unsigned number at offset 0, found \"x\"");
+  EXPECT_EQ(Kelp::valueToStrep(CommunityIndex(2)), "Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 2})");
+  EXPECT_EQ(IgpResultId(7).hash(0), Kelp::findType("Routing::BgpRedistribute::IgpResultId")->hash(std::any(IgpResultId(7))));
+
+  // An index beyond the last slot, built or parsed.
+  EXPECT_EQ(messageOf([] { CommunityIndex(4); }), kIndexRangeMessage);
+  EXPECT_EQ(messageOf([] {
+              Kelp::strepToValue<CommunityIndex>("Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 4})");
+            }),
+            kIndexRangeMessage);
+
+  // Metrics: unset whatever the low bits, and printed as None.
+  EXPECT_EQ(Brim::MaybeU63(), Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 42));
+  EXPECT_NE(Brim::MaybeU63(42), Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 42));
+  EXPECT_EQ(Brim::MaybeU63().hash(3), Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 42).hash(3));
+  EXPECT_EQ(Kelp::valueToStrep(Brim::MaybeU63()), "None");
+  EXPECT_EQ(Kelp::strepToValue<Brim::MaybeU63>("9223372036854775807"), Brim::MaybeU63(Brim::MaybeU63::kMaxValue));
+  EXPECT_THROW(Kelp::strepToValue<Brim::MaybeU63>("9223372036854775808"), Kelp::RangeException);
+  EXPECT_THROW(Brim::MaybeU63(Brim::MaybeU63::kUnsetBit), Kelp::RangeException);
+}
+
+// Community array edge cases: each row applies operations to a fresh record ("is I V", "del I -> R")
+// and states the count and the used values that result.
+TEST(IgpPolicyTypes, CommunityArrayKeepsItsCountOnASetValue) {
+  struct Op {
+    char kind;  // 'i' communityIs, 'd' communityDel, 'a' communityDelAll
+    std::uint32_t index;
+    std::uint32_t value;  // stored, or expected back from communityDel
+  };
+  struct Row {
+    std::vector<Op> ops;
+    std::vector<std::uint32_t> used;
+  };
+  const Row rows[] = {
+      {{{'i', 2, 30}}, {0, 0, 30}},
+      {{{'i', 2, 30}, {'d', 2, 30}}, {}},
+      {{{'i', 0, 10}, {'i', 1, 20}, {'d', 0, 10}}, {0, 20}},
+      {{{'i', 0, 10}, {'i', 2, 30}, {'d', 2, 30}}, {10}},
+      {{{'i', 3, 40}, {'i', 0, 10}, {'d', 3, 40}}, {10}},
+      {{{'i', 0, 10}, {'i', 1, 20}, {'d', 3, 0}}, {10, 20}},
+      {{{'d', 1, 0}}, {}},
+      {{{'i', 1, 20}, {'i', 1, 0}}, {0, 0}},
+      {{{'i', 0, 10}, {'i', 3, 40}, {'a', 0, 0}}, {}},
+      {{{'i', 0, 10}, {'i', 1, 20}, {'d', 1, 20}, {'i', 2, 30}}, {10, 0, 30}},
+  };
+  for (std::size_t r = 0; r < std::size(rows); ++r) {
+    IgpResult result{IgpResultId(1)};
+    IgpResult_ policy;
+    for (const Op& op : rows[r].ops) {
+      if (op.kind == 'i') {
+        result.communityIs(CommunityIndex(op.index), op.value);
+        policy.communityIs(CommunityIndex(op.index), op.value);
+      } else if (op.kind == 'd') {
+        EXPECT_EQ(result.communityDel(CommunityIndex(op.index)), op.value) << "row " << r;
+        EXPECT_EQ(policy.communityDel(CommunityIndex(op.index)), op.value) << "row " << r;
+      } else {
+        result.communityDelAll();
+        policy.communityDelAll();
+      }
+    }
+    std::vector<std::uint32_t> used;
+    for (auto it = result.community.begin(); it; ++it) used.push_back(it.value());
+    EXPECT_EQ(used, rows[r].used) << "row " << r;
+    EXPECT_EQ(policy.community, result.community) << "row " << r;
+  }
+
+  // Slots beyond the count take no part in equality.
+  IgpResult a{IgpResultId(1)}, b{IgpResultId(1)};
+  a.communityIs(CommunityIndex(1), 5);
+  a.communityDel(CommunityIndex(1));
+  EXPECT_EQ(a, b);
+
+  // The iterator form refuses a position past the last slot before changing anything.
+  IgpResult r{IgpResultId(1)};
+  r.communityIs(CommunityIndex(0), 10);
+  CommunityArray::Iterator past(&r.community, 4);
+  EXPECT_EQ(messageOf([&] { r.communityIs(past, 1); }), kIndexRangeMessage);
+  EXPECT_EQ(messageOf([&] { r.communityDel(past); }), kIndexRangeMessage);
+  EXPECT_EQ(r.community.count(), 1u);
+  CommunityArray::Iterator second(&r.community, 1);
+  r.communityIs(second, 20);
+  EXPECT_EQ(r.communityDel(second), 20u);
+  EXPECT_EQ(r.community.count(), 1u);
+}
+
+TEST(IgpPolicyTypes, FreshRecordTextAndSerializedForm) {
+  IgpResult fresh{IgpResultId(7)};
+  EXPECT_EQ(Kelp::valueToStrep(fresh),
+            "Value('Routing::BgpRedistribute::IgpResult', ** {'key': 7, 'preference': 0, 'ospfBitDn': False, "
+            "'ospfv3BitDn': False, 'metric': None, 'isisLevel': levelUnset, 'ospfMetricType': typeUnset, "
+            "'ospfDomainId': 0, 'ospfRouteType': 0, 'tag': 0, 'community': []})");
+  EXPECT_FALSE(fresh.metric.isSet());
+  EXPECT_EQ(static_cast<std::uint32_t>(fresh.isisLevel), 4u);
+  EXPECT_EQ(static_cast<std::uint32_t>(fresh.ospfMetricType), 3u);
+  EXPECT_EQ(fresh.serializeLen(), 48u);
+  EXPECT_FALSE(IgpResult(IgpResultId()));
+  EXPECT_TRUE(fresh);  // its key differs from a default record's
+}
+
+// Golden vectors, read both ways: the layout byte for byte.
+TEST(IgpPolicyTypes, SerializedLayout) {
+  IgpResult fresh{IgpResultId(7)};
+  const std::vector<std::uint8_t> freshBytes = {
+      7, 0, 0, 0, 0, 0, 0, 0xEE,                         // key, preference, DN bits, padding
+      0, 0, 0, 0, 0, 0, 0, 0x80,                         // metric: unset
+      4, 0, 0, 0, 3, 0, 0, 0,                            // isisLevel, ospfMetricType
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,    // ospfDomainId, ospfRouteType
+      0, 0, 0, 0, 0, 0, 0, 0,                            // tag, community count
+  };
+  IgpResult full{IgpResultId(0x01020304)};
+  full.preference = 110;
+  full.ospfBitDn = true;
+  full.metric.valueIs(20);
+  full.isisLevel = Isis::Level::level2;
+  full.ospfMetricType = Ospf::OspfExtMetricType::type1;
+  full.ospfDomainId = 0x1122334455667788ull;
+  full.ospfRouteType = 5;
+  full.tag = 0xDEADBEEFu;
+  full.communityIs(CommunityIndex(0), 0xFFFFFF01u);  // NO_EXPORT
+  full.communityIs(CommunityIndex(1), 100);
+  const std::vector<std::uint8_t> fullBytes = {
+      4, 3, 2, 1, 110, 1, 0, 0xEE,
+      20, 0, 0, 0, 0, 0, 0, 0,
+      2, 0, 0, 0, 1, 0, 0, 0,
+      0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 5, 0, 0, 0, 0, 0, 0, 0,
+      0xEF, 0xBE, 0xAD, 0xDE, 2, 0, 0, 0,
+      0x01, 0xFF, 0xFF, 0xFF, 100, 0, 0, 0,
+  };
+  for (const auto& [value, golden] : {std::pair{fresh, freshBytes}, std::pair{full, fullBytes}}) {
+    ASSERT_EQ(value.serializeLen(), golden.size());
+    std::vector<std::uint8_t> out(golden.size(), 0xEE);  // the padding byte is not written
+    value.serialize(out.data());
+    EXPECT_EQ(out, golden);
+    EXPECT_EQ(IgpResult::deserializeLen(golden), golden.size());
+    IgpResult back = IgpResult::deserialize(golden);
+    EXPECT_EQ(back, value);
+    EXPECT_EQ(Kelp::valueToStrep(back), Kelp::valueToStrep(value));
+  }
+  EXPECT_EQ(Kelp::valueToStrep(full.community), "[4294967041, 100]");
+
+  std::vector<std::uint8_t> bad = fullBytes;
+  bad[44] = 5;
+  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(bad); }), "array count 5 above its limit 4");
+  EXPECT_EQ(messageOf([&] { IgpResult::deserializeLen(bad); }), "array count 5 above its limit 4");
+  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(std::span(fullBytes).first(55)); }),
+            "IgpResult record of 55 bytes is shorter than 56");
+  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(std::span(fullBytes).first(47)); }),
+            "IgpResult record of 47 bytes is shorter than 48");
+  EXPECT_EQ(messageOf([] { Kelp::strepToValue<CommunityArray>("[1, 2, 3, 4, 5]"); }), "array count 5 above its limit 4");
+}
+
+TEST(IgpPolicyTypes, EqualityFollowsTheMetricRule) {
+  IgpResult a{IgpResultId(3)}, b{IgpResultId(3)};
+  b.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 0x1234);  // unset, other low bits
+  EXPECT_EQ(a, b);
+  b.metric = Brim::MaybeU63(0);
+  EXPECT_NE(a, b);  // set against unset
+  a.metric = Brim::MaybeU63(0);
+  EXPECT_EQ(a, b);
+  // Each field takes part.
+  const std::vector<void (*)(IgpResult&)> changes = {
+      [](IgpResult& r) { r.key = IgpResultId(4); },       [](IgpResult& r) { r.preference = 1; },
+      [](IgpResult& r) { r.ospfBitDn = true; },           [](IgpResult& r) { r.ospfv3BitDn = true; },
+      [](IgpResult& r) { r.metric.valueIs(1); },          [](IgpResult& r) { r.isisLevel = Isis::Level::level1; },
+      [](IgpResult& r) { r.ospfMetricType = Ospf::OspfExtMetricType::type2; },
+      [](IgpResult& r) { r.ospfDomainId = 1; },           [](IgpResult& r) { r.ospfRouteType = 1; },
+      [](IgpResult& r) { r.tag = 1; },                    [](IgpResult& r) { r.communityIs(CommunityIndex(0), 1); },
+  };
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    IgpResult c = a;
+    changes[i](c);
+    EXPECT_NE(c, a) << "change " << i;
+  }
+}
+
+TEST(IgpPolicyTypes, PolicyResultHashEqualityAndTruth) {
+  IgpResult_ fresh;
+  EXPECT_EQ(Kelp::valueToStrep(fresh),
+            "Value('Routing::Bgp::IgpResult_', ** {'preferenceStorage': 0, 'tagStorage': 0, 'metric': None, "
+            "'dps': 0x0, 'isisLevel': levelUnset, 'ospfMetricType': typeUnset, 'ospfBitDn': False, "
+            "'ospfv3BitDn': False, 'ospfDomainId': 0, 'ospfRouteType': 0, 'community': []})");
+  EXPECT_FALSE(fresh);
+  EXPECT_EQ(fresh.hash(), fresh.hash(0));
+
+  // Left out of the hash on purpose: they share a bucket and still differ.
+  const std::vector<void (*)(IgpResult_&)> sameBucket = {
+      [](IgpResult_& r) { r.ospfDomainId = 9; },
+      [](IgpResult_& r) { r.ospfRouteType = 9; },
+      [](IgpResult_& r) { r.dps = Kelp::makePtr<Kelp::PtrInterface>(); },
+  };
+  for (std::size_t i = 0; i < sameBucket.size(); ++i) {
+    IgpResult_ c;
+    sameBucket[i](c);
+    EXPECT_EQ(c.hash(), fresh.hash()) << "change " << i;
+    EXPECT_NE(c, fresh) << "change " << i;
+    EXPECT_TRUE(c) << "change " << i;
+  }
+  // Everything else moves the hash.
+  const std::vector<void (*)(IgpResult_&)> hashed = {
+      [](IgpResult_& r) { r.isisLevel = Isis::Level::level1; },
+      [](IgpResult_& r) { r.ospfMetricType = Ospf::OspfExtMetricType::type2; },
+      [](IgpResult_& r) { r.preferenceIs(20); },
+      [](IgpResult_& r) { r.tagIs(5); },
+      [](IgpResult_& r) { r.metric.valueIs(0); },
+      [](IgpResult_& r) { r.ospfBitDn = true; },
+      [](IgpResult_& r) { r.ospfv3BitDn = true; },
+      [](IgpResult_& r) { r.communityIs(CommunityIndex(0), 0); },
+  };
+  for (std::size_t i = 0; i < hashed.size(); ++i) {
+    IgpResult_ c;
+    hashed[i](c);
+    EXPECT_NE(c.hash(), fresh.hash()) << "change " << i;
+    EXPECT_NE(c, fresh) << "change " << i;
+  }
+  // Unset metrics with different low bits: equal, and hashed alike.
+  IgpResult_ odd;
+  odd.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 77);
+  EXPECT_EQ(odd, fresh);
+  EXPECT_EQ(odd.hash(), fresh.hash());
+
+  // The reflective truth test is operator bool.
+  IgpResult_ tagged;
+  tagged.tagIs(1);
+  std::any result;
+  EXPECT_EQ(Kelp::genericIfAttributeOp(&result, &tagged, nullptr, Kelp::attrOpTruth, nullptr), Kelp::attrStatusDone);
+  EXPECT_TRUE(std::any_cast<bool>(result));
+  EXPECT_EQ(Kelp::genericIfAttributeOp(&result, &fresh, nullptr, Kelp::attrOpTruth, nullptr), Kelp::attrStatusDone);
+  EXPECT_FALSE(std::any_cast<bool>(result));
+}
+
+TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {
+  const Kelp::TypeInfo* record = Kelp::findType("Routing::BgpRedistribute::IgpResult");
+  ASSERT_NE(record, nullptr);
+  EXPECT_THROW(record->hash(std::any(IgpResult(IgpResultId(1)))), Kelp::UnhashableException);
+  std::string text = Kelp::valueToStrep(IgpResult(IgpResultId(1)));
+  EXPECT_DEATH(Kelp::strepToValue<IgpResult>(text), "No String constructor for IgpResult - has collection");
+  EXPECT_DEATH(record->strepToValue(text), "No String constructor for IgpResult - has collection");
+  EXPECT_DEATH(Kelp::strepToValue<IgpResult_>(Kelp::valueToStrep(IgpResult_())),
+               "No String constructor for IgpResult_ - has collection");
+}
+
+}  // namespace
+}  // namespace Routing::BgpRedistribute

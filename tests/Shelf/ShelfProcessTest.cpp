@@ -1,0 +1,368 @@
+// The IGP result table across real processes: readers forked from the test or the bgpcommon tool,
+// writers in the test or in forked children that are killed at random moments.
+//
+// Children are forked before the parent opens a writer: a forked child would otherwise hold the
+// writer's lock on the table file for as long as it lives.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "BgpCommon/FilteredRtStatus.h"
+#include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/RunTool.h"
+
+namespace Routing::BgpRedistribute {
+namespace {
+
+using testing_support::isWholeRecord;
+using testing_support::TempRoot;
+using testing_support::versionedRecord;
+using Clock = std::chrono::steady_clock;
+
+struct Pipe {
+  Pipe() { EXPECT_EQ(pipe(fd), 0); }
+  ~Pipe() {
+    closeRead();
+    closeWrite();
+  }
+  void closeRead() {
+    if (fd[0] >= 0) close(std::exchange(fd[0], -1));
+  }
+  void closeWrite() {
+    if (fd[1] >= 0) close(std::exchange(fd[1], -1));
+  }
+  template <typename T>
+  void send(const T& v) {
+    EXPECT_EQ(write(fd[1], &v, sizeof v), static_cast<ssize_t>(sizeof v));
+  }
+  template <typename T>
+  bool receive(T& v) {
+    return read(fd[0], &v, sizeof v) == static_cast<ssize_t>(sizeof v);
+  }
+  int fd[2] = {-1, -1};
+};
+
+// Runs `body` in a child process, which exits with its result (99 when it threw).
+template <typename F>
+pid_t forkChild(F&& body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    int code = 99;
+    try {
+      code = body();
+    } catch (...) {
+    }
+    _exit(code);
+  }
+  return pid;
+}
+
+int exitCodeOf(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+Kelp::Ptr<KelpSharedMem::EntityManager> manager(const TempRoot& root) {
+  return Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+}
+
+TEST(ShelfProcess, TheToolReadsEveryRecordAWriterStored) {
+  TempRoot root;
+  auto em = manager(root);
+  auto status = IgpResultStatus::createIgpResultStatusWriter("tool", em, 512);
+  std::string expected;
+  for (std::uint32_t k = 1; k <= 300; ++k) {
+    status->resultIs(versionedRecord(k, k * 11));
+    expected += Kelp::valueToStrep(versionedRecord(k, k * 11)) + "\n";
+  }
+  auto text = testing_support::runTool("igp-results show tool --root " + root.path());
+  EXPECT_EQ(text.status, 0);
+  EXPECT_EQ(text.out, expected);
+
+  auto json = testing_support::runTool("igp-results show tool --json --root " + root.path());
+  ASSERT_EQ(json.status, 0) << json.out;
+  nlohmann::json records = nlohmann::json::parse(json.out);
+  ASSERT_EQ(records.size(), 300u);
+  for (const auto& j : records) {
+    IgpResult want = versionedRecord(j["key"].get<std::uint32_t>(), j["metric"].get<std::uint64_t>());
+    EXPECT_EQ(j["tag"].get<std::uint32_t>(), want.tag.value);
+    EXPECT_EQ(j["ospfDomainId"].get<std::uint64_t>(), want.ospfDomainId);
+    EXPECT_EQ(j["isisLevel"].get<std::string>(), Isis::stringValue(want.isisLevel));
+    EXPECT_EQ(j["community"].size(), want.community.count());
+  }
+
+  auto missing = testing_support::runTool("igp-results show nothing --root " + root.path());
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.out, "no table at " + root.path() + "/routing/rib/igpResultStatus/nothing\n");
+}
+
+TEST(ShelfProcess, AnAttachedReaderProcessFollowsARestartedWriter) {
+  TempRoot root;
+  Pipe toChild, toParent;
+  pid_t child = forkChild([&] {
+    char go;
+    if (!toChild.receive(go)) return 10;
+    auto em = manager(root);
+    auto view = IgpResultStatus::createIgpResultStatusReader("restart", em);
+    for (std::uint32_t k = 1; k <= 10; ++k) {
+      if (view->result(IgpResultId(k)) != versionedRecord(k, 1)) return 2;
+    }
+    toParent.send('a');
+    if (!toChild.receive(go)) return 11;
+    // The same entity, never re-attached, must come to show the new writer's records only.
+    auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (!view->result(IgpResultId(104)) && Clock::now() < deadline) {
+      view->resultControl()->waitForChanges(0.1);
+      view->resultControl()->poll();
+    }
+    for (std::uint32_t k = 1; k <= 10; ++k) {
+      if (view->result(IgpResultId(k))) return 3;
+    }
+    for (std::uint32_t k = 100; k <= 104; ++k) {
+      if (view->result(IgpResultId(k)) != versionedRecord(k, 2)) return 4;
+    }
+    return view->resultCount() == 5 ? 0 : 5;
+  });
+
+  auto firstEm = manager(root);
+  auto first = IgpResultStatus::createIgpResultStatusWriter("restart", firstEm, 64);
+  for (std::uint32_t k = 1; k <= 10; ++k) first->resultIs(versionedRecord(k, 1));
+  toChild.send('g');
+  char ack = 0;
+  ASSERT_TRUE(toParent.receive(ack));
+
+  first = nullptr;
+  firstEm = nullptr;
+  auto secondEm = manager(root);
+  auto second = IgpResultStatus::createIgpResultStatusWriter("restart", secondEm, 32);
+  for (std::uint32_t k = 100; k <= 104; ++k) second->resultIs(versionedRecord(k, 2));
+  toChild.send('g');
+  EXPECT_EQ(exitCodeOf(child), 0);
+}
+
+// What a verifying reader process found.
+struct ReaderReport {
+  std::uint64_t whole = 0;        // records read that were exactly what some write stored
+  std::uint64_t torn = 0;         // records read that no write ever stored
+  std::uint64_t absent = 0;       // lookups that found nothing (allowed, and rare)
+  std::uint64_t regressions = 0;  // a key read at an older version after a newer one
+  std::uint64_t listed = 0;       // records seen through iteration
+  std::uint64_t reports = 0;      // corruption reports
+};
+
+ReaderReport verifyFor(const TempRoot& root, const char* name, std::uint32_t keys, std::chrono::milliseconds span,
+                       std::uint32_t seed) {
+  ReaderReport rep;
+  auto em = manager(root);
+  auto view = IgpResultStatus::createIgpResultStatusReader(name, em);
+  view->resultControl()->corruptionHandlerIs([&](std::string_view) { ++rep.reports; });
+  std::vector<std::uint64_t> last(keys + 1, 0);
+  std::mt19937 rng(seed);
+  auto check = [&](const IgpResult& r, std::uint32_t k) {
+    if (r.key.value != k || !isWholeRecord(r)) {
+      ++rep.torn;
+      return;
+    }
+    ++rep.whole;
+    if (r.metric.value() < last[k]) ++rep.regressions;
+    last[k] = r.metric.value();
+  };
+  const auto end = Clock::now() + span;
+  for (std::uint32_t round = 0; Clock::now() < end; ++round) {
+    try {
+      for (int i = 0; i < 2000; ++i) {
+        std::uint32_t k = 1 + rng() % keys;
+        if (std::optional<IgpResult> r = view->result(IgpResultId(k))) {
+          check(*r, k);
+        } else {
+          ++rep.absent;
+        }
+      }
+      if (round % 16 == 0) {
+        view->resultForEach([&](const IgpResult& r) {
+          ++rep.listed;
+          if (r.key.value == 0 || r.key.value > keys || !isWholeRecord(r)) ++rep.torn;
+        });
+      }
+    } catch (const Kelp::RangeException&) {  // bytes that are no record at all
+      ++rep.torn;
+    }
+  }
+  return rep;
+}
+
+// A writer rewrites records as fast as it can while two reader processes check every record they
+// read for internal consistency for ten seconds.
+TEST(ShelfProcess, ReadersNeverSeeTornRecordsUnderAFullSpeedWriter) {
+  TempRoot root;
+  constexpr std::uint32_t kKeys = 2000;
+  Pipe go, reports;
+  std::vector<pid_t> readers;
+  for (std::uint32_t i = 0; i < 2; ++i) {
+    readers.push_back(forkChild([&, i] {
+      char g;
+      if (!go.receive(g)) return 10;
+      ReaderReport rep = verifyFor(root, "stress", kKeys, std::chrono::seconds(10), 100 + i);
+      reports.send(rep);
+      return 0;
+    }));
+  }
+  go.closeRead();
+  reports.closeWrite();
+
+  auto em = manager(root);
+  auto status = IgpResultStatus::createIgpResultStatusWriter("stress", em, kKeys);
+  std::uint64_t version = 0;
+  for (std::uint32_t k = 1; k <= kKeys; ++k) status->resultIs(versionedRecord(k, ++version));
+  go.send('g');
+  go.send('g');
+  std::mt19937 rng(5);
+  std::size_t running = readers.size();
+  while (running > 0) {
+    for (int i = 0; i < 4096; ++i) {
+      std::uint32_t k = 1 + rng() % kKeys;
+      status->resultIs(versionedRecord(k, ++version));
+    }
+    running = 0;
+    for (pid_t p : readers) running += waitpid(p, nullptr, WNOHANG) == 0 ? 1 : 0;
+  }
+  for (std::size_t i = 0; i < readers.size(); ++i) {
+    ReaderReport rep;
+    ASSERT_TRUE(reports.receive(rep)) << "reader " << i << " did not report";
+    EXPECT_EQ(rep.torn, 0u) << "reader " << i;
+    EXPECT_EQ(rep.regressions, 0u) << "reader " << i;
+    EXPECT_EQ(rep.reports, 0u) << "reader " << i;
+    EXPECT_GT(rep.whole, 0u) << "reader " << i;
+    EXPECT_GT(rep.listed, 0u) << "reader " << i;
+    std::printf("reader %zu: %lu whole, %lu absent, %lu listed\n", i, static_cast<unsigned long>(rep.whole),
+                static_cast<unsigned long>(rep.absent), static_cast<unsigned long>(rep.listed));
+  }
+  std::printf("writer: %lu writes\n", static_cast<unsigned long>(version));
+}
+
+// Writers killed with SIGKILL at random moments, one after another on the same table: the reader
+// only ever sees whole records, and follows each new writer.
+TEST(ShelfProcess, WritersKilledMidWriteLeaveOnlyWholeRecords) {
+  TempRoot root;
+  constexpr std::uint32_t kKeys = 300;
+  auto em = manager(root);
+  auto view = IgpResultStatus::createIgpResultStatusReader("killed", em);
+  std::uint64_t reports = 0, whole = 0, torn = 0;
+  view->resultControl()->corruptionHandlerIs([&](std::string_view) { ++reports; });
+  auto check = [&](const IgpResult& r) { (isWholeRecord(r) ? whole : torn) += 1; };
+  std::mt19937 rng(11);
+  std::uint64_t generations = 0;
+
+  for (std::uint32_t round = 0; round < 30; ++round) {
+    pid_t writer = forkChild([&] {
+      auto wem = manager(root);
+      auto status = IgpResultStatus::createIgpResultStatusWriter("killed", wem, kKeys);
+      std::uint64_t version = std::uint64_t{round} << 32;
+      while (true) {
+        for (std::uint32_t k = 1; k <= kKeys; ++k) {
+          if (++version % 7 == 0) {
+            status->resultDel(IgpResultId(k));
+          } else {
+            status->resultIs(versionedRecord(k, version));
+          }
+        }
+      }
+      return 0;
+    });
+    auto killAt = Clock::now() + std::chrono::microseconds(2000 + rng() % 25000);
+    while (Clock::now() < killAt) {
+      if (auto r = view->result(IgpResultId(1 + rng() % kKeys))) check(*r);
+    }
+    kill(writer, SIGKILL);
+    EXPECT_EQ(exitCodeOf(writer), 128 + SIGKILL);
+    for (std::uint32_t k = 1; k <= kKeys; ++k) {
+      if (auto r = view->result(IgpResultId(k))) check(*r);
+    }
+    view->resultForEach(check);
+    generations = std::max(generations, view->resultControl()->reader()->generation());
+  }
+  EXPECT_EQ(torn, 0u);
+  EXPECT_EQ(reports, 0u);
+  EXPECT_GT(whole, 0u);
+  EXPECT_GT(generations, 1u) << "the reader followed the writers to their new tables";
+}
+
+TEST(ShelfProcess, AReaderProcessSurvivesADamagedTable) {
+  TempRoot root;
+  auto em = manager(root);
+  auto status = IgpResultStatus::createIgpResultStatusWriter("damaged", em, 64);
+  for (std::uint32_t k = 1; k <= 10; ++k) status->resultIs(versionedRecord(k, k));
+  const std::string path = root.path() + "/routing/rib/igpResultStatus/damaged";
+  {
+    // Find record 5 by its domain id, which no other record shares, and change one of its bytes.
+    FILE* f = std::fopen(path.c_str(), "r+b");
+    ASSERT_NE(f, nullptr);
+    std::string bytes(1 << 20, '\0');
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), f));
+    std::uint64_t domain = versionedRecord(5, 5).ospfDomainId;
+    std::size_t at = bytes.find(std::string(reinterpret_cast<const char*>(&domain), 8));
+    ASSERT_NE(at, std::string::npos);
+    std::fseek(f, static_cast<long>(at), SEEK_SET);
+    std::fputc(bytes[at] ^ 1, f);
+    std::fclose(f);
+  }
+  auto out = testing_support::runTool("igp-results show damaged --root " + root.path());
+  EXPECT_EQ(out.status, 0);
+  EXPECT_NE(out.out.find("corruption: Shelf " + path + ": checksum mismatch in slot"), std::string::npos) << out.out;
+  for (std::uint32_t k = 1; k <= 10; ++k) {
+    bool listed = out.out.find(Kelp::valueToStrep(versionedRecord(k, k))) != std::string::npos;
+    EXPECT_EQ(listed, k != 5) << k;
+  }
+}
+
+TEST(ShelfProcess, TheToolWatchesChangesAsTheyArrive) {
+  TempRoot root;
+  Pipe output;
+  pid_t watcher = fork();
+  if (watcher == 0) {
+    dup2(output.fd[1], 1);
+    output.closeRead();
+    std::string bin = std::string(BGPCOMMON_BIN_DIR) + "/bgpcommon";
+    execl(bin.c_str(), bin.c_str(), "igp-results", "watch", "live", "--root", root.path().c_str(), "--count", "4",
+          "--timeout", "30", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  output.closeWrite();
+  auto em = manager(root);
+  auto status = IgpResultStatus::createIgpResultStatusWriter("live", em, 1000);
+  std::uint32_t k = 0;
+  while (waitpid(watcher, nullptr, WNOHANG) == 0 && k < 1000) {
+    ++k;
+    status->resultIs(versionedRecord(k, k));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  std::string text;
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(output.fd[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<std::size_t>(n));
+  std::istringstream lines(text);
+  std::string line;
+  std::vector<std::string> changes;
+  while (std::getline(lines, line)) {
+    if (!line.starts_with("writer ")) changes.push_back(line);
+  }
+  ASSERT_GE(changes.size(), 4u) << text;
+  EXPECT_TRUE(changes[0].starts_with("resync ")) << text;
+  for (std::size_t i = 1; i < changes.size(); ++i) {
+    std::uint32_t key = std::stoul(changes[i]);
+    EXPECT_EQ(changes[i], std::to_string(key) + " " + Kelp::valueToStrep(versionedRecord(key, key)));
+  }
+}
+
+}  // namespace
+}  // namespace Routing::BgpRedistribute

@@ -1,0 +1,181 @@
+// bgpcommon igp-results show | watch | write: the shared-memory IGP result table from the shell.
+//
+//   bgpcommon igp-results show vrf1 [--root DIR] [--json]     every record, sorted by key
+//   bgpcommon igp-results watch vrf1 [--count N] [--timeout S] each change as it arrives
+//   bgpcommon igp-results write vrf1 --records N [--size N]    fill a table with sample records
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "BgpCommon/FilteredRtStatus.h"
+#include "tools/Command.h"
+
+namespace {
+
+using Routing::BgpRedistribute::IgpResult;
+using Routing::BgpRedistribute::IgpResultId;
+using Routing::BgpRedistribute::IgpResultStatus;
+
+struct Options {
+  std::string name;
+  std::string root;
+  bool json = false;
+  std::uint32_t count = 0;
+  double timeout = 10.0;
+  std::uint32_t records = 0;
+  std::uint32_t size = 1024;
+  std::uint32_t first = 1;
+};
+
+nlohmann::json toJson(const IgpResult& r) {
+  nlohmann::json communities = nlohmann::json::array();
+  for (auto it = r.community.begin(); it; ++it) communities.push_back(it.value());
+  return {
+      {"key", r.key.value},
+      {"preference", r.preference.value},
+      {"ospfBitDn", r.ospfBitDn},
+      {"ospfv3BitDn", r.ospfv3BitDn},
+      {"metric", r.metric.isSet() ? nlohmann::json(r.metric.value()) : nlohmann::json(nullptr)},
+      {"isisLevel", Routing::Isis::stringValue(r.isisLevel)},
+      {"ospfMetricType", Routing::Ospf::stringValue(r.ospfMetricType)},
+      {"ospfDomainId", r.ospfDomainId},
+      {"ospfRouteType", r.ospfRouteType},
+      {"tag", r.tag.value},
+      {"community", communities},
+  };
+}
+
+// Attaches as a reader; corruption found while reading is reported on stderr.
+Kelp::Ptr<IgpResultStatus> attach(const Options& opt) {
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
+  Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusReader(opt.name, em);
+  if (!status) {
+    std::fprintf(stderr, "%s holds no IGP result table\n", IgpResultStatus::mountPath(opt.name).c_str());
+    throw CLI::RuntimeError(1);
+  }
+  status->resultControl()->corruptionHandlerIs(
+      [](std::string_view m) { std::fprintf(stderr, "corruption: %.*s\n", static_cast<int>(m.size()), m.data()); });
+  return status;
+}
+
+std::string rootOf(const Options& opt) { return opt.root.empty() ? Shelf::Location::defaultRoot() : opt.root; }
+
+void show(const Options& opt) {
+  Kelp::Ptr<IgpResultStatus> status = attach(opt);
+  if (!status->resultControl()->reader()->attached()) {
+    std::fprintf(stderr, "no table at %s/%s\n", rootOf(opt).c_str(), IgpResultStatus::mountPath(opt.name).c_str());
+    throw CLI::RuntimeError(1);
+  }
+  std::vector<IgpResult> records;
+  status->resultForEach([&](const IgpResult& r) { records.push_back(r); });
+  std::sort(records.begin(), records.end(), [](const IgpResult& a, const IgpResult& b) { return a.key.value < b.key.value; });
+  if (opt.json) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const IgpResult& r : records) out.push_back(toJson(r));
+    std::printf("%s\n", out.dump().c_str());
+  } else {
+    for (const IgpResult& r : records) std::printf("%s\n", Kelp::valueToStrep(r).c_str());
+  }
+}
+
+// Prints one line per change: "KEY <long form>" or "KEY deleted", and "resync N" when the whole
+// table must be read again (first attach, new writer, clear, or a lost change).
+class Printer : public IgpResultStatus::Notifiee {
+ public:
+  explicit Printer(IgpResultStatus* s) : status_(s) {}
+  void onResult(IgpResultId key) override {
+    std::optional<IgpResult> r = status_->result(key);
+    std::printf("%u %s\n", key.value, r ? Kelp::valueToStrep(*r).c_str() : "deleted");
+    ++lines;
+  }
+  void onResultMountStatus() override {
+    std::printf("resync %u\n", status_->resultCount());
+    ++lines;
+  }
+  void onResultQuiesced(bool quiesced) override { std::printf("writer %s\n", quiesced ? "closed" : "open"); }
+  std::uint32_t lines = 0;
+
+ private:
+  IgpResultStatus* status_;
+};
+
+void watch(const Options& opt) {
+  Kelp::Ptr<IgpResultStatus> status = attach(opt);
+  Printer printer(status.get());
+  status->notifieeIs(&printer);
+  auto control = status->resultControl();
+  double left = opt.timeout;
+  const double step = 0.05;
+  while ((opt.count == 0 || printer.lines < opt.count) && left > 0) {
+    control->waitForChanges(std::min(step, left));
+    left -= step;
+    control->poll();
+    std::fflush(stdout);
+  }
+  status->notifieeDel(&printer);
+  if (opt.count != 0 && printer.lines < opt.count) throw CLI::RuntimeError(2);
+}
+
+// Sample record `key`, every field derived from the key so that readers can check it.
+IgpResult sample(std::uint32_t key) {
+  IgpResult r{IgpResultId(key)};
+  r.preference = static_cast<std::uint8_t>(key % 200 + 1);
+  r.tag = key * 10;
+  r.metric.valueIs(key * 3);
+  r.ospfDomainId = key;
+  for (std::uint32_t i = 0; i < key % 5; ++i) {
+    r.communityIs(Routing::BgpRedistribute::CommunityIndex(i), (65000u << 16) + key + i);
+  }
+  return r;
+}
+
+void write(const Options& opt) {
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
+  Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusWriter(opt.name, em, opt.size);
+  for (std::uint32_t i = 0; i < opt.records; ++i) status->resultIs(sample(opt.first + i));
+  std::printf("wrote %u records to %s\n", opt.records, IgpResultStatus::mountPath(opt.name).c_str());
+}
+
+tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
+  auto* cmd = app.add_subcommand("igp-results", "Show, watch or fill a shared-memory IGP result table");
+  cmd->require_subcommand(1);
+  static Options opt;
+  auto common = [](CLI::App* c) {
+    c->add_option("NAME", opt.name, "Table name (the last component of routing/rib/igpResultStatus/NAME)")->required();
+    c->add_option("--root", opt.root, "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)");
+  };
+  auto run = [](void (*fn)(const Options&)) {
+    return [fn] {
+      try {
+        fn(opt);
+      } catch (const CLI::RuntimeError&) {
+        throw;
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", e.what());
+        throw CLI::RuntimeError(1);
+      }
+    };
+  };
+
+  auto* s = cmd->add_subcommand("show", "Print every record (long text form, or JSON)");
+  common(s);
+  s->add_flag("--json", opt.json, "Print a JSON array");
+  s->callback(run(show));
+
+  auto* w = cmd->add_subcommand("watch", "Print each change as it arrives (exit 2 when --count is not reached)");
+  common(w);
+  w->add_option("--count", opt.count, "Stop after this many change lines");
+  w->add_option("--timeout", opt.timeout, "Stop after this many seconds (default 10)");
+  w->callback(run(watch));
+
+  auto* f = cmd->add_subcommand("write", "Create the table (empty) and store sample records 1..N");
+  common(f);
+  f->add_option("--records", opt.records, "How many sample records");
+  f->add_option("--size", opt.size, "Capacity of the table (default 1024)");
+  f->add_option("--first", opt.first, "Key of the first record (default 1)");
+  f->callback(run(write));
+});
+
+}  // namespace
