@@ -9,6 +9,11 @@ namespace Routing::Bgp {
 
 BgpIdAllocator::BgpIdAllocator(const Kelp::String& name) : name_(name) {}
 
+void BgpIdAllocator::traceId(const Pico::SourcePos& pos, const char* mode, U32 id) const {
+  Pico::fmtrace(pos, Pico::kTraceLevelOperational, " {} {}{} id {:#x}", static_cast<const void*>(this), mode, name_,
+                id);
+}
+
 U32 BgpIdAllocator::largestAllocatedIdInc(U32 by) { return largestAllocatedId_ += by; }
 
 U32 BgpIdAllocator::freeIdFront() const {

@@ -34,7 +34,8 @@
 namespace Routing::Bgp {
 
 // An identifier waiting in an allocator's queue for reuse, under its queue index.
-class KelpFreeId : public Kelp::LinkQueueEntry<KelpFreeId, U32> {
+// Aligned so that an entry (28 bytes) never straddles two cache lines.
+class alignas(32) KelpFreeId : public Kelp::LinkQueueEntry<KelpFreeId, U32> {
  public:
   U32 value = 0;  // the freed identifier
 };
@@ -81,8 +82,14 @@ class BgpIdAllocator : public Kelp::PtrInterface {
   Kelp::String debugString() const;
 
  private:
+  // Writes the trace line " <address> <mode><name> id 0x<id>" as from `pos` (kept out of line so
+  // that allocate and free stay small enough to inline).
+  void traceId(const Pico::SourcePos& pos, const char* mode, U32 id) const;
+
   const Kelp::String name_;
-  mutable std::mutex mutex_;  // guards freeId_ and largestAllocatedId_ in allocate and free
+  // Guards freeId_ and largestAllocatedId_ in allocate and free. It starts a cache line and the
+  // queue's fields follow it, so a thread taking the lock fetches two lines for all of it.
+  alignas(64) mutable std::mutex mutex_;
   FreeIdQueue freeId_;
   U32 largestAllocatedId_ = 0;
 };
@@ -97,15 +104,16 @@ inline U32 BgpIdAllocator::allocate() {
     reused = freeId_.deq([&id](const KelpFreeId& e) { id = e.value; });
     if (!reused) id = ++largestAllocatedId_;
   }
-  PICO_FMTRACE(Pico::kTraceLevelOperational, " {} {}{} id {:#x}", static_cast<const void*>(this),
-               reused ? "reuse" : "new", name_, id);
+  if (Pico::traceEnabled(Pico::kTraceLevelOperational)) [[unlikely]] {
+    traceId(PICO_SOURCE_POS(), reused ? "reuse" : "new", id);
+  }
   // Reached only when the counter wrapped past 4294967295 with nothing to reuse.
   PICO_ASSERT(BgpIdAllocator::invalidId() != id);
   return id;
 }
 
 inline void BgpIdAllocator::free(U32 id) {
-  PICO_FMTRACE(Pico::kTraceLevelOperational, " {} free {} id {:#x}", static_cast<const void*>(this), name_, id);
+  if (Pico::traceEnabled(Pico::kTraceLevelOperational)) [[unlikely]] traceId(PICO_SOURCE_POS(), "free ", id);
   PICO_ASSERT(BgpIdAllocator::invalidId() != id);
   std::lock_guard<std::mutex> lock(mutex_);
   freeId_.enq().value = id;
