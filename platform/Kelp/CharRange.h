@@ -21,6 +21,8 @@ class CharRange {
   explicit CharRange(std::string_view text) : text_(text) {}
   explicit CharRange(const char* text) : text_(text) {}
   explicit CharRange(const std::string& text) : text_(text) {}
+  // A range views its text: it must not outlive it, so a temporary string is refused.
+  CharRange(std::string&&) = delete;
 
   bool empty() const { return pos_ >= text_.size(); }
   std::size_t position() const { return pos_; }

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <ostream>
+#include <utility>
 #include <string_view>
 
 #include "platform/Kelp/TextForm.h"

@@ -1,5 +1,7 @@
 #include "platform/Netzo/IpGenPrefix.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "platform/Kelp/Hash.h"

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <ostream>
+#include <utility>
 #include <string_view>
 
 #include "platform/Netzo/IpAddr.h"

@@ -24,6 +24,7 @@
 #include <functional>
 #include <initializer_list>
 #include <ostream>
+#include <utility>
 #include <string_view>
 #include <vector>
 

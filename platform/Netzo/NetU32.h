@@ -9,6 +9,7 @@
 //   w.hostValue();                                            // 0x0a000001 on any host
 
 #include <bit>
+#include <compare>
 #include <cstdint>
 
 namespace Netzo {

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <absl/container/flat_hash_set.h>
+
 #include <random>
 #include <set>
+#include <unordered_set>
 
 #include "platform/Kelp/Registry.h"
 #include "platform/Netzo/AutonomousSystem.h"
@@ -375,6 +378,32 @@ TEST(Netzo, Registered) {
   IpGenPrefix p = IpGenPrefix::fromString("10.0.0.0/8");
   ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &p, length, Kelp::attrOpCall, nullptr), 0);
   EXPECT_EQ(std::any_cast<std::uint8_t>(result), 8);
+}
+
+// The types key the standard and the abseil hash containers directly.
+TEST(Netzo, HashContainerKeys) {
+  const char* texts[] = {"10.0.0.0/8", "10.0.0.0/9", "10.0.0.1/8", "::/0", "::/1", "None"};
+  absl::flat_hash_set<IpGenPrefix> abslSet;
+  std::unordered_set<IpGenPrefix> stdSet;
+  for (const char* t : texts) {
+    abslSet.insert(IpGenPrefix::fromString(t));
+    stdSet.insert(IpGenPrefix::fromString(t));
+  }
+  EXPECT_EQ(abslSet.size(), std::size(texts));
+  EXPECT_EQ(stdSet.size(), std::size(texts));
+  for (const char* t : texts) {
+    EXPECT_TRUE(abslSet.contains(IpGenPrefix::fromString(t))) << t;
+    EXPECT_EQ(stdSet.count(IpGenPrefix::fromString(t)), 1u) << t;
+  }
+  EXPECT_FALSE(abslSet.contains(IpGenPrefix::fromString("10.0.0.0/10")));
+  absl::flat_hash_set<IpAddr> a{IpAddr(1, 2, 3, 4)};
+  absl::flat_hash_set<Ip6Addr> b{Ip6Addr::fromString("::1")};
+  absl::flat_hash_set<IpGenAddr> c{IpAddr(1, 2, 3, 4), Ip6Addr::fromString("::1")};
+  absl::flat_hash_set<AutonomousSystem> d{70000u};
+  absl::flat_hash_set<MplsLabelStack> e{MplsLabelStack{MplsLabel(16)}};
+  EXPECT_TRUE(a.contains(IpAddr(1, 2, 3, 4)) && b.contains(Ip6Addr::fromString("::1")) &&
+              c.contains(Ip6Addr::fromString("::1")) && !c.contains(Ip6Addr()) && d.contains(70000u) &&
+              e.contains(MplsLabelStack{MplsLabel(16)}));
 }
 
 TEST(NetzoDeathTest, Misuse) {

@@ -1,0 +1,195 @@
+#pragma once
+// Serialize: the append-only byte writer that BGP message bodies and attribute values are built in.
+//
+// It appends fixed-width integers, addresses, AFI/SAFI pairs, AS numbers, MPLS labels and raw
+// byte runs at its write offset and hands back any tail of what it has written. Every multi-octet
+// writer whose name ends in "hton", and every address, AFI, AS and label writer, puts the most
+// significant octet first (network order). addU16n/addU32n/addU64n take values that are already
+// in network order and copy their octets as they lie in memory. No writer adds a length or type
+// prefix of its own.
+//
+// Limit: a BGP message is at most 65535 octets even with the extended message capability
+// (RFC 8654), so no more than that can ever be held. An add that would go past it throws
+// Kelp::RangeException "Serialized bytes exceed bgpMaxExtendedMessageSize" before writing
+// anything; what was written before stays intact and usable.
+//
+// Storage: the first inlineCapacity octets live inside the object, so building an ordinary message
+// (a classic BGP message is at most 4096 octets, RFC 4271) never touches the heap. Past that the
+// buffer moves to the heap and its capacity doubles on each growth, so appends are amortised
+// constant time.
+//
+//   Routing::Bgp::Serialize s;
+//   s.addU8(0x40);                               // ORIGIN: flags, type, length, value
+//   s.addU8(1);
+//   s.addU8(1);
+//   s.addU8(0);
+//   Routing::Bgp::U32 mark = s.writeOffset();
+//   s.addAfiSafi({Routing::Bgp::afiIpv4, Routing::Bgp::safiMplsVpn});
+//   Kelp::Bytes afiSafiOctets = s.serializedBytes(mark);   // 00 01 80
+//
+// One writer owns a Serialize; it has no locking.
+
+#include <cstdint>
+#include <cstring>
+
+#include "platform/Kelp/TextForm.h"
+#include "platform/Netzo/AddressFamily.h"
+#include "platform/Netzo/AutonomousSystem.h"
+#include "platform/Netzo/IpAddr.h"
+#include "platform/Netzo/MplsLabel.h"
+#include "platform/Pico/Assert.h"
+#include "platform/Routing/AfiSafi.h"
+
+namespace Routing::Bgp {
+
+using U8 = std::uint8_t;
+using U16 = std::uint16_t;
+using U32 = std::uint32_t;
+using U64 = std::uint64_t;
+
+// The largest BGP message with the extended message capability (RFC 8654).
+inline constexpr U32 bgpMaxExtendedMessageSize = 0xFFFF;
+
+class Serialize {
+ public:
+  // Octets held inside the object before the first growth.
+  static constexpr U32 inlineCapacity = 4096;
+
+  // User-provided so that even Serialize{} leaves the inline storage unwritten.
+  Serialize() noexcept {}
+  ~Serialize();
+  Serialize(const Serialize&) = delete;
+  Serialize& operator=(const Serialize&) = delete;
+  // Takes over the other's octets; the other is left empty.
+  Serialize(Serialize&& other) noexcept;
+  Serialize& operator=(Serialize&&) = delete;
+
+  // Octets written so far; the next octet goes here. Note it before writing a piece to take the
+  // piece out afterwards with serializedBytes(mark).
+  U32 writeOffset() const { return writeOffset_; }
+  // Octets available at the buffer (never above bgpMaxExtendedMessageSize).
+  U32 capacity() const { return capacity_; }
+  // True until the first growth moves the octets to the heap.
+  bool usesInlineStorage() const { return buffer_ == inline_; }
+  // The octets written, writeOffset() of them.
+  const U8* data() const { return reinterpret_cast<const U8*>(buffer_); }
+
+  void addU8(U8 v) { put8(reserve(1), v); }
+  // Already in network order: the octets as they lie in memory.
+  void addU16n(U16 v) { putMemory(reserve(2), v); }
+  void addU32n(U32 v) { putMemory(reserve(4), v); }
+  void addU64n(const U64& v) { putMemory(reserve(8), v); }
+  // Host order in, big-endian out.
+  void addU16hton(U16 v) { put16(reserve(2), v); }
+  void addU32hton(U32 v) { put32(reserve(4), v); }
+  void addU64hton(const U64& v) {
+    Octet* p = reserve(8);
+    put32(p, static_cast<U32>(v >> 32));
+    put32(p + 4, static_cast<U32>(v));
+  }
+  // Bits 23..0 of `v`, big-endian; higher bits are dropped.
+  void addU24hton(U32 v) { put24(reserve(3), v); }
+  // Bits 19..0 of `v` in three octets, big-endian (the first octet's high nibble is zero).
+  void addU20hton(U32 v) { put24(reserve(3), v & 0x0FFFFF); }
+  void addData(const U8* data, U32 len) {
+    Octet* p = reserve(len);
+    if (len != 0) std::memcpy(p, data, len);
+  }
+  void addString(const Kelp::String& s) { addData(reinterpret_cast<const U8*>(s.data()), static_cast<U32>(s.size())); }
+  void addBytes(const Kelp::Bytes& b) { addData(b.data(), static_cast<U32>(b.size())); }
+
+  // AFI in two octets, then SAFI in one (the MP_REACH_NLRI / MP_UNREACH_NLRI layout of RFC 4760).
+  void addAfiSafi(AfiSafi afiSafi) {
+    Octet* p = reserve(3);
+    put16(p, afiSafi.afi());
+    // Only the narrowing to one octet needs the SAFI to be small.
+    PICO_ASSERT(afiSafi.safi() <= 0xFF);
+    put8(p + 2, static_cast<U8>(afiSafi.safi()));
+  }
+  // Four octets, or two for a speaker without four-octet AS support (RFC 6793), in which case
+  // the number must fit.
+  void addAutonomousSystem(Netzo::AutonomousSystem asn, bool fourOctet) {
+    if (fourOctet) {
+      addU32hton(asn.value());
+    } else {
+      PICO_ASSERT(asn.value() <= 0xFFFF);
+      addU16hton(static_cast<U16>(asn.value()));
+    }
+  }
+  // The family as a two-octet AFI.
+  void addAddrFamily(Netzo::AddressFamily af) { put16(reserve(2), static_cast<U8>(af)); }
+  void addIpv4Addr(Netzo::IpAddr a) { addU32n(a.value()); }
+  void addIpv6Addr(const Netzo::Ip6Addr& a) { putOctets(reserve(16), a.octets().data(), 16); }
+  // Four or sixteen address octets by family, with neither family nor length.
+  void addIpGenAddr(const Netzo::IpGenAddr& a);
+
+  // MPLS labels in NLRI (RFC 8277, RFC 4364): three octets, label in the top 20 bits, the
+  // bottom-of-stack bit in the lowest.
+  void add3octetMplsLabelHton(U32 v) { put24(reserve(3), v); }
+  // A label below 2^20 is shifted into place; a larger value is taken as an already encoded field.
+  void add3octetMplsLabel(Netzo::MplsLabel label, bool bottomOfStack) {
+    U32 field = label.value() < (1u << 20) ? label.value() << 4 : label.value();
+    if (bottomOfStack) field |= 1;
+    put24(reserve(3), field);
+  }
+  // Each label stack entry as a three-octet NLRI label: label and S bit kept, TC and TTL dropped.
+  void add3octetMplsLabelStack(const Netzo::MplsLabelStack& stack);
+
+  // The octets from `_offset` to the write offset. `_offset` is a write offset noted earlier.
+  Kelp::String serializedString(U32 _offset) const;
+  Kelp::Bytes serializedBytes(U32 _offset) const;
+
+  // Makes room for `needed` more octets: throws Kelp::RangeException when the total would exceed
+  // bgpMaxExtendedMessageSize, std::bad_alloc when memory runs out; otherwise at least doubles
+  // the capacity. The content is unchanged either way.
+  void growBuffer(U32 needed);
+
+ private:
+  // The storage is char8_t, not unsigned char: char8_t may not alias other objects, so the
+  // compiler keeps writeOffset_ and buffer_ in registers across a run of inlined adds instead of
+  // reloading them after every octet stored. All writes go through Octet; reads out use memcpy.
+  using Octet = char8_t;
+
+  [[noreturn]] static void throwLimitExceeded();
+
+  // Reserves `n` octets at the write offset and returns where they go.
+  Octet* reserve(U32 n) {
+    if (capacity_ - writeOffset_ < n) [[unlikely]] growBuffer(n);
+    Octet* p = buffer_ + writeOffset_;
+    writeOffset_ += n;
+    return p;
+  }
+  static void put8(Octet* p, U8 v) { p[0] = static_cast<Octet>(v); }
+  static void put16(Octet* p, U16 v) {
+    p[0] = static_cast<Octet>(v >> 8);
+    p[1] = static_cast<Octet>(v);
+  }
+  static void put24(Octet* p, U32 v) {
+    p[0] = static_cast<Octet>(v >> 16);
+    p[1] = static_cast<Octet>(v >> 8);
+    p[2] = static_cast<Octet>(v);
+  }
+  static void put32(Octet* p, U32 v) {
+    p[0] = static_cast<Octet>(v >> 24);
+    p[1] = static_cast<Octet>(v >> 16);
+    p[2] = static_cast<Octet>(v >> 8);
+    p[3] = static_cast<Octet>(v);
+  }
+  // The octets of `v` in memory order.
+  template <typename T>
+  static void putMemory(Octet* p, T v) {
+    U8 octets[sizeof v];
+    std::memcpy(octets, &v, sizeof v);
+    putOctets(p, octets, sizeof v);
+  }
+  static void putOctets(Octet* p, const U8* src, U32 n) {
+    for (U32 i = 0; i < n; ++i) p[i] = static_cast<Octet>(src[i]);
+  }
+
+  Octet* buffer_ = inline_;            // inline_ until the first growth, then a heap block
+  U32 writeOffset_ = 0;                // octets written; at most capacity_
+  U32 capacity_ = inlineCapacity;      // octets at buffer_; never 0, never above 65535
+  Octet inline_[inlineCapacity];       // deliberately left uninitialised
+};
+
+}  // namespace Routing::Bgp

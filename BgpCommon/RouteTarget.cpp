@@ -1,0 +1,209 @@
+#include "BgpCommon/RouteTarget.h"
+
+#include <string>
+
+#include <fmt/format.h>
+
+#include "platform/Kelp/Registry.h"
+#include "platform/Pico/Assert.h"
+
+namespace Routing::Bgp {
+
+namespace {
+
+using U64 = std::uint64_t;
+
+constexpr U64 kSubtypeRouteTarget = 2;
+
+constexpr unsigned typeOctet(U64 v) { return static_cast<unsigned>(v >> 56); }
+constexpr unsigned subtypeOctet(U64 v) { return static_cast<unsigned>(v >> 48 & 0xFF); }
+
+// The canonical community word: type, subtype 2, a 32-bit global and a 16-bit local administrator.
+constexpr U64 makeWide(U64 type, U64 global, U64 local) {
+  return type << 56 | kSubtypeRouteTarget << 48 | (global & 0xFFFFFFFF) << 16 | (local & 0xFFFF);
+}
+
+[[noreturn]] void fail(const char* message) { throw Kelp::RangeException(message); }
+
+// A decimal number as Kelp::dectol reads it. Up to 19 digits cannot overflow, so the common case
+// is converted here; anything else (empty, a non-digit, 20 digits or more) goes to dectol, which
+// converts it or throws its own message.
+U64 decimal(std::string_view digits) {
+  if (!digits.empty() && digits.size() <= 19) {
+    U64 v = 0;
+    for (char c : digits) {
+      const unsigned d = static_cast<unsigned char>(c) - unsigned{'0'};
+      if (d > 9) return Kelp::dectol(digits, "RouteTarget");
+      v = v * 10 + d;
+    }
+    return v;
+  }
+  return Kelp::dectol(digits, "RouteTarget");
+}
+
+}  // namespace
+
+RouteTarget RouteTarget::fromTwoOctetAs(Netzo::AutonomousSystem asn, std::uint32_t localAdmin) {
+  PICO_ASSERT(asn.value() <= 0xffff);
+  return RouteTarget(U64{asn.value()} << 32 | localAdmin);
+}
+
+RouteTarget RouteTarget::fromFourOctetAs(Netzo::AutonomousSystem asn, std::uint16_t localAdmin) {
+  return RouteTarget(U64{2} << 48 | U64{asn.value()} << 16 | localAdmin);
+}
+
+RouteTarget RouteTarget::fromIpaddress(Netzo::IpAddr addr, std::uint16_t localAdmin) {
+  return RouteTarget(U64{1} << 48 | U64{addr.hostValue()} << 16 | localAdmin);
+}
+
+RouteTarget::ExtCommType RouteTarget::extCommType() const {
+  unsigned t = typeOctet(value);
+  return t <= 2 ? static_cast<ExtCommType>(t) : ExtCommType::invalidType;
+}
+
+RouteTarget::ExtCommSubtype RouteTarget::extCommSubtype() const {
+  return subtypeOctet(value) == kSubtypeRouteTarget ? ExtCommSubtype::routeTarget : ExtCommSubtype::invalidSubtype;
+}
+
+bool RouteTarget::extCommValueIsValidRouteTarget() const {
+  return typeOctet(value) <= 2 && subtypeOctet(value) == kSubtypeRouteTarget;
+}
+
+std::uint32_t RouteTarget::globalAdmin() const {
+  switch (typeOctet(value)) {
+    case 0: return static_cast<std::uint32_t>(value >> 32 & 0xFFFF);
+    case 1:
+    case 2: return static_cast<std::uint32_t>(value >> 16);
+    default: return 0;
+  }
+}
+
+std::uint32_t RouteTarget::localAdmin() const {
+  switch (typeOctet(value)) {
+    case 0: return static_cast<std::uint32_t>(value);
+    case 1:
+    case 2: return static_cast<std::uint32_t>(value & 0xFFFF);
+    default: return 0;
+  }
+}
+
+Netzo::AutonomousSystem RouteTarget::asn() const {
+  switch (typeOctet(value)) {
+    case 0: return static_cast<std::uint32_t>(value >> 32 & 0xFFFF);
+    case 2: return static_cast<std::uint32_t>(value >> 16);
+    default: return 0;
+  }
+}
+
+Netzo::IpAddr RouteTarget::ipv4Addr() const {
+  if (typeOctet(value) != 1) return Netzo::IpAddr();
+  return Netzo::IpAddr::fromHostOrder(static_cast<std::uint32_t>(value >> 16));
+}
+
+std::uint32_t RouteTarget::hash(std::uint32_t seed) const { return Kelp::hashFields(*this, seed); }
+
+// The checks run in a fixed order, and the first that fails names the fault:
+//   1. scan to the separator, ":" or "L:", counting dots ("L" without ":" is an error);
+//   2. no separator: the hex form, exactly 18 characters and no dots;
+//   3. something before and after the separator;
+//   4. the global part by its dots: 1 asdot AS, 3 IPv4 address, 0 plain AS, others an error;
+//   5. for the four-octet forms, a local administrator of at most 65535.
+void RouteTarget::stringValueIs(const Kelp::String& text) {
+  const std::string_view s = text;
+  const std::size_t n = s.size();
+  std::size_t dots = 0;
+  std::size_t separator = std::string_view::npos;
+  std::size_t localStart = 0;
+  bool fourOctetForced = false;
+  for (std::size_t i = 0; i < n; ++i) {
+    const char c = s[i];
+    if (c == ':') {
+      separator = i;
+      localStart = i + 1;
+      break;
+    }
+    if (c == 'L') {
+      if (i + 1 >= n || s[i + 1] != ':') fail("RouteTarget: colon not following L");
+      separator = i;
+      localStart = i + 2;
+      fourOctetForced = true;
+      break;
+    }
+    if (c == '.') ++dots;
+  }
+
+  if (separator == std::string_view::npos) {
+    if (n != 18) fail("RouteTarget: incorrect hex size");
+    if (dots != 0) fail("RouteTarget: missing colon");
+    // The C library's conversion: an optional "0x", hex digits up to the first other character.
+    // It reports no digits as std::invalid_argument and overflow as std::out_of_range, both
+    // "stoull".
+    value = std::stoull(text, nullptr, 16);
+    return;
+  }
+  if (separator == 0) fail("RouteTarget: no data before colon");
+  if (localStart >= n) fail("RouteTarget: no data after colon");
+
+  const std::string_view global = s.substr(0, separator);
+  const std::string_view local = s.substr(localStart);
+  U64 type;
+  U64 globalValue;
+  switch (dots) {
+    case 1: {  // asdot: high.low, combined in 32 bits
+      const std::size_t dot = global.find('.');
+      const U64 high = decimal(global.substr(0, dot));
+      const U64 low = decimal(global.substr(dot + 1));
+      globalValue = static_cast<std::uint32_t>(high << 16 | low);
+      type = 2;
+      break;
+    }
+    case 3: {
+      Netzo::IpAddr address;
+      address.stringValueIs(global);
+      globalValue = address.hostValue();
+      type = 1;
+      break;
+    }
+    case 0: {
+      const U64 as = decimal(global);
+      if (as > 0xFFFFFFFF) fail("RouteTarget: AS number exceeds 4 bytes");
+      if (as < 65536 && !fourOctetForced) {
+        // A two-octet AS leaves 32 bits for the local administrator; the number is kept in
+        // 32 bits as read.
+        const U64 localValue = static_cast<std::uint32_t>(decimal(local));
+        value = kSubtypeRouteTarget << 48 | as << 32 | localValue;
+        return;
+      }
+      globalValue = as;
+      type = 2;
+      break;
+    }
+    default:
+      fail("RouteTarget: unexpected number of dots");
+  }
+  const U64 localValue = decimal(local);
+  if (localValue > 0xFFFF) fail("RouteTarget: local admin exceeds 2 bytes");
+  value = makeWide(type, globalValue, localValue);
+}
+
+Kelp::String RouteTarget::toStrep(bool asDot) const {
+  if (!extCommValueIsValidRouteTarget()) return fmt::format("0x{:016x}", value);
+  switch (typeOctet(value)) {
+    case 0:
+      return fmt::format("{}:{}", Netzo::AutonomousSystem(globalAdmin()).displayString(asDot), localAdmin());
+    case 1:
+      return fmt::format("{}:{}", ipv4Addr().stringValue(), localAdmin());
+    default: {
+      // A four-octet AS below 65536 would read back as the two-octet form: "L" keeps it four.
+      const Netzo::AutonomousSystem as = asn();
+      return fmt::format("{}{}:{}", as.displayString(asDot), as.value() < 65536 ? "L" : "", localAdmin());
+    }
+  }
+}
+
+namespace {
+const Kelp::TypeModule module("RouteTarget", {Kelp::typeInfo<RouteTarget>(), Kelp::typeInfo<RouteTarget::ExtCommType>(),
+                                              Kelp::typeInfo<RouteTarget::ExtCommSubtype>()});
+}
+
+}  // namespace Routing::Bgp

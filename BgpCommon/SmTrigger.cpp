@@ -1,0 +1,27 @@
+#include "BgpCommon/SmTrigger.h"
+
+#include "platform/Kelp/Registry.h"
+
+namespace Routing::Bgp {
+
+void SmTrigger::triggerIs(U32 value) {
+  if (value == trigger_) return;
+  trigger_ = value;
+  notifiees_.notify("trigger");
+}
+
+U32 SmTrigger::triggerInc(U32 by) {
+  triggerIs(static_cast<U32>(trigger_ + by));
+  return trigger_;
+}
+
+Kelp::Ptr<SmTrigger> smTriggerFactory() { return Kelp::makePtr<SmTrigger>(); }
+
+Kelp::Ptr<SmTrigger> SmTriggerIs() { return smTriggerFactory(); }
+
+namespace {
+const Kelp::TypeInfo smTriggerType = Kelp::entityType("Routing::Bgp::SmTrigger", {"trigger"});
+const Kelp::TypeModule module("SmTrigger", {&smTriggerType});
+}  // namespace
+
+}  // namespace Routing::Bgp

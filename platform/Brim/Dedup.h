@@ -1,0 +1,337 @@
+#pragma once
+// The dedup-handle facility: interning of reference-counted values.
+//
+// Model. A dedup table holds at most one handle per distinct value. A handle is a reference-counted
+// framework object (Kelp::PtrInterface) that knows how to hash itself and compare itself with
+// another handle or with a plain content record. Interning a value answers the one handle the table
+// holds for it, creating and inserting it when the value is new; so two interned handles of one
+// table are equal exactly when they are the same object. The table holds one reference on each
+// handle it contains. When a release leaves only the table's reference, the handle leaves the table
+// and is destroyed; interning the same value later creates a new handle.
+//
+// Invariants:
+//   - a handle is in at most one table, and only in state `deduped`;
+//   - a table never holds two handles that compare equal;
+//   - an interned handle holds a reference on its table from insertion until it is destroyed, so a
+//     table outlives every handle it ever interned;
+//   - with a locked table (useLock/multiThreaded true), the decision to remove a handle at its last
+//     outside release is taken under the table's lock, after re-reading the count, and lookups take
+//     their reference under the same lock: a lookup never returns a handle that is being removed,
+//     and a value never has two handles in one table.
+//
+// Layers. DedupHashTable is the non-template core (locking, reference rule, notification);
+// DedupHashTableUnorderedSet stores the handles in an absl::flat_hash_set of pointers with
+// heterogeneous lookup, so that a content record on the stack finds its handle without allocating.
+// Typed code stays thin on top: a key type overrides hash/compare/compareByContent and passes an
+// allocation function that builds a key from its content record.
+//
+//   struct Key : Brim::DedupHandle { ... hash(), compare(), compareByContent() ... };
+//   auto table = Kelp::makePtr<Brim::DedupHashTableUnorderedSet>(/*useLock=*/true);
+//   Kelp::Ptr<Key> k = Brim::handleCast<Key>(table->findOrDedup(content, content.hash(), allocKey));
+//   k = nullptr;   // the last outside reference: the key leaves the table
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <type_traits>
+#include <vector>
+
+#include <absl/container/flat_hash_set.h>
+
+#include "platform/Kelp/Ptr.h"
+
+namespace Brim {
+
+class DedupHashTable;
+
+// A content record: the plain value a handle is looked up by. It holds nothing itself; derived
+// records carry the fields and the handle type's compareByContent reads them.
+struct DedupContentHandle {
+  bool operator==(const DedupContentHandle&) const { return true; }
+};
+
+// Where a handle stands with respect to tables. Kept in three bits of the handle.
+enum class DedupState : std::uint8_t {
+  neverDeduped = 0,      // built, never inserted into a table
+  deduped = 1,           // in its table
+  removedAtRelease = 2,  // was in a table, left it when only the table still referred to it
+  removedByTable = 3,    // was in a table, taken out by DedupHashTable::remove()
+  uncounted = 4,         // held by a table without a table reference (not produced by these tables)
+};
+
+class DedupHandleBase : public Kelp::PtrInterface {
+ public:
+  DedupHandleBase() = default;
+  // A copy is a new, un-interned handle with no references.
+  DedupHandleBase(const DedupHandleBase&) noexcept : Kelp::PtrInterface() {}
+  DedupHandleBase& operator=(const DedupHandleBase&) noexcept { return *this; }
+
+  DedupState dedupState() const { return stateOf(word_.load(std::memory_order_acquire)); }
+  // True while the handle is in a table.
+  virtual bool isDeduped() const { return dedupState() == DedupState::deduped; }
+  // True when the handle is or was in a table.
+  virtual bool everDeduped() const;
+  // Fails the assertion "isDeduped()" unless the handle is deduped (and the check is switched on).
+  virtual void assertIsDeduped() const;
+  // The bucket hash; equal handles and matching content records must hash alike.
+  virtual std::uint32_t hash() const = 0;
+  // Value equality with another handle of the same table.
+  virtual bool compare(const DedupHandleBase* other) const = 0;
+  // Value equality with a content record of this handle's type.
+  virtual bool compareByContent(const DedupContentHandle& content) const = 0;
+  // The table holding this handle; null unless deduped.
+  virtual DedupHashTable* getDedupHashTable() const;
+  // Records the table that holds the handle (done by the table when it inserts the handle).
+  virtual void setDedupHashTable(DedupHashTable* table);
+
+  // Releases one reference. An interned handle whose release would leave only the table's
+  // reference leaves its table; any other handle is destroyed when the count reaches zero.
+  void deleteRef() const override;
+
+  // Switches assertIsDeduped() off (true) or on (false) for the whole process.
+  static void assertIsDedupedDisabledIs(bool disabled);
+
+ protected:
+  void onZeroReferences() const override;
+
+ private:
+  friend class DedupHashTable;
+
+  // The table holds exactly one reference on each handle it contains.
+  static constexpr std::uint32_t kTableRefs = 1;
+  static constexpr std::uint32_t kStateMask = 0x7;
+  static constexpr int kTableShift = 8;
+
+  static DedupState stateOf(std::uint32_t w) { return static_cast<DedupState>(w & kStateMask); }
+  static std::uint32_t tableNumberOf(std::uint32_t w) { return w >> kTableShift; }
+  void stateIs(DedupState s) const;
+  void tableNumberIs(std::uint32_t number) const;
+  std::uint32_t tableNumber() const { return tableNumberOf(word_.load(std::memory_order_acquire)); }
+  std::uint32_t refCount() const { return refs_.load(std::memory_order_acquire); }
+  void takeRef() const { refs_.fetch_add(1, std::memory_order_relaxed); }
+  // Drops a reference that is known not to be the last one.
+  void dropRefKnownNotLast() const { refs_.fetch_sub(1, std::memory_order_acq_rel); }
+  void dropRef() const {
+    if (decrementRef() == 0) onZeroReferences();
+  }
+
+  // Bits 0-2: DedupState. Bits 8-31: the number of the table that holds (or held) the handle,
+  // 0 for none. The number is a compact stand-in for the table pointer (see DedupHashTable::number)
+  // that fits beside the reference count, so an interned key costs 16 octets before its own fields.
+  mutable std::atomic<std::uint32_t> word_{0};
+};
+
+// A handle allocated in ordinary process memory (for example an interned policy result).
+class DedupHandle : public DedupHandleBase {};
+
+// Told of a table's handles as they come and go. Called with the table's lock held: a notifiee
+// must not call back into the table, and must not keep or take references to a handle in
+// handleRemove (it is leaving).
+class DedupHashTableLifeTimeNotifiee : public Kelp::PtrInterface {
+ public:
+  // A new handle has been inserted.
+  virtual void handleInsert(const Kelp::Ptr<DedupHandleBase>& handle) const;
+  // A handle has left the table (its last outside reference went, or it was removed).
+  virtual void handleRemove(DedupHandleBase* handle) const;
+  // The table no longer reports to this notifiee.
+  virtual void handleNotificationStop(const Kelp::Ptr<const DedupHashTable>& table) const;
+};
+
+// Builds a new, un-interned handle from a content record (the allocation callback of findOrDedup).
+using DedupAllocFn = DedupHandleBase* (*)(const DedupContentHandle& content);
+
+class DedupHashTable : public Kelp::PtrInterface {
+ public:
+  DedupHashTable(const DedupHashTable&) = delete;
+  DedupHashTable& operator=(const DedupHashTable&) = delete;
+  ~DedupHashTable() override;
+
+  // Whether operations take the table's internal lock (several threads may share the table).
+  bool useLock() const { return useLock_; }
+  bool multiThreaded() const { return useLock_; }
+  std::size_t size() const;
+
+  // Interns a ready handle: answers the equal handle already in the table, or inserts `handle`
+  // (which must never have been deduped) and answers it.
+  Kelp::Ptr<DedupHandleBase> dedup(DedupHandleBase* handle);
+  // Interns by content: answers the handle equal to `content`, creating it with `alloc` and
+  // inserting it when absent. `hash` is the content's hash, which the new handle must share.
+  Kelp::Ptr<DedupHandleBase> findOrDedup(const DedupContentHandle& content, std::uint32_t hash,
+                                         DedupAllocFn alloc);
+  // Lookups that never insert: the handle equal to the content / to `like`, or null.
+  Kelp::Ptr<DedupHandleBase> find(const DedupContentHandle& content, std::uint32_t hash) const;
+  Kelp::Ptr<DedupHandleBase> lookup(const DedupHandleBase& like) const;
+  // Takes `handle` out of this table (state removedByTable) and drops the table's reference.
+  // Answers false when the handle is not in this table. The caller must hold a reference.
+  bool remove(DedupHandleBase* handle);
+  // Every handle in the table, each with a reference taken under the lock.
+  std::vector<Kelp::Ptr<DedupHandleBase>> handles() const;
+
+  // The lifetime notifiee. Replacing it tells the old one handleNotificationStop.
+  Kelp::Ptr<const DedupHashTableLifeTimeNotifiee> lifeTimeNotifiee() const;
+  void lifeTimeNotifieeIs(const Kelp::Ptr<const DedupHashTableLifeTimeNotifiee>& notifiee);
+  // Notifications are delivered only while active.
+  bool hasNotificationActive() const { return notificationActive_.load(std::memory_order_acquire); }
+  void hasNotificationActiveIs(bool active) { notificationActive_.store(active, std::memory_order_release); }
+
+  // The table's compact number, stored in its handles (1 .. 2^24-1, unique among live tables).
+  std::uint32_t number() const { return number_; }
+  static DedupHashTable* tableNumbered(std::uint32_t number);
+
+ protected:
+  explicit DedupHashTable(bool useLock);
+
+  // Storage operations of a concrete table, always called with the lock held (when used).
+  virtual DedupHandleBase* storeFindContent(const DedupContentHandle& content, std::uint32_t hash) const = 0;
+  virtual DedupHandleBase* storeFindHandle(const DedupHandleBase& like, std::uint32_t hash) const = 0;
+  virtual void storeInsert(DedupHandleBase* handle) = 0;
+  // Answers the handle equal to `content`, or the one `alloc` builds, inserted in the same probe
+  // (`inserted` tells which).
+  virtual DedupHandleBase* storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash,
+                                             DedupAllocFn alloc, bool& inserted) = 0;
+  virtual void storeErase(const DedupHandleBase* handle) = 0;
+  virtual std::size_t storeSize() const = 0;
+  virtual void storeForEach(const std::function<void(DedupHandleBase*)>& f) const = 0;
+
+ protected:
+  class Guard {
+   public:
+    explicit Guard(const DedupHashTable& t) : mutex_(t.useLock_ ? &t.mutex_ : nullptr) {
+      if (mutex_ != nullptr) mutex_->lock();
+    }
+    ~Guard() {
+      if (mutex_ != nullptr) mutex_->unlock();
+    }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+   private:
+    std::mutex* mutex_;
+  };
+
+  // Adopts a handle found absent (inserting it unless `stored`); the lock is held. Leaves it with
+  // the table's reference and the caller's.
+  void adoptLocked(DedupHandleBase* handle, bool stored);
+  static void takeRef(const DedupHandleBase* handle) { handle->takeRef(); }
+
+ private:
+  friend class DedupHandleBase;
+
+  // The slow path of DedupHandleBase::deleteRef: the release may leave only the table's reference.
+  void releaseFromHandle(const DedupHandleBase* handle);
+  void notifyRemoveLocked(DedupHandleBase* handle) const;
+
+  const bool useLock_;
+  std::uint32_t number_;
+  std::atomic<bool> notificationActive_{false};
+  mutable std::mutex mutex_;
+  Kelp::Ptr<const DedupHashTableLifeTimeNotifiee> notifiee_;  // guarded by mutex_
+};
+
+// The table on an absl::flat_hash_set of handle pointers: one 8-octet slot per handle plus the
+// set's control octet. Lookups by content go through a probe record carrying the precomputed hash.
+class DedupHashTableUnorderedSet : public DedupHashTable {
+ public:
+  explicit DedupHashTableUnorderedSet(bool useLock) : DedupHashTable(useLock) {}
+  ~DedupHashTableUnorderedSet() override;
+
+  // The set's allocated slot count (for memory accounting).
+  std::size_t capacity() const;
+
+  // findOrDedup for one key type, with the set probe and the comparison compiled into the caller:
+  // the typed front of interning (a route key table's dedupContent). Same contract as findOrDedup.
+  template <typename Key, typename Content>
+  Kelp::Ptr<Key> findOrDedupAs(const Content& content, std::uint32_t hash, DedupAllocFn alloc) {
+    Guard g(*this);
+    auto [it, added] = set_.insert(TypedInsertProbe<Key, Content>{hash, &content, alloc});
+    DedupHandleBase* handle = *it;
+    if (added) {
+      adoptLocked(handle, true);
+    } else {
+      takeRef(handle);
+    }
+    return Kelp::Ptr<Key>::adopt(static_cast<Key*>(handle));
+  }
+
+ protected:
+  DedupHandleBase* storeFindContent(const DedupContentHandle& content, std::uint32_t hash) const override;
+  DedupHandleBase* storeFindHandle(const DedupHandleBase& like, std::uint32_t hash) const override;
+  void storeInsert(DedupHandleBase* handle) override;
+  DedupHandleBase* storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc,
+                                     bool& inserted) override;
+  void storeErase(const DedupHandleBase* handle) override;
+  std::size_t storeSize() const override;
+  void storeForEach(const std::function<void(DedupHandleBase*)>& f) const override;
+
+ private:
+  struct ContentProbe {
+    std::uint32_t hash;
+    const DedupContentHandle* content;
+    bool matches(const DedupHandleBase* h) const { return h->compareByContent(*content); }
+  };
+  // A content probe that, when the set needs the element because the content is absent, turns
+  // into the new handle: heterogeneous insert looks the probe up and converts it only on a miss,
+  // so find-or-insert is one probe of the set. Allocation failure terminates (noexcept) rather
+  // than leave a prepared slot without its element.
+  struct InsertProbe {
+    std::uint32_t hash;
+    const DedupContentHandle* content;
+    DedupAllocFn alloc;
+    bool matches(const DedupHandleBase* h) const { return h->compareByContent(*content); }
+    operator DedupHandleBase*() const noexcept { return alloc(*content); }
+  };
+  // The same for one key type: the comparison is the key's own, called directly (and inlined
+  // when the key's compareByContent is final).
+  template <typename Key, typename Content>
+  struct TypedInsertProbe {
+    std::uint32_t hash;
+    const Content* content;
+    DedupAllocFn alloc;
+    bool matches(const DedupHandleBase* h) const { return static_cast<const Key*>(h)->compareByContent(*content); }
+    operator DedupHandleBase*() const noexcept { return alloc(*content); }
+  };
+  struct HandleProbe {
+    std::uint32_t hash;
+    const DedupHandleBase* like;
+    bool matches(const DedupHandleBase* h) const { return h->compare(like); }
+  };
+
+  // Every probe carries its precomputed hash and says whether a stored handle matches it.
+  struct SlotHash {
+    using is_transparent = void;
+    std::size_t operator()(const DedupHandleBase* h) const { return h->hash(); }
+    template <typename Probe>
+      requires(!std::is_pointer_v<Probe>)
+    std::size_t operator()(const Probe& p) const {
+      return p.hash;
+    }
+  };
+  // Pointers compare by identity (erase finds exactly the handle given); probes by value.
+  struct SlotEq {
+    using is_transparent = void;
+    bool operator()(const DedupHandleBase* a, const DedupHandleBase* b) const { return a == b; }
+    template <typename Probe>
+      requires(!std::is_pointer_v<Probe>)
+    bool operator()(const Probe& p, const DedupHandleBase* h) const {
+      return p.matches(h);
+    }
+    template <typename Probe>
+      requires(!std::is_pointer_v<Probe>)
+    bool operator()(const DedupHandleBase* h, const Probe& p) const {
+      return p.matches(h);
+    }
+  };
+
+  absl::flat_hash_set<DedupHandleBase*, SlotHash, SlotEq> set_;
+};
+
+// The typed view of a handle answered by a table (unchecked: the table's handles are all of the
+// type its user inserts).
+template <typename T>
+Kelp::Ptr<T> handleCast(Kelp::Ptr<DedupHandleBase>&& p) {
+  return Kelp::Ptr<T>::adopt(static_cast<T*>(p.release()));
+}
+
+}  // namespace Brim

@@ -1,0 +1,214 @@
+#include "BgpCommon/AddPathSendEffectiveConfig.h"
+
+#include <algorithm>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "platform/Kelp/Registry.h"
+#include "tests/Support/ValueConformance.h"
+
+namespace Routing::Bgp {
+namespace {
+
+using Effective = AddPathSendEffectiveConfig;
+using Kind = AddPathSendConfig::Kind;
+
+TEST(AddPathSendEffectiveConfig, Conformance) {
+  testing_support::expectValueConformance<Effective>(
+      {{}, {true, 0, 0}, {false, 65535, 0}, {false, 0, 1}, {true, 65535, 65535}, {false, 4464, 7}});
+  testing_support::expectDamagedTextsRefused(Effective(true, 3, 2));
+  EXPECT_EQ(Kelp::valueToStrep(Effective(false, 65535, 0)),
+            "Value('Routing::Bgp::AddPathSendEffectiveConfig', ** {'apBackupEnabled': False, 'apSendAnyLimit': "
+            "65535, 'apSendEcmpLimit': 0})");
+  EXPECT_THROW(Kelp::strepToValue<Effective>("Value('Routing::Bgp::AddPathSendEffectiveConfig', ** "
+                                             "{'apBackupEnabled': False, 'apSendAnyLimit': 65536, 'apSendEcmpLimit': 0})"),
+               Kelp::RangeException);
+}
+
+TEST(AddPathSendEffectiveConfig, FromAppPathSendConfig) {
+  struct Row {
+    Kind kind;
+    std::uint32_t limit;
+    Effective expected;
+  };
+  const Row rows[] = {
+      {Kind::sendAny, 0, {false, 65535, 0}},
+      {Kind::sendAny, 7, {false, 65535, 0}},  // the limit belongs to other kinds
+      {Kind::sendDisabled, 9, {false, 0, 0}},
+      {Kind::sendLimited, 10, {false, 10, 0}},
+      {Kind::sendLimited, 0, {false, 0, 0}},
+      {Kind::sendLimited, 70000, {false, 4464, 0}},  // low 16 bits
+      {Kind::sendLimited, 65535, {false, 65535, 0}},
+      {Kind::sendBackup, 5, {true, 0, 0}},
+      {Kind::sendEcmp, 0, {false, 65535, 0}},  // no ECMP limit: every path
+      {Kind::sendEcmp, 8, {false, 0, 8}},
+      {Kind::sendEcmp, 70000, {false, 0, 4464}},
+      {Kind::sendEcmp, 65536, {false, 0, 0}},  // low 16 bits are zero, yet not the limit-0 fallback
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(Effective::fromAppPathSendConfig(AddPathSendConfig(row.kind, row.limit, "PL")), row.expected)
+        << stringValue(row.kind) << " " << row.limit;
+  }
+}
+
+TEST(AddPathSendEffectiveConfigDeathTest, UnknownKindStopsTheProcess) {
+  const char* report =
+      "BgpCommon/AddPathSendEffectiveConfig:[0-9]+: static Routing::Bgp::AddPathSendEffectiveConfig "
+      "Routing::Bgp::AddPathSendEffectiveConfig::fromAppPathSendConfig\\(const Routing::Bgp::AddPathSendConfig&\\): "
+      "Assertion `false' failed";
+  EXPECT_DEATH(Effective::fromAppPathSendConfig(AddPathSendConfig(Kind{5}, 1)), report);
+  EXPECT_DEATH(Effective::fromAppPathSendConfig(AddPathSendConfig(Kind{255}, 0)), report);
+}
+
+TEST(AddPathSendEffectiveConfig, Aggregate) {
+  struct Row {
+    Effective self, other, expected;
+  };
+  const Row rows[] = {
+      // backup wins and the other's limits are ignored
+      {{false, 3, 0}, {true, 5, 0}, {true, 3, 0}},
+      {{false, 0, 0}, {true, 9, 9}, {true, 0, 0}},
+      // an any-limit is raised, never lowered; the other's ECMP limit is then ignored
+      {{false, 3, 0}, {false, 5, 9}, {false, 5, 0}},
+      {{false, 6, 1}, {false, 5, 9}, {false, 6, 1}},
+      {{true, 3, 0}, {false, 65535, 0}, {true, 65535, 0}},
+      // the ECMP limit only when the other has neither backup nor any-limit
+      {{false, 3, 2}, {false, 0, 7}, {false, 3, 7}},
+      {{false, 3, 8}, {false, 0, 7}, {false, 3, 8}},
+      // nothing to merge
+      {{true, 4, 4}, {false, 0, 0}, {true, 4, 4}},
+  };
+  for (const Row& row : rows) {
+    Effective merged = row.self;
+    merged.aggregate(row.other);
+    EXPECT_EQ(merged, row.expected) << row.self << " + " << row.other;
+  }
+}
+
+TEST(AddPathSendEffectiveConfig, PredicatesAndShortForm) {
+  struct Row {
+    Effective v;
+    bool any, noLimit, ecmp, enabled;
+  };
+  const Row rows[] = {
+      {{false, 0, 0}, false, false, false, false}, {{true, 0, 0}, false, false, false, true},
+      {{false, 1, 0}, true, false, false, true},   {{false, 65534, 0}, true, false, false, true},
+      {{false, 65535, 0}, true, true, false, true}, {{false, 0, 1}, false, false, true, true},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(row.v.apSendAnyEnabled(), row.any) << row.v;
+    EXPECT_EQ(row.v.apSendAnyNoLimitEnabled(), row.noLimit) << row.v;
+    EXPECT_EQ(row.v.apSendEcmpEnabled(), row.ecmp) << row.v;
+    EXPECT_EQ(row.v.enabled(), row.enabled) << row.v;
+    EXPECT_EQ(static_cast<bool>(row.v), row.enabled) << row.v;
+  }
+  EXPECT_EQ(Effective::fromAppPathSendConfig(AddPathSendConfig(Kind::sendAny, 0)).toStrep(),
+            "apBackupEnabled=false; apSendAnyEnabled=true; apSendEcmpEnabled=false; apSendAnyLimit=65535; "
+            "apSendEcmpLimit=0");
+  EXPECT_EQ(Effective(true, 0, 12).toStrep(),
+            "apBackupEnabled=true; apSendAnyEnabled=false; apSendEcmpEnabled=true; apSendAnyLimit=0; apSendEcmpLimit=12");
+}
+
+TEST(AddPathSendEffectiveConfig, OrderingAndHash) {
+  // Sorted: backup flag first (false before true), then the any-limit, then the ECMP limit.
+  const std::vector<Effective> sorted = {{false, 0, 0},   {false, 0, 65535}, {false, 1, 0},
+                                         {false, 1, 2},   {false, 65535, 0}, {true, 0, 0},
+                                         {true, 0, 1},    {true, 2, 0}};
+  for (std::size_t i = 0; i < sorted.size(); ++i) {
+    for (std::size_t j = 0; j < sorted.size(); ++j) {
+      EXPECT_EQ(sorted[i] < sorted[j], i < j) << sorted[i] << " < " << sorted[j];
+    }
+  }
+
+  // Kelp::Hash seeded, then each field by its width in order: readers in other processes rely on it.
+  auto expected = [](const Effective& v, std::uint32_t seed) {
+    Kelp::Hash h(seed);
+    h.hashMix(v.apBackupEnabled);
+    h.hashMix(v.apSendAnyLimit);
+    h.hashMix(v.apSendEcmpLimit);
+    return h.result();
+  };
+  std::set<std::uint32_t> seen;
+  for (const Effective& v : sorted) {
+    EXPECT_EQ(v.hash(0), expected(v, 0)) << v;
+    EXPECT_EQ(v.hash(0x9e3779b9u), expected(v, 0x9e3779b9u)) << v;
+    EXPECT_NE(v.hash(0), v.hash(1)) << v;
+    EXPECT_EQ(Kelp::genericHash(v), v.hash(0));
+    seen.insert(v.hash(0));
+  }
+  EXPECT_EQ(seen.size(), sorted.size());  // swapping the limits or the flag changes the hash
+  const Kelp::TypeInfo* info = Kelp::findType("Routing::Bgp::AddPathSendEffectiveConfig");
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info->hash(std::any(Effective(true, 1, 2))), Effective(true, 1, 2).hash(0));
+}
+
+bool sameAny(const std::any& a, const std::any& b) {
+  if (a.type() != b.type()) return false;
+  if (const auto* x = std::any_cast<bool>(&a)) return *x == std::any_cast<bool>(b);
+  if (const auto* x = std::any_cast<std::uint16_t>(&a)) return *x == std::any_cast<std::uint16_t>(b);
+  if (const auto* x = std::any_cast<Kelp::String>(&a)) return *x == std::any_cast<Kelp::String>(b);
+  if (const auto* x = std::any_cast<Effective>(&a)) return *x == std::any_cast<Effective>(b);
+  return false;
+}
+
+// 2-4 the fields (get and set), 5-6 the constants, 7-13 the functions; id 0 here stands for the
+// whole-object operations, with the argument as the other object.
+TEST(AddPathSendEffectiveConfig, Reflection) {
+  const Kelp::TypeInfo* info = Kelp::findType("Routing::Bgp::AddPathSendEffectiveConfig");
+  ASSERT_NE(info, nullptr);
+  ASSERT_EQ(info->attributes.size(), 12u);
+  EXPECT_EQ(info->attribute("apSendEcmpLimit")->id, 4);
+  EXPECT_EQ(info->attribute("apNoLimit")->id, 6);
+  EXPECT_EQ(info->attribute("fromAppPathSendConfig")->id, 13);
+
+  Effective v;
+  std::any result;
+  auto op = [&](int id, int code, std::any arg = {}) {
+    Kelp::KelpAttrBase a{id, ""};
+    if (id == 0) return Kelp::genericIfAttributeOp(&result, &v, nullptr, code, std::any_cast<Effective>(&arg));
+    std::span<const std::any> args(&arg, arg.has_value() ? 1 : 0);
+    return Kelp::genericIfAttributeOp(&result, &v, &a, code, nullptr, args);
+  };
+  // The three fields are settable.
+  EXPECT_EQ(op(2, 1, true), 0);
+  EXPECT_EQ(op(3, 1, std::uint16_t{300}), 0);
+  EXPECT_EQ(op(4, 1, std::uint16_t{4}), 0);
+  EXPECT_EQ(v, Effective(true, 300, 4));
+  EXPECT_THROW(op(3, 1, 5u), Kelp::TypeException);  // an unsigned int is not a 16-bit limit
+  EXPECT_EQ(v, Effective(true, 300, 4));
+
+  struct Row {
+    int id, code;
+    std::any arg, expected;
+  };
+  const Row rows[] = {
+      {3, 0, {}, std::uint16_t{300}},
+      {5, 0, {}, std::uint16_t{0}},
+      {6, 0, {}, std::uint16_t{65535}},
+      {8, 10, {}, false},
+      {9, 10, {}, true},
+      {10, 10, {}, true},
+      {12, 10, {}, v.toStrep()},
+      {13, 10, AddPathSendConfig(Kind::sendEcmp, 6), Effective(false, 0, 6)},
+      {0, 11, {}, true},
+      {0, 12, Effective(true, 300, 4), true},
+      {0, 13, Effective(true, 300, 4), false},
+      {0, 13, Effective(true, 301, 0), true},
+  };
+  for (const Row& row : rows) {
+    ASSERT_EQ(op(row.id, row.code, row.arg), 0) << row.id << "/" << row.code;
+    EXPECT_TRUE(sameAny(result, row.expected)) << row.id << "/" << row.code;
+  }
+  ASSERT_EQ(op(11, 10, Effective(false, 400, 0)), 0);  // aggregate acts on the object
+  EXPECT_EQ(v, Effective(true, 400, 4));
+
+  // Constants and functions are not settable, fields not callable; 14 does not exist.
+  EXPECT_EQ(op(5, 1, std::uint16_t{1}), 1);
+  EXPECT_EQ(op(7, 0), 1);
+  EXPECT_EQ(op(2, 10), 1);
+  EXPECT_EQ(op(14, 0), 2);
+}
+
+}  // namespace
+}  // namespace Routing::Bgp

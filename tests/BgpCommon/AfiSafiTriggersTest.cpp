@@ -1,0 +1,81 @@
+#include "BgpCommon/AfiSafiTriggers.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace Routing::Bgp {
+namespace {
+
+const AfiSafi v4(afiIpv4, safiUnicast);
+const AfiSafi v6(afiIpv6, safiUnicast);
+const AfiSafi vpn4(afiIpv4, safiMplsVpn);
+
+TEST(AfiSafiTriggers, TriggerIsAddsReplacesAndRemoves) {
+  auto triggers = afiSafiTriggersFactory();
+  auto a = smTriggerFactory();
+  auto b = smTriggerFactory();
+  struct Row {
+    const char* what;
+    AfiSafi key;
+    Kelp::Ptr<SmTrigger> t;
+    Kelp::Ptr<SmTrigger> v4After, v6After;
+    std::uint32_t aRefs, bRefs;  // references the collection holds
+  };
+  const Row rows[] = {
+      {"null on a missing key: nothing", v4, nullptr, nullptr, nullptr, 0, 0},
+      {"new entry", v4, a, a, nullptr, 1, 0},
+      {"same trigger again: nothing", v4, a, a, nullptr, 1, 0},
+      {"another family", v6, a, a, a, 2, 0},
+      {"another trigger replaces, dropping the old reference", v4, b, b, a, 1, 1},
+      {"null on a present key deletes", v6, nullptr, b, nullptr, 0, 1},
+  };
+  const std::uint32_t aOutside = a->references(), bOutside = b->references();  // a, b and the rows
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    triggers->triggerIs(row.key, row.t);
+    EXPECT_EQ(triggers->trigger(v4), row.v4After);
+    EXPECT_EQ(triggers->trigger(v6), row.v6After);
+    EXPECT_EQ(a->references() - aOutside, row.aRefs);
+    EXPECT_EQ(b->references() - bOutside, row.bRefs);
+  }
+  EXPECT_EQ(triggers->triggers().size(), 1u);
+
+  EXPECT_EQ(triggers->triggerDel(vpn4), nullptr);  // missing
+  EXPECT_EQ(triggers->triggerDel(v4), b);
+  EXPECT_EQ(triggers->trigger(v4), nullptr);
+  EXPECT_EQ(b->references(), bOutside);
+  triggers->triggerIs(v4, a);
+  triggers->triggerIs(vpn4, b);
+  triggers->triggerDelAll();
+  EXPECT_TRUE(triggers->triggers().empty());
+  EXPECT_EQ(AfiSafiTriggersIs()->triggers().size(), 0u);
+}
+
+// Each family's machine is kicked on its own; the collection hashes with its own seed.
+TEST(AfiSafiTriggers, FamiliesAreKickedSeparately) {
+  auto triggers = AfiSafiTriggersIs();
+  triggers->triggerIs(v4, SmTriggerIs());
+  triggers->triggerIs(v6, SmTriggerIs());
+  std::vector<std::string> ran;
+  Kelp::FunctionNotifiee machine4([&](std::string_view) { ran.push_back("v4"); });
+  Kelp::FunctionNotifiee machine6([&](std::string_view) { ran.push_back("v6"); });
+  triggers->trigger(v4)->notifiees().notifieeIs(&machine4);
+  triggers->trigger(v6)->notifiees().notifieeIs(&machine6);
+  triggers->trigger(v6)->triggerInc(1);
+  triggers->trigger(v6)->triggerInc(0);
+  triggers->trigger(v4)->triggerIs(4294967295u);
+  triggers->trigger(v4)->triggerInc(1);
+  EXPECT_EQ(ran, (std::vector<std::string>{"v6", "v4", "v4"}));
+  EXPECT_EQ(triggers->trigger(v4)->trigger(), 0u);
+
+  const auto& map = triggers->triggers();
+  EXPECT_EQ(map.seed(), Kelp::processHashSeed() ^ 0x3b19841u);
+  Kelp::Hash h(map.seed());
+  h.hashMix(v6.value());
+  EXPECT_EQ(map.hash(v6), h.result());
+}
+
+}  // namespace
+}  // namespace Routing::Bgp

@@ -1,0 +1,238 @@
+#include "BgpCommon/BgpSerialize.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <numeric>
+
+#include "platform/Netzo/IpGenPrefix.h"
+
+namespace Routing::Bgp {
+namespace {
+
+using Netzo::MplsLabel;
+using Netzo::MplsLabelStack;
+
+// A value whose in-memory octets are exactly `octets`, whatever the host's byte order.
+template <typename T>
+T fromMemory(std::initializer_list<U8> octets) {
+  T v;
+  std::memcpy(&v, std::data(octets), sizeof v);
+  return v;
+}
+
+struct Golden {
+  const char* name;
+  std::function<void(Serialize&)> write;
+  Kelp::Bytes octets;
+};
+
+const Golden kGolden[] = {
+    {"addU8", [](Serialize& s) { s.addU8(0xAB); }, {0xAB}},
+    {"addU16n", [](Serialize& s) { s.addU16n(fromMemory<U16>({0x12, 0x34})); }, {0x12, 0x34}},
+    {"addU32n", [](Serialize& s) { s.addU32n(fromMemory<U32>({0x12, 0x34, 0x56, 0x78})); }, {0x12, 0x34, 0x56, 0x78}},
+    {"addU64n", [](Serialize& s) { s.addU64n(fromMemory<U64>({1, 2, 3, 4, 5, 6, 7, 8})); }, {1, 2, 3, 4, 5, 6, 7, 8}},
+    {"addU16hton", [](Serialize& s) { s.addU16hton(0x1234); }, {0x12, 0x34}},
+    {"addU32hton", [](Serialize& s) { s.addU32hton(0x12345678); }, {0x12, 0x34, 0x56, 0x78}},
+    {"addU64hton", [](Serialize& s) { s.addU64hton(0x0102030405060708); }, {1, 2, 3, 4, 5, 6, 7, 8}},
+    {"addU24hton drops the top octet", [](Serialize& s) { s.addU24hton(0x12345678); }, {0x34, 0x56, 0x78}},
+    {"addU20hton keeps 20 bits", [](Serialize& s) { s.addU20hton(0xABCDEF); }, {0x0B, 0xCD, 0xEF}},
+    {"addData", [](Serialize& s) { const U8 d[] = {9, 8, 7}; s.addData(d, 3); }, {9, 8, 7}},
+    {"addData of nothing", [](Serialize& s) { s.addData(nullptr, 0); }, {}},
+    {"addString", [](Serialize& s) { s.addString(Kelp::String("a\0b", 3)); }, {'a', 0, 'b'}},
+    {"addBytes", [](Serialize& s) { s.addBytes({0xFF, 0}); }, {0xFF, 0}},
+    // AFI/SAFI and AS numbers
+    {"addAfiSafi IPv4 unicast", [](Serialize& s) { s.addAfiSafi({afiIpv4, safiUnicast}); }, {0x00, 0x01, 0x01}},
+    {"addAfiSafi IPv6 VPN", [](Serialize& s) { s.addAfiSafi({afiIpv6, safiMplsVpn}); }, {0x00, 0x02, 0x80}},
+    {"addAfiSafi SAFI 255", [](Serialize& s) { s.addAfiSafi({afiBgpLs, static_cast<Safi>(255)}); }, {0x40, 0x04, 0xFF}},
+    {"4-octet AS", [](Serialize& s) { s.addAutonomousSystem(65536, true); }, {0x00, 0x01, 0x00, 0x00}},
+    {"2-octet AS", [](Serialize& s) { s.addAutonomousSystem(65535, false); }, {0xFF, 0xFF}},
+    {"small AS in 4 octets", [](Serialize& s) { s.addAutonomousSystem(1, true); }, {0, 0, 0, 1}},
+    // addresses
+    {"addAddrFamily IPv4", [](Serialize& s) { s.addAddrFamily(Netzo::AddressFamily::ipv4); }, {0x00, 0x01}},
+    {"addAddrFamily IPv6", [](Serialize& s) { s.addAddrFamily(Netzo::AddressFamily::ipv6); }, {0x00, 0x02}},
+    {"addIpv4Addr", [](Serialize& s) { s.addIpv4Addr(Netzo::IpAddr(192, 0, 2, 1)); }, {192, 0, 2, 1}},
+    {"addIpv6Addr",
+     [](Serialize& s) { s.addIpv6Addr(Netzo::Ip6Addr::fromString("2001:db8::102:304")); },
+     {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4}},
+    {"addIpGenAddr IPv4", [](Serialize& s) { s.addIpGenAddr(Netzo::IpAddr(10, 0, 0, 1)); }, {10, 0, 0, 1}},
+    {"addIpGenAddr IPv6",
+     [](Serialize& s) { s.addIpGenAddr(Netzo::Ip6Addr::fromString("ff02::5")); },
+     {0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}},
+    // MPLS labels
+    {"add3octetMplsLabelHton", [](Serialize& s) { s.add3octetMplsLabelHton(0xFF123456); }, {0x12, 0x34, 0x56}},
+    {"label 16, bottom", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), true); }, {0x00, 0x01, 0x01}},
+    {"label 16", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), false); }, {0x00, 0x01, 0x00}},
+    {"largest label", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0xFFFFF), true); }, {0xFF, 0xFF, 0xF1}},
+    {"2^20 is an encoded field", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(1u << 20), false); },
+     {0x10, 0x00, 0x00}},
+    {"encoded field, bottom", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0x123450), true); },
+     {0x12, 0x34, 0x51}},
+    {"label stack drops TC and TTL",
+     [](Serialize& s) {
+       MplsLabelStack st;
+       st.labelAppend(MplsLabel(16), 5, 64);
+       st.labelAppend(MplsLabel(0xFFFFF), 7, 255);
+       s.add3octetMplsLabelStack(st);
+     },
+     {0x00, 0x01, 0x00, 0xFF, 0xFF, 0xF1}},
+    {"label stack S bit as given",
+     [](Serialize& s) {
+       MplsLabelStack st;
+       st.entryAppend(Netzo::NetU32::fromHost(MplsLabelStack::makeEntry(MplsLabel(3), 0, true, 0)));
+       st.entryAppend(Netzo::NetU32::fromHost(MplsLabelStack::makeEntry(MplsLabel(4), 0, false, 0)));
+       s.add3octetMplsLabelStack(st);
+     },
+     {0x00, 0x00, 0x31, 0x00, 0x00, 0x40}},
+    {"empty label stack", [](Serialize& s) { s.add3octetMplsLabelStack(MplsLabelStack()); }, {}},
+};
+
+TEST(Serialize, GoldenEncodings) {
+  for (const Golden& g : kGolden) {
+    Serialize s;
+    g.write(s);
+    EXPECT_EQ(s.serializedBytes(0), g.octets) << g.name;
+    EXPECT_EQ(s.writeOffset(), g.octets.size()) << g.name;
+  }
+  // The same pieces one after another, taken back out by their offsets.
+  Serialize all;
+  std::vector<U32> marks;
+  for (const Golden& g : kGolden) {
+    marks.push_back(all.writeOffset());
+    g.write(all);
+  }
+  for (std::size_t i = 0; i < std::size(kGolden); ++i) {
+    Kelp::Bytes piece = all.serializedBytes(marks[i]);
+    piece.resize(kGolden[i].octets.size());
+    EXPECT_EQ(piece, kGolden[i].octets) << kGolden[i].name;
+    Kelp::String text = all.serializedString(marks[i]);
+    EXPECT_EQ(Kelp::Bytes(text.begin(), text.end()), all.serializedBytes(marks[i]));
+  }
+  EXPECT_TRUE(all.serializedBytes(all.writeOffset()).empty());
+  EXPECT_TRUE(all.serializedString(all.writeOffset()).empty());
+  EXPECT_TRUE(all.usesInlineStorage());
+}
+
+// The limit holds for every writer: an add that would pass 65535 octets throws before writing,
+// an add that just reaches it succeeds.
+TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
+  struct Writer {
+    const char* name;
+    U32 width;
+    std::function<void(Serialize&)> write;
+  };
+  const U8 run[7] = {1, 2, 3, 4, 5, 6, 7};
+  const Writer writers[] = {
+      {"addU8", 1, [](Serialize& s) { s.addU8(1); }},
+      {"addU16hton", 2, [](Serialize& s) { s.addU16hton(1); }},
+      {"addU16n", 2, [](Serialize& s) { s.addU16n(1); }},
+      {"addU24hton", 3, [](Serialize& s) { s.addU24hton(1); }},
+      {"addU20hton", 3, [](Serialize& s) { s.addU20hton(1); }},
+      {"addU32hton", 4, [](Serialize& s) { s.addU32hton(1); }},
+      {"addU32n", 4, [](Serialize& s) { s.addU32n(1); }},
+      {"addU64hton", 8, [](Serialize& s) { s.addU64hton(1); }},
+      {"addU64n", 8, [](Serialize& s) { s.addU64n(1); }},
+      {"addData", 7, [&](Serialize& s) { s.addData(run, 7); }},
+      {"addAfiSafi", 3, [](Serialize& s) { s.addAfiSafi({afiIpv4, safiUnicast}); }},
+      {"addAutonomousSystem", 4, [](Serialize& s) { s.addAutonomousSystem(70000, true); }},
+      {"addAddrFamily", 2, [](Serialize& s) { s.addAddrFamily(Netzo::AddressFamily::ipv6); }},
+      {"addIpv4Addr", 4, [](Serialize& s) { s.addIpv4Addr(Netzo::IpAddr(1, 2, 3, 4)); }},
+      {"addIpv6Addr", 16, [](Serialize& s) { s.addIpv6Addr(Netzo::Ip6Addr::fromString("::1")); }},
+      {"addIpGenAddr", 16, [](Serialize& s) { s.addIpGenAddr(Netzo::Ip6Addr::fromString("::1")); }},
+      {"add3octetMplsLabel", 3, [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), true); }},
+      {"add3octetMplsLabelHton", 3, [](Serialize& s) { s.add3octetMplsLabelHton(16); }},
+      {"add3octetMplsLabelStack", 6,
+       [](Serialize& s) { s.add3octetMplsLabelStack(MplsLabelStack{MplsLabel(16), MplsLabel(17)}); }},
+  };
+  Kelp::Bytes filler(bgpMaxExtendedMessageSize);
+  std::iota(filler.begin(), filler.end(), U8{0});
+  for (const Writer& w : writers) {
+    SCOPED_TRACE(w.name);
+    Serialize s;
+    s.addData(filler.data(), bgpMaxExtendedMessageSize - w.width + 1);
+    try {
+      w.write(s);
+      ADD_FAILURE() << "no throw";
+    } catch (const Kelp::RangeException& e) {
+      EXPECT_STREQ(e.what(), "Serialized bytes exceed bgpMaxExtendedMessageSize");
+    }
+    EXPECT_EQ(s.writeOffset(), bgpMaxExtendedMessageSize - w.width + 1);
+
+    Serialize fits;
+    fits.addData(filler.data(), bgpMaxExtendedMessageSize - w.width);
+    w.write(fits);
+    EXPECT_EQ(fits.writeOffset(), bgpMaxExtendedMessageSize);
+  }
+
+  Serialize full;
+  full.addData(filler.data(), 1000);
+  full.addData(filler.data() + 1000, bgpMaxExtendedMessageSize - 1000);
+  EXPECT_EQ(full.writeOffset(), 65535u);
+  EXPECT_THROW(full.addU8(0), Kelp::RangeException);
+  volatile U32 huge = 0xFFFFFFFFu;  // volatile: keeps the compiler from flagging the read it cannot see refused
+  EXPECT_THROW(full.addData(filler.data(), huge), Kelp::RangeException);  // no wrap-around
+  EXPECT_EQ(full.writeOffset(), 65535u);
+  EXPECT_EQ(full.serializedBytes(0), filler);  // content intact and usable
+  full.addData(nullptr, 0);                    // nothing more to write is still fine
+
+  Serialize empty;
+  volatile U32 oneTooMany = 65536;
+  EXPECT_THROW(empty.addData(filler.data(), oneTooMany), Kelp::RangeException);
+  EXPECT_EQ(empty.writeOffset(), 0u);
+  EXPECT_THROW(empty.growBuffer(65536), Kelp::RangeException);
+  MplsLabelStack tall;
+  for (int i = 0; i < 21846; ++i) tall.labelAppend(MplsLabel(16));  // 65538 octets
+  EXPECT_THROW(empty.add3octetMplsLabelStack(tall), Kelp::RangeException);
+  EXPECT_EQ(empty.writeOffset(), 0u);
+}
+
+TEST(Serialize, GrowthKeepsContent) {
+  Serialize s;
+  EXPECT_EQ(s.capacity(), Serialize::inlineCapacity);
+  std::vector<U32> capacities;
+  Kelp::Bytes expected;
+  for (U32 i = 0; expected.size() < 40000; ++i) {
+    s.addU32hton(i);
+    for (int k = 3; k >= 0; --k) expected.push_back(static_cast<U8>(i >> (8 * k)));
+    if (capacities.empty() || capacities.back() != s.capacity()) capacities.push_back(s.capacity());
+    if (expected.size() <= Serialize::inlineCapacity) ASSERT_TRUE(s.usesInlineStorage());
+  }
+  EXPECT_FALSE(s.usesInlineStorage());
+  EXPECT_EQ(capacities, (std::vector<U32>{4096, 8192, 16384, 32768, 65535}));
+  EXPECT_EQ(s.serializedBytes(0), expected);
+
+  // One large add grows past several doublings at once.
+  Serialize big;
+  big.addU8(7);
+  Kelp::Bytes run(20000, 0x5A);
+  big.addBytes(run);
+  EXPECT_EQ(big.capacity(), 32768u);
+  EXPECT_EQ(big.serializedBytes(1), run);
+
+  // Moving takes the octets along, from inline storage and from the heap alike.
+  Serialize movedInline(Serialize{});
+  EXPECT_EQ(movedInline.writeOffset(), 0u);
+  Serialize small;
+  small.addU16hton(0xBEEF);
+  Serialize fromSmall(std::move(small));
+  EXPECT_EQ(fromSmall.serializedBytes(0), (Kelp::Bytes{0xBE, 0xEF}));
+  EXPECT_TRUE(fromSmall.usesInlineStorage());
+  Serialize fromBig(std::move(big));
+  EXPECT_EQ(fromBig.serializedBytes(1), run);
+  EXPECT_EQ(big.writeOffset(), 0u);  // NOLINT: the moved-from writer is empty and usable
+  big.addU8(1);
+  EXPECT_EQ(big.serializedBytes(0), Kelp::Bytes{1});
+}
+
+TEST(SerializeDeathTest, Assertions) {
+  Serialize s;
+  EXPECT_DEATH(s.addAfiSafi(AfiSafi(afiIpv4, static_cast<Safi>(0x100))), "afiSafi.safi\\(\\) <= 0xFF");
+  EXPECT_DEATH(s.addAutonomousSystem(65536, false), "asn.value\\(\\) <= 0xFFFF");
+  EXPECT_DEATH(s.addIpGenAddr(Netzo::IpGenAddr()), "BgpCommon/BgpSerialize:[0-9]+: .*addIpGenAddr.*Assertion `0' failed");
+  s.addU8(1);
+  EXPECT_DEATH(s.serializedString(2), "BgpCommon/BgpSerialize:.*serializedString.*_offset <= writeOffset_");
+  EXPECT_DEATH(s.serializedBytes(2), "BgpCommon/BgpSerialize:.*serializedBytes.*_offset <= writeOffset_");
+}
+
+}  // namespace
+}  // namespace Routing::Bgp

@@ -1,0 +1,455 @@
+#include "BgpCommon/BgpTestHelpers.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/Kelp/Registry.h"
+
+namespace Routing::Bgp {
+namespace {
+
+constexpr Kelp::Seconds T0 = 1700000000.0;  // 2023-11-14 22:13:20 UTC, 23:13:20 in CET-1
+
+// Reports are checked under a fixed time zone and a frozen "now".
+class EventsTracking : public testing::Test {
+ protected:
+  void SetUp() override {
+    const char* tz = std::getenv("TZ");
+    hadTz_ = tz != nullptr;
+    if (hadTz_) savedTz_ = tz;
+    setenv("TZ", "CET-1", 1);
+    tzset();
+    Kelp::currentTimeIs(T0 + 10.0);
+  }
+  void TearDown() override {
+    Kelp::currentTimeDel();
+    if (hadTz_) setenv("TZ", savedTz_.c_str(), 1);
+    else unsetenv("TZ");
+    tzset();
+  }
+
+  // Two VRFs, three RibOuts; RibOut 20 has processed nothing yet.
+  static void record(TestControlStatus& status) {
+    auto blue = status.findOrCreateVrfData(1, true);
+    blue->vrfNameIs("blue");
+    blue->timeStampsRib()->firstUpdateMessageIs(T0 + 0.25);
+    blue->timeStampsRib()->processingStartIs(T0 + 0.5);
+    blue->timeStampsRib()->processingEndIs(T0 + 2.75);
+    blue->timeStampsRib()->thresholdReachedIs(T0 + 1.5);
+    auto red = status.findOrCreateVrfData(2, true);
+    red->vrfNameIs("red");
+    red->timeStampsRib()->firstUpdateMessageIs(T0 + 0.125);
+    red->timeStampsRib()->processingStartIs(T0 + 1.0);
+    red->timeStampsRib()->processingEndIs(T0 + 3.5);
+    auto r10 = status.findOrCreateRibOutData(1, 10, true);
+    r10->timeStampsRibOut()->processingStartIs(T0 + 1.0);
+    r10->timeStampsRibOut()->processingEndIs(T0 + 4.0);
+    r10->timeStampsRibOut()->thresholdReachedIs(T0 + 2.0);
+    r10->processedPathCntIs(1000);
+    auto r11 = status.findOrCreateRibOutData(1, 11, true);
+    r11->timeStampsRibOut()->processingStartIs(T0 + 0.75);
+    r11->timeStampsRibOut()->processingEndIs(T0 + 3.0);
+    r11->processedPathCntInc(500);
+    status.findOrCreateRibOutData(2, 20, true);
+  }
+
+  bool hadTz_ = false;
+  std::string savedTz_;
+};
+
+TEST_F(EventsTracking, ConvertTimestamp) {
+  struct Row {
+    Kelp::Seconds t;
+    bool micro;
+    const char* text;
+  };
+  const Row rows[] = {
+      {0.0, false, ""},  // never
+      {0.0, true, ""},
+      {T0 + 0.5, false, "2023-11-14 23:13:20.500"},
+      {T0 + 0.5, true, "2023-11-14 23:13:20.500000"},
+      {T0 + 0.99951171875, false, "2023-11-14 23:13:20.999"},  // truncated, not rounded
+      {T0 + 0.99951171875, true, "2023-11-14 23:13:20.999511"},
+      {1.5, false, "1970-01-01 01:00:01.500"},
+      {T0 + 3600.0 * 24 * 47, false, "2023-12-31 23:13:20.000"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(convertTimestamp(row.t, row.micro), row.text) << row.t;
+}
+
+TEST_F(EventsTracking, SummaryReport) {
+  auto control = Kelp::makePtr<TestTrackleControlBase>();
+  control->testControlStatusIs();
+  std::string out;
+  Brim::DumpContext ctx(out);
+  control->updateEventsTracking(ctx, eventsTrackingStart, 1000, 500, 100);
+  record(*control->testControlStatus());
+  out.clear();
+  control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 1600);
+  EXPECT_EQ(out,
+            "BGP Events Tracking Summary:\n"
+            "Total paths in BGP RIB changed from 100 to 1600\n"
+            "\nNumber of Vrfs that processed events: \t 2\n"
+            "  First update message received at: \t 2023-11-14 23:13:20.125\n"
+            "  First event processed by RIB at:\t 2023-11-14 23:13:20.500\n"
+            "  Last event processed by RIB at: \t 2023-11-14 23:13:23.500\n"
+            "  RIB processing time since first event:\t 3.000 seconds\n"
+            "  RIB idle time since last event:       \t 6.500 seconds\n"
+            "  RIB processing time to reach 1000 paths threshold:\t 1.000 seconds\n"
+            "\nNumber of RibOuts that processed events: \t 2\n"  // the VRF count, as the report has it
+            "  First event processed by RibOut at:\t 2023-11-14 23:13:20.750\n"
+            "  Last event processed by RibOut at: \t 2023-11-14 23:13:24.000\n"
+            "  RibOut processing time since first event:\t 3.250 seconds\n"
+            "  RibOut idle time since last event:       \t 6.000 seconds\n"
+            "  RibOut processing time to reach 500 paths threshold:\t 1.250 seconds\n");
+  auto summary = control->testControlStatus()->summarizeEventsTrackingData();
+  EXPECT_EQ(summary->numVrfs(), 2u);
+  EXPECT_EQ(summary->numRibOuts(), 3u);
+
+  // Started without thresholds: the "time to reach" lines are left out.
+  control->updateEventsTracking(ctx, eventsTrackingStop, 0, 0, 0);
+  control->updateEventsTracking(ctx, eventsTrackingStart, 0, 0, 7);
+  control->testControlStatus()->findOrCreateVrfData(3, true)->timeStampsRib()->firstUpdateMessageIs(T0);
+  out.clear();
+  control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 7);
+  EXPECT_EQ(out,
+            "BGP Events Tracking Summary:\n"
+            "Total paths in BGP RIB changed from 7 to 7\n"
+            "\nNumber of Vrfs that processed events: \t 1\n"
+            "  First update message received at: \t 2023-11-14 23:13:20.000\n"
+            "  First event processed by RIB at:\t \n"
+            "  Last event processed by RIB at: \t \n"
+            "  RIB processing time since first event:\t 0.000 seconds\n"
+            "  RIB idle time since last event:       \t 0.000 seconds\n"
+            "\nNumber of RibOuts that processed events: \t 1\n"
+            "  First event processed by RibOut at:\t \n"
+            "  Last event processed by RibOut at: \t \n"
+            "  RibOut processing time since first event:\t 0.000 seconds\n"
+            "  RibOut idle time since last event:       \t 0.000 seconds\n");
+}
+
+TEST_F(EventsTracking, SummaryBeforeAnyStart) {
+  auto control = Kelp::makePtr<TestTrackleControlBase>();
+  control->testControlStatusIs();
+  std::string out;
+  Brim::DumpContext ctx(out);
+  control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 12);
+  EXPECT_EQ(out,
+            "BGP Events Tracking has not been started.\n"
+            "Use the following command to start BGP Events Tracking:\n"
+            "   show bgp instance internal events tracking start\n"
+            "      [ advertise-threshold <RIB-path-threshold> <RibOut-path-threshold> ]\n"
+            "BGP Events Tracking Summary:\n"
+            "Total paths in BGP RIB changed from 0 to 12\n"
+            "\nNumber of Vrfs that processed events: \t 0\n"
+            "  First update message received at: \t \n"
+            "  First event processed by RIB at:\t \n"
+            "  Last event processed by RIB at: \t \n"
+            "  RIB processing time since first event:\t 0.000 seconds\n"
+            "  RIB idle time since last event:       \t 0.000 seconds\n"
+            "\nNumber of RibOuts that processed events: \t 0\n"
+            "  First event processed by RibOut at:\t \n"
+            "  Last event processed by RibOut at: \t \n"
+            "  RibOut processing time since first event:\t 0.000 seconds\n"
+            "  RibOut idle time since last event:       \t 0.000 seconds\n");
+}
+
+TEST_F(EventsTracking, DetailReport) {
+  auto control = Kelp::makePtr<TestTrackleControlBase>();
+  control->testControlStatusIs();
+  std::string out;
+  Brim::DumpContext ctx(out);
+  control->updateEventsTracking(ctx, eventsTrackingStart, 1000, 500, 100);
+  record(*control->testControlStatus());
+  control->updateEventsTracking(ctx, eventsTrackingStop, 0, 0, 0);  // the data stays; thresholds go
+  out.clear();
+  control->ribAddThresholdIs(1000);
+  control->ribOutPathAdvertiseThresholdIs(500);
+  control->printEventsTrackingDetail(ctx, 1600);
+  EXPECT_EQ(out,
+            "BGP Events Tracking Detail:\n"
+            "Total paths in BGP RIB changed from 100 to 1600\n"
+            "\nVrf Name : \t blue\n"
+            "  First update message received at: \t 2023-11-14 23:13:20.250\n"
+            "  First event processed by RIB at:\t 2023-11-14 23:13:20.500\n"
+            "  Last event processed by RIB at: \t 2023-11-14 23:13:22.750\n"
+            "  RIB processing time since first event:\t 2.250 seconds\n"
+            "  RIB idle time since last event:       \t 7.250 seconds\n"
+            "  RIB processing time to reach 1000 paths threshold:\t 1.000 seconds\n"
+            "\nRibOut Id : \t 10\n"
+            "  Number of paths processed:\t 1000\n"
+            "  First event processed by RibOut at:\t 2023-11-14 23:13:21.000\n"
+            "  Last event processed by RibOut at: \t 2023-11-14 23:13:24.000\n"
+            "  RibOut processing time since first event:\t 3.000 seconds\n"
+            "  RibOut idle time since last event:       \t 6.000 seconds\n"
+            "  RibOut processing time to reach 500 paths threshold:\t 1.000 seconds\n"
+            "\nRibOut Id : \t 11\n"
+            "  Number of paths processed:\t 500\n"
+            "  First event processed by RibOut at:\t 2023-11-14 23:13:20.750\n"
+            "  Last event processed by RibOut at: \t 2023-11-14 23:13:23.000\n"
+            "  RibOut processing time since first event:\t 2.250 seconds\n"
+            "  RibOut idle time since last event:       \t 7.000 seconds\n"
+            "  RibOut processing time to reach 500 paths threshold:\t 0.000 seconds\n"
+            "\nVrf Name : \t red\n"
+            "  First update message received at: \t 2023-11-14 23:13:20.125\n"
+            "  First event processed by RIB at:\t 2023-11-14 23:13:21.000\n"
+            "  Last event processed by RIB at: \t 2023-11-14 23:13:23.500\n"
+            "  RIB processing time since first event:\t 2.500 seconds\n"
+            "  RIB idle time since last event:       \t 6.500 seconds\n"
+            "  RIB processing time to reach 1000 paths threshold:\t 0.000 seconds\n"
+            "\nRibOut Id : \t 20\n"
+            "  Number of paths processed:\t 0\n"
+            "  First event processed by RibOut at:\t \n"
+            "  Last event processed by RibOut at: \t \n"
+            "  RibOut processing time since first event:\t 0.000 seconds\n"
+            "  RibOut idle time since last event:       \t 0.000 seconds\n"
+            "  RibOut processing time to reach 500 paths threshold:\t 0.000 seconds\n");
+
+  // A stored 4294967295 means "no threshold": the lines are left out of the detail too.
+  control->ribAddThresholdIs(TestTrackleControlBase::kNoThreshold);
+  control->ribOutPathAdvertiseThresholdIs(0);
+  out.clear();
+  control->printEventsTrackingDetailOneVrf(ctx, control->testControlStatus()->vrfData(2));
+  EXPECT_EQ(out.find("threshold"), std::string::npos) << out;
+  EXPECT_EQ(out.substr(0, 19), "\nVrf Name : \t red\n ");
+}
+
+TEST_F(EventsTracking, MergingKeepsEarliestStartsAndLatestEnds) {
+  struct Row {
+    Kelp::Seconds mine, other, start, end;  // merged processingStart / processingEnd
+  };
+  const Row rows[] = {
+      {0.0, 0.0, 0.0, 0.0},
+      {0.0, 5.0, 5.0, 5.0},  // an unset stamp takes the other's
+      {5.0, 0.0, 5.0, 5.0},  // a set one keeps its own against "never"
+      {5.0, 3.0, 3.0, 5.0},
+      {3.0, 5.0, 3.0, 5.0},
+  };
+  for (const Row& row : rows) {
+    auto mine = Kelp::makePtr<TestTimeStampsRib>();
+    auto other = Kelp::makePtr<TestTimeStampsRib>();
+    mine->processingStartIs(row.mine);
+    mine->processingEndIs(row.mine);
+    mine->firstUpdateMessageIs(row.mine);
+    mine->thresholdReachedIs(row.mine);
+    other->processingStartIs(row.other);
+    other->processingEndIs(row.other);
+    other->firstUpdateMessageIs(row.other);
+    other->thresholdReachedIs(row.other);
+    mine->updateEventsTrackingResult(other);
+    EXPECT_EQ(mine->processingStart(), row.start) << row.mine << " " << row.other;
+    EXPECT_EQ(mine->firstUpdateMessage(), row.start);
+    EXPECT_EQ(mine->processingEnd(), row.end);
+    EXPECT_EQ(mine->thresholdReached(), row.end);
+
+    auto mineOut = Kelp::makePtr<TestTimeStampsRibOut>();
+    auto otherOut = Kelp::makePtr<TestTimeStampsRibOut>();
+    mineOut->processingStartIs(row.mine);
+    mineOut->processingEndIs(row.mine);
+    otherOut->processingStartIs(row.other);
+    otherOut->processingEndIs(row.other);
+    mineOut->updateEventsTrackingResult(otherOut);
+    EXPECT_EQ(mineOut->processingStart(), row.start);
+    EXPECT_EQ(mineOut->processingEnd(), row.end);
+  }
+}
+
+// A control class of the agent's, counting its hook calls.
+struct AgentControl : TestTrackleControlBase {
+  int resets = 0;
+  void resetDerivedClassData() override { ++resets; }
+};
+
+TEST_F(EventsTracking, StartAndStop) {
+  auto control = Kelp::makePtr<AgentControl>();
+  control->testControlStatusIs();
+  std::vector<std::string> changes;
+  Kelp::FunctionNotifiee watcher([&](std::string_view attr) { changes.emplace_back(attr); });
+  control->notifiees().notifieeIs(&watcher);
+  std::string out;
+  Brim::DumpContext ctx(out);
+
+  control->updateEventsTracking(ctx, eventsTrackingStart, 0, 0, 5);
+  EXPECT_EQ(out, "Starting BGP Events Tracking\n");
+  EXPECT_EQ(control->ribAddThreshold(), 4294967295u);  // no threshold given
+  EXPECT_EQ(control->ribOutPathAdvertiseThreshold(), 4294967295u);
+  EXPECT_EQ(control->peerFirstUpdateMessageEpoch(), 1u);
+  EXPECT_EQ(control->prevBribPathsCount(), 5u);
+  EXPECT_TRUE(control->eventsTrackingEnabled());
+  EXPECT_EQ(control->resets, 1);
+  EXPECT_EQ(changes, (std::vector<std::string>{"prevBribPathsCount", "ribAddThreshold", "ribOutPathAdvertiseThreshold",
+                                               "peerFirstUpdateMessageEpoch", "eventsTrackingEnabled"}));
+
+  // A second start keeps the first thresholds but clears the data.
+  control->testControlStatus()->findOrCreateRibOutData(4, 40, true);
+  changes.clear();
+  out.clear();
+  control->updateEventsTracking(ctx, eventsTrackingStart, 7, 8, 5);
+  EXPECT_EQ(out, "Starting BGP Events Tracking\n");
+  EXPECT_EQ(control->ribAddThreshold(), 4294967295u);
+  EXPECT_EQ(control->ribOutPathAdvertiseThreshold(), 4294967295u);
+  EXPECT_EQ(control->peerFirstUpdateMessageEpoch(), 2u);
+  EXPECT_TRUE(control->testControlStatus()->vrfData().empty());
+  EXPECT_EQ(control->resets, 2);
+  // Disabled and enabled again; the path count did not change, so it is not announced.
+  EXPECT_EQ(changes, (std::vector<std::string>{"eventsTrackingEnabled", "peerFirstUpdateMessageEpoch",
+                                               "eventsTrackingEnabled"}));
+
+  // Stop keeps the data.
+  control->testControlStatus()->findOrCreateRibOutData(4, 40, true);
+  out.clear();
+  control->updateEventsTracking(ctx, eventsTrackingStop, 1, 2, 3);
+  EXPECT_EQ(out, "Stopping BGP Events Tracking\n");
+  EXPECT_EQ(control->ribAddThreshold(), 0u);
+  EXPECT_EQ(control->ribOutPathAdvertiseThreshold(), 0u);
+  EXPECT_FALSE(control->eventsTrackingEnabled());
+  EXPECT_NE(control->testControlStatus()->findOrCreateRibOutData(4, 40, false), nullptr);
+
+  control->updateEventsTracking(ctx, eventsTrackingStart, 7, 8, 5);
+  EXPECT_EQ(control->ribAddThreshold(), 7u);
+  EXPECT_EQ(control->ribOutPathAdvertiseThreshold(), 8u);
+  EXPECT_EQ(control->peerFirstUpdateMessageEpoch(), 3u);
+
+  // Operations above detail are ignored.
+  out.clear();
+  changes.clear();
+  for (unsigned op : {5u, 6u, 255u}) control->updateEventsTracking(ctx, static_cast<EventsTrackingOp>(op), 1, 2, 3);
+  EXPECT_EQ(out, "");
+  EXPECT_TRUE(changes.empty());
+  EXPECT_EQ(control->ribAddThreshold(), 7u);
+}
+
+TEST_F(EventsTracking, NoneAndDetailAreNotCommandOperations) {
+  auto control = Kelp::makePtr<TestTrackleControlBase>();
+  control->testControlStatusIs();
+  std::string out;
+  Brim::DumpContext ctx(out);
+  const char* report = "BgpCommon/BgpTestHelpers:[0-9]+: .*updateEventsTracking.*Assertion `0' failed";
+  EXPECT_DEATH(control->updateEventsTracking(ctx, eventsTrackingNone, 0, 0, 0), report);
+  EXPECT_DEATH(control->updateEventsTracking(ctx, eventsTrackingDetail, 0, 0, 0), report);
+}
+
+TEST_F(EventsTracking, Collections) {
+  auto status = Kelp::makePtr<TestControlStatus>();
+  // Lookups without create make nothing.
+  EXPECT_EQ(status->findOrCreateRibOutData(9, 1, false), nullptr);
+  EXPECT_EQ(status->findOrCreateVrfData(9, false), nullptr);
+  EXPECT_TRUE(status->vrfData().empty());
+  // Every entry made by the find-or-create operations carries its stamps.
+  auto ribOut = status->findOrCreateRibOutData(9, 1, true);
+  ASSERT_NE(ribOut, nullptr);
+  EXPECT_NE(ribOut->timeStampsRibOut(), nullptr);
+  auto vrf = status->findOrCreateVrfData(9, false);
+  ASSERT_NE(vrf, nullptr);
+  EXPECT_NE(vrf->timeStampsRib(), nullptr);
+  EXPECT_EQ(status->findOrCreateRibOutData(9, 2, false), nullptr);  // the VRF exists, the RibOut not
+  EXPECT_EQ(vrf->ribOutData().size(), 1u);
+  EXPECT_EQ(status->findOrCreateRibOutData(9, 1, true), ribOut);  // found, not made again
+  EXPECT_EQ(vrf->vrfId(), 9u);
+  EXPECT_EQ(ribOut->ribOutId(), 1u);
+
+  // VRF names: at most 100 bytes; a longer one is refused and changes nothing.
+  vrf->vrfNameIs(std::string(100, 'v'));
+  try {
+    vrf->vrfNameIs(std::string(101, 'w'));
+    ADD_FAILURE() << "a 101-byte name was accepted";
+  } catch (const Kelp::RangeException& e) {
+    EXPECT_STREQ(e.what(), "Kelp::String::bytes > maxLength() not allowed");
+  }
+  EXPECT_EQ(vrf->vrfName(), std::string(100, 'v'));
+
+  vrf->ribOutDataDel(1);
+  EXPECT_EQ(status->findOrCreateRibOutData(9, 1, false), nullptr);
+  status->vrfDataDel(9);
+  EXPECT_EQ(status->vrfData(9), nullptr);
+
+  EXPECT_EQ(stringValue(eventsTrackingSummary), "eventsTrackingSummary");
+  EXPECT_EQ(Kelp::strepToValue<EventsTrackingOp>("eventsTrackingStop"), eventsTrackingStop);
+  EXPECT_EQ(EventsTrackingOpInstance(4u)->name, "eventsTrackingDetail");
+  EXPECT_NE(Kelp::findType("Routing::Bgp::EventsTrackingOp"), nullptr);
+}
+
+// Processing threads record while the command thread starts, summarizes and prints the detail.
+TEST_F(EventsTracking, RecordingWhileReporting) {
+  Kelp::currentTimeDel();
+  auto control = Kelp::makePtr<TestTrackleControlBase>();
+  Kelp::Ptr<TestControlStatus> status = control->testControlStatusIs();
+  std::string out;
+  Brim::DumpContext ctx(out);
+  control->updateEventsTracking(ctx, eventsTrackingStart, 50, 20, 0);
+  constexpr int kWorkers = 3;
+  constexpr U32 kVrfs = 4;
+  constexpr U32 kRibOuts = 3;
+  std::atomic<bool> done{false};
+  std::atomic<int> recorded{0};  // iterations of all workers
+  std::atomic<int> restarts{0};  // starts the command thread made while workers recorded
+  std::vector<std::thread> workers;
+  for (int w = 0; w < kWorkers; ++w) {
+    workers.emplace_back([&, w] {
+      // Record until the command thread has restarted twice, and then some more, so that the data
+      // collected since the last restart covers every VRF.
+      int seenRestarts = 0;
+      int sinceRestart = 0;
+      for (int i = 0; seenRestarts < 2 || sinceRestart < 400; ++i, ++sinceRestart, ++recorded) {
+        if (int r = restarts.load(); r != seenRestarts) {
+          seenRestarts = r;
+          sinceRestart = 0;
+        }
+        if (!control->eventsTrackingEnabled()) continue;
+        const U32 vrfId = static_cast<U32>(i + w) % kVrfs;
+        auto vrf = status->findOrCreateVrfData(vrfId, true);
+        const Kelp::Seconds now = Kelp::currentTime();
+        vrf->timeStampsRib()->noteUpdateMessage(now);
+        vrf->timeStampsRib()->noteEventProcessed(now);
+        if (vrf->numBribPathsInc(1) == control->ribAddThreshold()) vrf->timeStampsRib()->noteThresholdReached(now);
+        if (i % 10 == 0) vrf->vrfNameIs("vrf" + std::to_string(vrfId));
+        auto ribOut = status->findOrCreateRibOutData(vrfId, static_cast<U32>(i) % kRibOuts, true);
+        ribOut->timeStampsRibOut()->noteEventProcessed(now);
+        if (ribOut->processedPathCntInc(1) == static_cast<std::int32_t>(control->ribOutPathAdvertiseThreshold())) {
+          ribOut->timeStampsRibOut()->noteThresholdReached(now);
+        }
+      }
+    });
+  }
+  std::thread command([&] {
+    while (!done.load()) {
+      out.clear();
+      const int r = restarts.load();
+      if (r < 2 && recorded.load() >= (r + 1) * 1000) {
+        control->updateEventsTracking(ctx, eventsTrackingStart, 50, 20, 0);
+        restarts.store(r + 1);
+      }
+      control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 100);
+      control->printEventsTrackingDetail(ctx, 100);
+    }
+  });
+  for (auto& t : workers) t.join();
+  done = true;
+  command.join();
+
+  // The summary agrees with the collections, and every recorded entry has sane stamps.
+  auto summary = status->summarizeEventsTrackingData();
+  EXPECT_EQ(summary->numVrfs(), kVrfs);
+  U32 ribOuts = 0;
+  Kelp::Seconds first = 0.0, last = 0.0;
+  for (const auto& [id, vrf] : status->vrfData()) {
+    ribOuts += static_cast<U32>(vrf->ribOutData().size());
+    auto rib = vrf->timeStampsRib();
+    EXPECT_GT(rib->processingStart(), 0.0);
+    EXPECT_LE(rib->processingStart(), rib->processingEnd());
+    EXPECT_EQ(vrf->vrfName(), "vrf" + std::to_string(id));
+    if (first == 0.0 || rib->processingStart() < first) first = rib->processingStart();
+    if (rib->processingEnd() > last) last = rib->processingEnd();
+  }
+  EXPECT_EQ(summary->numRibOuts(), ribOuts);
+  EXPECT_EQ(summary->timeStampsRib()->processingStart(), first);
+  EXPECT_EQ(summary->timeStampsRib()->processingEnd(), last);
+  EXPECT_NE(out.find("BGP Events Tracking Detail:"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace Routing::Bgp

@@ -1,0 +1,58 @@
+#include "BgpCommon/SmTrigger.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace Routing::Bgp {
+namespace {
+
+TEST(SmTrigger, NotifiesOncePerChangeOnly) {
+  auto t = smTriggerFactory();
+  EXPECT_EQ(t->trigger(), 0u);
+  std::vector<std::string> seen;
+  Kelp::FunctionNotifiee machine([&](std::string_view attr) { seen.emplace_back(attr); });
+  t->notifiees().notifieeIs(&machine);
+
+  struct Row {
+    char op;  // 'i' triggerInc, 's' triggerIs
+    U32 arg;
+    U32 value;  // trigger afterwards (and triggerInc's result)
+    std::size_t notifications;
+  };
+  const Row rows[] = {
+      {'i', 0, 0, 0},                    // nothing changes
+      {'i', 1, 1, 1},                    // the usual kick
+      {'s', 1, 1, 1},                    // same value: nobody told
+      {'s', 4294967295u, 4294967295u, 2},
+      {'i', 1, 0, 3},                    // wraps to 0, still a change
+      {'i', 4294967295u, 4294967295u, 4},
+      {'i', 2, 1, 5},
+      {'s', 0, 0, 6},
+      {'i', 0, 0, 6},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.op << " " << row.arg);
+    if (row.op == 'i') {
+      EXPECT_EQ(t->triggerInc(row.arg), row.value);
+    } else {
+      t->triggerIs(row.arg);
+    }
+    EXPECT_EQ(t->trigger(), row.value);
+    EXPECT_EQ(seen.size(), row.notifications);
+  }
+  EXPECT_EQ(seen.front(), "trigger");
+
+  // Two machines watching one trigger are each told once.
+  Kelp::FunctionNotifiee other([&](std::string_view attr) { seen.emplace_back(attr); });
+  SmTriggerIs()->notifiees().notifieeIs(&other);  // a trigger of its own, gone at once
+  EXPECT_EQ(other.notifier(), nullptr);
+  t->notifiees().notifieeIs(&other);
+  seen.clear();
+  t->triggerInc(1);
+  EXPECT_EQ(seen.size(), 2u);
+}
+
+}  // namespace
+}  // namespace Routing::Bgp

@@ -1,0 +1,86 @@
+#include "platform/Kelp/HashMap2018.h"
+
+#include <map>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Point {
+  std::uint32_t x, y;
+  bool operator==(const Point&) const = default;
+  std::uint32_t hash(std::uint32_t seed) const {
+    Kelp::Hash h(seed);
+    h.hashMix(x);
+    h.hashMix(y);
+    return h.result();
+  }
+};
+
+// Keys hash with the framework's hash under the collection's own seed.
+TEST(HashMap2018, HashesWithTheCollectionSeed) {
+  Kelp::HashMap2018<std::uint32_t, int> a(1), b(2);
+  Kelp::Hash h(1);
+  h.hashMix(std::uint32_t{77});
+  EXPECT_EQ(a.seed(), 1u);
+  EXPECT_EQ(a.hash(77), h.result());
+  EXPECT_NE(a.hash(77), b.hash(77));
+
+  Kelp::HashMap2018<Point, int> points(9);
+  EXPECT_EQ(points.hash({1, 2}), (Point{1, 2}.hash(9)));
+  Kelp::HashMap2018<std::string, int> names(9);
+  Kelp::Hash hs(9);
+  hs.hashMix(std::string_view("vrf"));
+  EXPECT_EQ(names.hash("vrf"), hs.result());
+  EXPECT_EQ(Kelp::processHashSeed(), Kelp::processHashSeed());
+}
+
+// Random operations against std::map as the model.
+TEST(HashMap2018, BehavesLikeAMap) {
+  Kelp::HashMap2018<std::uint16_t, std::uint32_t> m(0x1234);
+  std::map<std::uint16_t, std::uint32_t> model;
+  std::mt19937 rng(42);
+  for (int i = 0; i < 20000; ++i) {
+    std::uint16_t k = rng() % 512;
+    std::uint32_t v = rng();
+    switch (rng() % 4) {
+      case 0: {
+        auto [p, added] = m.tryEmplace(k, v);
+        auto [it, modelAdded] = model.try_emplace(k, v);
+        EXPECT_EQ(added, modelAdded);
+        EXPECT_EQ(*p, it->second);
+        break;
+      }
+      case 1:
+        m.insertOrAssign(k, v);
+        model[k] = v;
+        break;
+      case 2: {
+        auto taken = m.take(k);
+        auto it = model.find(k);
+        ASSERT_EQ(taken.has_value(), it != model.end());
+        if (taken) {
+          EXPECT_EQ(*taken, it->second);
+          model.erase(it);
+        }
+        break;
+      }
+      default: {
+        const std::uint32_t* p = m.find(k);
+        auto it = model.find(k);
+        ASSERT_EQ(p != nullptr, it != model.end());
+        if (p) EXPECT_EQ(*p, it->second);
+      }
+    }
+    ASSERT_EQ(m.size(), model.size());
+  }
+  std::map<std::uint16_t, std::uint32_t> walked(m.begin(), m.end());
+  EXPECT_EQ(walked, model);
+  EXPECT_TRUE(m.erase(walked.begin()->first));
+  m.clear();
+  EXPECT_TRUE(m.empty());
+}
+
+}  // namespace

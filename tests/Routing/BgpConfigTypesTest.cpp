@@ -1,0 +1,102 @@
+#include "platform/Routing/BgpConfigTypes.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/Support/BgpConfigSamples.h"
+#include "tests/Support/ValueConformance.h"
+
+namespace Routing::Bgp {
+namespace {
+
+using testing_support::expectValueConformance;
+using testing_support::sampleValuesOf;
+
+template <typename V>
+void expectConformanceWithDefault() {
+  std::vector<V> values = sampleValuesOf<V>();
+  values.push_back(V{});
+  expectValueConformance<V>(values);
+}
+
+TEST(BgpConfigTypes, Conformance) {
+  expectConformanceWithDefault<TtlSecurityMaxHopValue>();
+  expectConformanceWithDefault<RemovePrivateAs>();
+  expectConformanceWithDefault<LocalAs>();
+  expectConformanceWithDefault<AsnOrPeerFilter>();
+  expectConformanceWithDefault<BgpTcpAuthKey>();
+  expectConformanceWithDefault<AddPathSendConfig>();
+  expectConformanceWithDefault<RfdPolicyAttachment>();
+  testing_support::expectDamagedTextsRefused(BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "a'b", "c", 1));
+  testing_support::expectDamagedTextsRefused(AddPathSendConfig(AddPathSendConfig::Kind::sendEcmp, 4, "PL"));
+}
+
+TEST(BgpConfigTypes, LongForms) {
+  const std::pair<Kelp::String, Kelp::String> rows[] = {
+      {Kelp::valueToStrep(TtlSecurityMaxHopValue(254)), "Value('Routing::Bgp::TtlSecurityMaxHopValue', ** {'hops': 254})"},
+      {Kelp::valueToStrep(LocalAs(65001, true, false)),
+       "Value('Routing::Bgp::LocalAs', ** {'asn': 65001, 'noPrepend': True, 'replaceAs': False})"},
+      {Kelp::valueToStrep(AsnOrPeerFilter()),
+       "Value('Routing::Bgp::AsnOrPeerFilter', ** {'type': asn, 'asn': 0, 'peerFilter': ''})"},
+      {Kelp::valueToStrep(BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "it's\\", "", 0)),
+       "Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'it\\'s\\\\', 'keyChain': '', 'keyId': 0})"},
+      {Kelp::valueToStrep(AddPathSendConfig(AddPathSendConfig::Kind::sendEcmp, 4, "{x}")),
+       "Value('Routing::Bgp::AddPathSendConfig', ** {'kind': sendEcmp, 'limit': 4, 'prefixList': '{x}'})"},
+      {Kelp::valueToStrep(AddPathSendConfig(AddPathSendConfig::Kind{9}, 0)),
+       "Value('Routing::Bgp::AddPathSendConfig', ** {'kind': 9, 'limit': 0, 'prefixList': ''})"},
+      {Kelp::valueToStrep(RfdPolicyAttachment("damp\xff", true)),
+       "Value('Routing::Bgp::RfdPolicyAttachment', ** {'policyName': 'damp\\xff', 'logOnly': True})"},
+  };
+  for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
+}
+
+TEST(BgpConfigTypes, DefaultsAndTruth) {
+  // The remote AS defaults to "a single AS number"; everything else to zero.
+  EXPECT_EQ(AsnOrPeerFilter().type, AsnOrPeerFilter::Type::asn);
+  EXPECT_FALSE(AsnOrPeerFilter());
+  EXPECT_TRUE(AsnOrPeerFilter(AsnOrPeerFilter::Type::unknown, 0, ""));
+  EXPECT_FALSE(BgpTcpAuthKey());
+  EXPECT_FALSE(AddPathSendConfig());
+  EXPECT_TRUE(RemovePrivateAs(false, false, true));
+  // Equality covers every field, texts included.
+  EXPECT_NE(BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "k", "", 0), BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "", "k", 0));
+}
+
+TEST(BgpConfigTypes, EnumerationsReadWithSequenceToValue) {
+  // The 32-bit ReflectorClient by name and by number; the range stops after the enumerator.
+  const std::pair<const char*, std::uint32_t> rows[] = {{"meshedClient", 2}, {"4000000000", 4000000000u}};
+  for (const auto& [name, value] : rows) {
+    const Kelp::String text = Kelp::String(name) + ", ";  // the range does not own its text
+    Kelp::CharRange r(text);
+    ReflectorClient e{};
+    sequenceToValue(r, &e);
+    EXPECT_EQ(static_cast<std::uint32_t>(e), value);
+    EXPECT_EQ(r.rest(), ", ");
+  }
+  EXPECT_EQ(Kelp::strepToValue<PolicyActionType>("policyActionDeny"), PolicyActionType::policyActionDeny);
+  EXPECT_EQ(AddPathSendConfig::KindInstance("sendEcmp")->value, 4u);
+  EXPECT_EQ(valueToStrep(SoftReconfigInboundState::softReconfigKeepNone), "softReconfigKeepNone");
+  EXPECT_THROW(Kelp::strepToValue<ExtendedNextHopCapability>("256"), Kelp::RangeException);  // 8 bits
+}
+
+TEST(BgpConfigTypes, ParseErrorsNameTheField) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': sha1, 'secret': '', 'keyChain': '', 'keyId': 0})",
+       "type: expected a Routing::Bgp::BgpTcpAuthKey::Type enumerator at offset 49, found \"sha1, 'secret': '', 'key...\""},
+      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'a\\q', 'keyChain': '', 'keyId': 0})",
+       "secret: unknown escape at offset 66, found \"\\\\q', 'keyChain': '', 'ke...\""},
+      // an unescaped quote ends the text early: the template, not the field, is then at fault
+      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'abc, 'keyChain': '', 'keyId': 0})",
+       "expected \", 'keyChain': \" at offset 71, found \"keyChain': '', 'keyId': ...\""},
+  };
+  for (const auto& [text, message] : rows) {
+    try {
+      Kelp::strepToValue<BgpTcpAuthKey>(text);
+      ADD_FAILURE() << "accepted: " << text;
+    } catch (const Kelp::RangeException& e) {
+      EXPECT_STREQ(e.what(), message) << text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Routing::Bgp
