@@ -102,8 +102,8 @@ struct Fixture {
 };
 
 Fixture& fixture() {
-  static Fixture* f = new Fixture;
-  return *f;
+  static Fixture f;  // removed at exit
+  return f;
 }
 
 // Walks the random ids: each call looks one record up. With `dependent`, the id's position is
