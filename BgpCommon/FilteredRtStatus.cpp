@@ -22,6 +22,9 @@ std::optional<std::pair<Netzo::IpGenPrefix, std::size_t>> decodePrefix(Shelf::By
   using Netzo::AddressFamily;
   if (b.size() < 2) return std::nullopt;
   auto family = static_cast<AddressFamily>(b[0]);
+  if (family != AddressFamily::ipUnknown && family != AddressFamily::ipv4 && family != AddressFamily::ipv6) {
+    return std::nullopt;
+  }
   std::size_t n = family == AddressFamily::ipv4 ? 4 : family == AddressFamily::ipv6 ? 16 : 0;
   if (b.size() < 2 + n || b[1] > Netzo::maxPrefixLength(family)) return std::nullopt;
   Netzo::IpGenAddr address;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "platform/Brim/HashMix.h"
 #include "platform/Kelp/Registry.h"
 #include "platform/Pico/Format.h"
 
@@ -127,16 +128,16 @@ IgpResult_::IgpResult_(Kelp::CharRange&) {
 std::uint32_t IgpResult_::hash(std::uint32_t seed) const {
   Kelp::Hash communities;
   communities.hashMixBytes(community.data(), 4u * community.count());
-  Kelp::Hash h(seed);
-  h.hashMix(static_cast<std::uint32_t>(isisLevel));
-  h.hashMix(static_cast<std::uint32_t>(ospfMetricType));
-  h.hashMix(preference().value);
-  h.hashMix(tag().value);
-  h.hashMix(metric.canonical());  // unset metrics are equal whatever their low bits
-  h.hashMix(ospfBitDn);
-  h.hashMix(ospfv3BitDn);
-  h.hashMix(communities.result());
-  return h.result();
+  Brim::HashMix h(seed);
+  h.mixBytes4(static_cast<std::uint32_t>(isisLevel));
+  h.mixBytes4(static_cast<std::uint32_t>(ospfMetricType));
+  h.mixBytes1(preference().value);
+  h.mixBytes4(tag().value);
+  h.mixBytes8(metric.canonical());  // unset metrics are equal whatever their low bits
+  h.mixBytes1(ospfBitDn ? 1 : 0);
+  h.mixBytes1(ospfv3BitDn ? 1 : 0);
+  h.mixBytes4(communities.result());
+  return h.value();
 }
 
 }  // namespace Routing::Bgp

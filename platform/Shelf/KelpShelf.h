@@ -79,7 +79,7 @@ class CollectionControl : public Kelp::PtrInterface {
   void scalarIs(std::uint32_t index, std::uint64_t value);
 
   // Every corruption found in the table goes here. The default writes the message to stderr. Set it
-  // before the collection is read from several threads.
+  // before the collection is read from several threads; it may then be called from any of them.
   void corruptionHandlerIs(Shelf::CorruptionHandler handler);
   void corruption(std::string_view message) const;
 

@@ -127,7 +127,7 @@ struct Geometry {
 
 // Upper bounds of the byte format.
 inline constexpr std::uint32_t kMaxKeyBytes = 255;
-inline constexpr std::uint32_t kMaxSlotBytes = 4096;
+inline constexpr std::uint32_t kMaxSlotBytes = 1024;
 inline constexpr std::uint32_t kMaxCapacity = 1u << 26;
 // How many 64-bit scalars the header carries for the owning entity's plain attributes.
 inline constexpr std::uint32_t kScalarCount = 8;

@@ -45,9 +45,13 @@ TEST(FilteredRtStatus, FilteredRouteValue) {
     r.serialize(buf);
     EXPECT_EQ(FilteredRoute::deserialize(std::span(buf, r.serializeLen())), r);
   }
+  // Bytes that hold no prefix: a length beyond the family's, a family that does not exist.
   const std::uint8_t badLength[] = {1, 33, 10, 0, 0, 0, 7, 0, 0, 0};
-  EXPECT_THROW(FilteredRoute::deserialize(badLength), Kelp::RangeException);
-  EXPECT_EQ(KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(std::span(badLength, 6)), Netzo::IpGenPrefix());
+  const std::uint8_t badFamily[] = {0x11, 0, 7, 0, 0, 0};
+  for (std::span<const std::uint8_t> bad : {std::span<const std::uint8_t>(badLength), std::span<const std::uint8_t>(badFamily)}) {
+    EXPECT_THROW(FilteredRoute::deserialize(bad), Kelp::RangeException);
+    EXPECT_EQ(KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(bad.first(bad.size() - 4)), Netzo::IpGenPrefix());
+  }
 }
 
 TEST(FilteredRtStatus, WriterStartsEmptyAtItsMountPath) {
