@@ -10,10 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -234,6 +236,48 @@ TEST(IgpResultStatusReaderHelper, ADamagedRecordIsReportedAndReadsAsAbsent) {
                                   {"undamaged", RoutingProtocol::protocolStatic, 7,
                                    IgpResultLookup(t.seven, IgpResultReturnType::resultFound)}});
     if (reports.empty()) complaints += "the corruption handler was not told\n";
+    return complaints;
+  });
+}
+
+// lookup takes no lock: threads share one helper while the writer keeps replacing records. Every
+// answer is a whole record of some version, or not found while its key is briefly absent.
+TEST(IgpResultStatusReaderHelper, ThreadsShareAHelperWhileTheWriterChangesRecords) {
+  inFreshProcess("", [] {
+    Tables t;
+    auto helper = igpResultStatusReaderHelperFactory(t.reader);
+    helper->lookup(kRoute, RoutingProtocol::protocolStatic, 7);  // the toggle is read here, once
+    std::atomic<bool> stop{false};
+    std::atomic<int> torn{0}, found{0};
+    std::vector<std::thread> readers;
+    for (int n = 0; n < 3; ++n) {
+      readers.emplace_back([&] {
+        while (!stop.load()) {
+          for (std::uint32_t id : {7u, 9u, 11u}) {
+            IgpResultLookup l = helper->lookup(kRoute, RoutingProtocol::protocolStatic, id);
+            if (l.returnType == IgpResultReturnType::resultFound) {
+              ++found;
+              if (!testing_support::isWholeRecord(l.igpResult) || l.igpResult.key.value != id) ++torn;
+            } else if (l.returnType != IgpResultReturnType::resultNotFound) {
+              ++torn;
+            }
+          }
+        }
+      });
+    }
+    for (std::uint64_t v = 10; v < 20000; ++v) {
+      t.writer->resultIs(testing_support::versionedRecord(7, v));
+      if (v % 2 == 0) {
+        t.writer->resultIs(testing_support::versionedRecord(11, v));
+      } else {
+        t.writer->resultDel(IgpResultId(11));
+      }
+    }
+    stop = true;
+    for (auto& th : readers) th.join();
+    std::string complaints;
+    if (torn.load() != 0) complaints += std::to_string(torn.load()) + " torn or wrong answers\n";
+    if (found.load() == 0) complaints += "nothing found\n";
     return complaints;
   });
 }
