@@ -1,0 +1,93 @@
+#pragma once
+// The read side of static-route redistribution: which IGP result applies to a route.
+//
+// A route handed to redistribution carries a 32-bit attribute-set identifier. For a static route
+// it names the deduplicated policy result that the configuring process published in its
+// IgpResultStatus table; for every other protocol it is the route tag itself. lookup() answers the
+// record to apply and how it was reached:
+//
+//   resultTagOnly   not a static route, or static-route communities are switched off: a default
+//                   record (key 0) whose tag is the identifier; the table is not read
+//   resultDefault   a static route without an identifier (0): the default record
+//   resultFound     the record stored under the identifier (all fields, key included)
+//   resultNotFound  the identifier is not in the table (withdrawn, or not yet published): the
+//                   default record
+//
+//   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>();
+//   auto helper = igpResultStatusReaderHelperFactory(
+//       IgpResultStatus::createIgpResultStatusReader("static", em));
+//   IgpResultLookup r = helper->lookup(routeKey, Rib::RoutingProtocol::protocolStatic, attrSetId);
+//
+// Static-route communities are a feature toggle ("StaticRouteCommunities" in "Ira.json", on unless
+// the file says otherwise), read the first time a static route is looked up and kept for the life
+// of the process. lookup() holds no lock and may be called from any number of threads. A damaged
+// table entry is reported to the table's corruption handler and reads as absent (resultNotFound).
+
+#include <cstdint>
+
+#include "BgpCommon/FilteredRtStatus.h"
+#include "BgpCommon/IgpPolicyTypes.h"
+#include "platform/Kelp/EnumType.h"
+#include "platform/Kelp/Ptr.h"
+#include "platform/Kelp/ValueType.h"
+#include "platform/Routing/RibTypes.h"
+
+namespace Routing::BgpRedistribute {
+
+enum class IgpResultReturnType : std::uint8_t {
+  resultDefault = 0,
+  resultFound = 1,
+  resultNotFound = 2,
+  resultTagOnly = 3,
+};
+constexpr auto kelpEnum(Kelp::Tag<IgpResultReturnType>) {
+  return Kelp::enumType<IgpResultReturnType>("Routing::BgpRedistribute::IgpResultReturnType",
+                                             {{IgpResultReturnType::resultDefault, "resultDefault"},
+                                              {IgpResultReturnType::resultFound, "resultFound"},
+                                              {IgpResultReturnType::resultNotFound, "resultNotFound"},
+                                              {IgpResultReturnType::resultTagOnly, "resultTagOnly"}});
+}
+KELP_ENUM_FUNCTIONS(IgpResultReturnType)
+
+// The answer of a lookup: the record to apply and how it was reached. Cannot be built from text
+// (its record holds a collection) and is not hashable.
+struct IgpResultLookup : Kelp::ValueBase<IgpResultLookup> {
+  IgpResult igpResult{IgpResultId()};
+  IgpResultReturnType returnType = IgpResultReturnType::resultDefault;
+
+  IgpResultLookup() = default;
+  IgpResultLookup(const IgpResult& r, IgpResultReturnType t) : igpResult(r), returnType(t) {}
+  explicit IgpResultLookup(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
+
+  friend constexpr auto kelpType(Kelp::Tag<IgpResultLookup>) {
+    return Kelp::valueType<IgpResultLookup>("Routing::BgpRedistribute::IgpResultLookup",
+                                            Kelp::field("igpResult", &IgpResultLookup::igpResult),
+                                            Kelp::field("returnType", &IgpResultLookup::returnType));
+  }
+};
+
+class IgpResultStatusReaderHelper : public Kelp::PtrInterface {
+ public:
+  // `status` may be null, but then no static route may be looked up.
+  explicit IgpResultStatusReaderHelper(const Kelp::Ptr<const IgpResultStatus>& status)
+      : staticConfigIgpResultStatus_(status) {}
+
+  // The table of results computed for static-route configuration; fixed for the helper's life.
+  const Kelp::Ptr<const IgpResultStatus>& staticConfigIgpResultStatus() const { return staticConfigIgpResultStatus_; }
+
+  // The record that applies to a route (see the top of this file). `routeKey` is not consulted.
+  // A static route looked up through a helper without a table stops the process.
+  IgpResultLookup lookup(const Rib::RouteKey& routeKey, Rib::RoutingProtocol protocol, std::uint32_t attrSetId) const;
+
+  // Whether static routes take their result from the table: the toggle "StaticRouteCommunities"
+  // of "Ira.json", true when absent. Read once per process, on first use.
+  static bool staticRouteCommunities();
+
+ private:
+  const Kelp::Ptr<const IgpResultStatus> staticConfigIgpResultStatus_;
+};
+
+Kelp::Ptr<IgpResultStatusReaderHelper> igpResultStatusReaderHelperFactory(const Kelp::Ptr<const IgpResultStatus>& status);
+Kelp::Ptr<IgpResultStatusReaderHelper> IgpResultStatusReaderHelperIs(const Kelp::Ptr<const IgpResultStatus>& status);
+
+}  // namespace Routing::BgpRedistribute

@@ -1,0 +1,295 @@
+// Interning policy results: one handle, one identifier and one published record per outcome, seen
+// by readers of the shared table in this process and in another (the bgpcommon tool).
+#include "BgpCommon/IgpResultDedupTable.h"
+
+#include <stdlib.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/RunTool.h"
+
+namespace Routing::Bgp {
+namespace {
+
+using BgpRedistribute::CommunityIndex;
+using BgpRedistribute::IgpResult;
+using BgpRedistribute::IgpResultId;
+using BgpRedistribute::IgpResultStatus;
+using testing_support::TempRoot;
+
+// A result that sets every field.
+IgpResult_ fullResult() {
+  IgpResult_ r;
+  r.preferenceIs(110);
+  r.tagIs(4200);
+  r.metric.valueIs(77);
+  r.isisLevel = Isis::Level::level2;
+  r.ospfMetricType = Ospf::OspfExtMetricType::type1;
+  r.ospfBitDn = true;
+  r.ospfv3BitDn = true;
+  r.ospfDomainId = 0x1122334455667788ull;
+  r.ospfRouteType = 5;
+  r.communityIs(CommunityIndex(0), 100);
+  r.communityIs(CommunityIndex(1), 200);
+  return r;
+}
+
+IgpResult_ withTag(std::uint32_t tag) {
+  IgpResult_ r;
+  r.tagIs(tag);
+  return r;
+}
+
+// Some policy state of the policy library's own.
+struct PolicyState : Kelp::PtrInterface {};
+
+class IgpResultDedupTableTest : public ::testing::Test {
+ protected:
+  TempRoot root;
+  Kelp::Ptr<KelpSharedMem::EntityManager> em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusWriter("dedup", em, 64);
+  Kelp::Ptr<IgpResultTable> table = igpResultTableFactory(status);
+  // A reader of the same file through its own read-only mapping.
+  Kelp::Ptr<KelpSharedMem::EntityManager> readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  Kelp::Ptr<IgpResultStatus> view = IgpResultStatus::createIgpResultStatusReader("dedup", readerEm);
+
+  std::uint32_t largestId() const { return table->idAllocator()->largestAllocatedId(); }
+};
+
+TEST_F(IgpResultDedupTableTest, BuiltReadyToPublish) {
+  EXPECT_TRUE(table->initialized());
+  EXPECT_FALSE(table->useLock());
+  EXPECT_EQ(table->igpResultStatus(), status);
+  ASSERT_TRUE(table->igpResultTableLTNotifiee());
+  EXPECT_EQ(table->igpResultTableLTNotifiee()->igpResultStatus(), status);
+  EXPECT_EQ(table->idAllocator()->name(), "IgpResult");
+  EXPECT_EQ(table->dedupResultStatus()->lifeTimeNotifiee(), table->igpResultTableLTNotifiee());
+  EXPECT_EQ(table->dedupResultStatusIs(false), table->dedupResultStatus());
+
+  auto h = DedupIgpResultIs(fullResult());
+  EXPECT_EQ(h->id(), 0u);
+  EXPECT_EQ(h->hash(), fullResult().hash());
+  EXPECT_FALSE(h->isDeduped());
+}
+
+TEST_F(IgpResultDedupTableTest, EqualResultsShareOneHandleOneIdOneRecord) {
+  IgpResult_ a = fullResult();
+  a.dps = Kelp::makePtr<PolicyState>();
+  IgpResult_ b = fullResult();
+  b.dps = Kelp::makePtr<PolicyState>();  // differs only in the policy's own state
+  ASSERT_FALSE(a == b);
+
+  auto ha = table->dedup(a);
+  auto hb = table->dedup(b);
+  EXPECT_EQ(ha.get(), hb.get());
+  EXPECT_EQ(ha->id(), 1u);  // the first identifier of a fresh table
+  EXPECT_EQ(table->size(), 1u);
+  EXPECT_EQ(largestId(), 1u);
+  EXPECT_EQ(status->resultCount(), 1u);
+
+  // The record carries every field but dps, under the identifier.
+  IgpResult want{IgpResultId(1)};
+  want.preference = 110;
+  want.tag = 4200;
+  want.metric.valueIs(77);
+  want.isisLevel = Isis::Level::level2;
+  want.ospfMetricType = Ospf::OspfExtMetricType::type1;
+  want.ospfBitDn = true;
+  want.ospfv3BitDn = true;
+  want.ospfDomainId = 0x1122334455667788ull;
+  want.ospfRouteType = 5;
+  want.communityIs(CommunityIndex(0), 100);
+  want.communityIs(CommunityIndex(1), 200);
+  EXPECT_EQ(view->result(IgpResultId(1)), want);
+
+  // A result that policy left alone is published as a default record.
+  auto plain = table->dedup(IgpResult_());
+  EXPECT_EQ(view->result(IgpResultId(plain->id())), IgpResult(IgpResultId(2)));
+}
+
+TEST_F(IgpResultDedupTableTest, EveryFieldButDpsTellsOutcomesApart) {
+  // Each row changes one field of the full result; every one must be an outcome of its own.
+  std::vector<void (*)(IgpResult_&)> changes = {
+      [](IgpResult_& r) { r.preferenceIs(111); },
+      [](IgpResult_& r) { r.tagIs(4201); },
+      [](IgpResult_& r) { r.metric.unset(); },
+      [](IgpResult_& r) { r.isisLevel = Isis::Level::level1; },
+      [](IgpResult_& r) { r.ospfMetricType = Ospf::OspfExtMetricType::type2; },
+      [](IgpResult_& r) { r.ospfBitDn = false; },
+      [](IgpResult_& r) { r.ospfv3BitDn = false; },
+      [](IgpResult_& r) { r.ospfDomainId = 1; },
+      [](IgpResult_& r) { r.ospfRouteType = 6; },
+      [](IgpResult_& r) { r.communityDel(CommunityIndex(1)); },
+      [](IgpResult_& r) { r.communityIs(CommunityIndex(1), 201); },
+  };
+  auto base = table->dedup(fullResult());
+  std::vector<Kelp::Ptr<const DedupIgpResult>> held;
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    IgpResult_ r = fullResult();
+    changes[i](r);
+    held.push_back(table->dedup(r));
+    EXPECT_NE(held.back().get(), base.get()) << "change " << i;
+    EXPECT_EQ(held.back()->id(), i + 2) << "change " << i;
+  }
+  EXPECT_EQ(status->resultCount(), changes.size() + 1);
+
+  // Unset metrics agree whatever their low bits.
+  IgpResult_ r = fullResult();
+  r.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 9);
+  EXPECT_EQ(table->dedup(r).get(), held[2].get());
+}
+
+TEST_F(IgpResultDedupTableTest, DomainIdAloneSharesABucketButNotAHandle) {
+  IgpResult_ a = fullResult();
+  IgpResult_ b = fullResult();
+  b.ospfDomainId = 9;
+  ASSERT_EQ(a.hash(), b.hash());
+  auto ha = table->dedup(a);
+  auto hb = table->dedup(b);
+  EXPECT_NE(ha.get(), hb.get());
+  EXPECT_EQ(ha->id(), 1u);
+  EXPECT_EQ(hb->id(), 2u);
+  EXPECT_EQ(view->result(IgpResultId(1))->ospfDomainId, 0x1122334455667788ull);
+  EXPECT_EQ(view->result(IgpResultId(2))->ospfDomainId, 9u);
+}
+
+TEST_F(IgpResultDedupTableTest, LastReleaseWithdrawsTheRecordThenFreesTheId) {
+  auto a = table->dedup(withTag(1));
+  auto a2 = table->dedup(withTag(1));
+  auto b = table->dedup(withTag(2));
+  ASSERT_EQ(a->id(), 1u);
+  ASSERT_EQ(b->id(), 2u);
+
+  a = nullptr;  // another holder remains
+  EXPECT_TRUE(view->result(IgpResultId(1)));
+  a2 = nullptr;  // the last one
+  EXPECT_FALSE(view->result(IgpResultId(1)));
+  EXPECT_EQ(status->resultCount(), 1u);
+  EXPECT_EQ(table->size(), 1u);
+  EXPECT_EQ(table->idAllocator()->freeIdFront(), 1u);
+
+  // The next new result takes the freed identifier; its record replaces nothing of the old one.
+  auto c = table->dedup(withTag(3));
+  EXPECT_EQ(c->id(), 1u);
+  EXPECT_EQ(view->result(IgpResultId(1))->tag.value, 3u);
+  EXPECT_EQ(largestId(), 2u);
+  // Interning the released result again makes it new: a fresh identifier.
+  EXPECT_EQ(table->dedup(withTag(1))->id(), 3u);
+}
+
+TEST_F(IgpResultDedupTableTest, LookupNeverInserts) {
+  EXPECT_EQ(table->lookup(fullResult()), nullptr);
+  EXPECT_EQ(table->size(), 0u);
+  EXPECT_EQ(largestId(), 0u);
+  EXPECT_EQ(status->resultCount(), 0u);
+
+  auto h = table->dedup(fullResult());
+  IgpResult_ same = fullResult();
+  same.dps = Kelp::makePtr<PolicyState>();
+  EXPECT_EQ(table->lookup(same).get(), h.get());
+  EXPECT_EQ(h->references(), 2u);  // ours and the table's: the lookup's reference is gone
+  EXPECT_EQ(largestId(), 1u);
+}
+
+TEST_F(IgpResultDedupTableTest, AFullStatusTableRefusesNewResultsOnly) {
+  auto small = IgpResultStatus::createIgpResultStatusWriter("full", em, 2);
+  auto t = igpResultTableFactory(small);
+  auto a = t->dedup(withTag(1));
+  auto b = t->dedup(withTag(2));
+  try {
+    t->dedup(withTag(3));
+    ADD_FAILURE() << "no exception";
+  } catch (const Shelf::TableFullException& e) {
+    EXPECT_STREQ(e.what(), "Shelf table full (occupancy:2 tableSize:2) routing/rib/igpResultStatus/full");
+  }
+  // Nothing changed, and outcomes interned already are still answered.
+  EXPECT_EQ(t->size(), 2u);
+  EXPECT_EQ(t->idAllocator()->largestAllocatedId(), 2u);
+  EXPECT_EQ(t->dedup(withTag(2)).get(), b.get());
+  a = nullptr;
+  EXPECT_EQ(t->dedup(withTag(3))->id(), 1u);
+}
+
+TEST_F(IgpResultDedupTableTest, ALockedSetReportsToTheSameNotifiee) {
+  auto old = table->dedup(withTag(1));
+  auto locked = table->dedupResultStatusIs(true);
+  EXPECT_TRUE(table->useLock());
+  EXPECT_NE(locked.get(), old->getDedupHashTable());
+  auto h = table->dedup(withTag(2));
+  EXPECT_EQ(h->id(), 2u);  // one allocator for both sets
+  EXPECT_TRUE(view->result(IgpResultId(2)));
+  old = nullptr;  // the old set still withdraws its records
+  EXPECT_FALSE(view->result(IgpResultId(1)));
+
+  auto n = table->igpResultTableLTNotifieeDel();
+  EXPECT_EQ(locked->lifeTimeNotifiee(), nullptr);
+  auto quiet = table->dedup(withTag(3));
+  EXPECT_EQ(quiet->id(), 0u);  // nobody numbers or publishes it
+  EXPECT_EQ(status->resultCount(), 1u);
+}
+
+TEST_F(IgpResultDedupTableTest, TracesNameTheOperation) {
+  std::vector<std::string> lines;
+  Pico::traceSinkIs([&](std::string_view l) { lines.emplace_back(l); });
+  Pico::traceLevelIs(Pico::kTraceLevelOperational, true);
+  {
+    auto t = igpResultTableFactory(status);
+    auto h = t->dedup(withTag(1));
+    t->lookup(withTag(1));
+  }
+  Pico::traceLevelIs(Pico::kTraceLevelOperational, false);
+  Pico::traceSinkIs({});
+  auto has = [&](const std::string& word) {
+    for (const auto& l : lines) {
+      if (l.find(word) != std::string::npos) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(has(" handleInitialized"));
+  EXPECT_TRUE(has(" dedup id 1"));
+  EXPECT_TRUE(has(" lookup id 1"));
+  EXPECT_TRUE(has(" handleRemove id 1"));
+  EXPECT_TRUE(has(" newIgpResult id 0x1"));
+  EXPECT_TRUE(has(" free IgpResult id 0x1"));
+}
+
+// The whole flow across processes: the bgpcommon tool, started afresh, looks identifiers up with
+// the reader helper as redistribution does.
+TEST_F(IgpResultDedupTableTest, AnotherProcessSeesOneRecordPerOutcome) {
+  TempRoot toggles;  // no toggle file: static-route lookups are on
+  auto reader = [&] {
+    auto r = testing_support::runTool("demo-reader --root " + root.path() + " --name dedup --ids 1,2,3,4");
+    EXPECT_EQ(r.status, 0) << r.out;
+    return r.out;
+  };
+  ASSERT_EQ(setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1), 0);
+
+  IgpResult_ a = fullResult();
+  IgpResult_ aOther = fullResult();
+  aOther.dps = Kelp::makePtr<PolicyState>();
+  IgpResult_ b = fullResult();
+  b.ospfDomainId = 9;
+  std::vector<Kelp::Ptr<const DedupIgpResult>> routes = {table->dedup(a), table->dedup(aOther), table->dedup(b),
+                                                         table->dedup(withTag(7))};
+  auto line = [&](std::uint32_t id) {
+    auto r = status->result(IgpResultId(id));
+    return "id " + std::to_string(id) + ": " + (r ? "resultFound " + Kelp::valueToStrep(*r) : "resultNotFound") + "\n";
+  };
+  EXPECT_EQ(reader(), line(1) + line(2) + line(3) + "id 4: resultNotFound\n");
+
+  routes[0] = routes[1] = nullptr;  // outcome 1 released by both its routes
+  EXPECT_EQ(reader(), "id 1: resultNotFound\n" + line(2) + line(3) + "id 4: resultNotFound\n");
+
+  routes.push_back(table->dedup(withTag(8)));  // takes identifier 1
+  EXPECT_EQ(routes.back()->id(), 1u);
+  EXPECT_EQ(reader(), line(1) + line(2) + line(3) + "id 4: resultNotFound\n");
+  EXPECT_NE(line(1).find("'tag': 8,"), std::string::npos);
+  unsetenv("BGPCOMMON_TOGGLE_DIR");
+}
+
+}  // namespace
+}  // namespace Routing::Bgp

@@ -1,0 +1,297 @@
+// The read side of redistribution: which record applies to a route, and how it was reached.
+//
+// Static-route communities are a toggle that a process reads once, on its first static lookup. So
+// every case that depends on it runs in a fresh process: the test program re-executed, as
+// GoogleTest's "threadsafe" death tests do, with the toggle directory set in that process only.
+#include "BgpCommon/IgpResultStatusReaderHelper.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/Kelp/Registry.h"
+#include "tests/Shelf/ShelfTestSupport.h"
+
+namespace Routing::BgpRedistribute {
+namespace {
+
+using Rib::RouteKey;
+using Rib::RoutingProtocol;
+using testing_support::TempRoot;
+
+const RouteKey kRoute(Netzo::IpGenPrefix::fromString("10.1.0.0/16"));
+
+IgpResultLookup tagOnly(std::uint32_t tag) {
+  IgpResultLookup l(IgpResult(IgpResultId()), IgpResultReturnType::resultTagOnly);
+  l.igpResult.tag = tag;
+  return l;
+}
+IgpResultLookup plain(IgpResultReturnType t) { return IgpResultLookup(IgpResult(IgpResultId()), t); }
+
+// Runs `body` in a fresh process whose toggle file holds `toggleJson` (no file when empty); the
+// process exits 0 when `body` returns no complaint, else prints it and exits 1.
+void inFreshProcess(const std::string& toggleJson, const std::function<std::string()>& body) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        std::string complaint;
+        {
+          TempRoot toggles;
+          if (!toggleJson.empty()) std::ofstream(toggles.path() + "/Ira.json") << toggleJson;
+          setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1);
+          complaint = body();
+        }
+        std::fputs(complaint.c_str(), stderr);
+        std::fflush(stderr);
+        _exit(complaint.empty() ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+// A writer holding records 7 and 9, and a reader of it through its own read-only mapping.
+struct Tables {
+  TempRoot root;
+  Kelp::Ptr<KelpSharedMem::EntityManager> em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  Kelp::Ptr<IgpResultStatus> writer = IgpResultStatus::createIgpResultStatusWriter("static", em, 16);
+  Kelp::Ptr<KelpSharedMem::EntityManager> readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  Kelp::Ptr<IgpResultStatus> reader;
+  IgpResult seven = testing_support::versionedRecord(7, 3);
+  IgpResult nine = testing_support::versionedRecord(9, 4);
+  Tables() {
+    writer->resultIs(seven);
+    writer->resultIs(nine);
+    reader = IgpResultStatus::createIgpResultStatusReader("static", readerEm);
+  }
+};
+
+struct Row {
+  const char* what;
+  RoutingProtocol protocol;
+  std::uint32_t attrSetId;
+  IgpResultLookup want;
+};
+
+std::string check(const IgpResultStatusReaderHelper& helper, const std::vector<Row>& rows) {
+  std::string complaints;
+  for (const Row& r : rows) {
+    IgpResultLookup got = helper.lookup(kRoute, r.protocol, r.attrSetId);
+    if (!(got == r.want)) {
+      complaints += std::string(r.what) + ":\n  got  " + Kelp::valueToStrep(got) + "\n  want " +
+                    Kelp::valueToStrep(r.want) + "\n";
+    }
+  }
+  return complaints;
+}
+
+TEST(IgpResultReturnType, NamesAndNumbers) {
+  static_assert(sizeof(IgpResultReturnType) == 1);
+  const std::pair<IgpResultReturnType, const char*> rows[] = {{IgpResultReturnType::resultDefault, "resultDefault"},
+                                                              {IgpResultReturnType::resultFound, "resultFound"},
+                                                              {IgpResultReturnType::resultNotFound, "resultNotFound"},
+                                                              {IgpResultReturnType::resultTagOnly, "resultTagOnly"}};
+  unsigned n = 0;
+  for (const auto& [type, name] : rows) {
+    EXPECT_EQ(static_cast<unsigned>(type), n);
+    EXPECT_EQ(stringValue(type), name);
+    EXPECT_EQ(IgpResultReturnTypeInstance(n)->name, name);
+    EXPECT_EQ(IgpResultReturnTypeInstance(Kelp::String(name))->value, n);
+    EXPECT_EQ(Kelp::strepToValue<IgpResultReturnType>(name), type);
+    ++n;
+  }
+  EXPECT_EQ(IgpResultReturnTypeInstance(4u), nullptr);
+  EXPECT_EQ(Kelp::findType("Routing::BgpRedistribute::IgpResultReturnType")->kind, Kelp::TypeKind::enumeration);
+  EXPECT_EQ(Rib::RoutingProtocolInstance(2u)->name, "protocolStatic");
+}
+
+TEST(IgpResultLookup, TextFormEqualityAndNoHash) {
+  IgpResultLookup l = tagOnly(1234);
+  EXPECT_EQ(Kelp::valueToStrep(l),
+            "Value('Routing::BgpRedistribute::IgpResultLookup', ** {'igpResult': "
+            "Value('Routing::BgpRedistribute::IgpResult', ** {'key': 0, 'preference': 0, 'ospfBitDn': False, "
+            "'ospfv3BitDn': False, 'metric': None, 'isisLevel': levelUnset, 'ospfMetricType': typeUnset, "
+            "'ospfDomainId': 0, 'ospfRouteType': 0, 'tag': 1234, 'community': []}), 'returnType': resultTagOnly})");
+
+  // Equality follows the record's rule: unset metrics agree whatever their low bits.
+  IgpResultLookup other = l;
+  other.igpResult.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 5);
+  EXPECT_TRUE(other == l);
+  other.returnType = IgpResultReturnType::resultDefault;
+  EXPECT_FALSE(other == l);
+  other = l;
+  other.igpResult.communityIs(CommunityIndex(0), 1);
+  EXPECT_FALSE(other == l);
+
+  const Kelp::TypeInfo* info = Kelp::findType("Routing::BgpRedistribute::IgpResultLookup");
+  ASSERT_NE(info, nullptr);
+  EXPECT_THROW(info->hash(std::any(l)), Kelp::UnhashableException);
+}
+
+TEST(IgpResultLookupDeathTest, CannotBeBuiltFromText) {
+  EXPECT_DEATH(Kelp::strepToValue<IgpResultLookup>(Kelp::valueToStrep(tagOnly(1))),
+               "No String constructor for IgpResult - has collection");
+}
+
+TEST(IgpResultStatusReaderHelper, EveryCaseWithTheToggleOn) {
+  inFreshProcess("", [] {
+    Tables t;
+    IgpResult seven = t.seven;
+    IgpResult nine = t.nine;
+    const std::vector<Row> rows = {
+        {"ospf carries its tag", RoutingProtocol::protocolOspf, 1234, tagOnly(1234)},
+        {"isis carries its tag", RoutingProtocol::protocolIsis, 7, tagOnly(7)},
+        {"connected, no tag", RoutingProtocol::protocolConnected, 0, tagOnly(0)},
+        {"static without an id", RoutingProtocol::protocolStatic, 0, plain(IgpResultReturnType::resultDefault)},
+        {"static, id 7", RoutingProtocol::protocolStatic, 7, IgpResultLookup(seven, IgpResultReturnType::resultFound)},
+        {"static, id 9", RoutingProtocol::protocolStatic, 9, IgpResultLookup(nine, IgpResultReturnType::resultFound)},
+        {"static, id 8 absent", RoutingProtocol::protocolStatic, 8, plain(IgpResultReturnType::resultNotFound)},
+        {"static, largest id", RoutingProtocol::protocolStatic, 0xFFFFFFFFu,
+         plain(IgpResultReturnType::resultNotFound)},
+    };
+    std::string complaints;
+    if (!IgpResultStatusReaderHelper::staticRouteCommunities()) complaints += "toggle read as off\n";
+    // Through a reader in its own mapping, and through the writer's own entity.
+    complaints += check(*igpResultStatusReaderHelperFactory(t.reader), rows);
+    complaints += check(*IgpResultStatusReaderHelperIs(t.writer), rows);
+    // A withdrawn record is not found any more.
+    t.writer->resultDel(IgpResultId(7));
+    complaints += check(*igpResultStatusReaderHelperFactory(t.reader),
+                        {{"static, id 7 withdrawn", RoutingProtocol::protocolStatic, 7,
+                          plain(IgpResultReturnType::resultNotFound)}});
+    // Without a table, other protocols are still answered.
+    complaints += check(*igpResultStatusReaderHelperFactory(nullptr),
+                        {{"bgp without a table", RoutingProtocol::protocolBgp, 5, tagOnly(5)}});
+    return complaints;
+  });
+}
+
+TEST(IgpResultStatusReaderHelper, ToggleOffMakesStaticRoutesTagOnly) {
+  for (const char* json : {R"({"StaticRouteCommunities": false})", R"({"StaticRouteCommunities": {"enabled": false}})"}) {
+    SCOPED_TRACE(json);
+    inFreshProcess(json, [] {
+      Tables t;
+      const std::vector<Row> rows = {
+          {"static, id 7", RoutingProtocol::protocolStatic, 7, tagOnly(7)},
+          {"static, id 0", RoutingProtocol::protocolStatic, 0, tagOnly(0)},
+          {"static, id 8", RoutingProtocol::protocolStatic, 8, tagOnly(8)},
+          {"ospf", RoutingProtocol::protocolOspf, 8, tagOnly(8)},
+      };
+      std::string complaints = check(*igpResultStatusReaderHelperFactory(t.reader), rows);
+      // The table is never read, so it may be missing altogether.
+      complaints += check(*igpResultStatusReaderHelperFactory(nullptr), rows);
+      return complaints;
+    });
+  }
+}
+
+TEST(IgpResultStatusReaderHelper, TheToggleIsReadOnce) {
+  inFreshProcess(R"({"StaticRouteCommunities": true})", [] {
+    Tables t;
+    auto helper = igpResultStatusReaderHelperFactory(t.reader);
+    std::string complaints = check(*helper, {{"first", RoutingProtocol::protocolStatic, 7,
+                                              IgpResultLookup(t.seven, IgpResultReturnType::resultFound)}});
+    // Switching it off now changes nothing in this process.
+    std::ofstream(std::string(getenv("BGPCOMMON_TOGGLE_DIR")) + "/Ira.json") << R"({"StaticRouteCommunities": false})";
+    complaints += check(*helper, {{"after the file changed", RoutingProtocol::protocolStatic, 7,
+                                   IgpResultLookup(t.seven, IgpResultReturnType::resultFound)}});
+    return complaints;
+  });
+}
+
+TEST(IgpResultStatusReaderHelper, ADamagedRecordIsReportedAndReadsAsAbsent) {
+  inFreshProcess("", [] {
+    Tables t;
+    std::vector<std::string> reports;
+    t.reader->resultControl()->corruptionHandlerIs([&](std::string_view m) { reports.emplace_back(m); });
+    auto helper = igpResultStatusReaderHelperFactory(t.reader);
+    std::string complaints = check(*helper, {{"before", RoutingProtocol::protocolStatic, 9,
+                                              IgpResultLookup(t.nine, IgpResultReturnType::resultFound)}});
+    // Flip one octet of record 9's domain id in the file, behind the writer's back.
+    const std::string path = t.root.path() + "/" + IgpResultStatus::mountPath("static");
+    int fd = open(path.c_str(), O_RDWR);
+    struct stat st {};
+    fstat(fd, &st);
+    std::vector<char> bytes(static_cast<std::size_t>(st.st_size));
+    if (pread(fd, bytes.data(), bytes.size(), 0) != st.st_size) complaints += "cannot read the table file\n";
+    const std::uint64_t domain = t.nine.ospfDomainId;
+    std::size_t at = std::string_view(bytes.data(), bytes.size())
+                         .find(std::string_view(reinterpret_cast<const char*>(&domain), sizeof domain));
+    if (at == std::string_view::npos) return complaints + "record 9 not found in the file\n";
+    char flipped = static_cast<char>(bytes[at] ^ 0x40);
+    if (pwrite(fd, &flipped, 1, static_cast<off_t>(at)) != 1) complaints += "cannot damage the file\n";
+    close(fd);
+
+    complaints += check(*helper, {{"damaged", RoutingProtocol::protocolStatic, 9,
+                                   plain(IgpResultReturnType::resultNotFound)},
+                                  {"undamaged", RoutingProtocol::protocolStatic, 7,
+                                   IgpResultLookup(t.seven, IgpResultReturnType::resultFound)}});
+    if (reports.empty()) complaints += "the corruption handler was not told\n";
+    return complaints;
+  });
+}
+
+// lookup takes no lock: threads share one helper while the writer keeps replacing records. Every
+// answer is a whole record of some version, or not found while its key is briefly absent.
+TEST(IgpResultStatusReaderHelper, ThreadsShareAHelperWhileTheWriterChangesRecords) {
+  inFreshProcess("", [] {
+    Tables t;
+    auto helper = igpResultStatusReaderHelperFactory(t.reader);
+    helper->lookup(kRoute, RoutingProtocol::protocolStatic, 7);  // the toggle is read here, once
+    std::atomic<bool> stop{false};
+    std::atomic<int> torn{0}, found{0};
+    std::vector<std::thread> readers;
+    for (int n = 0; n < 3; ++n) {
+      readers.emplace_back([&] {
+        while (!stop.load()) {
+          for (std::uint32_t id : {7u, 9u, 11u}) {
+            IgpResultLookup l = helper->lookup(kRoute, RoutingProtocol::protocolStatic, id);
+            if (l.returnType == IgpResultReturnType::resultFound) {
+              ++found;
+              if (!testing_support::isWholeRecord(l.igpResult) || l.igpResult.key.value != id) ++torn;
+            } else if (l.returnType != IgpResultReturnType::resultNotFound) {
+              ++torn;
+            }
+          }
+        }
+      });
+    }
+    for (std::uint64_t v = 10; v < 20000; ++v) {
+      t.writer->resultIs(testing_support::versionedRecord(7, v));
+      if (v % 2 == 0) {
+        t.writer->resultIs(testing_support::versionedRecord(11, v));
+      } else {
+        t.writer->resultDel(IgpResultId(11));
+      }
+    }
+    stop = true;
+    for (auto& th : readers) th.join();
+    std::string complaints;
+    if (torn.load() != 0) complaints += std::to_string(torn.load()) + " torn or wrong answers\n";
+    if (found.load() == 0) complaints += "nothing found\n";
+    return complaints;
+  });
+}
+
+TEST(IgpResultStatusReaderHelperDeathTest, StaticLookupWithoutATable) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto helper = igpResultStatusReaderHelperFactory(nullptr);
+  EXPECT_DEATH(
+      {
+        setenv("BGPCOMMON_TOGGLE_DIR", "/nonexistent/bgpcommon-toggles", 1);  // no file: the toggle is on
+        helper->lookup(kRoute, RoutingProtocol::protocolStatic, 7);
+      },
+      "staticConfigIgpResultStatus\\(\\) != nullptr");
+}
+
+}  // namespace
+}  // namespace Routing::BgpRedistribute
