@@ -9,7 +9,7 @@ namespace KelpSharedMem {
 namespace {
 struct TypeTable {
   std::mutex mutex;
-  std::vector<const EntityTypeSpec*> specs;
+  std::vector<const EntityTypeEntry*> specs;
 };
 TypeTable& typeTable() {
   static TypeTable* t = new TypeTable;  // never destroyed: registrations may go during exit
@@ -17,22 +17,22 @@ TypeTable& typeTable() {
 }
 }  // namespace
 
-EntityTypeRegistration::EntityTypeRegistration(const EntityTypeSpec& spec) : spec_(spec) {
+EntityTypeRegistration::EntityTypeRegistration(const EntityTypeEntry& entry) : entry_(entry) {
   TypeTable& t = typeTable();
   std::lock_guard<std::mutex> lock(t.mutex);
-  t.specs.push_back(&spec_);
+  t.specs.push_back(&entry_);
 }
 
 EntityTypeRegistration::~EntityTypeRegistration() {
   TypeTable& t = typeTable();
   std::lock_guard<std::mutex> lock(t.mutex);
-  t.specs.erase(std::remove(t.specs.begin(), t.specs.end(), &spec_), t.specs.end());
+  t.specs.erase(std::remove(t.specs.begin(), t.specs.end(), &entry_), t.specs.end());
 }
 
-const EntityTypeSpec* findEntityType(std::string_view typeName) {
+const EntityTypeEntry* findEntityType(std::string_view typeName) {
   TypeTable& t = typeTable();
   std::lock_guard<std::mutex> lock(t.mutex);
-  for (const EntityTypeSpec* s : t.specs) {
+  for (const EntityTypeEntry* s : t.specs) {
     if (s->typeName == typeName) return s;
   }
   return nullptr;
@@ -52,30 +52,30 @@ Kelp::Ptr<Entity> EntityManager::mount(const Kelp::String& path, std::string_vie
     return it->second.entity;
   }
 
-  const EntityTypeSpec* spec = findEntityType(typeName);
-  if (spec == nullptr) Pico::fmthrow<Kelp::RangeException>("Shelf mount {}: unknown entity type '{}'", path, typeName);
+  const EntityTypeEntry* entry = findEntityType(typeName);
+  if (entry == nullptr) Pico::fmthrow<Kelp::RangeException>("Shelf mount {}: unknown entity type '{}'", path, typeName);
   for (const CollectionInfo& c : info.collections) {
-    if (c.name != spec->collection.name) {
+    if (c.name != entry->collection.name) {
       Pico::fmthrow<Kelp::RangeException>("Shelf mount {}: {} has no collection '{}'", path, typeName, c.name);
     }
   }
-  const Shelf::Labels labels{Kelp::String(typeName), Kelp::String(spec->collection.name), path};
+  const Shelf::Labels labels{Kelp::String(typeName), Kelp::String(entry->collection.name), path};
   Kelp::Ptr<KelpShelf::CollectionControl> control;
   if (info.mode == MountMode::writer) {
     auto c = std::find_if(info.collections.begin(), info.collections.end(),
-                          [&](const CollectionInfo& i) { return i.name == spec->collection.name; });
+                          [&](const CollectionInfo& i) { return i.name == entry->collection.name; });
     if (c == info.collections.end()) {
       Pico::fmthrow<Kelp::RangeException>("Shelf mount {}: a writer must give the capacity of collection '{}'", path,
-                                          spec->collection.name);
+                                          entry->collection.name);
     }
     control = KelpShelf::CollectionControl::writerFor(
-        where, labels, Shelf::Geometry{c->capacity, spec->collection.keyMax, spec->collection.valueMax, 0});
+        where, labels, Shelf::Geometry{c->capacity, entry->collection.keyMax, entry->collection.valueMax, 0});
   } else {
-    control = KelpShelf::CollectionControl::readerFor(where, labels, spec->collection.keyMax, spec->collection.valueMax);
+    control = KelpShelf::CollectionControl::readerFor(where, labels, entry->collection.keyMax, entry->collection.valueMax);
   }
-  Kelp::Ptr<Entity> entity = spec->factory(where.leaf());
+  Kelp::Ptr<Entity> entity = entry->factory(where.leaf());
   PICO_ASSERT(entity && entity->typeName() == typeName);
-  entity->collectionControlIs(spec->collection.name, control);
+  entity->collectionControlIs(entry->collection.name, control);
   mounts_.emplace(path, Mounted{info.mode, entity});
   PICO_FMTRACE(Pico::kTraceLevelOperational, " mount {} {} as {}", path, typeName,
                info.mode == MountMode::writer ? "writer" : "reader");

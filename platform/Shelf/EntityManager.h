@@ -90,7 +90,7 @@ struct CollectionSpec {
   std::uint32_t valueMax;
 };
 
-struct EntityTypeSpec {
+struct EntityTypeEntry {
   std::string_view typeName;
   Kelp::Ptr<Entity> (*factory)(const Kelp::String& name);
   CollectionSpec collection;
@@ -100,16 +100,16 @@ struct EntityTypeSpec {
 // in the type's source file).
 class EntityTypeRegistration {
  public:
-  explicit EntityTypeRegistration(const EntityTypeSpec& spec);
+  explicit EntityTypeRegistration(const EntityTypeEntry& entry);
   ~EntityTypeRegistration();
   EntityTypeRegistration(const EntityTypeRegistration&) = delete;
   EntityTypeRegistration& operator=(const EntityTypeRegistration&) = delete;
 
  private:
-  EntityTypeSpec spec_;
+  EntityTypeEntry entry_;
 };
 
-const EntityTypeSpec* findEntityType(std::string_view typeName);
+const EntityTypeEntry* findEntityType(std::string_view typeName);
 
 enum class MountMode : std::uint8_t { writer, reader };
 
