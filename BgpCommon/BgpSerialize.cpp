@@ -7,10 +7,6 @@
 
 namespace Routing::Bgp {
 
-Serialize::~Serialize() {
-  if (buffer_ != inline_) std::free(buffer_);
-}
-
 Serialize::Serialize(Serialize&& other) noexcept : writeOffset_(other.writeOffset_), capacity_(other.capacity_) {
   if (other.buffer_ == other.inline_) {
     std::memcpy(inline_, other.inline_, writeOffset_);

@@ -30,13 +30,16 @@
 // One writer owns a Serialize; it has no locking.
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "platform/Kelp/TextForm.h"
 #include "platform/Netzo/AddressFamily.h"
 #include "platform/Netzo/AutonomousSystem.h"
 #include "platform/Netzo/IpAddr.h"
 #include "platform/Netzo/MplsLabel.h"
+#include "platform/Netzo/NetU32.h"
 #include "platform/Pico/Assert.h"
 #include "platform/Routing/AfiSafi.h"
 
@@ -57,7 +60,9 @@ class Serialize {
 
   // User-provided so that even Serialize{} leaves the inline storage unwritten.
   Serialize() noexcept {}
-  ~Serialize();
+  ~Serialize() {
+    if (buffer_ != inline_) std::free(buffer_);
+  }
   Serialize(const Serialize&) = delete;
   Serialize& operator=(const Serialize&) = delete;
   // Takes over the other's octets; the other is left empty.
@@ -74,23 +79,19 @@ class Serialize {
   // The octets written, writeOffset() of them.
   const U8* data() const { return reinterpret_cast<const U8*>(buffer_); }
 
-  void addU8(U8 v) { put8(reserve(1), v); }
+  void addU8(U8 v) { addFields(v); }
   // Already in network order: the octets as they lie in memory.
   void addU16n(U16 v) { putMemory(reserve(2), v); }
   void addU32n(U32 v) { putMemory(reserve(4), v); }
   void addU64n(const U64& v) { putMemory(reserve(8), v); }
   // Host order in, big-endian out.
-  void addU16hton(U16 v) { put16(reserve(2), v); }
-  void addU32hton(U32 v) { put32(reserve(4), v); }
-  void addU64hton(const U64& v) {
-    Octet* p = reserve(8);
-    put32(p, static_cast<U32>(v >> 32));
-    put32(p + 4, static_cast<U32>(v));
-  }
+  void addU16hton(U16 v) { addFields(v); }
+  void addU32hton(U32 v) { addFields(v); }
+  void addU64hton(const U64& v) { addFields(v); }
   // Bits 23..0 of `v`, big-endian; higher bits are dropped.
-  void addU24hton(U32 v) { put24(reserve(3), v); }
+  void addU24hton(U32 v) { addFields(U24{v}); }
   // Bits 19..0 of `v` in three octets, big-endian (the first octet's high nibble is zero).
-  void addU20hton(U32 v) { put24(reserve(3), v & 0x0FFFFF); }
+  void addU20hton(U32 v) { addFields(U24{v & 0x0FFFFF}); }
   void addData(const U8* data, U32 len) {
     Octet* p = reserve(len);
     if (len != 0) std::memcpy(p, data, len);
@@ -110,7 +111,7 @@ class Serialize {
   // the number must fit.
   void addAutonomousSystem(Netzo::AutonomousSystem asn, bool fourOctet) {
     if (fourOctet) {
-      addU32hton(asn.value());
+      addFields(asn);
     } else {
       PICO_ASSERT(asn.value() <= 0xFFFF);
       addU16hton(static_cast<U16>(asn.value()));
@@ -118,22 +119,67 @@ class Serialize {
   }
   // The family as a two-octet AFI.
   void addAddrFamily(Netzo::AddressFamily af) { put16(reserve(2), static_cast<U8>(af)); }
-  void addIpv4Addr(Netzo::IpAddr a) { addU32n(a.value()); }
-  void addIpv6Addr(const Netzo::Ip6Addr& a) { putOctets(reserve(16), a.octets().data(), 16); }
+  void addIpv4Addr(Netzo::IpAddr a) { addFields(a); }
+  void addIpv6Addr(const Netzo::Ip6Addr& a) { addFields(a); }
   // Four or sixteen address octets by family, with neither family nor length.
   void addIpGenAddr(const Netzo::IpGenAddr& a);
 
   // MPLS labels in NLRI (RFC 8277, RFC 4364): three octets, label in the top 20 bits, the
   // bottom-of-stack bit in the lowest.
-  void add3octetMplsLabelHton(U32 v) { put24(reserve(3), v); }
+  void add3octetMplsLabelHton(U32 v) { addFields(U24{v}); }
   // A label below 2^20 is shifted into place; a larger value is taken as an already encoded field.
   void add3octetMplsLabel(Netzo::MplsLabel label, bool bottomOfStack) {
-    U32 field = label.value() < (1u << 20) ? label.value() << 4 : label.value();
-    if (bottomOfStack) field |= 1;
-    put24(reserve(3), field);
+    addFields(mplsLabelField(label, bottomOfStack));
   }
   // Each label stack entry as a three-octet NLRI label: label and S bit kept, TC and TTL dropped.
   void add3octetMplsLabelStack(const Netzo::MplsLabelStack& stack);
+
+  // A three-octet field for addFields: bits 23..0 of `value`, big-endian.
+  struct U24 {
+    U32 value;
+  };
+  // The three-octet NLRI label field of add3octetMplsLabel, as a field for addFields.
+  static U24 mplsLabelField(Netzo::MplsLabel label, bool bottomOfStack) {
+    U32 field = label.value() < (1u << 20) ? label.value() << 4 : label.value();
+    if (bottomOfStack) field |= 1;
+    return U24{field};
+  }
+
+  // Appends several fixed-width fields with one room check for all of them: the header of a path
+  // attribute, an NLRI entry, anything whose size is known when the code is written. Each field is
+  // written as the single add for its type would write it:
+  //   U8, U16, U32, U64      big-endian, like addU8 / addU16hton / addU32hton / addU64hton
+  //   U24                    three octets, like addU24hton
+  //   Netzo::IpAddr          like addIpv4Addr;  Netzo::Ip6Addr like addIpv6Addr
+  //   Netzo::AutonomousSystem  four octets, like addAutonomousSystem(asn, true)
+  //   AfiSafi                like addAfiSafi
+  // Only these exact types are taken, so a stray int or enum does not compile instead of silently
+  // choosing a width. Like every add, it throws before writing anything when the fields would take
+  // the message past bgpMaxExtendedMessageSize.
+  //
+  //   s.addFields(U8{0x40}, U8{3}, U8{4}, nextHop);   // NEXT_HOP: flags, type, length, address
+  template <typename... Fields>
+  void addFields(const Fields&... fields) {
+    constexpr U32 total = (fieldWidth(static_cast<const Fields*>(nullptr)) + ... + 0);
+    Octet* p = reserve(total);
+    (putField(p, fields), ...);
+  }
+
+  // Appends every element of `items` as addFields would, with one room check for them all: the AS
+  // numbers of an AS_PATH segment, a list of communities.
+  //
+  //   s.addEach(std::span(asPath));   // std::vector<Netzo::AutonomousSystem> asPath
+  template <typename T, std::size_t N>
+  void addEach(std::span<const T, N> items) {
+    constexpr U32 width = fieldWidth(static_cast<const T*>(nullptr));
+    if (items.size() > bgpMaxExtendedMessageSize / width) throwLimitExceeded();  // more than any message holds
+    Octet* p = reserve(static_cast<U32>(items.size()) * width);
+    for (const T& item : items) putField(p, item);
+  }
+  template <typename T, std::size_t N>
+  void addEach(std::span<T, N> items) {
+    addEach(std::span<const T, N>(items));
+  }
 
   // The octets from `_offset` to the write offset. `_offset` is a write offset noted earlier.
   Kelp::String serializedString(U32 _offset) const;
@@ -160,21 +206,15 @@ class Serialize {
     return p;
   }
   static void put8(Octet* p, U8 v) { p[0] = static_cast<Octet>(v); }
-  static void put16(Octet* p, U16 v) {
-    p[0] = static_cast<Octet>(v >> 8);
-    p[1] = static_cast<Octet>(v);
-  }
+  // Big-endian stores: swap once, then store the octets as they lie in memory, which the compiler
+  // turns into one bswap and one store instead of a shift per octet.
+  static void put16(Octet* p, U16 v) { putMemory(p, Netzo::hton16(v)); }
   static void put24(Octet* p, U32 v) {
     p[0] = static_cast<Octet>(v >> 16);
     p[1] = static_cast<Octet>(v >> 8);
     p[2] = static_cast<Octet>(v);
   }
-  static void put32(Octet* p, U32 v) {
-    p[0] = static_cast<Octet>(v >> 24);
-    p[1] = static_cast<Octet>(v >> 16);
-    p[2] = static_cast<Octet>(v >> 8);
-    p[3] = static_cast<Octet>(v);
-  }
+  static void put32(Octet* p, U32 v) { putMemory(p, Netzo::hton32(v)); }
   // The octets of `v` in memory order.
   template <typename T>
   static void putMemory(Octet* p, T v) {
@@ -184,6 +224,36 @@ class Serialize {
   }
   static void putOctets(Octet* p, const U8* src, U32 n) {
     for (U32 i = 0; i < n; ++i) p[i] = static_cast<Octet>(src[i]);
+  }
+
+  // addFields: the width of each field type, and its store (advancing the cursor).
+  static constexpr U32 fieldWidth(const U8*) { return 1; }
+  static constexpr U32 fieldWidth(const U16*) { return 2; }
+  static constexpr U32 fieldWidth(const U24*) { return 3; }
+  static constexpr U32 fieldWidth(const U32*) { return 4; }
+  static constexpr U32 fieldWidth(const U64*) { return 8; }
+  static constexpr U32 fieldWidth(const Netzo::IpAddr*) { return 4; }
+  static constexpr U32 fieldWidth(const Netzo::Ip6Addr*) { return 16; }
+  static constexpr U32 fieldWidth(const Netzo::AutonomousSystem*) { return 4; }
+  static constexpr U32 fieldWidth(const AfiSafi*) { return 3; }
+  template <typename T>
+  static constexpr U32 fieldWidth(const T*) {
+    static_assert(sizeof(T) == 0, "addFields takes U8, U16, U24, U32, U64, IpAddr, Ip6Addr, AutonomousSystem, AfiSafi");
+    return 0;
+  }
+  static void putField(Octet*& p, U8 v) { put8(p, v), p += 1; }
+  static void putField(Octet*& p, U16 v) { put16(p, v), p += 2; }
+  static void putField(Octet*& p, U24 v) { put24(p, v.value), p += 3; }
+  static void putField(Octet*& p, U32 v) { put32(p, v), p += 4; }
+  static void putField(Octet*& p, const U64& v) { putMemory(p, Netzo::hton64(v)), p += 8; }
+  static void putField(Octet*& p, Netzo::IpAddr a) { putMemory(p, a.value()), p += 4; }
+  static void putField(Octet*& p, const Netzo::Ip6Addr& a) { putOctets(p, a.octets().data(), 16), p += 16; }
+  static void putField(Octet*& p, Netzo::AutonomousSystem asn) { put32(p, asn.value()), p += 4; }
+  static void putField(Octet*& p, AfiSafi afiSafi) {
+    put16(p, afiSafi.afi());
+    PICO_ASSERT(afiSafi.safi() <= 0xFF);
+    put8(p + 2, static_cast<U8>(afiSafi.safi()));
+    p += 3;
   }
 
   Octet* buffer_ = inline_;            // inline_ until the first growth, then a heap block

@@ -85,6 +85,25 @@ const Golden kGolden[] = {
      },
      {0x00, 0x00, 0x31, 0x00, 0x00, 0x40}},
     {"empty label stack", [](Serialize& s) { s.add3octetMplsLabelStack(MplsLabelStack()); }, {}},
+    // several fields, one room check
+    {"addFields: NEXT_HOP attribute",
+     [](Serialize& s) { s.addFields(U8{0x40}, U8{3}, U8{4}, Netzo::IpAddr(192, 0, 2, 1)); },
+     {0x40, 3, 4, 192, 0, 2, 1}},
+    {"addFields: every field type",
+     [](Serialize& s) {
+       s.addFields(U16{0x0102}, Serialize::U24{0xFF030405}, U32{0x06070809}, U64{0x0A0B0C0D0E0F1011},
+                   Netzo::AutonomousSystem(65536), AfiSafi{afiIpv6, safiMplsVpn},
+                   Serialize::mplsLabelField(MplsLabel(16), true), Netzo::Ip6Addr::fromString("::1"));
+     },
+     {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 0, 1, 0, 0, 0, 2, 0x80, 0, 1, 1,
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}},
+    {"addEach: AS numbers",
+     [](Serialize& s) {
+       const Netzo::AutonomousSystem path[] = {65536, 1};
+       s.addEach(std::span(path));
+     },
+     {0, 1, 0, 0, 0, 0, 0, 1}},
+    {"addEach of nothing", [](Serialize& s) { s.addEach(std::span<const U32>()); }, {}},
 };
 
 TEST(Serialize, GoldenEncodings) {
@@ -141,6 +160,13 @@ TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
       {"addIpGenAddr", 16, [](Serialize& s) { s.addIpGenAddr(Netzo::Ip6Addr::fromString("::1")); }},
       {"add3octetMplsLabel", 3, [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), true); }},
       {"add3octetMplsLabelHton", 3, [](Serialize& s) { s.add3octetMplsLabelHton(16); }},
+      {"addFields", 10,
+       [](Serialize& s) { s.addFields(U8{0x80}, U8{4}, U8{4}, U32{7}, Serialize::mplsLabelField(MplsLabel(3), true)); }},
+      {"addEach", 12,
+       [](Serialize& s) {
+         const U32 communities[] = {1, 2, 3};
+         s.addEach(std::span(communities));
+       }},
       {"add3octetMplsLabelStack", 6,
        [](Serialize& s) { s.add3octetMplsLabelStack(MplsLabelStack{MplsLabel(16), MplsLabel(17)}); }},
   };
