@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -56,8 +55,12 @@ constexpr std::size_t kRingHeaderBytes = 16;
 constexpr std::uint64_t kWakeIntervalNs = 100'000;
 constexpr std::uint64_t kIdleSliceNs = 20'000'000;
 
-// How often a reader walks a chain again when the writer is changing it under its feet.
+// How often a reader walks a chain again when the writer is changing it under its feet, and for
+// how long at most: a writer rewrites a slot in well under a microsecond, so a chain that stays
+// mid-write for milliseconds has a writer that is stopped or a damaged counter, and the lookup
+// answers absent rather than wait on.
 constexpr int kMaxWalks = 40;
+constexpr std::uint64_t kMaxWalkWaitNs = 2'000'000;
 constexpr int kSnapshotTries = 8;
 
 struct FileHeader {
@@ -145,13 +148,14 @@ void futexWait(const std::uint32_t* word, std::uint32_t expected, std::uint64_t 
   syscall(SYS_futex, word, FUTEX_WAIT, expected, &ts, nullptr, 0);
 }
 
+// Backs off before attempt `attempt` (from 0): spins first, then sleeps a little longer each time.
+// No sched_yield: for a reader at low priority on a busy machine a yield can give the processor
+// away for far longer than the writer needs.
 void pause(int attempt) {
   if (attempt < 4) {
     for (int i = 0; i < 64 << attempt; ++i) __builtin_ia32_pause();
-  } else if (attempt < 16) {
-    sched_yield();
   } else {
-    timespec ts{0, std::min<long>(1'000'000, 50'000L * (attempt - 15))};
+    timespec ts{0, std::min<long>(200'000, 10'000L * (attempt - 3))};
     nanosleep(&ts, nullptr);
   }
 }
@@ -765,8 +769,33 @@ enum class Restart { none, unstable, cycle };
 template <typename Report, typename Visit>
 bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report&& report, Visit&& visit) {
   Restart last = Restart::none;
+  std::uint64_t deadline = 0;
+  std::uint32_t stuckSlot = kNone;
+  bool writerGone = false;
   for (int walk = 0; walk < kMaxWalks; ++walk) {
-    if (walk > 0) pause(walk - 1);
+    if (walk > 0) {
+      // Once the writer has closed the table nothing moves any more: a walk that began after its
+      // close and still finds the chain mid-write has found damage. (The walk that saw the close
+      // may have raced the writer's last change, so it does not count.)
+      bool atOnce = false;
+      if (last == Restart::unstable) {
+        if (writerGone) {
+          report(fmt::format("slot {} in the chain of bucket {} is mid-write, and no writer has the table open",
+                             stuckSlot, bucket));
+          return false;
+        }
+        writerGone = atOnce = load<std::uint32_t>(&m.header->writerOpen, __ATOMIC_ACQUIRE) == 0;
+      }
+      if (!atOnce) {
+        const std::uint64_t now = monotonicNs();
+        if (deadline == 0) {
+          deadline = now + kMaxWalkWaitNs;
+        } else if (now > deadline) {
+          break;
+        }
+        pause(walk - 1);
+      }
+    }
     last = Restart::none;
     std::uint32_t idx = load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE);
     std::uint32_t predecessor = kNone;  // kNone: the link is the bucket head
@@ -789,6 +818,7 @@ bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report
       }
       if (snap == Snap::unstable) {
         last = Restart::unstable;
+        stuckSlot = idx;
         break;
       }
       if (std::uint32_t owner = get32(buf + kBucketAt); owner != bucket) {
@@ -802,6 +832,7 @@ bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report
           return false;
         }
         last = Restart::unstable;
+        stuckSlot = idx;
         break;
       }
       if (visit(buf)) return true;

@@ -370,6 +370,29 @@ TEST(Shelf, ADamagedHeaderKeepsNewReadersOut) {
   EXPECT_EQ(t.find("k"), "v");
 }
 
+// A record whose sequence counter is left odd looks like one the writer is rewriting. While a writer
+// has the table open the reader waits a bounded while and answers absent; once no writer has it
+// open, nothing can finish the write, so it is damage and is reported at once.
+TEST(Shelf, ARecordStuckMidWriteReadsAsAbsent) {
+  TempRoot root;
+  Table t(root);
+  t.put("k7", "value-of-k7");
+  t.put("m1", "value-of-m1");  // another chain
+  Damage d(t.where.fullPath());
+  constexpr std::size_t kSlotHeaderBytes = 32;  // the counter opens the slot header the key follows
+  d.findText("k7value-of-k7")[-static_cast<std::ptrdiff_t>(kSlotHeaderBytes)] ^= 1;
+
+  EXPECT_EQ(t.find("k7"), std::nullopt);
+  EXPECT_TRUE(t.reports.empty());
+  EXPECT_EQ(t.find("m1"), "value-of-m1");
+  t.writer.reset();
+  EXPECT_EQ(t.find("k7"), std::nullopt);
+  ASSERT_EQ(t.reports.size(), 1u);
+  EXPECT_TRUE(t.reports[0].ends_with(" in the chain of bucket 3 is mid-write, and no writer has the table open"))
+      << t.reports[0];
+  EXPECT_EQ(t.find("m1"), "value-of-m1");
+}
+
 // Random bytes anywhere past the header: lookups answer the stored value or nothing, never a wrong
 // value; nothing crashes or hangs, and damage is reported.
 TEST(Shelf, RandomDamageNeverYieldsAWrongValue) {
