@@ -23,6 +23,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <random>
@@ -115,8 +116,15 @@ struct Fixture {
   std::vector<IgpResult_> results;
 };
 
+// Never destroyed (objects it holds may outlive the library's own statics at exit), but its scratch
+// directory is removed at exit: the table stays mapped until the process ends.
 Fixture& fixture() {
-  static Fixture* f = new Fixture;
+  static Fixture* f = [] {
+    auto* made = new Fixture;
+    static std::string root = made->root;
+    std::atexit([] { std::filesystem::remove_all(root); });
+    return made;
+  }();
   return *f;
 }
 
