@@ -88,20 +88,12 @@ Kelp::String convertTimestamp(Kelp::Seconds t, bool micro) {
 
 void TestTimeStampsRib::updateEventsTrackingResult(const Kelp::Ptr<const TestTimeStampsRib>& other) {
   firstUpdateMessage_.mergeEarliest(other->firstUpdateMessage());
-  processingStart_.mergeEarliest(other->processingStart());
-  processingEnd_.raiseTo(other->processingEnd());
-  thresholdReached_.raiseTo(other->thresholdReached());
+  mergeProcessing(*other);
 }
 
 void TestTimeStampsRib::printTimeStamps(Brim::DumpContext& ctx, U32 threshold) const {
   ctx.printf("  First update message received at: \t %s\n", convertTimestamp(firstUpdateMessage(), false).c_str());
   printStamps(ctx, kRibTexts, processingStart(), processingEnd(), thresholdReached(), threshold);
-}
-
-void TestTimeStampsRibOut::updateEventsTrackingResult(const Kelp::Ptr<const TestTimeStampsRibOut>& other) {
-  processingStart_.mergeEarliest(other->processingStart());
-  processingEnd_.raiseTo(other->processingEnd());
-  thresholdReached_.raiseTo(other->thresholdReached());
 }
 
 void TestTimeStampsRibOut::printTimeStamps(Brim::DumpContext& ctx, U32 threshold) const {

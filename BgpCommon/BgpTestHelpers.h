@@ -97,29 +97,49 @@ class TrackingStamp {
   std::atomic<Kelp::Seconds> t_{0.0};
 };
 
-class TestTimeStampsRib : public Kelp::PtrInterface {
+// The stamps a RIB and a RibOut both keep: when processing started and ended, and when the number of
+// paths reached the tracking threshold.
+class ProcessingStamps {
  public:
-  // When the first update message was received.
-  Kelp::Seconds firstUpdateMessage() const { return firstUpdateMessage_.get(); }
-  void firstUpdateMessageIs(Kelp::Seconds t) { firstUpdateMessage_.set(t); }
-  // When the RIB processed its first event.
+  // When the first event was processed.
   Kelp::Seconds processingStart() const { return processingStart_.get(); }
   void processingStartIs(Kelp::Seconds t) { processingStart_.set(t); }
-  // When the RIB processed its last event.
+  // When the last event was processed.
   Kelp::Seconds processingEnd() const { return processingEnd_.get(); }
   void processingEndIs(Kelp::Seconds t) { processingEnd_.set(t); }
-  // When the number of RIB paths reached the RIB path threshold.
+  // When the paths reached the threshold.
   Kelp::Seconds thresholdReached() const { return thresholdReached_.get(); }
   void thresholdReachedIs(Kelp::Seconds t) { thresholdReached_.set(t); }
 
-  // For processing threads: an update message arrived / an event was processed / the threshold
-  // was reached at `now`. Each keeps the first (or, for the end of processing, the last) time.
-  void noteUpdateMessage(Kelp::Seconds now) { firstUpdateMessage_.setIfUnset(now); }
+  // For processing threads: an event was processed / the threshold was reached at `now`. The start
+  // and the threshold keep the first time, the end the last.
   void noteEventProcessed(Kelp::Seconds now) {
     processingStart_.setIfUnset(now);
     processingEnd_.raiseTo(now);
   }
   void noteThresholdReached(Kelp::Seconds now) { thresholdReached_.setIfUnset(now); }
+
+ protected:
+  // The earliest start, the latest end and threshold time of the two.
+  void mergeProcessing(const ProcessingStamps& other) {
+    processingStart_.mergeEarliest(other.processingStart());
+    processingEnd_.raiseTo(other.processingEnd());
+    thresholdReached_.raiseTo(other.thresholdReached());
+  }
+
+ private:
+  TrackingStamp processingStart_;
+  TrackingStamp processingEnd_;
+  TrackingStamp thresholdReached_;
+};
+
+// A RIB's stamps: processing, plus when the first update message arrived.
+class TestTimeStampsRib : public Kelp::PtrInterface, public ProcessingStamps {
+ public:
+  // When the first update message was received.
+  Kelp::Seconds firstUpdateMessage() const { return firstUpdateMessage_.get(); }
+  void firstUpdateMessageIs(Kelp::Seconds t) { firstUpdateMessage_.set(t); }
+  void noteUpdateMessage(Kelp::Seconds now) { firstUpdateMessage_.setIfUnset(now); }
 
   // Merges `other` into this: the earliest first update and processing start, the latest
   // processing end and threshold time.
@@ -130,34 +150,13 @@ class TestTimeStampsRib : public Kelp::PtrInterface {
 
  private:
   TrackingStamp firstUpdateMessage_;
-  TrackingStamp processingStart_;
-  TrackingStamp processingEnd_;
-  TrackingStamp thresholdReached_;
 };
 
-class TestTimeStampsRibOut : public Kelp::PtrInterface {
+// A RibOut's stamps: processing only.
+class TestTimeStampsRibOut : public Kelp::PtrInterface, public ProcessingStamps {
  public:
-  Kelp::Seconds processingStart() const { return processingStart_.get(); }
-  void processingStartIs(Kelp::Seconds t) { processingStart_.set(t); }
-  Kelp::Seconds processingEnd() const { return processingEnd_.get(); }
-  void processingEndIs(Kelp::Seconds t) { processingEnd_.set(t); }
-  // When the RibOut's processed paths reached the RibOut path threshold.
-  Kelp::Seconds thresholdReached() const { return thresholdReached_.get(); }
-  void thresholdReachedIs(Kelp::Seconds t) { thresholdReached_.set(t); }
-
-  void noteEventProcessed(Kelp::Seconds now) {
-    processingStart_.setIfUnset(now);
-    processingEnd_.raiseTo(now);
-  }
-  void noteThresholdReached(Kelp::Seconds now) { thresholdReached_.setIfUnset(now); }
-
-  void updateEventsTrackingResult(const Kelp::Ptr<const TestTimeStampsRibOut>& other);
+  void updateEventsTrackingResult(const Kelp::Ptr<const TestTimeStampsRibOut>& other) { mergeProcessing(*other); }
   void printTimeStamps(Brim::DumpContext& ctx, U32 threshold) const;
-
- private:
-  TrackingStamp processingStart_;
-  TrackingStamp processingEnd_;
-  TrackingStamp thresholdReached_;
 };
 
 class TestControlStatusRibOut : public Kelp::PtrInterface {
