@@ -87,17 +87,23 @@ void IgpResult::serialize(std::uint8_t* out) const {
   std::memcpy(out + 48, community.data(), 4u * count);
 }
 
-std::uint32_t IgpResult::deserializeLen(std::span<const std::uint8_t> in) {
-  if (in.size() < minSerializedLen) {
-    Pico::fmthrow<Kelp::RangeException>("IgpResult record of {} bytes is shorter than {}", in.size(), minSerializedLen);
+namespace {
+// The length of the record at `in`, checked against what `in` holds at least.
+std::uint32_t recordLen(std::span<const std::uint8_t> in) {
+  if (in.size() < IgpResult::minSerializedLen) {
+    Pico::fmthrow<Kelp::RangeException>("IgpResult record of {} bytes is shorter than {}", in.size(),
+                                        IgpResult::minSerializedLen);
   }
   std::uint32_t count = getLe<std::uint32_t>(in.data() + 44);
   if (count > CommunityArray::kSlots) throwArrayRange(count, CommunityArray::kSlots);
-  return minSerializedLen + 4 * count;
+  return IgpResult::minSerializedLen + 4 * count;
 }
+}  // namespace
+
+std::uint32_t IgpResult::deserializeLen(std::span<const std::uint8_t> in) { return recordLen(in); }
 
 IgpResult IgpResult::deserialize(std::span<const std::uint8_t> in) {
-  const std::uint32_t len = deserializeLen(in);
+  const std::uint32_t len = recordLen(in);
   if (in.size() < len) Pico::fmthrow<Kelp::RangeException>("IgpResult record of {} bytes is shorter than {}", in.size(), len);
   const std::uint8_t* p = in.data();
   IgpResult r(IgpResultId(getLe<std::uint32_t>(p)));
@@ -110,10 +116,17 @@ IgpResult IgpResult::deserialize(std::span<const std::uint8_t> in) {
   r.ospfDomainId = getLe<std::uint64_t>(p + 24);
   r.ospfRouteType = getLe<std::uint64_t>(p + 32);
   r.tag = getLe<std::uint32_t>(p + 40);
-  std::uint32_t values[CommunityArray::kSlots];
-  const std::uint32_t count = getLe<std::uint32_t>(p + 44);
-  std::memcpy(values, p + 48, 4u * count);
-  r.community.assign(count, values);
+  // The values present, without branching on how many there are (readers of the status table
+  // decode records of every length in turn, and a mispredicted branch there costs more than this):
+  // a slot beyond the count reads the count field, which is always there, and is masked to 0 as in
+  // a fresh array. The table keeps the compiler from turning the selection back into branches.
+  static constexpr std::uint32_t kPresent[CommunityArray::kSlots + 1][CommunityArray::kSlots] = {
+      {0, 0, 0, 0}, {1, 0, 0, 0}, {1, 1, 0, 0}, {1, 1, 1, 0}, {1, 1, 1, 1}};
+  const std::uint32_t count = (len - minSerializedLen) / 4;
+  auto slot = [p, present = kPresent[count]](std::uint32_t i) {
+    return getLe<std::uint32_t>(p + 44 + 4 * (i + 1) * present[i]) & (0u - present[i]);
+  };
+  r.community.assignSlots(count, slot(0), slot(1), slot(2), slot(3));
   return r;
 }
 

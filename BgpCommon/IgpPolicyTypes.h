@@ -73,6 +73,9 @@ struct CommunityIndex : Kelp::ValueBase<CommunityIndex> {
   }
 };
 
+// The array range error: "array count 5 above its limit 4".
+[[noreturn]] void throwArrayRange(std::uint32_t count, std::uint32_t limit);
+
 // Up to four standard communities (RFC 1997), kept in index order. Slots at or beyond the count
 // take no part in equality, hashing, printing or serializing.
 class CommunityArray {
@@ -116,6 +119,15 @@ class CommunityArray {
 
   // Reads a count and values as stored; a count above 4 raises the array range error.
   void assign(std::uint32_t count, const std::uint32_t* values);
+  // The same with all four slots given, those at and beyond `count` holding 0.
+  void assignSlots(std::uint32_t count, std::uint32_t s0, std::uint32_t s1, std::uint32_t s2, std::uint32_t s3) {
+    if (count > kSlots) throwArrayRange(count, kSlots);
+    count_ = count;
+    slots_[0] = s0;
+    slots_[1] = s1;
+    slots_[2] = s2;
+    slots_[3] = s3;
+  }
 
   friend bool operator==(const CommunityArray& a, const CommunityArray& b);
 
@@ -123,9 +135,6 @@ class CommunityArray {
   std::uint32_t count_ = 0;
   std::uint32_t slots_[kSlots] = {};
 };
-
-// The array range error: "array count 5 above its limit 4".
-[[noreturn]] void throwArrayRange(std::uint32_t count, std::uint32_t limit);
 
 struct IgpResult : Kelp::ValueBase<IgpResult> {
   // Holds a collection: not built from text (the range constructor asserts).

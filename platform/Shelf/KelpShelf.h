@@ -122,19 +122,21 @@ class Collection {
     std::uint8_t k[kKeyMax];
     Shelf::Bytes kb(k, KeyCodec<K>::encode(key, k));
     std::uint32_t h = KeyCodec<K>::hash(key);
+    std::optional<V> found;
+    if (Shelf::Reader* r = control_->reader()) {
+      Shelf::Reader::RecordCopy copy;
+      if (std::optional<Shelf::Bytes> value = r->find(kb, h, copy)) found.emplace(Decoded{*value});
+      return found;
+    }
     alignas(8) std::uint8_t v[kValueMax];
     std::optional<std::uint32_t> n;
-    if (Shelf::Reader* r = control_->reader()) {
-      n = r->find(kb, h, v, kValueMax);
-    } else {
-      try {
-        n = control_->writer()->find(kb, h, v);
-      } catch (const Shelf::CorruptionException& e) {
-        writerMetCorruption(*control_, e);
-      }
+    try {
+      n = control_->writer()->find(kb, h, v);
+    } catch (const Shelf::CorruptionException& e) {
+      writerMetCorruption(*control_, e);
     }
-    if (!n) return std::nullopt;
-    return V::deserialize(Shelf::Bytes(v, *n));
+    if (n) found.emplace(V::deserialize(Shelf::Bytes(v, *n)));
+    return found;
   }
 
   // Writer only. Stores `value` under `key`; false when the same value was stored already.
@@ -186,6 +188,14 @@ class Collection {
   std::uint32_t size() const { return control_ ? control_->occupancy() : 0; }
 
  private:
+  // Stands for the value decoded from `bytes`: emplacing it lets the compiler decode straight into
+  // the optional that find returns, where emplacing V::deserialize(...) would decode into a
+  // temporary and copy that.
+  struct Decoded {
+    Shelf::Bytes bytes;
+    operator V() const { return V::deserialize(bytes); }  // NOLINT: converts on purpose
+  };
+
   Shelf::Writer* writerOrDie() const {
     PICO_ASSERT(control_ && control_->writer() != nullptr);
     return control_->writer();

@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <optional>
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -31,13 +32,13 @@ namespace Shelf {
 namespace {
 
 constexpr std::uint64_t kMagic = 0x464c454853504742ull;  // "BGPSHELF"
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;        // no slot: end of a chain, empty bucket
 constexpr std::uint32_t kFreeBucket = 0xFFFFFFFEu;  // the bucket field of a free slot
 constexpr std::size_t kHeaderBytes = 4096;
 
-// Slot layout. The checksum covers bytes [16, 32 + keyLen + valueLen): link, bucket, own index,
-// lengths, key and value; not the sequence counter.
+// Slot layout. The checksum covers bytes [16, slotSize): link, bucket, own index, lengths, key,
+// value and the zero bytes after them; not the sequence counter.
 constexpr std::size_t kSeqAt = 0;
 constexpr std::size_t kChecksumAt = 8;
 constexpr std::size_t kNextAt = 16;
@@ -125,6 +126,14 @@ void putRaw(std::uint8_t* p, T v) {
 }
 constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
 
+// A slot's value starts at the first 8-byte boundary after its key. Readers copy slots word by
+// word and decode values from their copies: a field read from within one copied word is forwarded
+// from that store at once, while one straddling two words would wait for both to reach the cache.
+constexpr std::size_t valueAt(std::size_t keyLen) { return kSlotHeaderBytes + roundUp(keyLen, 8); }
+constexpr std::size_t slotBytesFor(std::size_t keyMax, std::size_t valueMax) {
+  return roundUp(valueAt(keyMax) + valueMax, 8);
+}
+
 // Copies `bytes` (a multiple of 8) word by word with relaxed atomic loads, the reading half of a
 // sequence-counter protocol: the copy may be torn, the counter check afterwards tells.
 void copyWordsIn(std::uint8_t* dst, const std::uint8_t* src, std::size_t bytes) {
@@ -182,7 +191,7 @@ Layout layoutFor(std::uint32_t capacity, std::uint32_t keyMax, std::uint32_t val
   // one is freed, and freed slots rest a while before they are reused.
   l.slotCount = capacity + std::max<std::uint32_t>(1, capacity / 16);
   l.bucketCount = std::bit_ceil(capacity);
-  l.slotSize = static_cast<std::uint32_t>(roundUp(kSlotHeaderBytes + keyMax + valueMax, 8));
+  l.slotSize = static_cast<std::uint32_t>(slotBytesFor(keyMax, valueMax));
   l.ringCapacity = ringCapacity != 0 ? ringCapacity : std::bit_ceil(std::clamp<std::uint32_t>(capacity, 64, 65536));
   l.ringEntrySize = static_cast<std::uint32_t>(roundUp(kRingHeaderBytes + keyMax, 8));
   l.bucketsOffset = kHeaderBytes;
@@ -190,6 +199,108 @@ Layout layoutFor(std::uint32_t capacity, std::uint32_t keyMax, std::uint32_t val
   l.ringOffset = roundUp(l.slotsOffset + std::uint64_t{l.slotSize} * l.slotCount, 64);
   l.fileSize = roundUp(l.ringOffset + std::uint64_t{l.ringEntrySize} * l.ringCapacity, 4096);
   return l;
+}
+
+// ---- Slot checksum ----
+//
+// A slot's checksum covers everything after the checksum itself, to the end of the slot: unused
+// bytes are zero. Hashing the whole fixed-size slot rather than just the used bytes costs a few
+// more bytes but makes every lookup of a table run the same instructions, whatever its records'
+// lengths, which keeps the reader's branches predictable.
+//
+// The checksum is CRC32C (the Castagnoli polynomial) in two lanes: the 8-byte words at even
+// positions go to one lane, those at odd positions to the other, each lane being the plain CRC32C
+// of its words' bytes; lane 0 is the high half of the result. A CRC catches every burst of damage
+// up to 32 bits long within a lane, and two lanes halve the chain of dependent steps. Processors
+// with a CRC32C instruction (x86 with SSE4.2) use it, checked at run time so that the build stays
+// portable; others use tables, to the same result.
+
+struct CrcTables {
+  std::uint32_t t[8][256];
+};
+
+constexpr CrcTables makeCrcTables() {
+  CrcTables c{};
+  for (std::uint32_t i = 0; i < 256; ++i) {
+    std::uint32_t v = i;
+    for (int bit = 0; bit < 8; ++bit) v = (v >> 1) ^ (0x82F63B78u & (0u - (v & 1u)));
+    c.t[0][i] = v;
+  }
+  for (int k = 1; k < 8; ++k) {
+    for (std::uint32_t i = 0; i < 256; ++i) c.t[k][i] = (c.t[k - 1][i] >> 8) ^ c.t[0][c.t[k - 1][i] & 0xFF];
+  }
+  return c;
+}
+constexpr CrcTables kCrc = makeCrcTables();
+
+// One CRC32C step over the 8 bytes of `word` (little-endian): eight table lookups at once.
+struct CrcTableStep {
+  static std::uint32_t step(std::uint32_t crc, std::uint64_t word) {
+    const std::uint32_t lo = crc ^ static_cast<std::uint32_t>(word);
+    const std::uint32_t hi = static_cast<std::uint32_t>(word >> 32);
+    return kCrc.t[7][lo & 0xFF] ^ kCrc.t[6][(lo >> 8) & 0xFF] ^ kCrc.t[5][(lo >> 16) & 0xFF] ^ kCrc.t[4][lo >> 24] ^
+           kCrc.t[3][hi & 0xFF] ^ kCrc.t[2][(hi >> 8) & 0xFF] ^ kCrc.t[1][(hi >> 16) & 0xFF] ^ kCrc.t[0][hi >> 24];
+  }
+};
+
+#if defined(__x86_64__)
+// The same step with the SSE4.2 instruction. Written as assembly so that it can be inlined into
+// code compiled for any x86-64; it runs only where kCrcInstruction says the processor has it.
+struct CrcInstructionStep {
+  static std::uint32_t step(std::uint32_t crc, std::uint64_t word) {
+    std::uint64_t c = crc;
+    asm("crc32q %1, %0" : "+r"(c) : "r"(word));
+    return static_cast<std::uint32_t>(c);
+  }
+};
+const bool kCrcInstruction = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("sse4.2") != 0;
+}();
+#else
+using CrcInstructionStep = CrcTableStep;
+constexpr bool kCrcInstruction = false;
+#endif
+
+// Copies the words [from, to) of `src` to `dst` with relaxed loads (src may be shared memory the
+// writer is changing) and returns the checksum of the words [sumFrom, to), in one pass.
+template <typename Crc>
+inline std::uint64_t copyAndSumWith(std::uint8_t* dst, const std::uint8_t* src, std::size_t from, std::size_t sumFrom,
+                                    std::size_t to) {
+  for (std::size_t i = from; i < sumFrom; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
+  std::uint32_t lane0 = ~0u, lane1 = ~0u;
+  std::size_t i = sumFrom;
+  for (; i + 16 <= to; i += 16) {
+    const std::uint64_t w0 = load<std::uint64_t>(src + i, __ATOMIC_RELAXED);
+    const std::uint64_t w1 = load<std::uint64_t>(src + i + 8, __ATOMIC_RELAXED);
+    putRaw(dst + i, w0);
+    putRaw(dst + i + 8, w1);
+    lane0 = Crc::step(lane0, w0);
+    lane1 = Crc::step(lane1, w1);
+  }
+  if (i < to) {
+    const std::uint64_t w0 = load<std::uint64_t>(src + i, __ATOMIC_RELAXED);
+    putRaw(dst + i, w0);
+    lane0 = Crc::step(lane0, w0);
+  }
+  return std::uint64_t{~lane0} << 32 | ~lane1;
+}
+
+// Copies a slot's words from the checksum on ([8, slotSize)) out of shared memory and returns the
+// checksum of what it copied after the checksum.
+template <typename Crc>
+inline std::uint64_t copyAndSumSlot(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
+  return copyAndSumWith<Crc>(dst, src, kChecksumAt, kNextAt, slotSize);
+}
+inline std::uint64_t copyAndSum(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
+  return kCrcInstruction ? copyAndSumSlot<CrcInstructionStep>(dst, src, slotSize)
+                         : copyAndSumSlot<CrcTableStep>(dst, src, slotSize);
+}
+
+// The checksum of a slot image in private memory.
+std::uint64_t slotChecksum(const std::uint8_t* img, std::size_t slotSize) {
+  alignas(8) std::uint8_t scratch[kMaxSlotBytes];
+  return copyAndSum(scratch, img, slotSize);
 }
 
 std::uint64_t headerChecksum(const FileHeader* h) {
@@ -207,6 +318,19 @@ std::string_view labelOf(const char* field, std::size_t size) {
 }  // namespace
 
 namespace detail {
+
+std::uint64_t tableChecksum(Bytes words) {
+  PICO_ASSERT(words.size() % 8 == 0 && words.size() <= kMaxSlotBytes);
+  alignas(8) std::uint8_t scratch[kMaxSlotBytes];
+  return copyAndSumWith<CrcTableStep>(scratch, words.data(), 0, 0, words.size());
+}
+
+std::optional<std::uint64_t> instructionChecksum(Bytes words) {
+  PICO_ASSERT(words.size() % 8 == 0 && words.size() <= kMaxSlotBytes);
+  if (!kCrcInstruction) return std::nullopt;
+  alignas(8) std::uint8_t scratch[kMaxSlotBytes];
+  return copyAndSumWith<CrcInstructionStep>(scratch, words.data(), 0, 0, words.size());
+}
 
 // One mapped table file, with its geometry copied out of the header once it has been checked.
 struct Mapping {
@@ -261,6 +385,18 @@ struct Mapping {
 }  // namespace detail
 
 using detail::Mapping;
+
+namespace {
+
+// A bucket's home: the slot the writer gives the bucket's records when it is free, and which
+// readers start fetching while they read the bucket's head, so that finding a record at home
+// takes one trip to memory rather than two in a row. There are fewer slots than buckets: the
+// buckets beyond the last slot share homes from the start again.
+std::uint32_t homeSlot(const Mapping& m, std::uint32_t bucket) {
+  return bucket < m.slotCount ? bucket : bucket - m.slotCount;
+}
+
+}  // namespace
 
 // ---- Location ----------------------------------------------------------------------------------
 
@@ -375,8 +511,8 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
   if (g.keyMax == 0 || g.keyMax > kMaxKeyBytes) {
     Pico::fmthrow<Kelp::RangeException>("Shelf key size {} outside 1..{}", g.keyMax, kMaxKeyBytes);
   }
-  if (kSlotHeaderBytes + g.keyMax + g.valueMax > kMaxSlotBytes) {
-    Pico::fmthrow<Kelp::RangeException>("Shelf slot of {} bytes above {}", kSlotHeaderBytes + g.keyMax + g.valueMax,
+  if (slotBytesFor(g.keyMax, g.valueMax) > kMaxSlotBytes) {
+    Pico::fmthrow<Kelp::RangeException>("Shelf slot of {} bytes above {}", slotBytesFor(g.keyMax, g.valueMax),
                                         kMaxSlotBytes);
   }
   if (g.ringCapacity != 0 && (!std::has_single_bit(g.ringCapacity) || g.ringCapacity > (1u << 20))) {
@@ -463,11 +599,13 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
   w->labels_ = labels;
   w->staging_.assign(l.slotSize, 0);
   w->freeFifo_.resize(l.slotCount);
+  w->slotState_.assign(l.slotCount, kSlotFree | kSlotQueued);
   for (std::uint32_t i = 0; i < l.slotCount; ++i) {
     w->freeFifo_[i] = i;
     w->writeSlot(i, kFreeBucket, kNone, {}, {});
   }
   w->freeCount_ = l.slotCount;
+  w->queuedCount_ = l.slotCount;
 
   if (renameat(dirFd, tmp.c_str(), dirFd, where.leaf().c_str()) != 0) fail("cannot publish");
   struct stat st;
@@ -518,34 +656,52 @@ Writer::Found Writer::locate(Bytes key, std::uint32_t bucket) const {
   return f;
 }
 
+// The oldest free slot. Entries of slots that were taken out of turn (as a home) since they were
+// queued are passed over.
 std::uint32_t Writer::takeFreeSlot() {
   PICO_ASSERT(freeCount_ > 0);
-  std::uint32_t i = freeFifo_[freeHead_];
-  freeHead_ = (freeHead_ + 1) % map_->slotCount;
+  while (true) {
+    PICO_ASSERT(queuedCount_ > 0);
+    std::uint32_t i = freeFifo_[freeHead_];
+    freeHead_ = (freeHead_ + 1) % map_->slotCount;
+    --queuedCount_;
+    slotState_[i] &= static_cast<std::uint8_t>(~kSlotQueued);
+    if (slotState_[i] & kSlotFree) {
+      slotState_[i] = 0;
+      --freeCount_;
+      return i;
+    }
+  }
+}
+
+// A slot for a record of `bucket`: its home when that is free, else the oldest free slot.
+std::uint32_t Writer::takeSlotFor(std::uint32_t bucket) {
+  const std::uint32_t home = homeSlot(*map_, bucket);
+  if ((slotState_[home] & kSlotFree) == 0) return takeFreeSlot();
+  slotState_[home] &= static_cast<std::uint8_t>(~kSlotFree);  // its queue entry stays, passed over later
   --freeCount_;
-  return i;
+  return home;
 }
 
 // Writes a whole slot image under its sequence counter: odd while the words change, even after.
 void Writer::writeSlot(std::uint32_t index, std::uint32_t bucket, std::uint32_t next, Bytes key, Bytes value) {
   std::uint8_t* img = staging_.data();
-  const std::size_t used = kSlotHeaderBytes + key.size() + value.size();
-  const std::size_t words = roundUp(used, 8);
-  std::memset(img, 0, words);
+  const std::size_t size = map_->slotSize;
+  std::memset(img, 0, size);
   putRaw(img + kNextAt, next);
   putRaw(img + kBucketAt, bucket);
   putRaw(img + kSelfAt, index);
   putRaw(img + kKeyLenAt, static_cast<std::uint16_t>(key.size()));
   putRaw(img + kValueLenAt, static_cast<std::uint16_t>(value.size()));
   if (!key.empty()) std::memcpy(img + kSlotHeaderBytes, key.data(), key.size());
-  if (!value.empty()) std::memcpy(img + kSlotHeaderBytes + key.size(), value.data(), value.size());
-  putRaw(img + kChecksumAt, static_cast<std::uint64_t>(XXH3_64bits(img + kNextAt, used - kNextAt)));
+  if (!value.empty()) std::memcpy(img + valueAt(key.size()), value.data(), value.size());
+  putRaw(img + kChecksumAt, slotChecksum(img, size));
 
   std::uint8_t* s = map_->slot(index);
   std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED);
   store<std::uint32_t>(s + kSeqAt, seq + 1, __ATOMIC_RELAXED);
   std::atomic_thread_fence(std::memory_order_release);
-  copyWordsOut(s + 8, img + 8, words - 8);  // the first word holds the counter itself
+  copyWordsOut(s + 8, img + 8, size - 8);  // the first word holds the counter itself
   store<std::uint32_t>(s + kSeqAt, seq + 2, __ATOMIC_RELEASE);
 }
 
@@ -556,14 +712,31 @@ void Writer::relink(std::uint32_t predecessor, std::uint32_t next) {
   std::uint16_t valueLen = get16(s + kValueLenAt);
   // Key and value are copied out first: writeSlot builds the new image over the old one.
   std::uint8_t bytes[kMaxSlotBytes];
-  std::memcpy(bytes, s + kSlotHeaderBytes, keyLen + valueLen);
+  std::memcpy(bytes, s + kSlotHeaderBytes, keyLen);
+  std::memcpy(bytes + keyLen, s + valueAt(keyLen), valueLen);
   writeSlot(predecessor, get32(s + kBucketAt), next, Bytes(bytes, keyLen), Bytes(bytes + keyLen, valueLen));
 }
 
 void Writer::freeSlot(std::uint32_t index) {
   writeSlot(index, kFreeBucket, kNone, {}, {});
-  freeFifo_[(freeHead_ + freeCount_) % map_->slotCount] = index;
+  PICO_ASSERT((slotState_[index] & kSlotFree) == 0);
+  slotState_[index] |= kSlotFree;
   ++freeCount_;
+  // A slot still queued from before it was taken out of turn keeps its older place.
+  if ((slotState_[index] & kSlotQueued) == 0) {
+    PICO_ASSERT(queuedCount_ < map_->slotCount);
+    freeFifo_[(freeHead_ + queuedCount_) % map_->slotCount] = index;
+    ++queuedCount_;
+    slotState_[index] |= kSlotQueued;
+  }
+}
+
+void Writer::link(std::uint32_t predecessor, std::uint32_t bucket, std::uint32_t next) {
+  if (predecessor == kNone) {
+    store<std::uint32_t>(map_->bucket(bucket), next, __ATOMIC_RELEASE);
+  } else {
+    relink(predecessor, next);
+  }
 }
 
 void Writer::announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex) {
@@ -604,25 +777,33 @@ bool Writer::put(Bytes key, std::uint32_t hash, Bytes value) {
   if (f.index != kNone) {
     const std::uint8_t* old = m.slot(f.index);
     if (get16(old + kValueLenAt) == value.size() &&
-        std::memcmp(old + kSlotHeaderBytes + key.size(), value.data(), value.size()) == 0) {
+        std::memcmp(old + valueAt(key.size()), value.data(), value.size()) == 0) {
       return false;
     }
     // Copy on write: the new value goes to a free slot linked in place of the old one, so readers
     // see either whole record at every moment.
-    std::uint32_t n = takeFreeSlot();
-    writeSlot(n, bucket, get32(old + kNextAt), key, value);
-    if (f.predecessor == kNone) {
-      store<std::uint32_t>(m.bucket(bucket), n, __ATOMIC_RELEASE);
+    const std::uint32_t next = get32(old + kNextAt);
+    if (f.index == homeSlot(m, bucket)) {
+      // A record at home stays there, where readers look for it first: the new value is linked in
+      // from a spare slot while the home is rewritten, then the home is linked back.
+      std::uint32_t spare = takeFreeSlot();
+      writeSlot(spare, bucket, next, key, value);
+      link(f.predecessor, bucket, spare);
+      writeSlot(f.index, bucket, next, key, value);
+      link(f.predecessor, bucket, f.index);
+      freeSlot(spare);
     } else {
-      relink(f.predecessor, n);
+      std::uint32_t n = takeSlotFor(bucket);
+      writeSlot(n, bucket, next, key, value);
+      link(f.predecessor, bucket, n);
+      freeSlot(f.index);
     }
-    freeSlot(f.index);
   } else {
     if (occupancy_ >= m.capacity) {
       throw TableFullException(
           fmt::format("Shelf table full (occupancy:{} tableSize:{}) {}", occupancy_, m.capacity, labels_.tableName));
     }
-    std::uint32_t n = takeFreeSlot();
+    std::uint32_t n = takeSlotFor(bucket);
     writeSlot(n, bucket, load<std::uint32_t>(m.bucket(bucket), __ATOMIC_RELAXED), key, value);
     store<std::uint32_t>(m.bucket(bucket), n, __ATOMIC_RELEASE);
     ++occupancy_;
@@ -638,12 +819,7 @@ bool Writer::erase(Bytes key, std::uint32_t hash) {
   const std::uint32_t bucket = hash & m.bucketMask;
   Found f = locate(key, bucket);
   if (f.index == kNone) return false;
-  std::uint32_t next = get32(m.slot(f.index) + kNextAt);
-  if (f.predecessor == kNone) {
-    store<std::uint32_t>(m.bucket(bucket), next, __ATOMIC_RELEASE);
-  } else {
-    relink(f.predecessor, next);
-  }
+  link(f.predecessor, bucket, get32(m.slot(f.index) + kNextAt));
   freeSlot(f.index);
   --occupancy_;
   store<std::uint32_t>(&m.header->occupancy, occupancy_, __ATOMIC_RELAXED);
@@ -657,10 +833,8 @@ void Writer::clear() {
   // free slot at worst, and walks again to find the bucket empty. The slots are found by their own
   // bucket field rather than through the chains, so a damaged link cannot hide one.
   for (std::uint32_t b = 0; b <= m.bucketMask; ++b) store<std::uint32_t>(m.bucket(b), kNone, __ATOMIC_RELEASE);
-  std::vector<bool> isFree(m.slotCount, false);
-  for (std::uint32_t k = 0; k < freeCount_; ++k) isFree[freeFifo_[(freeHead_ + k) % m.slotCount]] = true;
   for (std::uint32_t i = 0; i < m.slotCount; ++i) {
-    if (!isFree[i]) freeSlot(i);
+    if ((slotState_[i] & kSlotFree) == 0) freeSlot(i);
   }
   occupancy_ = 0;
   store<std::uint32_t>(&m.header->occupancy, 0, __ATOMIC_RELAXED);
@@ -673,7 +847,7 @@ std::optional<std::uint32_t> Writer::find(Bytes key, std::uint32_t hash, std::ui
   if (f.index == kNone) return std::nullopt;
   const std::uint8_t* s = map_->slot(f.index);
   std::uint16_t valueLen = get16(s + kValueLenAt);
-  std::memcpy(out, s + kSlotHeaderBytes + key.size(), valueLen);
+  std::memcpy(out, s + valueAt(key.size()), valueLen);
   return valueLen;
 }
 
@@ -686,7 +860,7 @@ void Writer::forEach(const std::function<void(Bytes key, Bytes value)>& fn) cons
       if (idx >= m.slotCount || ++steps > m.slotCount) corrupt(fmt::format("chain of bucket {} is damaged", b));
       const std::uint8_t* s = m.slot(idx);
       std::uint16_t keyLen = get16(s + kKeyLenAt);
-      fn(Bytes(s + kSlotHeaderBytes, keyLen), Bytes(s + kSlotHeaderBytes + keyLen, get16(s + kValueLenAt)));
+      fn(Bytes(s + kSlotHeaderBytes, keyLen), Bytes(s + valueAt(keyLen), get16(s + kValueLenAt)));
       idx = get32(s + kNextAt);
     }
   }
@@ -721,21 +895,14 @@ Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint3
       __builtin_ia32_pause();
       continue;
     }
-    copyWordsIn(buf, s, kSlotHeaderBytes);
-    std::uint16_t keyLen = get16(buf + kKeyLenAt);
-    std::uint16_t valueLen = get16(buf + kValueLenAt);
-    bool lengthsOk = keyLen <= m.keyMax && valueLen <= m.valueMax;
-    if (lengthsOk) [[likely]] {
-      copyWordsIn(buf + kSlotHeaderBytes, s + kSlotHeaderBytes, roundUp(keyLen + valueLen, 8));
-    }
+    const std::uint64_t sum = copyAndSum(buf, s, m.slotSize);
     std::atomic_thread_fence(std::memory_order_acquire);
     if (load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq) [[unlikely]] {
       continue;
     }
     seqOut = seq;
-    if (!lengthsOk ||
-        XXH3_64bits(buf + kNextAt, kSlotHeaderBytes - kNextAt + keyLen + valueLen) != get64(buf + kChecksumAt) ||
-        get32(buf + kSelfAt) != idx) [[unlikely]] {
+    if (get16(buf + kKeyLenAt) > m.keyMax || get16(buf + kValueLenAt) > m.valueMax ||
+        sum != get64(buf + kChecksumAt) || get32(buf + kSelfAt) != idx) [[unlikely]] {
       return Snap::damaged;
     }
     return Snap::ok;
@@ -749,8 +916,7 @@ std::string damageOf(const Mapping& m, std::uint32_t idx, const std::uint8_t* bu
   if (keyLen > m.keyMax || valueLen > m.valueMax) {
     return fmt::format("slot {} claims a key of {} and a value of {} bytes", idx, keyLen, valueLen);
   }
-  if (get32(buf + kSelfAt) != idx &&
-      XXH3_64bits(buf + kNextAt, kSlotHeaderBytes - kNextAt + keyLen + valueLen) == get64(buf + kChecksumAt)) {
+  if (get32(buf + kSelfAt) != idx && slotChecksum(buf, m.slotSize) == get64(buf + kChecksumAt)) {
     return fmt::format("slot {} holds the record of slot {}", idx, get32(buf + kSelfAt));
   }
   return fmt::format("checksum mismatch in slot {}", idx);
@@ -922,7 +1088,7 @@ Mapping* Reader::refresh() const {
   if (h.magic != kMagic || h.version != kVersion) return fail("not a table file of this version");
   if (headerChecksum(&h) != h.geometryChecksum) return fail("header checksum mismatch");
   if (h.capacity == 0 || h.capacity > kMaxCapacity || h.keyMax == 0 || h.keyMax > kMaxKeyBytes ||
-      kSlotHeaderBytes + h.keyMax + h.valueMax > kMaxSlotBytes || !std::has_single_bit(h.ringCapacity)) {
+      slotBytesFor(h.keyMax, h.valueMax) > kMaxSlotBytes || !std::has_single_bit(h.ringCapacity)) {
     return fail("header geometry out of range");
   }
   Layout l = layoutFor(h.capacity, h.keyMax, h.valueMax, h.ringCapacity);
@@ -957,25 +1123,100 @@ Bytes Reader::mappedBytes() const {
   return m == nullptr ? Bytes() : Bytes(m->base, m->size);
 }
 
-std::optional<std::uint32_t> Reader::find(Bytes key, std::uint32_t hash, std::uint8_t* out, std::uint32_t outSize) const {
-  const Mapping* m = current();
-  if (m == nullptr || key.empty() || key.size() > m->keyMax) return std::nullopt;
-  alignas(8) std::uint8_t buf[kMaxSlotBytes];
-  std::optional<std::uint32_t> found;
+namespace {
+
+bool sameBytes(const std::uint8_t* a, const std::uint8_t* b, std::size_t n) {
+  for (; n >= 8; n -= 8, a += 8, b += 8) {
+    if (get64(a) != get64(b)) return false;
+  }
+  if (n >= 4) {
+    if (get32(a) != get32(b)) return false;
+    n -= 4, a += 4, b += 4;
+  }
+  for (; n > 0; --n) {
+    if (*a++ != *b++) return false;
+  }
+  return true;
+}
+
+enum class Quick { found, absent, unsure };
+
+// The common case of a lookup, kept short, free of data-dependent branches and light on stores so
+// that the processor can overlap the memory accesses of consecutive lookups: a chain whose slots
+// are all stable, whole and where they belong. Anything else (a slot being rewritten, a slot of
+// another bucket, damage) answers unsure, and the lookup is done again by carefulFind, which
+// retries, tells races from damage and reports. On found, `buf` holds the record.
+template <typename Crc>
+Quick quickFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) {
+  std::uint32_t idx = load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE);
+  for (std::uint32_t steps = 0; idx != kNone; ++steps) {
+    if (idx >= m.slotCount || steps == m.slotCount) [[unlikely]] {
+      return Quick::unsure;
+    }
+    const std::uint8_t* s = m.slot(idx);
+    const std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
+    const std::uint64_t sum = copyAndSumSlot<Crc>(buf, s, m.slotSize);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    const std::uint16_t keyLen = get16(buf + kKeyLenAt);
+    if ((seq & 1u) != 0 || load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq || sum != get64(buf + kChecksumAt) ||
+        get32(buf + kSelfAt) != idx || get32(buf + kBucketAt) != bucket || keyLen > m.keyMax ||
+        get16(buf + kValueLenAt) > m.valueMax) [[unlikely]] {
+      return Quick::unsure;
+    }
+    if (keyLen == key.size() && sameBytes(buf + kSlotHeaderBytes, key.data(), keyLen)) return Quick::found;
+    idx = get32(buf + kNextAt);
+  }
+  return Quick::absent;
+}
+
+}  // namespace
+
+// The lookup by walkChain, for when the quick one was unsure.
+Reader::Found Reader::carefulFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const {
+  Found found = Found::absent;
   auto report = [this](const std::string& why) { this->report(why); };
-  walkChain(*m, hash & m->bucketMask, buf, report, [&](const std::uint8_t* slot) {
+  walkChain(m, bucket, buf, report, [&](const std::uint8_t* slot) {
     std::uint16_t keyLen = get16(slot + kKeyLenAt);
     if (keyLen != key.size() || std::memcmp(slot + kSlotHeaderBytes, key.data(), keyLen) != 0) return false;
-    std::uint16_t valueLen = get16(slot + kValueLenAt);
-    if (valueLen > outSize) {
-      report(fmt::format("value of {} bytes does not fit the reader's {}", valueLen, outSize));
-      return true;
-    }
-    std::memcpy(out, slot + kSlotHeaderBytes + keyLen, valueLen);
-    found = valueLen;
+    found = Found::present;
     return true;
   });
   return found;
+}
+
+std::optional<Bytes> Reader::find(Bytes key, std::uint32_t hash, RecordCopy& copy) const {
+  // current(), spelled out: a lookup should not pay for a call to learn that nothing changed.
+  const Mapping* m = current_.load(std::memory_order_acquire);
+  if (m == nullptr || load<std::uint32_t>(&m->header->retired, __ATOMIC_ACQUIRE) != 0) [[unlikely]] {
+    m = refresh();
+  }
+  if (m == nullptr || key.empty() || key.size() > m->keyMax) return std::nullopt;
+  std::uint8_t* buf = copy.bytes;
+  const std::uint32_t bucket = hash & m->bucketMask;
+  // Start fetching the bucket's home slot (the lines of its first 129 bytes) while the head is read.
+  const std::uint8_t* home = m->slot(homeSlot(*m, bucket));
+  __builtin_prefetch(home);
+  __builtin_prefetch(home + 64);
+  __builtin_prefetch(home + std::min<std::uint32_t>(m->slotSize, 129) - 1);
+  const Quick quick = kCrcInstruction ? quickFind<CrcInstructionStep>(*m, bucket, key, buf)
+                                      : quickFind<CrcTableStep>(*m, bucket, key, buf);
+  if (quick == Quick::absent) return std::nullopt;
+  if (quick == Quick::unsure && carefulFind(*m, bucket, key, buf) != Found::present) [[unlikely]] {
+    return std::nullopt;
+  }
+  return Bytes(buf + valueAt(get16(buf + kKeyLenAt)), get16(buf + kValueLenAt));
+}
+
+std::optional<std::uint32_t> Reader::find(Bytes key, std::uint32_t hash, std::uint8_t* out, std::uint32_t outSize) const {
+  RecordCopy copy;
+  std::optional<Bytes> value = find(key, hash, copy);
+  if (!value) return std::nullopt;
+  if (value->size() > outSize) {
+    report(fmt::format("value of {} bytes does not fit the reader's {}", value->size(), outSize));
+    return std::nullopt;
+  }
+  std::memcpy(out, value->data(), value->size());
+  return static_cast<std::uint32_t>(value->size());
 }
 
 void Reader::forEach(const std::function<void(Bytes key, Bytes value)>& fn) const {
@@ -995,7 +1236,7 @@ void Reader::forEach(const std::function<void(Bytes key, Bytes value)>& fn) cons
       }
       seen.push_back(static_cast<std::uint8_t>(keyLen));
       seen.insert(seen.end(), key.begin(), key.end());
-      fn(key, Bytes(slot + kSlotHeaderBytes + keyLen, get16(slot + kValueLenAt)));
+      fn(key, Bytes(slot + valueAt(keyLen), get16(slot + kValueLenAt)));
       return false;
     });
   }

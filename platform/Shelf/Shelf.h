@@ -10,17 +10,26 @@
 // Layout of the file, in this order:
 //   header   geometry (immutable after creation, checksummed) and the writer's live counters;
 //   buckets  bucketCount 32-bit slot indices, the head of each chain (kNone for an empty chain);
-//   slots    slotCount fixed-size slots: sequence counter, chain link, bucket, key length, value
-//            length, own index, checksum (xxHash over everything but the counter), key, value;
+//   slots    slotCount fixed-size slots: sequence counter, checksum, chain link, bucket, own
+//            index, key length, value length, key, value (from the next 8-byte boundary), zeros
+//            to the end; the checksum (CRC32C) covers everything after it;
 //   ring     the change ring: the keys the writer changed, newest last.
+//
+// Homes. Each bucket has a home slot (bucket b: slot b, wrapping around where there are fewer
+// slots than buckets). The writer puts a bucket's record there when it is free, and a reader starts
+// fetching the home while it reads the bucket's head, so a lookup of a record at home waits for
+// memory once rather than twice in a row. A record at home stays there when it changes.
 //
 // Concurrency. One writer, lock-free readers. Every slot carries a sequence counter that is odd
 // while the writer rewrites it; a reader copies the slot, re-reads the counter and retries (a
-// bounded number of times) when it moved. The writer never rewrites a slot that readers can reach
+// bounded number of times) when it moved. The writer never rewrites the record that readers reach
 // from a bucket: a new value goes to a free slot, which is then linked in place of the old one with
 // a release store, and the old slot is freed afterwards (free slots are reused first-in first-out,
-// so a slot a reader is still looking at is rarely reused at once). A writer killed at any moment
-// therefore leaves every reachable record whole: readers see the old value or the new one.
+// so a slot a reader is still looking at is rarely reused at once). A record at home is changed
+// the same way, through a spare slot: while the spare is linked in its place the home is rewritten,
+// then linked back and the spare freed. Only a link changes in place, in the slot before the one
+// relinked; its key and value stay. A writer killed at any moment therefore leaves every reachable
+// record whole: readers see the old value or the new one.
 //
 // Distrust. Readers trust nothing they read: every index is bounds-checked, chains are
 // length-bounded, every slot's checksum and its own index are verified, and a slot found in the
@@ -148,7 +157,13 @@ struct Change {
 
 namespace detail {
 struct Mapping;
-}
+
+// The checksum a table keeps of each record, over `words` (a multiple of 8 bytes, up to
+// kMaxSlotBytes), as computed with tables and with the processor's CRC32C instruction (nullopt when
+// it has none). The two must agree: a table is read and written by whichever processes map it.
+std::uint64_t tableChecksum(Bytes words);
+std::optional<std::uint64_t> instructionChecksum(Bytes words);
+}  // namespace detail
 
 // The only process that changes a table. Not thread-safe: one thread at a time.
 class Writer {
@@ -188,8 +203,11 @@ class Writer {
   struct Found;
   Found locate(Bytes key, std::uint32_t bucket) const;
   std::uint32_t takeFreeSlot();
+  std::uint32_t takeSlotFor(std::uint32_t bucket);
   void writeSlot(std::uint32_t index, std::uint32_t bucket, std::uint32_t next, Bytes key, Bytes value);
   void relink(std::uint32_t predecessor, std::uint32_t next);
+  // Points the bucket head (predecessor kNone) or slot `predecessor` at `next`.
+  void link(std::uint32_t predecessor, std::uint32_t bucket, std::uint32_t next);
   void freeSlot(std::uint32_t index);
   void announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex);
   [[noreturn]] void corrupt(const std::string& what) const;
@@ -197,8 +215,15 @@ class Writer {
   std::unique_ptr<detail::Mapping> map_;
   std::string path_;
   Labels labels_;
-  std::vector<std::uint32_t> freeFifo_;  // free slot indices, a ring: taken at head, returned at tail
+  // Free slots wait in a ring, taken at the head and returned at the tail, so that a freed slot
+  // rests a while before it is reused. A slot may also be taken out of turn as a bucket's home; its
+  // ring entry then stays and is passed over. Each slot has at most one entry in the ring.
+  static constexpr std::uint8_t kSlotFree = 1;
+  static constexpr std::uint8_t kSlotQueued = 2;
+  std::vector<std::uint32_t> freeFifo_;
+  std::vector<std::uint8_t> slotState_;  // kSlotFree | kSlotQueued per slot
   std::uint32_t freeHead_ = 0;
+  std::uint32_t queuedCount_ = 0;  // ring entries
   std::uint32_t freeCount_ = 0;
   std::uint32_t occupancy_ = 0;
   std::uint64_t ringHead_ = 0;
@@ -224,6 +249,13 @@ class Reader {
   // Copies the value of `key` into `out` (of `outSize` bytes, at least valueMax) and returns its
   // length; nullopt when absent or unreadable.
   std::optional<std::uint32_t> find(Bytes key, std::uint32_t hash, std::uint8_t* out, std::uint32_t outSize) const;
+  // Room for a lookup's private copy of a record.
+  struct RecordCopy {
+    alignas(8) std::uint8_t bytes[kMaxSlotBytes];
+  };
+  // Copies the record of `key` into `copy` and returns its value, which lies in `copy`: decoding
+  // it from there saves copying it out once more. nullopt when absent or unreadable.
+  std::optional<Bytes> find(Bytes key, std::uint32_t hash, RecordCopy& copy) const;
   // Calls fn(key, value) once for every entry found, bucket by bucket.
   void forEach(const std::function<void(Bytes key, Bytes value)>& fn) const;
   std::uint64_t scalar(std::uint32_t index) const;
@@ -249,6 +281,8 @@ class Reader {
  private:
   detail::Mapping* current() const;
   detail::Mapping* refresh() const;
+  enum class Found { absent, present };
+  Found carefulFind(const detail::Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const;
   void report(const std::string& message) const;
   bool pending(detail::Mapping* m) const;
 

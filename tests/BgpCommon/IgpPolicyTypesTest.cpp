@@ -184,6 +184,28 @@ TEST(IgpPolicyTypes, SerializedLayout) {
   EXPECT_EQ(messageOf([] { Kelp::strepToValue<CommunityArray>("[1, 2, 3, 4, 5]"); }), "array count 5 above its limit 4");
 }
 
+// Records of every length decode from exactly their own bytes (a read past them would trip
+// AddressSanitizer), and the slots beyond the count come back empty, as in a fresh record.
+TEST(IgpPolicyTypes, EveryCommunityCountDecodesAndLeavesTheRestEmpty) {
+  for (std::uint32_t count = 0; count <= CommunityArray::kSlots; ++count) {
+    IgpResult r{IgpResultId(9)};
+    r.tag = 0xABCD;
+    for (std::uint32_t i = 0; i < count; ++i) r.communityIs(CommunityIndex(i), 0xA0000000u + i);
+    std::vector<std::uint8_t> bytes(r.serializeLen());
+    r.serialize(bytes.data());
+    IgpResult back = IgpResult::deserialize(bytes);
+    EXPECT_EQ(back, r) << count;
+    ASSERT_EQ(back.community.count(), count);
+    if (count < CommunityArray::kSlots) {
+      // Setting the last slot exposes the ones skipped over.
+      back.communityIs(CommunityIndex(CommunityArray::kSlots - 1), 1);
+      for (std::uint32_t i = count; i + 1 < CommunityArray::kSlots; ++i) {
+        EXPECT_EQ(back.community.at(CommunityIndex(i)), 0u) << "count " << count << " slot " << i;
+      }
+    }
+  }
+}
+
 TEST(IgpPolicyTypes, EqualityFollowsTheMetricRule) {
   IgpResult a{IgpResultId(3)}, b{IgpResultId(3)};
   b.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 0x1234);  // unset, other low bits
