@@ -10,20 +10,11 @@ namespace {
 
 using Routing::Bgp::IgpResult_;
 using testing_support::expectValueConformance;
+using testing_support::rangeMessage;
 
 const char* const kIndexRangeMessage =
     "Routing::BgpRedistribute::CommunityIndex::value < Routing::BgpRedistribute::CommunityIndex::min or > "
     "Routing::BgpRedistribute::CommunityIndex::max not allowed";
-
-template <typename F>
-std::string messageOf(F&& f) {
-  try {
-    f();
-  } catch (const Kelp::RangeException& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
 
 TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
   expectValueConformance<IgpResultId>({IgpResultId(), IgpResultId(7), IgpResultId(4294967295u)});
@@ -32,14 +23,14 @@ TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
   expectValueConformance<RouteTag>({RouteTag(0), RouteTag(4294967295u)});
 
   EXPECT_EQ(Kelp::valueToStrep(IgpResultId(7)), "7");
-  EXPECT_EQ(messageOf([] { Kelp::strepToValue<IgpResultId>("x"); }),
+  EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<IgpResultId>("x"); }),
             "value: expected an unsigned number at offset 0, found \"x\"");
   EXPECT_EQ(Kelp::valueToStrep(CommunityIndex(2)), "Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 2})");
   EXPECT_EQ(IgpResultId(7).hash(0), Kelp::findType("Routing::BgpRedistribute::IgpResultId")->hash(std::any(IgpResultId(7))));
 
   // An index beyond the last slot, built or parsed.
-  EXPECT_EQ(messageOf([] { CommunityIndex(4); }), kIndexRangeMessage);
-  EXPECT_EQ(messageOf([] {
+  EXPECT_EQ(rangeMessage([] { CommunityIndex(4); }), kIndexRangeMessage);
+  EXPECT_EQ(rangeMessage([] {
               Kelp::strepToValue<CommunityIndex>("Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 4})");
             }),
             kIndexRangeMessage);
@@ -109,8 +100,8 @@ TEST(IgpPolicyTypes, CommunityArrayKeepsItsCountOnASetValue) {
   IgpResult r{IgpResultId(1)};
   r.communityIs(CommunityIndex(0), 10);
   CommunityArray::Iterator past(&r.community, 4);
-  EXPECT_EQ(messageOf([&] { r.communityIs(past, 1); }), kIndexRangeMessage);
-  EXPECT_EQ(messageOf([&] { r.communityDel(past); }), kIndexRangeMessage);
+  EXPECT_EQ(rangeMessage([&] { r.communityIs(past, 1); }), kIndexRangeMessage);
+  EXPECT_EQ(rangeMessage([&] { r.communityDel(past); }), kIndexRangeMessage);
   EXPECT_EQ(r.community.count(), 1u);
   CommunityArray::Iterator second(&r.community, 1);
   r.communityIs(second, 20);
@@ -118,23 +109,15 @@ TEST(IgpPolicyTypes, CommunityArrayKeepsItsCountOnASetValue) {
   EXPECT_EQ(r.community.count(), 1u);
 }
 
-TEST(IgpPolicyTypes, FreshRecordTextAndSerializedForm) {
+// A fresh record's text, and golden vectors read both ways: the layout byte for byte.
+TEST(IgpPolicyTypes, TextAndSerializedLayout) {
   IgpResult fresh{IgpResultId(7)};
   EXPECT_EQ(Kelp::valueToStrep(fresh),
             "Value('Routing::BgpRedistribute::IgpResult', ** {'key': 7, 'preference': 0, 'ospfBitDn': False, "
             "'ospfv3BitDn': False, 'metric': None, 'isisLevel': levelUnset, 'ospfMetricType': typeUnset, "
             "'ospfDomainId': 0, 'ospfRouteType': 0, 'tag': 0, 'community': []})");
-  EXPECT_FALSE(fresh.metric.isSet());
-  EXPECT_EQ(static_cast<std::uint32_t>(fresh.isisLevel), 4u);
-  EXPECT_EQ(static_cast<std::uint32_t>(fresh.ospfMetricType), 3u);
-  EXPECT_EQ(fresh.serializeLen(), 48u);
   EXPECT_FALSE(IgpResult(IgpResultId()));
   EXPECT_TRUE(fresh);  // its key differs from a default record's
-}
-
-// Golden vectors, read both ways: the layout byte for byte.
-TEST(IgpPolicyTypes, SerializedLayout) {
-  IgpResult fresh{IgpResultId(7)};
   const std::vector<std::uint8_t> freshBytes = {
       7, 0, 0, 0, 0, 0, 0, 0xEE,                         // key, preference, DN bits, padding
       0, 0, 0, 0, 0, 0, 0, 0x80,                         // metric: unset
@@ -175,13 +158,13 @@ TEST(IgpPolicyTypes, SerializedLayout) {
 
   std::vector<std::uint8_t> bad = fullBytes;
   bad[44] = 5;
-  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(bad); }), "array count 5 above its limit 4");
-  EXPECT_EQ(messageOf([&] { IgpResult::deserializeLen(bad); }), "array count 5 above its limit 4");
-  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(std::span(fullBytes).first(55)); }),
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserialize(bad); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserializeLen(bad); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserialize(std::span(fullBytes).first(55)); }),
             "IgpResult record of 55 bytes is shorter than 56");
-  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(std::span(fullBytes).first(47)); }),
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserialize(std::span(fullBytes).first(47)); }),
             "IgpResult record of 47 bytes is shorter than 48");
-  EXPECT_EQ(messageOf([] { Kelp::strepToValue<CommunityArray>("[1, 2, 3, 4, 5]"); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<CommunityArray>("[1, 2, 3, 4, 5]"); }), "array count 5 above its limit 4");
 }
 
 TEST(IgpPolicyTypes, EqualityFollowsTheMetricRule) {
