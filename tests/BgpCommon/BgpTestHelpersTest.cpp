@@ -16,7 +16,14 @@ namespace {
 
 constexpr Kelp::Seconds T0 = 1700000000.0;  // 2023-11-14 22:13:20 UTC, 23:13:20 in CET-1
 
-// Reports are checked under a fixed time zone and a frozen "now".
+// A control class of the agent's, counting its hook calls.
+struct AgentControl : TestTrackleControlBase {
+  int resets = 0;
+  void resetDerivedClassData() override { ++resets; }
+};
+
+// Reports are checked under a fixed time zone and a frozen "now", with a control that has its
+// status and a report sink.
 class EventsTracking : public testing::Test {
  protected:
   void SetUp() override {
@@ -60,6 +67,10 @@ class EventsTracking : public testing::Test {
     status.findOrCreateRibOutData(2, 20, true);
   }
 
+  Kelp::Ptr<AgentControl> control = Kelp::makePtr<AgentControl>();
+  Kelp::Ptr<TestControlStatus> status = control->testControlStatusIs();
+  std::string out;
+  Brim::DumpContext ctx{out};
   bool hadTz_ = false;
   std::string savedTz_;
 };
@@ -84,10 +95,6 @@ TEST_F(EventsTracking, ConvertTimestamp) {
 }
 
 TEST_F(EventsTracking, SummaryReport) {
-  auto control = Kelp::makePtr<TestTrackleControlBase>();
-  control->testControlStatusIs();
-  std::string out;
-  Brim::DumpContext ctx(out);
   // Before any start: the not-started text, then the whole summary all the same. A zero time
   // prints as an empty field, durations without a last event as 0.000.
   control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 12);
@@ -111,7 +118,7 @@ TEST_F(EventsTracking, SummaryReport) {
             "  RibOut idle time since last event:       \t 0.000 seconds\n");
 
   control->updateEventsTracking(ctx, eventsTrackingStart, 1000, 500, 100);
-  record(*control->testControlStatus());
+  record(*status);
   out.clear();
   control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 1600);
   EXPECT_EQ(out,
@@ -130,14 +137,14 @@ TEST_F(EventsTracking, SummaryReport) {
             "  RibOut processing time since first event:\t 3.250 seconds\n"
             "  RibOut idle time since last event:       \t 6.000 seconds\n"
             "  RibOut processing time to reach 500 paths threshold:\t 1.250 seconds\n");
-  auto summary = control->testControlStatus()->summarizeEventsTrackingData();
+  auto summary = status->summarizeEventsTrackingData();
   EXPECT_EQ(summary->numVrfs(), 2u);
   EXPECT_EQ(summary->numRibOuts(), 3u);
 
   // Started without thresholds (stored as 4294967295): the "time to reach" lines are left out.
   control->updateEventsTracking(ctx, eventsTrackingStop, 0, 0, 0);
   control->updateEventsTracking(ctx, eventsTrackingStart, 0, 0, 7);
-  control->testControlStatus()->findOrCreateVrfData(3, true)->timeStampsRib()->firstUpdateMessageIs(T0);
+  status->findOrCreateVrfData(3, true)->timeStampsRib()->firstUpdateMessageIs(T0);
   out.clear();
   control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, 7);
   EXPECT_EQ(out.find("threshold"), std::string::npos) << out;
@@ -147,14 +154,10 @@ TEST_F(EventsTracking, SummaryReport) {
 }
 
 TEST_F(EventsTracking, DetailReport) {
-  auto control = Kelp::makePtr<TestTrackleControlBase>();
-  control->testControlStatusIs();
-  std::string out;
-  Brim::DumpContext ctx(out);
   control->updateEventsTracking(ctx, eventsTrackingStart, 1000, 500, 100);
-  record(*control->testControlStatus());
+  record(*status);
   control->updateEventsTracking(ctx, eventsTrackingStop, 0, 0, 0);  // the data stays; thresholds go
-  control->testControlStatus()->vrfDataDel(2);
+  status->vrfDataDel(2);
   out.clear();
   control->ribAddThresholdIs(1000);
   control->ribOutPathAdvertiseThresholdIs(500);
@@ -188,7 +191,7 @@ TEST_F(EventsTracking, DetailReport) {
   control->ribAddThresholdIs(TestTrackleControlBase::kNoThreshold);
   control->ribOutPathAdvertiseThresholdIs(0);
   out.clear();
-  control->printEventsTrackingDetailOneVrf(ctx, control->testControlStatus()->vrfData(1));
+  control->printEventsTrackingDetailOneVrf(ctx, status->vrfData(1));
   EXPECT_EQ(out.find("threshold"), std::string::npos) << out;
   EXPECT_EQ(out.substr(0, 20), "\nVrf Name : \t blue\n ");
 }
@@ -235,20 +238,10 @@ TEST_F(EventsTracking, MergingKeepsEarliestStartsAndLatestEnds) {
   }
 }
 
-// A control class of the agent's, counting its hook calls.
-struct AgentControl : TestTrackleControlBase {
-  int resets = 0;
-  void resetDerivedClassData() override { ++resets; }
-};
-
 TEST_F(EventsTracking, StartAndStop) {
-  auto control = Kelp::makePtr<AgentControl>();
-  control->testControlStatusIs();
   std::vector<std::string> changes;
   Kelp::FunctionNotifiee watcher([&](std::string_view attr) { changes.emplace_back(attr); });
   control->notifiees().notifieeIs(&watcher);
-  std::string out;
-  Brim::DumpContext ctx(out);
 
   control->updateEventsTracking(ctx, eventsTrackingStart, 0, 0, 5);
   EXPECT_EQ(out, "Starting BGP Events Tracking\n");
@@ -262,7 +255,7 @@ TEST_F(EventsTracking, StartAndStop) {
                                                "peerFirstUpdateMessageEpoch", "eventsTrackingEnabled"}));
 
   // A second start keeps the first thresholds but clears the data.
-  control->testControlStatus()->findOrCreateRibOutData(4, 40, true);
+  status->findOrCreateRibOutData(4, 40, true);
   changes.clear();
   out.clear();
   control->updateEventsTracking(ctx, eventsTrackingStart, 7, 8, 5);
@@ -270,21 +263,21 @@ TEST_F(EventsTracking, StartAndStop) {
   EXPECT_EQ(control->ribAddThreshold(), 4294967295u);
   EXPECT_EQ(control->ribOutPathAdvertiseThreshold(), 4294967295u);
   EXPECT_EQ(control->peerFirstUpdateMessageEpoch(), 2u);
-  EXPECT_TRUE(control->testControlStatus()->vrfData().empty());
+  EXPECT_TRUE(status->vrfData().empty());
   EXPECT_EQ(control->resets, 2);
   // Disabled and enabled again; the path count did not change, so it is not announced.
   EXPECT_EQ(changes, (std::vector<std::string>{"eventsTrackingEnabled", "peerFirstUpdateMessageEpoch",
                                                "eventsTrackingEnabled"}));
 
   // Stop keeps the data.
-  control->testControlStatus()->findOrCreateRibOutData(4, 40, true);
+  status->findOrCreateRibOutData(4, 40, true);
   out.clear();
   control->updateEventsTracking(ctx, eventsTrackingStop, 1, 2, 3);
   EXPECT_EQ(out, "Stopping BGP Events Tracking\n");
   EXPECT_EQ(control->ribAddThreshold(), 0u);
   EXPECT_EQ(control->ribOutPathAdvertiseThreshold(), 0u);
   EXPECT_FALSE(control->eventsTrackingEnabled());
-  EXPECT_NE(control->testControlStatus()->findOrCreateRibOutData(4, 40, false), nullptr);
+  EXPECT_NE(status->findOrCreateRibOutData(4, 40, false), nullptr);
 
   control->updateEventsTracking(ctx, eventsTrackingStart, 7, 8, 5);
   EXPECT_EQ(control->ribAddThreshold(), 7u);
@@ -301,17 +294,12 @@ TEST_F(EventsTracking, StartAndStop) {
 }
 
 TEST_F(EventsTracking, NoneAndDetailAreNotCommandOperations) {
-  auto control = Kelp::makePtr<TestTrackleControlBase>();
-  control->testControlStatusIs();
-  std::string out;
-  Brim::DumpContext ctx(out);
   const char* report = "BgpCommon/BgpTestHelpers:[0-9]+: .*updateEventsTracking.*Assertion `0' failed";
   EXPECT_DEATH(control->updateEventsTracking(ctx, eventsTrackingNone, 0, 0, 0), report);
   EXPECT_DEATH(control->updateEventsTracking(ctx, eventsTrackingDetail, 0, 0, 0), report);
 }
 
 TEST_F(EventsTracking, Collections) {
-  auto status = Kelp::makePtr<TestControlStatus>();
   // Lookups without create make nothing.
   EXPECT_EQ(status->findOrCreateRibOutData(9, 1, false), nullptr);
   EXPECT_EQ(status->findOrCreateVrfData(9, false), nullptr);
@@ -346,10 +334,6 @@ TEST_F(EventsTracking, Collections) {
 // Processing threads record while the command thread starts, summarizes and prints the detail.
 TEST_F(EventsTracking, RecordingWhileReporting) {
   Kelp::currentTimeDel();
-  auto control = Kelp::makePtr<TestTrackleControlBase>();
-  Kelp::Ptr<TestControlStatus> status = control->testControlStatusIs();
-  std::string out;
-  Brim::DumpContext ctx(out);
   control->updateEventsTracking(ctx, eventsTrackingStart, 50, 20, 0);
   constexpr int kWorkers = 3;
   constexpr U32 kVrfs = 4;

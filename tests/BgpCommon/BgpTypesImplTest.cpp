@@ -69,8 +69,9 @@ TEST(RouteLimits, ParseErrorsNameTheFieldAtFault) {
             "apply: expected a Routing::OutDelayApplyType enumerator at offset 57, found \"applyNever})\"");
 }
 
-// Reflection: attributes numbered from 2 in declaration order, get answers, set is refused,
-// toStrep is callable; whole-object operations: truth, equality, no ordering.
+// Reflection: attributes numbered from 2 in declaration order; fields answer get and refuse set,
+// toStrep is callable; whole-object truth (any field non-zero or true) and equality, no ordering.
+// The status codes of the generic operation are checked on the tristates.
 TEST(RouteLimits, Reflection) {
   EXPECT_EQ(testing_support::attributeList<MaxRoutes>(), "routes warningThreshold warningOnly toStrep()");
   EXPECT_EQ(testing_support::attributeList<MaxAcceptedRoutes>(), "routes warningThreshold toStrep()");
@@ -80,23 +81,16 @@ TEST(RouteLimits, Reflection) {
   MaxRoutes m(1000, 800, true);
   const MaxRoutes zero;
   std::any result;
-  const int rows[][3] = {{2, 0, 0}, {3, 0, 0}, {4, 0, 0}, {5, 10, 0},  // id, operation, answer: get, call
-                         {2, 1, 1}, {4, 1, 1}, {5, 0, 1}, {2, 10, 1},  // read-only, wrong operation
-                         {1, 0, 2}, {6, 0, 2}, {100, 0, 2}};           // no such attribute
-  for (const auto& [id, op, status] : rows) {
-    EXPECT_EQ(attrOp(result, m, id, op, op == 1 ? std::any(std::uint32_t{5}) : std::any()), status) << id << "/" << op;
-  }
+  for (int id : {2, 3, 4}) EXPECT_EQ(attrOp(result, m, id, Kelp::attrOpSet, std::any(std::uint32_t{5})), 1) << id;
   EXPECT_EQ(m, MaxRoutes(1000, 800, true));
-  attrOp(result, m, 3, Kelp::attrOpGet);
+  EXPECT_EQ(attrOp(result, m, 3, Kelp::attrOpGet), 0);
   EXPECT_EQ(std::any_cast<std::uint32_t>(result), 800u);
-  attrOp(result, m, 5, Kelp::attrOpCall);
+  EXPECT_EQ(attrOp(result, m, 5, Kelp::attrOpCall), 0);
   EXPECT_EQ(std::any_cast<Kelp::String>(result), m.toStrep());
   attrOp(result, m, 0, Kelp::attrOpEqual, {}, &zero);
   EXPECT_FALSE(std::any_cast<bool>(result));
   EXPECT_EQ(attrOp(result, m, 0, Kelp::attrOpLess, {}, &zero), 1);
-  EXPECT_EQ(attrOp(result, m, 0, 14, {}, &zero), 1);
 
-  // The truth test: any field non-zero or true.
   auto truth = [&](auto v) {
     EXPECT_EQ(attrOp(result, v, 0, Kelp::attrOpTruth), 0);
     return std::any_cast<bool>(result);
@@ -104,7 +98,6 @@ TEST(RouteLimits, Reflection) {
   EXPECT_FALSE(truth(MaxRoutes(0, 0, false)));
   EXPECT_TRUE(truth(MaxRoutes(0, 0, true)));
   EXPECT_TRUE(truth(MaxRoutes(0, 1, false)));
-  EXPECT_TRUE(truth(m));
   EXPECT_FALSE(truth(MaxAcceptedRoutes()));
   EXPECT_TRUE(truth(MaxAdvRoutes(1, 0)));
   EXPECT_FALSE(truth(OutDelay()));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Kelp/Registry.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::BgpRedistribute {
@@ -200,50 +201,32 @@ TEST(IgpPolicyTypes, PolicyResultHashEqualityAndTruth) {
   EXPECT_FALSE(fresh);
   EXPECT_EQ(fresh.hash(), fresh.hash(0));
 
-  // Left out of the hash on purpose: they share a bucket and still differ.
-  const std::vector<void (*)(IgpResult_&)> sameBucket = {
+  // Every field takes part in equality; the OSPF domain and route types and dps are left out of the
+  // hash on purpose: they share a bucket and still differ, and the truth test sees them.
+  const IgpResult_ full = testing_support::fullPolicyResult();
+  for (const auto& change : testing_support::policyResultChanges()) {
+    IgpResult_ c = full;
+    change.apply(c);
+    EXPECT_NE(c, full) << change.what;
+    EXPECT_EQ(c.hash() != full.hash(), change.hashed) << change.what;
+  }
+  const std::vector<void (*)(IgpResult_&)> outsideTheHash = {
       [](IgpResult_& r) { r.ospfDomainId = 9; },
       [](IgpResult_& r) { r.ospfRouteType = 9; },
       [](IgpResult_& r) { r.dps = Kelp::makePtr<Kelp::PtrInterface>(); },
   };
-  for (std::size_t i = 0; i < sameBucket.size(); ++i) {
+  for (auto apply : outsideTheHash) {
     IgpResult_ c;
-    sameBucket[i](c);
-    EXPECT_EQ(c.hash(), fresh.hash()) << "change " << i;
-    EXPECT_NE(c, fresh) << "change " << i;
-    EXPECT_TRUE(c) << "change " << i;
-  }
-  // Everything else moves the hash.
-  const std::vector<void (*)(IgpResult_&)> hashed = {
-      [](IgpResult_& r) { r.isisLevel = Isis::Level::level1; },
-      [](IgpResult_& r) { r.ospfMetricType = Ospf::OspfExtMetricType::type2; },
-      [](IgpResult_& r) { r.preferenceIs(20); },
-      [](IgpResult_& r) { r.tagIs(5); },
-      [](IgpResult_& r) { r.metric.valueIs(0); },
-      [](IgpResult_& r) { r.ospfBitDn = true; },
-      [](IgpResult_& r) { r.ospfv3BitDn = true; },
-      [](IgpResult_& r) { r.communityIs(CommunityIndex(0), 0); },
-  };
-  for (std::size_t i = 0; i < hashed.size(); ++i) {
-    IgpResult_ c;
-    hashed[i](c);
-    EXPECT_NE(c.hash(), fresh.hash()) << "change " << i;
-    EXPECT_NE(c, fresh) << "change " << i;
+    apply(c);
+    EXPECT_EQ(c.hash(), fresh.hash());
+    EXPECT_NE(c, fresh);
+    EXPECT_TRUE(c);
   }
   // Unset metrics with different low bits: equal, and hashed alike.
   IgpResult_ odd;
   odd.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 77);
   EXPECT_EQ(odd, fresh);
   EXPECT_EQ(odd.hash(), fresh.hash());
-
-  // The reflective truth test is operator bool.
-  IgpResult_ tagged;
-  tagged.tagIs(1);
-  std::any result;
-  EXPECT_EQ(Kelp::genericIfAttributeOp(&result, &tagged, nullptr, Kelp::attrOpTruth, nullptr), Kelp::attrStatusDone);
-  EXPECT_TRUE(std::any_cast<bool>(result));
-  EXPECT_EQ(Kelp::genericIfAttributeOp(&result, &fresh, nullptr, Kelp::attrOpTruth, nullptr), Kelp::attrStatusDone);
-  EXPECT_FALSE(std::any_cast<bool>(result));
 }
 
 TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/RunTool.h"
 
 namespace Routing::Bgp {
@@ -21,22 +22,7 @@ using BgpRedistribute::IgpResultId;
 using BgpRedistribute::IgpResultStatus;
 using testing_support::TempRoot;
 
-// A result that sets every field.
-IgpResult_ fullResult() {
-  IgpResult_ r;
-  r.preferenceIs(110);
-  r.tagIs(4200);
-  r.metric.valueIs(77);
-  r.isisLevel = Isis::Level::level2;
-  r.ospfMetricType = Ospf::OspfExtMetricType::type1;
-  r.ospfBitDn = true;
-  r.ospfv3BitDn = true;
-  r.ospfDomainId = 0x1122334455667788ull;
-  r.ospfRouteType = 5;
-  r.communityIs(CommunityIndex(0), 100);
-  r.communityIs(CommunityIndex(1), 200);
-  return r;
-}
+using testing_support::fullPolicyResult;
 
 IgpResult_ withTag(std::uint32_t tag) {
   IgpResult_ r;
@@ -66,16 +52,16 @@ TEST_F(IgpResultDedupTableTest, BuiltReadyToPublish) {
   EXPECT_EQ(table->idAllocator()->name(), "IgpResult");
   EXPECT_EQ(table->dedupResultStatusIs(false), table->dedupResultStatus());  // the same lock: kept
 
-  auto h = DedupIgpResultIs(fullResult());
+  auto h = DedupIgpResultIs(fullPolicyResult());
   EXPECT_EQ(h->id(), 0u);
-  EXPECT_EQ(h->hash(), fullResult().hash());
+  EXPECT_EQ(h->hash(), fullPolicyResult().hash());
   EXPECT_FALSE(h->isDeduped());
 }
 
 TEST_F(IgpResultDedupTableTest, EqualResultsShareOneHandleOneIdOneRecord) {
-  IgpResult_ a = fullResult();
+  IgpResult_ a = fullPolicyResult();
   a.dps = Kelp::makePtr<PolicyState>();
-  IgpResult_ b = fullResult();
+  IgpResult_ b = fullPolicyResult();
   b.dps = Kelp::makePtr<PolicyState>();  // differs only in the policy's own state
   ASSERT_FALSE(a == b);
 
@@ -101,34 +87,21 @@ TEST_F(IgpResultDedupTableTest, EqualResultsShareOneHandleOneIdOneRecord) {
 }
 
 TEST_F(IgpResultDedupTableTest, EveryFieldButDpsTellsOutcomesApart) {
-  // Each row changes one field of the full result; every one must be an outcome of its own, even
-  // the OSPF domain and route types, which the hash leaves out (they share the base's bucket).
-  std::vector<void (*)(IgpResult_&)> changes = {
-      [](IgpResult_& r) { r.preferenceIs(111); },
-      [](IgpResult_& r) { r.tagIs(4201); },
-      [](IgpResult_& r) { r.metric.unset(); },
-      [](IgpResult_& r) { r.isisLevel = Isis::Level::level1; },
-      [](IgpResult_& r) { r.ospfMetricType = Ospf::OspfExtMetricType::type2; },
-      [](IgpResult_& r) { r.ospfBitDn = false; },
-      [](IgpResult_& r) { r.ospfv3BitDn = false; },
-      [](IgpResult_& r) { r.ospfDomainId = 1; },
-      [](IgpResult_& r) { r.ospfRouteType = 6; },
-      [](IgpResult_& r) { r.communityDel(CommunityIndex(1)); },
-      [](IgpResult_& r) { r.communityIs(CommunityIndex(1), 201); },
-  };
-  auto base = table->dedup(fullResult());
+  // Each change of one field of the full result is an outcome of its own, even the OSPF domain and
+  // route types, which the hash leaves out (they share the base's bucket).
+  auto base = table->dedup(fullPolicyResult());
   std::vector<Kelp::Ptr<const DedupIgpResult>> held;
-  for (std::size_t i = 0; i < changes.size(); ++i) {
-    IgpResult_ r = fullResult();
-    changes[i](r);
+  for (const auto& change : testing_support::policyResultChanges()) {
+    IgpResult_ r = fullPolicyResult();
+    change.apply(r);
     held.push_back(table->dedup(r));
-    EXPECT_NE(held.back().get(), base.get()) << "change " << i;
-    EXPECT_EQ(held.back()->id(), i + 2) << "change " << i;
+    EXPECT_NE(held.back().get(), base.get()) << change.what;
+    EXPECT_EQ(held.back()->id(), held.size() + 1) << change.what;
   }
-  EXPECT_EQ(status->resultCount(), changes.size() + 1);
+  EXPECT_EQ(status->resultCount(), held.size() + 1);
 
   // Unset metrics agree whatever their low bits.
-  IgpResult_ r = fullResult();
+  IgpResult_ r = fullPolicyResult();
   r.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 9);
   EXPECT_EQ(table->dedup(r).get(), held[2].get());
 }
@@ -158,13 +131,13 @@ TEST_F(IgpResultDedupTableTest, LastReleaseWithdrawsTheRecordThenFreesTheId) {
 }
 
 TEST_F(IgpResultDedupTableTest, LookupNeverInserts) {
-  EXPECT_EQ(table->lookup(fullResult()), nullptr);
+  EXPECT_EQ(table->lookup(fullPolicyResult()), nullptr);
   EXPECT_EQ(table->size(), 0u);
   EXPECT_EQ(largestId(), 0u);
   EXPECT_EQ(status->resultCount(), 0u);
 
-  auto h = table->dedup(fullResult());
-  IgpResult_ same = fullResult();
+  auto h = table->dedup(fullPolicyResult());
+  IgpResult_ same = fullPolicyResult();
   same.dps = Kelp::makePtr<PolicyState>();
   EXPECT_EQ(table->lookup(same).get(), h.get());
   EXPECT_EQ(h->references(), 2u);  // ours and the table's: the lookup's reference is gone
@@ -238,10 +211,10 @@ TEST_F(IgpResultDedupTableTest, AnotherProcessSeesOneRecordPerOutcome) {
   };
   ASSERT_EQ(setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1), 0);
 
-  IgpResult_ a = fullResult();
-  IgpResult_ aOther = fullResult();
+  IgpResult_ a = fullPolicyResult();
+  IgpResult_ aOther = fullPolicyResult();
   aOther.dps = Kelp::makePtr<PolicyState>();
-  IgpResult_ b = fullResult();
+  IgpResult_ b = fullPolicyResult();
   b.ospfDomainId = 9;
   std::vector<Kelp::Ptr<const DedupIgpResult>> routes = {table->dedup(a), table->dedup(aOther), table->dedup(b),
                                                          table->dedup(withTag(7))};

@@ -112,6 +112,7 @@ TYPED_TEST(Tristates, Behaviour) {
   EXPECT_EQ(testing_support::attrOp(result, t, 0, Kelp::attrOpEqual, {}, &invalid), 0);
   EXPECT_FALSE(std::any_cast<bool>(result));
   EXPECT_EQ(testing_support::attrOp(result, t, 0, Kelp::attrOpLess, {}, &invalid), 1);
+  EXPECT_EQ(testing_support::attrOp(result, t, 0, 14, {}, &invalid), 1);
 }
 
 TEST(TristateTypes, ValueDefaults) {
