@@ -74,10 +74,7 @@ TEST(NetzoText, Addresses) {
   checkTextRows<IpAddr>("IpAddr", IpAddr(1, 2, 3, 4),
                         {{"192.0.2.1", "192.0.2.1"},
                          {"255.255.255.255", "255.255.255.255"},
-                         {"1.2.3", nullptr},
-                         {"1.2.3.256", nullptr},
-                         {" 1.2.3.4", nullptr},
-                         {"", nullptr},
+                         {"1.2.3", nullptr}, {"1.2.3.256", nullptr}, {" 1.2.3.4", nullptr}, {"", nullptr},
                          {"::1", nullptr},
                          // longer than any address: refused before it is copied for the C library
                          {"11111111111111111111111111111111111111111111111111", nullptr}},
@@ -95,9 +92,7 @@ TEST(NetzoText, Addresses) {
                           {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},     // the first of equal runs
                           {"0:0:0:0:0:0:0:0", "::"},
                           {"::ffff:c000:0201", "::ffff:192.0.2.1"},
-                          {"", nullptr},
-                          {"1.2.3.4", nullptr},
-                          {"2001:db8::1::2", nullptr},
+                          {"", nullptr}, {"1.2.3.4", nullptr}, {"2001:db8::1::2", nullptr},
                           {"2001:db8::1%eth0", nullptr},
                           {"1111111111111111111111111111111111111111111111111111", nullptr}},
                          "invalid IPv6 address");
@@ -106,9 +101,7 @@ TEST(NetzoText, Addresses) {
                            {{"10.1.2.3", "10.1.2.3"},
                             {"2001:db8::a", "2001:db8::a"},
                             {"None", "None"},
-                            {"none", nullptr},
-                            {"", nullptr},
-                            {"10.1.2", nullptr}},
+                            {"none", nullptr}, {"", nullptr}, {"10.1.2", nullptr}},
                            "invalid IP address");
 }
 
@@ -163,12 +156,8 @@ TEST(NetzoText, AutonomousSystemNotations) {
   }
   checkTextRows<AutonomousSystem>("AutonomousSystem", AutonomousSystem(7),
                                   {{"", nullptr},
-                                   {"4294967296", nullptr},
-                                   {"01", nullptr},
-                                   {"1.", nullptr},
-                                   {"1.65536", nullptr},
-                                   {"65536.0", nullptr},
-                                   {"-1", nullptr}},
+                                   {"4294967296", nullptr}, {"01", nullptr}, {"1.", nullptr}, {"1.65536", nullptr},
+                                   {"65536.0", nullptr}, {"-1", nullptr}},
                                   "invalid AS number");
 }
 
@@ -179,13 +168,9 @@ TEST(NetzoText, MplsLabels) {
   checkTextRows<MplsLabelStack>("MplsLabelStack", MplsLabelStack{MplsLabel(16)},
                                 {{"[]", "[]"},
                                  {"[1048575:7:0:255, 3:0:1:0]", "[1048575:7:0:255, 3:0:1:0]"},
-                                 {"[16:0:1:64,17:0:1:64]", nullptr},
-                                 {"[16:8:1:64]", nullptr},
-                                 {"[16:0:2:64]", nullptr},
-                                 {"[16:0:1:256]", nullptr},
-                                 {"[16:0:1]", nullptr},
-                                 {"[16:0:1:64", nullptr},
-                                 {"[16:0:1:64]x", nullptr}},
+                                 {"[16:0:1:64,17:0:1:64]", nullptr}, {"[16:8:1:64]", nullptr},
+                                 {"[16:0:2:64]", nullptr}, {"[16:0:1:256]", nullptr}, {"[16:0:1]", nullptr},
+                                 {"[16:0:1:64", nullptr}, {"[16:0:1:64]x", nullptr}},
                                 "invalid MPLS label stack");
 
   MplsLabelStack s{MplsLabel(16), MplsLabel(17), MplsLabel(18)};
