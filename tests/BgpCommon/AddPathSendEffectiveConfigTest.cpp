@@ -1,8 +1,5 @@
 #include "BgpCommon/AddPathSendEffectiveConfig.h"
 
-#include <algorithm>
-#include <set>
-
 #include <gtest/gtest.h>
 
 #include "platform/Kelp/Registry.h"
@@ -122,85 +119,58 @@ TEST(AddPathSendEffectiveConfig, OrderingAndHash) {
   }
 
   // Kelp::Hash seeded, then each field by its width in order: readers in other processes rely on it.
-  auto expected = [](const Effective& v, std::uint32_t seed) {
-    Kelp::Hash h(seed);
-    h.hashMix(v.apBackupEnabled);
-    h.hashMix(v.apSendAnyLimit);
-    h.hashMix(v.apSendEcmpLimit);
-    return h.result();
-  };
-  std::set<std::uint32_t> seen;
+  const Kelp::TypeInfo* info = Kelp::findType("Routing::Bgp::AddPathSendEffectiveConfig");
+  ASSERT_NE(info, nullptr);
   for (const Effective& v : sorted) {
-    EXPECT_EQ(v.hash(0), expected(v, 0)) << v;
-    EXPECT_EQ(v.hash(0x9e3779b9u), expected(v, 0x9e3779b9u)) << v;
-    EXPECT_NE(v.hash(0), v.hash(1)) << v;
+    for (std::uint32_t seed : {0u, 0x9e3779b9u}) {
+      Kelp::Hash h(seed);
+      h.hashMix(v.apBackupEnabled);
+      h.hashMix(v.apSendAnyLimit);
+      h.hashMix(v.apSendEcmpLimit);
+      EXPECT_EQ(v.hash(seed), h.result()) << v;
+    }
     EXPECT_EQ(Kelp::genericHash(v), v.hash(0));
-    seen.insert(v.hash(0));
+    EXPECT_EQ(info->hash(std::any(v)), v.hash(0));
   }
-  EXPECT_EQ(seen.size(), sorted.size());  // swapping the limits or the flag changes the hash
-  const Kelp::TypeInfo* info = Kelp::findType("Routing::Bgp::AddPathSendEffectiveConfig");
-  ASSERT_NE(info, nullptr);
-  EXPECT_EQ(info->hash(std::any(Effective(true, 1, 2))), Effective(true, 1, 2).hash(0));
 }
 
-bool sameAny(const std::any& a, const std::any& b) {
-  if (a.type() != b.type()) return false;
-  if (const auto* x = std::any_cast<bool>(&a)) return *x == std::any_cast<bool>(b);
-  if (const auto* x = std::any_cast<std::uint16_t>(&a)) return *x == std::any_cast<std::uint16_t>(b);
-  if (const auto* x = std::any_cast<Kelp::String>(&a)) return *x == std::any_cast<Kelp::String>(b);
-  if (const auto* x = std::any_cast<Effective>(&a)) return *x == std::any_cast<Effective>(b);
-  return false;
-}
-
-// 2-4 the fields (get and set), 5-6 the constants, 7-13 the functions; id 0 here stands for the
-// whole-object operations, with the argument as the other object.
+// 2-4 the fields (get and set), 5-6 the constants, 7-13 the functions; id 0 stands for the
+// whole-object operations.
 TEST(AddPathSendEffectiveConfig, Reflection) {
-  const Kelp::TypeInfo* info = Kelp::findType("Routing::Bgp::AddPathSendEffectiveConfig");
-  ASSERT_NE(info, nullptr);
-  ASSERT_EQ(info->attributes.size(), 12u);
-  EXPECT_EQ(info->attribute("apSendEcmpLimit")->id, 4);
-  EXPECT_EQ(info->attribute("apNoLimit")->id, 6);
-  EXPECT_EQ(info->attribute("fromAppPathSendConfig")->id, 13);
-
+  EXPECT_EQ(testing_support::attributeList<Effective>(),
+            "apBackupEnabled apSendAnyLimit apSendEcmpLimit apDisabledLimit apNoLimit apSendAnyEnabled() "
+            "apSendAnyNoLimitEnabled() apSendEcmpEnabled() enabled() aggregate() toStrep() fromAppPathSendConfig()");
   Effective v;
   std::any result;
-  auto op = [&](int id, int code, std::any arg = {}) {
-    Kelp::KelpAttrBase a{id, ""};
-    if (id == 0) return Kelp::genericIfAttributeOp(&result, &v, nullptr, code, std::any_cast<Effective>(&arg));
-    std::span<const std::any> args(&arg, arg.has_value() ? 1 : 0);
-    return Kelp::genericIfAttributeOp(&result, &v, &a, code, nullptr, args);
+  auto op = [&](int id, int code, const std::any& arg = {}, const Effective* other = nullptr) {
+    return testing_support::attrOp(result, v, id, code, arg, other);
   };
-  // The three fields are settable.
-  EXPECT_EQ(op(2, 1, true), 0);
-  EXPECT_EQ(op(3, 1, std::uint16_t{300}), 0);
-  EXPECT_EQ(op(4, 1, std::uint16_t{4}), 0);
+  auto ask = [&](int id, int code, const std::any& arg = {}, const Effective* other = nullptr) {
+    EXPECT_EQ(op(id, code, arg, other), 0) << id << "/" << code;
+    return result;
+  };
+  // The three fields are settable, each from its own type only.
+  ask(2, 1, true);
+  ask(3, 1, std::uint16_t{300});
+  ask(4, 1, std::uint16_t{4});
   EXPECT_EQ(v, Effective(true, 300, 4));
   EXPECT_THROW(op(3, 1, 5u), Kelp::TypeException);  // an unsigned int is not a 16-bit limit
   EXPECT_EQ(v, Effective(true, 300, 4));
 
-  struct Row {
-    int id, code;
-    std::any arg, expected;
-  };
-  const Row rows[] = {
-      {3, 0, {}, std::uint16_t{300}},
-      {5, 0, {}, std::uint16_t{0}},
-      {6, 0, {}, std::uint16_t{65535}},
-      {8, 10, {}, false},
-      {9, 10, {}, true},
-      {10, 10, {}, true},
-      {12, 10, {}, v.toStrep()},
-      {13, 10, AddPathSendConfig(Kind::sendEcmp, 6), Effective(false, 0, 6)},
-      {0, 11, {}, true},
-      {0, 12, Effective(true, 300, 4), true},
-      {0, 13, Effective(true, 300, 4), false},
-      {0, 13, Effective(true, 301, 0), true},
-  };
-  for (const Row& row : rows) {
-    ASSERT_EQ(op(row.id, row.code, row.arg), 0) << row.id << "/" << row.code;
-    EXPECT_TRUE(sameAny(result, row.expected)) << row.id << "/" << row.code;
-  }
-  ASSERT_EQ(op(11, 10, Effective(false, 400, 0)), 0);  // aggregate acts on the object
+  EXPECT_EQ(std::any_cast<std::uint16_t>(ask(3, 0)), 300);
+  EXPECT_EQ(std::any_cast<std::uint16_t>(ask(5, 0)), 0);
+  EXPECT_EQ(std::any_cast<std::uint16_t>(ask(6, 0)), 65535);
+  EXPECT_FALSE(std::any_cast<bool>(ask(8, 10)));
+  EXPECT_TRUE(std::any_cast<bool>(ask(9, 10)));
+  EXPECT_TRUE(std::any_cast<bool>(ask(10, 10)));
+  EXPECT_EQ(std::any_cast<Kelp::String>(ask(12, 10)), v.toStrep());
+  EXPECT_EQ(std::any_cast<Effective>(ask(13, 10, AddPathSendConfig(Kind::sendEcmp, 6))), Effective(false, 0, 6));
+  EXPECT_TRUE(std::any_cast<bool>(ask(0, 11)));
+  const Effective same(true, 300, 4), later(true, 301, 0);
+  EXPECT_TRUE(std::any_cast<bool>(ask(0, 12, {}, &same)));
+  EXPECT_FALSE(std::any_cast<bool>(ask(0, 13, {}, &same)));
+  EXPECT_TRUE(std::any_cast<bool>(ask(0, 13, {}, &later)));
+  ask(11, 10, Effective(false, 400, 0));  // aggregate acts on the object
   EXPECT_EQ(v, Effective(true, 400, 4));
 
   // Constants and functions are not settable, fields not callable; 14 does not exist.

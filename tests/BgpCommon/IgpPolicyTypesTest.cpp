@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Kelp/Registry.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::BgpRedistribute {
@@ -10,20 +11,11 @@ namespace {
 
 using Routing::Bgp::IgpResult_;
 using testing_support::expectValueConformance;
+using testing_support::rangeMessage;
 
 const char* const kIndexRangeMessage =
     "Routing::BgpRedistribute::CommunityIndex::value < Routing::BgpRedistribute::CommunityIndex::min or > "
     "Routing::BgpRedistribute::CommunityIndex::max not allowed";
-
-template <typename F>
-std::string messageOf(F&& f) {
-  try {
-    f();
-  } catch (const Kelp::RangeException& e) {
-    return e.what();
-  }
-  return "(no exception)";
-}
 
 TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
   expectValueConformance<IgpResultId>({IgpResultId(), IgpResultId(7), IgpResultId(4294967295u)});
@@ -32,14 +24,14 @@ TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
   expectValueConformance<RouteTag>({RouteTag(0), RouteTag(4294967295u)});
 
   EXPECT_EQ(Kelp::valueToStrep(IgpResultId(7)), "7");
-  EXPECT_EQ(messageOf([] { Kelp::strepToValue<IgpResultId>("x"); }),
+  EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<IgpResultId>("x"); }),
             "value: expected an unsigned number at offset 0, found \"x\"");
   EXPECT_EQ(Kelp::valueToStrep(CommunityIndex(2)), "Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 2})");
   EXPECT_EQ(IgpResultId(7).hash(0), Kelp::findType("Routing::BgpRedistribute::IgpResultId")->hash(std::any(IgpResultId(7))));
 
   // An index beyond the last slot, built or parsed.
-  EXPECT_EQ(messageOf([] { CommunityIndex(4); }), kIndexRangeMessage);
-  EXPECT_EQ(messageOf([] {
+  EXPECT_EQ(rangeMessage([] { CommunityIndex(4); }), kIndexRangeMessage);
+  EXPECT_EQ(rangeMessage([] {
               Kelp::strepToValue<CommunityIndex>("Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 4})");
             }),
             kIndexRangeMessage);
@@ -109,8 +101,8 @@ TEST(IgpPolicyTypes, CommunityArrayKeepsItsCountOnASetValue) {
   IgpResult r{IgpResultId(1)};
   r.communityIs(CommunityIndex(0), 10);
   CommunityArray::Iterator past(&r.community, 4);
-  EXPECT_EQ(messageOf([&] { r.communityIs(past, 1); }), kIndexRangeMessage);
-  EXPECT_EQ(messageOf([&] { r.communityDel(past); }), kIndexRangeMessage);
+  EXPECT_EQ(rangeMessage([&] { r.communityIs(past, 1); }), kIndexRangeMessage);
+  EXPECT_EQ(rangeMessage([&] { r.communityDel(past); }), kIndexRangeMessage);
   EXPECT_EQ(r.community.count(), 1u);
   CommunityArray::Iterator second(&r.community, 1);
   r.communityIs(second, 20);
@@ -118,23 +110,15 @@ TEST(IgpPolicyTypes, CommunityArrayKeepsItsCountOnASetValue) {
   EXPECT_EQ(r.community.count(), 1u);
 }
 
-TEST(IgpPolicyTypes, FreshRecordTextAndSerializedForm) {
+// A fresh record's text, and golden vectors read both ways: the layout byte for byte.
+TEST(IgpPolicyTypes, TextAndSerializedLayout) {
   IgpResult fresh{IgpResultId(7)};
   EXPECT_EQ(Kelp::valueToStrep(fresh),
             "Value('Routing::BgpRedistribute::IgpResult', ** {'key': 7, 'preference': 0, 'ospfBitDn': False, "
             "'ospfv3BitDn': False, 'metric': None, 'isisLevel': levelUnset, 'ospfMetricType': typeUnset, "
             "'ospfDomainId': 0, 'ospfRouteType': 0, 'tag': 0, 'community': []})");
-  EXPECT_FALSE(fresh.metric.isSet());
-  EXPECT_EQ(static_cast<std::uint32_t>(fresh.isisLevel), 4u);
-  EXPECT_EQ(static_cast<std::uint32_t>(fresh.ospfMetricType), 3u);
-  EXPECT_EQ(fresh.serializeLen(), 48u);
   EXPECT_FALSE(IgpResult(IgpResultId()));
   EXPECT_TRUE(fresh);  // its key differs from a default record's
-}
-
-// Golden vectors, read both ways: the layout byte for byte.
-TEST(IgpPolicyTypes, SerializedLayout) {
-  IgpResult fresh{IgpResultId(7)};
   const std::vector<std::uint8_t> freshBytes = {
       7, 0, 0, 0, 0, 0, 0, 0xEE,                         // key, preference, DN bits, padding
       0, 0, 0, 0, 0, 0, 0, 0x80,                         // metric: unset
@@ -175,13 +159,13 @@ TEST(IgpPolicyTypes, SerializedLayout) {
 
   std::vector<std::uint8_t> bad = fullBytes;
   bad[44] = 5;
-  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(bad); }), "array count 5 above its limit 4");
-  EXPECT_EQ(messageOf([&] { IgpResult::deserializeLen(bad); }), "array count 5 above its limit 4");
-  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(std::span(fullBytes).first(55)); }),
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserialize(bad); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserializeLen(bad); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserialize(std::span(fullBytes).first(55)); }),
             "IgpResult record of 55 bytes is shorter than 56");
-  EXPECT_EQ(messageOf([&] { IgpResult::deserialize(std::span(fullBytes).first(47)); }),
+  EXPECT_EQ(rangeMessage([&] { IgpResult::deserialize(std::span(fullBytes).first(47)); }),
             "IgpResult record of 47 bytes is shorter than 48");
-  EXPECT_EQ(messageOf([] { Kelp::strepToValue<CommunityArray>("[1, 2, 3, 4, 5]"); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<CommunityArray>("[1, 2, 3, 4, 5]"); }), "array count 5 above its limit 4");
 }
 
 // Records of every length decode from exactly their own bytes (a read past them would trip
@@ -239,50 +223,32 @@ TEST(IgpPolicyTypes, PolicyResultHashEqualityAndTruth) {
   EXPECT_FALSE(fresh);
   EXPECT_EQ(fresh.hash(), fresh.hash(0));
 
-  // Left out of the hash on purpose: they share a bucket and still differ.
-  const std::vector<void (*)(IgpResult_&)> sameBucket = {
+  // Every field takes part in equality; the OSPF domain and route types and dps are left out of the
+  // hash on purpose: they share a bucket and still differ, and the truth test sees them.
+  const IgpResult_ full = testing_support::fullPolicyResult();
+  for (const auto& change : testing_support::policyResultChanges()) {
+    IgpResult_ c = full;
+    change.apply(c);
+    EXPECT_NE(c, full) << change.what;
+    EXPECT_EQ(c.hash() != full.hash(), change.hashed) << change.what;
+  }
+  const std::vector<void (*)(IgpResult_&)> outsideTheHash = {
       [](IgpResult_& r) { r.ospfDomainId = 9; },
       [](IgpResult_& r) { r.ospfRouteType = 9; },
       [](IgpResult_& r) { r.dps = Kelp::makePtr<Kelp::PtrInterface>(); },
   };
-  for (std::size_t i = 0; i < sameBucket.size(); ++i) {
+  for (auto apply : outsideTheHash) {
     IgpResult_ c;
-    sameBucket[i](c);
-    EXPECT_EQ(c.hash(), fresh.hash()) << "change " << i;
-    EXPECT_NE(c, fresh) << "change " << i;
-    EXPECT_TRUE(c) << "change " << i;
-  }
-  // Everything else moves the hash.
-  const std::vector<void (*)(IgpResult_&)> hashed = {
-      [](IgpResult_& r) { r.isisLevel = Isis::Level::level1; },
-      [](IgpResult_& r) { r.ospfMetricType = Ospf::OspfExtMetricType::type2; },
-      [](IgpResult_& r) { r.preferenceIs(20); },
-      [](IgpResult_& r) { r.tagIs(5); },
-      [](IgpResult_& r) { r.metric.valueIs(0); },
-      [](IgpResult_& r) { r.ospfBitDn = true; },
-      [](IgpResult_& r) { r.ospfv3BitDn = true; },
-      [](IgpResult_& r) { r.communityIs(CommunityIndex(0), 0); },
-  };
-  for (std::size_t i = 0; i < hashed.size(); ++i) {
-    IgpResult_ c;
-    hashed[i](c);
-    EXPECT_NE(c.hash(), fresh.hash()) << "change " << i;
-    EXPECT_NE(c, fresh) << "change " << i;
+    apply(c);
+    EXPECT_EQ(c.hash(), fresh.hash());
+    EXPECT_NE(c, fresh);
+    EXPECT_TRUE(c);
   }
   // Unset metrics with different low bits: equal, and hashed alike.
   IgpResult_ odd;
   odd.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 77);
   EXPECT_EQ(odd, fresh);
   EXPECT_EQ(odd.hash(), fresh.hash());
-
-  // The reflective truth test is operator bool.
-  IgpResult_ tagged;
-  tagged.tagIs(1);
-  std::any result;
-  EXPECT_EQ(Kelp::genericIfAttributeOp(&result, &tagged, nullptr, Kelp::attrOpTruth, nullptr), Kelp::attrStatusDone);
-  EXPECT_TRUE(std::any_cast<bool>(result));
-  EXPECT_EQ(Kelp::genericIfAttributeOp(&result, &fresh, nullptr, Kelp::attrOpTruth, nullptr), Kelp::attrStatusDone);
-  EXPECT_FALSE(std::any_cast<bool>(result));
 }
 
 TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {

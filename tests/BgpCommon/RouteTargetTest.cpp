@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <random>
 #include <sstream>
 
@@ -29,15 +30,13 @@ TEST(RouteTarget, TextForms) {
   const Row rows[] = {
       // two-octet AS: 32-bit local administrator
       {"100:5", 0x0002006400000005, "100:5", "100:5"},
-      {"0:0", 0x0002000000000000, "0:0", "0:0"},
       {"65535:4294967295", 0x0002FFFFFFFFFFFF, "65535:4294967295", "65535:4294967295"},
       {"100:4294967296", 0x0002006400000000, "100:0", "100:0"},  // kept in 32 bits, unchecked
       {"007:01", 0x0002000700000001, "7:1", "7:1"},
       // four-octet AS
       {"100L:5", 0x0202000000640005, "100L:5", "100L:5"},
-      {"0L:0", 0x0202000000000000, "0L:0", "0L:0"},
+      {"65536:1", 0x0202000100000001, "65536:1", "1.0:1"},  // the smallest AS that needs four octets
       {"70000:5", 0x0202000111700005, "70000:5", "1.4464:5"},
-      {"70000L:5", 0x0202000111700005, "70000:5", "1.4464:5"},
       {"1.4464:5", 0x0202000111700005, "70000:5", "1.4464:5"},
       {"4294967295:65535", 0x0202FFFFFFFFFFFF, "4294967295:65535", "65535.65535:65535"},
       {"0.100:1", 0x0202000000640001, "100L:1", "100L:1"},
@@ -48,8 +47,7 @@ TEST(RouteTarget, TextForms) {
       {"10.0.0.1L:7", 0x01020A0000010007, "10.0.0.1:7", "10.0.0.1:7"},
       // hex, stored as is
       {"0x0003020000000001", 0x0003020000000001, "0x0003020000000001", "0x0003020000000001"},
-      {"0x0002006400000005", 0x0002006400000005, "100:5", "100:5"},
-      {"0X00020064000000AB", 0x00020064000000AB, "100:171", "100:171"},
+      {"0X00020064000000AB", 0x00020064000000AB, "100:171", "100:171"},  // a route target in hex
       {"0000000000000000ff", 0xFF, "0x00000000000000ff", "0x00000000000000ff"},
       {"0x000000000000001z", 0x1, "0x0000000000000001", "0x0000000000000001"},  // stops at 'z'
       {"0xg000000000000000", 0, "0x0000000000000000", "0x0000000000000000"},  // reads the "0"
@@ -66,63 +64,50 @@ TEST(RouteTarget, TextForms) {
 }
 
 TEST(RouteTarget, BadTextLeavesValueUnchanged) {
-  enum Kind { range, invalidArgument, outOfRange };
-  struct Row {
-    const char* text;
-    Kind kind;
-    const char* message;
-  };
-  const Row rows[] = {
-      {"5L", range, "RouteTarget: colon not following L"},
-      {"5Lx:1", range, "RouteTarget: colon not following L"},
-      {"L", range, "RouteTarget: colon not following L"},
-      {"", range, "RouteTarget: incorrect hex size"},
-      {"0x12", range, "RouteTarget: incorrect hex size"},
-      {"1.2.3", range, "RouteTarget: incorrect hex size"},
-      {"0x00030200000000011", range, "RouteTarget: incorrect hex size"},
-      {"1.2.3.4.5.6.7.8.90", range, "RouteTarget: missing colon"},
-      {"0x0003.20000000001", range, "RouteTarget: missing colon"},
-      {":5", range, "RouteTarget: no data before colon"},
-      {"L:5", range, "RouteTarget: no data before colon"},
-      {"5:", range, "RouteTarget: no data after colon"},
-      {"5L:", range, "RouteTarget: no data after colon"},
-      {"1.2.3:4", range, "RouteTarget: unexpected number of dots"},
-      {"1.2.3.4.5:4", range, "RouteTarget: unexpected number of dots"},
-      {"70000:65536", range, "RouteTarget: local admin exceeds 2 bytes"},
-      {"100L:65536", range, "RouteTarget: local admin exceeds 2 bytes"},
-      {"10.0.0.1:65536", range, "RouteTarget: local admin exceeds 2 bytes"},
-      {"1.1:65536", range, "RouteTarget: local admin exceeds 2 bytes"},
-      {"4294967296:1", range, "RouteTarget: AS number exceeds 4 bytes"},
-      // the decimal reader's and the address reader's own messages
-      {"x:5", range, "RouteTarget: expected a decimal number of at most 64 bits, found \"x\""},
-      {"100:5x", range, "RouteTarget: expected a decimal number of at most 64 bits, found \"5x\""},
-      {"100:-5", range, "RouteTarget: expected a decimal number of at most 64 bits, found \"-5\""},
-      {".5:1", range, "RouteTarget: expected a decimal number of at most 64 bits, found \"\""},
-      {"99999999999999999999:1", range,
-       "RouteTarget: expected a decimal number of at most 64 bits, found \"99999999999999999999\""},
-      {"10.0.0.256:1", range, "invalid IPv4 address \"10.0.0.256\""},
-      {"10.0..1:1", range, "invalid IPv4 address \"10.0..1\""},
-      // the C library's hex conversion
-      {"zz0000000000000000", invalidArgument, "stoull"},
-      {"100000000000000000", outOfRange, "stoull"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    RouteTarget rt(0x0002006400000005);
+  // Each text is refused with its message; the C library's hex conversion throws its own types.
+  auto errorOf = [](const char* text, RouteTarget& rt) -> std::string {
     try {
-      rt.stringValueIs(row.text);
-      ADD_FAILURE() << "accepted";
+      rt.stringValueIs(text);
     } catch (const Kelp::RangeException& e) {
-      EXPECT_EQ(row.kind, range);
-      EXPECT_STREQ(e.what(), row.message);
+      return e.what();
     } catch (const std::invalid_argument& e) {
-      EXPECT_EQ(row.kind, invalidArgument);
-      EXPECT_STREQ(e.what(), row.message);
+      return std::string("invalid_argument ") + e.what();
     } catch (const std::out_of_range& e) {
-      EXPECT_EQ(row.kind, outOfRange);
-      EXPECT_STREQ(e.what(), row.message);
+      return std::string("out_of_range ") + e.what();
     }
-    EXPECT_EQ(rt.value, 0x0002006400000005u);
+    return "(accepted)";
+  };
+  const std::pair<const char*, const char*> rows[] = {
+      {"5L", "RouteTarget: colon not following L"},
+      {"5Lx:1", "RouteTarget: colon not following L"},
+      {"", "RouteTarget: incorrect hex size"},
+      {"0x12", "RouteTarget: incorrect hex size"},
+      {"1.2.3", "RouteTarget: incorrect hex size"},
+      {"0x00030200000000011", "RouteTarget: incorrect hex size"},
+      {"1.2.3.4.5.6.7.8.90", "RouteTarget: missing colon"},
+      {":5", "RouteTarget: no data before colon"},
+      {"L:5", "RouteTarget: no data before colon"},
+      {"5:", "RouteTarget: no data after colon"},
+      {"5L:", "RouteTarget: no data after colon"},
+      {"1.2.3:4", "RouteTarget: unexpected number of dots"},
+      {"70000:65536", "RouteTarget: local admin exceeds 2 bytes"},
+      {"10.0.0.1:65536", "RouteTarget: local admin exceeds 2 bytes"},
+      {"4294967296:1", "RouteTarget: AS number exceeds 4 bytes"},
+      // the decimal reader's and the address reader's own messages
+      {"x:5", "RouteTarget: expected a decimal number of at most 64 bits, found \"x\""},
+      {"100:5x", "RouteTarget: expected a decimal number of at most 64 bits, found \"5x\""},
+      {".5:1", "RouteTarget: expected a decimal number of at most 64 bits, found \"\""},
+      {"99999999999999999999:1",  // too long for the quick conversion: left to the decimal reader
+       "RouteTarget: expected a decimal number of at most 64 bits, found \"99999999999999999999\""},
+      {"10.0.0.256:1", "invalid IPv4 address \"10.0.0.256\""},
+      // the C library's hex conversion
+      {"zz0000000000000000", "invalid_argument stoull"},
+      {"100000000000000000", "out_of_range stoull"},
+  };
+  for (const auto& [text, message] : rows) {
+    RouteTarget rt(0x0002006400000005);
+    EXPECT_EQ(errorOf(text, rt), message) << text;
+    EXPECT_EQ(rt.value, 0x0002006400000005u) << text;
   }
 }
 
@@ -219,58 +204,37 @@ TEST(RouteTarget, FrameworkFormIsTheBareNumber) {
   os << std::hex << rt;
   EXPECT_EQ(os.str(), "202000111700005");
   EXPECT_EQ(Kelp::strepToValue<RouteTarget>("144678142616797189"), rt);
-  try {
-    Kelp::strepToValue<RouteTarget>("70000:5");
-    ADD_FAILURE();
-  } catch (const Kelp::RangeException& e) {
-    EXPECT_STREQ(e.what(), "unexpected trailing text at offset 5, found \":5\"");
-  }
-  try {
-    Kelp::strepToValue<RouteTarget>("x");
-    ADD_FAILURE();
-  } catch (const Kelp::RangeException& e) {
-    EXPECT_STREQ(e.what(), "value: expected an unsigned number at offset 0, found \"x\"");
-  }
+  EXPECT_EQ(testing_support::rangeMessage([] { Kelp::strepToValue<RouteTarget>("70000:5"); }),
+            "unexpected trailing text at offset 5, found \":5\"");
+  EXPECT_EQ(testing_support::rangeMessage([] { Kelp::strepToValue<RouteTarget>("x"); }),
+            "value: expected an unsigned number at offset 0, found \"x\"");
   testing_support::expectValueConformance<RouteTarget>(
       {RouteTarget(), rt, parse("10.0.0.1:7"), RouteTarget(0xFFFFFFFFFFFFFFFF)});
-  EXPECT_EQ(rt.hash(3), RouteTarget(rt.value).hash(3));
   EXPECT_NE(rt.hash(0), parse("70000:6").hash(0));
 
-  // Reflection: attribute 2 is the value, then the accessors.
-  const Kelp::TypeInfo* t = Kelp::findType("Routing::Bgp::RouteTarget");
-  ASSERT_NE(t, nullptr);
-  EXPECT_EQ(t->attribute("value")->id, 2);
+  // Reflection: attribute 2 is the value, then the accessors; the truth test is value != 0.
+  EXPECT_EQ(Kelp::findType("Routing::Bgp::RouteTarget")->attribute("value")->id, 2);
   std::any result;
   ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &rt, Kelp::attributeNamed<RouteTarget>("value"), 0, nullptr), 0);
   EXPECT_EQ(std::any_cast<std::uint64_t>(result), rt.value);
-  std::any asDot = true;
   ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &rt, Kelp::attributeNamed<RouteTarget>("toStrep"), 10, nullptr,
-                                       std::span<const std::any>(&asDot, 1)),
+                                       std::span<const std::any>(std::array{std::any(true)})),
             0);
   EXPECT_EQ(std::any_cast<Kelp::String>(result), "1.4464:5");
-  Kelp::genericIfAttributeOp(&result, &rt, nullptr, 11, nullptr);
+  testing_support::attrOp(result, rt, 0, Kelp::attrOpTruth);
   EXPECT_TRUE(std::any_cast<bool>(result));
   RouteTarget zero;
-  Kelp::genericIfAttributeOp(&result, &zero, nullptr, 11, nullptr);
+  testing_support::attrOp(result, zero, 0, Kelp::attrOpTruth);
   EXPECT_FALSE(std::any_cast<bool>(result));
 }
 
+// The enumerations' numbers (256 lies outside an octet on purpose) and their registration; the
+// names are printed by the route-target command.
 TEST(RouteTarget, Enumerations) {
-  EXPECT_EQ(stringValue(Type::fourOctetAs), "fourOctetAs");
-  EXPECT_EQ(valueToStrep(Subtype::invalidSubtype), "invalidSubtype");
   EXPECT_EQ(RouteTarget::ExtCommTypeInstance(256u)->name, "invalidType");
-  EXPECT_EQ(RouteTarget::ExtCommTypeInstance(Kelp::String("ipv4Address"))->value, 1u);
-  EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(2u)->name, "routeTarget");
+  EXPECT_EQ(RouteTarget::ExtCommTypeInstance(Kelp::String("fourOctetAs"))->value, 2u);
+  EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(256u)->name, "invalidSubtype");
   EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(3u), nullptr);
-  std::ostringstream os;
-  os << Type::invalidType << ' ' << Subtype::routeTarget;
-  EXPECT_EQ(os.str(), "invalidType routeTarget");
-  Kelp::CharRange r("fourOctetAs");
-  Type t = Type::twoOctetAs;
-  sequenceToValue(r, &t);
-  EXPECT_EQ(t, Type::fourOctetAs);
-  Kelp::CharRange bad("sixOctetAs");
-  EXPECT_THROW(sequenceToValue(bad, &t), Kelp::RangeException);
   EXPECT_NE(Kelp::findType("Routing::Bgp::RouteTarget::ExtCommType"), nullptr);
   EXPECT_NE(Kelp::findType("Routing::Bgp::RouteTarget::ExtCommSubtype"), nullptr);
 }

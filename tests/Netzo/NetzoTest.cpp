@@ -70,28 +70,20 @@ void checkTextRows(const char* what, const T& sample, std::initializer_list<Text
   }
 }
 
-TEST(NetzoText, Ipv4) {
+TEST(NetzoText, Addresses) {
   checkTextRows<IpAddr>("IpAddr", IpAddr(1, 2, 3, 4),
                         {{"192.0.2.1", "192.0.2.1"},
-                         {"0.0.0.0", "0.0.0.0"},
                          {"255.255.255.255", "255.255.255.255"},
-                         // refused
-                         {"1.2.3", nullptr},
-                         {"1.2.3.256", nullptr},
-                         {"01.2.3.4", nullptr},
-                         {" 1.2.3.4", nullptr},
-                         {"1.2.3.4 ", nullptr},
-                         {"", nullptr},
-                         {"1.2.3.4.", nullptr},
-                         {"1.2.3.4567890123456", nullptr},
-                         {"::1", nullptr}},
+                         {"1.2.3", nullptr}, {"1.2.3.256", nullptr}, {" 1.2.3.4", nullptr}, {"", nullptr},
+                         {"::1", nullptr},
+                         // longer than any address: refused before it is copied for the C library
+                         {"11111111111111111111111111111111111111111111111111", nullptr}},
                         "invalid IPv4 address");
   // A NUL inside the text is not the end of it.
   IpAddr a;
   EXPECT_THROW(a.stringValueIs(std::string_view("1.2.3.4\0x", 9)), Kelp::RangeException);
-}
 
-TEST(NetzoText, Ipv6FollowsRfc5952) {
+  // IPv6 text as RFC 5952 has it.
   checkTextRows<Ip6Addr>("Ip6Addr", Ip6Addr::fromString("1::2"),
                          {{"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},
                           {"2001:0db8:aaaa:bbbb:cccc:dddd:eeee:0001", "2001:db8:aaaa:bbbb:cccc:dddd:eeee:1"},
@@ -99,65 +91,43 @@ TEST(NetzoText, Ipv6FollowsRfc5952) {
                           {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},           // the longest run
                           {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},     // the first of equal runs
                           {"0:0:0:0:0:0:0:0", "::"},
-                          {"0:0:0:0:0:0:0:1", "::1"},
                           {"::ffff:c000:0201", "::ffff:192.0.2.1"},
-                          {"fe80::1:2", "fe80::1:2"},
-                          // refused
-                          {"", nullptr},
-                          {"1.2.3.4", nullptr},
-                          {"2001:db8::1::2", nullptr},
-                          {"2001:db8:0:0:0:0:0:0:1", nullptr},
-                          {"12345::", nullptr},
-                          {"::g", nullptr},
-                          {"2001:db8::1%eth0", nullptr}},
+                          {"", nullptr}, {"1.2.3.4", nullptr}, {"2001:db8::1::2", nullptr},
+                          {"2001:db8::1%eth0", nullptr},
+                          {"1111111111111111111111111111111111111111111111111111", nullptr}},
                          "invalid IPv6 address");
-}
 
-TEST(NetzoText, GenericAddressAndPrefix) {
   checkTextRows<IpGenAddr>("IpGenAddr", IpGenAddr(IpAddr(1, 2, 3, 4)),
                            {{"10.1.2.3", "10.1.2.3"},
                             {"2001:db8::a", "2001:db8::a"},
                             {"None", "None"},
-                            {"none", nullptr},
-                            {"", nullptr},
-                            {"10.1.2", nullptr}},
+                            {"none", nullptr}, {"", nullptr}, {"10.1.2", nullptr}},
                            "invalid IP address");
+}
+
+TEST(NetzoText, Prefixes) {
   checkTextRows<IpGenPrefix>("IpGenPrefix", IpGenPrefix(),
-                             {{"10.0.0.0/8", "10.0.0.0/8"},
-                              {"10.0.0.1/8", "10.0.0.1/8"},  // host bits are kept
+                             {{"10.0.0.1/8", "10.0.0.1/8"},  // host bits are kept
                               {"0.0.0.0/0", "0.0.0.0/0"},
                               {"192.0.2.1/32", "192.0.2.1/32"},
                               {"2001:DB8::/32", "2001:db8::/32"},
-                              {"::/0", "::/0"},
                               {"::1/128", "::1/128"},
                               {"None", "None"}},
                              "");
-  struct Row {
-    const char* text;
-    const char* message;
-  };
-  const Row bad[] = {
+  const std::pair<const char*, const char*> bad[] = {
       {"10.0.0.0", "invalid prefix (no \"/\") \"10.0.0.0\""},
-      {"", "invalid prefix (no \"/\") \"\""},
       {"10.0.0/8", "invalid prefix address \"10.0.0/8\""},
-      {"/8", "invalid prefix address \"/8\""},
       {"None/0", "invalid prefix address \"None/0\""},
       {"10.0.0.0/33", "invalid prefix length \"10.0.0.0/33\""},
       {"::/129", "invalid prefix length \"::/129\""},
       {"10.0.0.0/08", "invalid prefix length \"10.0.0.0/08\""},
       {"10.0.0.0/", "invalid prefix length \"10.0.0.0/\""},
       {"10.0.0.0/8x", "invalid prefix length \"10.0.0.0/8x\""},
-      {"10.0.0.0/1000", "invalid prefix length \"10.0.0.0/1000\""},
-      {"10.0.0.0/ 8", "invalid prefix length \"10.0.0.0/ 8\""},
+      {"10.0.0.0/4294967304", "invalid prefix length \"10.0.0.0/4294967304\""},  // 2^32 + 8
   };
-  for (const Row& row : bad) {
+  for (const auto& [text, message] : bad) {
     IpGenPrefix p = IpGenPrefix::fromString("1.0.0.0/8");
-    try {
-      p.stringValueIs(row.text);
-      ADD_FAILURE() << "accepted " << row.text;
-    } catch (const Kelp::RangeException& e) {
-      EXPECT_STREQ(e.what(), row.message);
-    }
+    EXPECT_EQ(testing_support::rangeMessage([&] { p.stringValueIs(text); }), message);
     EXPECT_EQ(p.stringValue(), "1.0.0.0/8");
   }
 }
@@ -170,15 +140,12 @@ TEST(NetzoText, AutonomousSystemNotations) {
     const char* asDot;
   };
   const Row rows[] = {
-      {"0", 0, "0", "0"},
       {"65535", 65535, "65535", "65535"},
       {"65536", 65536, "65536", "1.0"},
       {"70000", 70000, "70000", "1.4464"},
       {"4294967295", 4294967295u, "4294967295", "65535.65535"},
-      {"1.0", 65536, "65536", "1.0"},
       {"1.4464", 70000, "70000", "1.4464"},
       {"0.100", 100, "100", "100"},  // asdot+ is read too
-      {"65535.65535", 4294967295u, "4294967295", "65535.65535"},
   };
   for (const Row& row : rows) {
     AutonomousSystem as = AutonomousSystem::fromString(row.text);
@@ -189,43 +156,21 @@ TEST(NetzoText, AutonomousSystemNotations) {
   }
   checkTextRows<AutonomousSystem>("AutonomousSystem", AutonomousSystem(7),
                                   {{"", nullptr},
-                                   {"4294967296", nullptr},
-                                   {"99999999999", nullptr},
-                                   {"01", nullptr},
-                                   {"00.1", nullptr},
-                                   {"1.", nullptr},
-                                   {".1", nullptr},
-                                   {"1.65536", nullptr},
-                                   {"65536.0", nullptr},
-                                   {"1.2.3", nullptr},
-                                   {"-1", nullptr},
-                                   {"+1", nullptr},
-                                   {" 1", nullptr},
-                                   {"AS65000", nullptr}},
+                                   {"4294967296", nullptr}, {"01", nullptr}, {"1.", nullptr}, {"1.65536", nullptr},
+                                   {"65536.0", nullptr}, {"-1", nullptr}},
                                   "invalid AS number");
 }
 
 TEST(NetzoText, MplsLabels) {
   checkTextRows<MplsLabel>("MplsLabel", MplsLabel(16),
-                           {{"0", "0"},
-                            {"1048575", "1048575"},
-                            {"1048576", nullptr},
-                            {"016", nullptr},
-                            {"", nullptr},
-                            {"16 ", nullptr}},
+                           {{"1048575", "1048575"}, {"1048576", nullptr}, {"", nullptr}, {"16 ", nullptr}},
                            "invalid MPLS label");
   checkTextRows<MplsLabelStack>("MplsLabelStack", MplsLabelStack{MplsLabel(16)},
                                 {{"[]", "[]"},
-                                 {"[16:0:1:64]", "[16:0:1:64]"},
                                  {"[1048575:7:0:255, 3:0:1:0]", "[1048575:7:0:255, 3:0:1:0]"},
-                                 {"[16:0:1:64,17:0:1:64]", nullptr},
-                                 {"[16:8:1:64]", nullptr},
-                                 {"[16:0:2:64]", nullptr},
-                                 {"[16:0:1:256]", nullptr},
-                                 {"[16:0:1]", nullptr},
-                                 {"[16:0:1:64", nullptr},
-                                 {"[16:0:1:64]x", nullptr},
-                                 {"", nullptr}},
+                                 {"[16:0:1:64,17:0:1:64]", nullptr}, {"[16:8:1:64]", nullptr},
+                                 {"[16:0:2:64]", nullptr}, {"[16:0:1:256]", nullptr}, {"[16:0:1]", nullptr},
+                                 {"[16:0:1:64", nullptr}, {"[16:0:1:64]x", nullptr}},
                                 "invalid MPLS label stack");
 
   MplsLabelStack s{MplsLabel(16), MplsLabel(17), MplsLabel(18)};
@@ -275,21 +220,15 @@ TEST(Netzo, ByteOrderAndConversions) {
 }
 
 TEST(Netzo, NumericOrder) {
-  // Each list is in ascending order.
-  const char* v4[] = {"0.0.0.0", "9.255.255.255", "10.0.0.2", "10.0.0.10", "10.0.1.0", "192.0.2.1", "255.0.0.0"};
-  for (std::size_t i = 0; i + 1 < std::size(v4); ++i) {
-    EXPECT_LT(IpAddr::fromString(v4[i]), IpAddr::fromString(v4[i + 1])) << v4[i];
-  }
-  const char* v6[] = {"::", "::1", "::2:0", "1::", "2001:db8::9", "2001:db8::10", "fe80::"};
-  for (std::size_t i = 0; i + 1 < std::size(v6); ++i) {
-    EXPECT_LT(Ip6Addr::fromString(v6[i]), Ip6Addr::fromString(v6[i + 1])) << v6[i];
-  }
-  const char* prefixes[] = {"None",          "0.0.0.0/0",    "10.0.0.0/8", "10.0.0.0/16", "10.0.0.1/8",
-                            "11.0.0.0/8",    "128.0.0.0/1",  "::/0",       "::/128",      "2001:db8::/32",
-                            "2001:db8::/48", "2001:db8:1::/48"};
-  for (std::size_t i = 0; i + 1 < std::size(prefixes); ++i) {
-    EXPECT_LT(IpGenPrefix::fromString(prefixes[i]), IpGenPrefix::fromString(prefixes[i + 1])) << prefixes[i];
-  }
+  auto expectAscending = [](auto fromString, std::initializer_list<const char*> texts) {
+    for (auto it = texts.begin(); it + 1 != texts.end(); ++it) EXPECT_LT(fromString(it[0]), fromString(it[1])) << *it;
+  };
+  expectAscending(IpAddr::fromString,
+                  {"0.0.0.0", "9.255.255.255", "10.0.0.2", "10.0.0.10", "10.0.1.0", "192.0.2.1", "255.0.0.0"});
+  expectAscending(Ip6Addr::fromString, {"::", "::1", "::2:0", "1::", "2001:db8::9", "2001:db8::10", "fe80::"});
+  expectAscending(IpGenPrefix::fromString, {"None", "0.0.0.0/0", "10.0.0.0/8", "10.0.0.0/16", "10.0.0.1/8",
+                                            "11.0.0.0/8", "128.0.0.0/1", "::/0", "::/128", "2001:db8::/32",
+                                            "2001:db8::/48", "2001:db8:1::/48"});
   EXPECT_LT(AutonomousSystem(65535), AutonomousSystem(65536));
 }
 
@@ -362,47 +301,27 @@ TEST(Netzo, Conformance) {
   }
 }
 
-TEST(Netzo, Registered) {
-  for (const char* name : {"Netzo::IpAddr", "Netzo::Ip6Addr", "Netzo::IpGenAddr", "Netzo::IpGenPrefix",
-                           "Netzo::AutonomousSystem", "Netzo::AddressFamily", "Netzo::MplsLabel",
-                           "Netzo::MplsLabelStack"}) {
-    const Kelp::TypeInfo* t = Kelp::findType(name);
-    ASSERT_NE(t, nullptr) << name;
-  }
-  const Kelp::TypeInfo* t = Kelp::findType("Netzo::IpGenPrefix");
-  std::any v = t->strepToValue("2001:db8::/32");
-  EXPECT_EQ(t->valueToStrep(v), "2001:db8::/32");
-  EXPECT_EQ(t->hash(v), IpGenPrefix::fromString("2001:db8::/32").hash(0));
+TEST(Netzo, RegisteredAndHashContainerKeys) {
+  EXPECT_NE(Kelp::findType("Netzo::AddressFamily"), nullptr);
   std::any result;
-  const Kelp::KelpAttrBase* length = Kelp::attributeNamed<IpGenPrefix>("length");
   IpGenPrefix p = IpGenPrefix::fromString("10.0.0.0/8");
-  ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &p, length, Kelp::attrOpCall, nullptr), 0);
+  ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &p, Kelp::attributeNamed<IpGenPrefix>("length"), Kelp::attrOpCall,
+                                       nullptr),
+            0);
   EXPECT_EQ(std::any_cast<std::uint8_t>(result), 8);
-}
 
-// The types key the standard and the abseil hash containers directly.
-TEST(Netzo, HashContainerKeys) {
+  // The types key the standard and the abseil hash containers directly.
   const char* texts[] = {"10.0.0.0/8", "10.0.0.0/9", "10.0.0.1/8", "::/0", "::/1", "None"};
   absl::flat_hash_set<IpGenPrefix> abslSet;
   std::unordered_set<IpGenPrefix> stdSet;
-  for (const char* t : texts) {
-    abslSet.insert(IpGenPrefix::fromString(t));
-    stdSet.insert(IpGenPrefix::fromString(t));
-  }
+  for (const char* t : texts) abslSet.insert(IpGenPrefix::fromString(t)), stdSet.insert(IpGenPrefix::fromString(t));
   EXPECT_EQ(abslSet.size(), std::size(texts));
   EXPECT_EQ(stdSet.size(), std::size(texts));
-  for (const char* t : texts) {
-    EXPECT_TRUE(abslSet.contains(IpGenPrefix::fromString(t))) << t;
-    EXPECT_EQ(stdSet.count(IpGenPrefix::fromString(t)), 1u) << t;
-  }
-  EXPECT_FALSE(abslSet.contains(IpGenPrefix::fromString("10.0.0.0/10")));
-  absl::flat_hash_set<IpAddr> a{IpAddr(1, 2, 3, 4)};
-  absl::flat_hash_set<Ip6Addr> b{Ip6Addr::fromString("::1")};
+  for (const char* t : texts) EXPECT_TRUE(abslSet.contains(IpGenPrefix::fromString(t)) && stdSet.count(IpGenPrefix::fromString(t))) << t;
   absl::flat_hash_set<IpGenAddr> c{IpAddr(1, 2, 3, 4), Ip6Addr::fromString("::1")};
-  absl::flat_hash_set<AutonomousSystem> d{70000u};
+  std::unordered_set<AutonomousSystem> d{70000u};
   absl::flat_hash_set<MplsLabelStack> e{MplsLabelStack{MplsLabel(16)}};
-  EXPECT_TRUE(a.contains(IpAddr(1, 2, 3, 4)) && b.contains(Ip6Addr::fromString("::1")) &&
-              c.contains(Ip6Addr::fromString("::1")) && !c.contains(Ip6Addr()) && d.contains(70000u) &&
+  EXPECT_TRUE(c.contains(Ip6Addr::fromString("::1")) && !c.contains(Ip6Addr()) && d.count(70000u) &&
               e.contains(MplsLabelStack{MplsLabel(16)}));
 }
 

@@ -41,8 +41,6 @@ TEST(BgpConfigTypes, LongForms) {
        "Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'it\\'s\\\\', 'keyChain': '', 'keyId': 0})"},
       {Kelp::valueToStrep(AddPathSendConfig(AddPathSendConfig::Kind::sendEcmp, 4, "{x}")),
        "Value('Routing::Bgp::AddPathSendConfig', ** {'kind': sendEcmp, 'limit': 4, 'prefixList': '{x}'})"},
-      {Kelp::valueToStrep(AddPathSendConfig(AddPathSendConfig::Kind{9}, 0)),
-       "Value('Routing::Bgp::AddPathSendConfig', ** {'kind': 9, 'limit': 0, 'prefixList': ''})"},
       {Kelp::valueToStrep(RfdPolicyAttachment("damp\xff", true)),
        "Value('Routing::Bgp::RfdPolicyAttachment', ** {'policyName': 'damp\\xff', 'logOnly': True})"},
   };
@@ -89,12 +87,7 @@ TEST(BgpConfigTypes, ParseErrorsNameTheField) {
        "expected \", 'keyChain': \" at offset 71, found \"keyChain': '', 'keyId': ...\""},
   };
   for (const auto& [text, message] : rows) {
-    try {
-      Kelp::strepToValue<BgpTcpAuthKey>(text);
-      ADD_FAILURE() << "accepted: " << text;
-    } catch (const Kelp::RangeException& e) {
-      EXPECT_STREQ(e.what(), message) << text;
-    }
+    EXPECT_EQ(testing_support::rangeMessage([&] { Kelp::strepToValue<BgpTcpAuthKey>(text); }), message) << text;
   }
 }
 

@@ -1,21 +1,30 @@
 #pragma once
 // Runs the bgpcommon tool as the shell would and captures what it prints.
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
+
+#include <gtest/gtest.h>
 
 namespace testing_support {
 
 struct ToolResult {
   int status = -1;
-  std::string out;  // standard output and standard error, in order
+  std::string out;  // standard output and standard error, in order (standard output alone when split)
+  std::string err;  // standard error, when split
 };
 
-// `args` is appended to the tool's path as it stands: quote what the shell must not split.
-inline ToolResult runTool(const std::string& args) {
+// `args` is appended to the tool's path as it stands: quote what the shell must not split. With
+// `splitErr`, standard error is kept apart in `err`.
+inline ToolResult runTool(const std::string& args, bool splitErr = false) {
   ToolResult r;
-  std::string cmd = std::string(BGPCOMMON_BIN_DIR) + "/bgpcommon " + args + " 2>&1";
+  const std::string errFile = ::testing::TempDir() + "bgpcommon-stderr-" + std::to_string(getpid()) + ".txt";
+  std::string cmd = std::string(BGPCOMMON_BIN_DIR) + "/bgpcommon " + args + (splitErr ? " 2>" + errFile : " 2>&1");
   FILE* p = popen(cmd.c_str(), "r");
   if (p == nullptr) return r;
   char buf[4096];
@@ -23,6 +32,12 @@ inline ToolResult runTool(const std::string& args) {
   while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
   int st = pclose(p);
   r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  if (splitErr) {
+    std::ostringstream ss;
+    ss << std::ifstream(errFile).rdbuf();
+    r.err = ss.str();
+    std::remove(errFile.c_str());
+  }
   return r;
 }
 

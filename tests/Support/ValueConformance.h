@@ -6,7 +6,9 @@
 //   - a trailing character makes strepToValue throw, while the range constructor stops before it;
 //   - values that print differently compare unequal, and equal values hash alike (when hashable).
 
+#include <any>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -61,6 +63,39 @@ void expectDamagedTextsRefused(const T& v) {
   for (std::size_t n = 0; n < text.size(); ++n) {
     EXPECT_THROW(Kelp::strepToValue<T>(text.substr(0, n)), Kelp::RangeException) << text.substr(0, n);
   }
+}
+
+// The message of the Kelp::RangeException that `f` throws, or "(accepted)" when it throws none;
+// other exceptions pass through and fail the test.
+template <typename F>
+std::string rangeMessage(F&& f) {
+  try {
+    f();
+  } catch (const Kelp::RangeException& e) {
+    return e.what();
+  }
+  return "(accepted)";
+}
+
+// The reflective attributes of T in number order from 2, as one line: fields and constants by
+// name, functions with "()" appended.
+template <typename T>
+std::string attributeList() {
+  std::string out;
+  for (const Kelp::AttrInfo& a : Kelp::attributesOf<T>()) {
+    if (!out.empty()) out += ' ';
+    out += std::string(a.name) + (a.kind == Kelp::AttrKind::function ? "()" : "");
+  }
+  return out;
+}
+
+// One reflective operation on `obj`: through attribute number `id`, or with id 0 a whole-object
+// operation against `other`. `arg`, when it holds a value, is the one argument.
+template <typename T>
+int attrOp(std::any& result, T& obj, int id, int op, const std::any& arg = {}, const T* other = nullptr) {
+  const Kelp::KelpAttrBase attr{id, ""};
+  const std::span<const std::any> args(&arg, arg.has_value() ? 1 : 0);
+  return Kelp::genericIfAttributeOp(&result, &obj, id == 0 ? nullptr : &attr, op, other, args);
 }
 
 }  // namespace testing_support

@@ -1,42 +1,16 @@
 // The route-target subcommand, run as the shell runs it.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include "tests/Support/RunTool.h"
 
 namespace {
 
-struct ToolRun {
-  std::string out;
-  std::string err;
-  int status;
-};
-
-ToolRun runTool(const std::string& args) {
-  std::string errFile = ::testing::TempDir() + "route-target-stderr-" + std::to_string(getpid()) + ".txt";
-  std::string cmd = std::string(BGPCOMMON_BIN_DIR) + "/bgpcommon route-target " + args + " 2>" + errFile;
-  ToolRun r;
-  FILE* p = popen(cmd.c_str(), "r");
-  char buf[4096];
-  std::size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  int raw = pclose(p);
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  std::ifstream f(errFile);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  r.err = ss.str();
-  std::remove(errFile.c_str());
-  return r;
+testing_support::ToolResult routeTarget(const std::string& args) {
+  return testing_support::runTool("route-target " + args, true);
 }
 
 TEST(RouteTargetCommand, ShowsEachTextOnOneLine) {
-  ToolRun r = runTool("100:5 1.4464:5 10.0.0.1:7 100L:5 0x0003020000000001");
+  auto r = routeTarget("100:5 1.4464:5 10.0.0.1:7 100L:5 0x0003020000000001");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.out,
@@ -45,11 +19,12 @@ TEST(RouteTargetCommand, ShowsEachTextOnOneLine) {
             "0x01020a0000010007 ipv4Address routeTarget global=167772161 local=7 10.0.0.1:7\n"
             "0x0202000000640005 fourOctetAs routeTarget global=100 local=5 100L:5\n"
             "0x0003020000000001 twoOctetAs invalidSubtype global=512 local=1 0x0003020000000001\n");
-  EXPECT_EQ(runTool("--asdot 70000:5").out, "0x0202000111700005 fourOctetAs routeTarget global=70000 local=5 1.4464:5\n");
+  EXPECT_EQ(routeTarget("--asdot 70000:5").out,
+            "0x0202000111700005 fourOctetAs routeTarget global=70000 local=5 1.4464:5\n");
 }
 
 TEST(RouteTargetCommand, BadTextsFailWithTheirMessages) {
-  ToolRun r = runTool("5: 100:1 1.2.3:4 zz0000000000000000");
+  auto r = routeTarget("5: 100:1 1.2.3:4 zz0000000000000000");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "0x0002006400000001 twoOctetAs routeTarget global=100 local=1 100:1\n");
   EXPECT_EQ(r.err, "RouteTarget: no data after colon\nRouteTarget: unexpected number of dots\nstoull\n");
