@@ -64,7 +64,6 @@ class HashMix {
   }
 
  private:
-  __extension__ using U128 = unsigned __int128;
   static constexpr unsigned kLanes = 32;  // octets gathered before they are folded into the carry
   static constexpr std::uint64_t kPrime1 = 0x9E3779B185EBCA87ull;
   static constexpr std::uint64_t kPrime2 = 0xC2B2AE3D27D4EB4Full;
@@ -74,36 +73,41 @@ class HashMix {
 
   // The 128-bit product of x and y, its halves folded by xor.
   static std::uint64_t mix(std::uint64_t x, std::uint64_t y) {
+    __extension__ using U128 = unsigned __int128;
     const U128 r = static_cast<U128>(x) * y;
     return static_cast<std::uint64_t>(r) ^ static_cast<std::uint64_t>(r >> 64);
   }
-  // Octets 8i .. 8i+7 of the lanes.
-  std::uint64_t word(unsigned i) const { return static_cast<std::uint64_t>(lanes_[i / 2] >> (64 * (i % 2))); }
+  std::uint64_t word(unsigned i) const { return i == 0 ? w0_ : i == 1 ? w1_ : i == 2 ? w2_ : w3_; }
 
-  // Appends the n low-order octets of v to the lanes. Kept in registers: when the pieces are fed
-  // in straight-line code (as key types do), the positions are constants and all of this folds
-  // down to a few shifts and ors.
+  // Appends the n low-order octets of v to the words. The words are separate members chosen by a
+  // switch rather than an array indexed by position, so that they stay in registers even when
+  // the pieces are fed in a loop; in straight-line code (as key types feed them) the positions
+  // are constants and all of this folds down to a few shifts and ors.
   void put(std::uint64_t v, unsigned n, unsigned widthCode) {
     if (fill_ + n > kLanes) [[unlikely]] fold();
-    if (fill_ < 16) {
-      lanes_[0] |= static_cast<U128>(v) << (8 * fill_);
-      // A piece that straddles the two lanes continues in the second.
-      if (fill_ + n > 16) lanes_[1] |= static_cast<U128>(v >> (8 * (16 - fill_)));
-    } else {
-      lanes_[1] |= static_cast<U128>(v) << (8 * (fill_ - 16));
+    const unsigned shift = 8 * (fill_ % 8);
+    const std::uint64_t low = v << shift;
+    // A piece that straddles two words continues in the next.
+    const std::uint64_t high = shift + 8 * n > 64 ? v >> (64 - shift) : 0;
+    switch (fill_ / 8) {
+      case 0: w0_ |= low; w1_ |= high; break;
+      case 1: w1_ |= low; w2_ |= high; break;
+      case 2: w2_ |= low; w3_ |= high; break;
+      default: w3_ |= low;  // nothing straddles past the last word: fold() made room
     }
     fill_ += n;
     len_ += n;
     shape_ = shape_ * 5 + widthCode;
   }
-  // Hashes the lanes into the carry and empties them.
+  // Hashes the words into the carry and empties them.
   void fold() {
     carry_ = value() ^ (carry_ << 32);
-    lanes_[0] = lanes_[1] = 0;
+    w0_ = w1_ = w2_ = w3_ = 0;
     fill_ = 0;
   }
 
-  U128 lanes_[2] = {0, 0};   // the current octets, first octet lowest, zero beyond fill_
+  // The current octets, first octet lowest, zero beyond fill_.
+  std::uint64_t w0_ = 0, w1_ = 0, w2_ = 0, w3_ = 0;
   unsigned fill_ = 0;
   std::uint64_t len_ = 0;    // octets fed in all
   std::uint64_t shape_ = 0;  // the widths of the pieces, one base-5 digit each
