@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "platform/Brim/Dedup.h"
+#include "platform/Brim/HashMix.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/IpAddr.h"
 
@@ -40,7 +41,13 @@ struct Ipv4RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv4Route
 
   // The hash shared with Ipv4RouteKey: Brim::HashMix over the 4 stored address octets, then the
   // length. `seed` starts the accumulator (0 for the key's hash).
-  static std::uint32_t hashImpl(std::uint32_t nbo, std::uint8_t length, std::uint32_t seed = 0);
+  // Inline: every lookup, growth and removal of a key hashes it.
+  static std::uint32_t hashImpl(std::uint32_t nbo, std::uint8_t length, std::uint32_t seed = 0) {
+    Brim::HashMix h(seed);
+    h.mixBytes4(nbo);
+    h.mixBytes1(length);
+    return h.value();
+  }
   std::uint32_t hash(std::uint32_t seed = 0) const { return hashImpl(addressNbo, prefixLength, seed); }
 
   friend bool operator<(const Ipv4RouteKeyContent& a, const Ipv4RouteKeyContent& b) {

@@ -2,17 +2,9 @@
 
 #include <cctype>
 
-#include "platform/Brim/HashMix.h"
 #include "platform/Kelp/Registry.h"
 
 namespace Routing::Bgp::IpPlugin {
-
-std::uint32_t Ipv6RouteKeyContent::hashImpl(const Ipv6AddressBuf& a, std::uint8_t length, std::uint32_t seed) {
-  Brim::HashMix h(seed);
-  for (std::uint32_t w : a.words) h.mixBytes4(w);
-  h.mixBytes1(length);
-  return h.value();
-}
 
 namespace {
 const Kelp::TypeModule module("BgpIpv6RouteKeyContent", {Kelp::typeInfo<Ipv6RouteKeyContent>()});

@@ -16,6 +16,7 @@
 #include <cstdint>
 
 #include "platform/Brim/Dedup.h"
+#include "platform/Brim/HashMix.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/IpAddr.h"
 
@@ -47,7 +48,16 @@ struct Ipv6RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv6Route
 
   // The hash shared with Ipv6RouteKey: Brim::HashMix over the four address words in order, then
   // the length.
-  static std::uint32_t hashImpl(const Ipv6AddressBuf& a, std::uint8_t length, std::uint32_t seed = 0);
+  // Inline: every lookup, growth and removal of a key hashes it.
+  static std::uint32_t hashImpl(const Ipv6AddressBuf& a, std::uint8_t length, std::uint32_t seed = 0) {
+    Brim::HashMix h(seed);
+    h.mixBytes4(a.words[0]);
+    h.mixBytes4(a.words[1]);
+    h.mixBytes4(a.words[2]);
+    h.mixBytes4(a.words[3]);
+    h.mixBytes1(length);
+    return h.value();
+  }
   std::uint32_t hash(std::uint32_t seed = 0) const { return hashImpl(address, prefixLength, seed); }
 
   friend bool operator<(const Ipv6RouteKeyContent& a, const Ipv6RouteKeyContent& b) {

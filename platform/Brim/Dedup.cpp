@@ -103,14 +103,16 @@ void DedupHandleBase::tableNumberIs(std::uint32_t number) const {
   word_.store((w & ((1u << kTableShift) - 1)) | (number << kTableShift), std::memory_order_release);
 }
 
-void DedupHandleBase::deleteRef() const {
-  std::uint32_t w = word_.load(std::memory_order_acquire);
+void DedupHandleBase::deleteRefSlow() const {
+  const std::uint32_t w = word_.load(std::memory_order_acquire);
   if (stateOf(w) == DedupState::deduped) {
-    // Fast path: other outside references remain, so this release cannot be the one that leaves
-    // only the table's reference. Everything else is decided by the table, under its lock.
-    std::uint32_t c = refs_.load(std::memory_order_relaxed);
-    while (c > kTableRefs + 1) {
-      if (refs_.compare_exchange_weak(c, c - 1, std::memory_order_release, std::memory_order_relaxed)) return;
+    if ((w & kOneThread) == 0) {
+      // Other outside references remain, so this release cannot be the one that leaves only the
+      // table's reference. Everything else is decided by the table, under its lock.
+      std::uint32_t c = refs_.load(std::memory_order_relaxed);
+      while (c > kTableRefs + 1) {
+        if (refs_.compare_exchange_weak(c, c - 1, std::memory_order_release, std::memory_order_relaxed)) return;
+      }
     }
     DedupHashTable::tableNumbered(tableNumberOf(w))->releaseFromHandle(this);
     return;
@@ -126,7 +128,7 @@ void DedupHandleBase::onZeroReferences() const {
     table = DedupHashTable::tableNumbered(tableNumber());
   }
   delete this;
-  if (table != nullptr) table->deleteRef();
+  if (table != nullptr) table->dropHandleRef();
 }
 
 // ---- Notifiee ------------------------------------------------------------------------------
@@ -151,13 +153,32 @@ std::size_t DedupHashTable::size() const {
 }
 
 void DedupHashTable::adoptLocked(DedupHandleBase* handle, bool stored) {
-  handle->tableNumberIs(number_);
-  handle->stateIs(DedupState::deduped);
+  const std::uint32_t w = handle->word_.load(std::memory_order_relaxed);
+  handle->word_.store((w & ~(DedupHandleBase::kStateMask | (~0u << DedupHandleBase::kTableShift))) |
+                          (number_ << DedupHandleBase::kTableShift) | (useLock_ ? 0 : DedupHandleBase::kOneThread) |
+                          static_cast<std::uint32_t>(DedupState::deduped),
+                      std::memory_order_release);
   handle->takeRef();  // the table's
   handle->takeRef();  // the caller's
-  newRef();           // the handle's reference on its table
+  takeHandleRef();    // the handle's reference on its table
   if (!stored) storeInsert(handle);
   if (notifiee_ && hasNotificationActive()) notifiee_->handleInsert(Kelp::Ptr<DedupHandleBase>(handle));
+}
+
+void DedupHashTable::takeHandleRef() {
+  if (useLock_) {
+    newRef();
+  } else if (handleRefs_++ == 0) {
+    newRef();
+  }
+}
+
+void DedupHashTable::dropHandleRef() {
+  if (useLock_) {
+    deleteRef();
+  } else if (--handleRefs_ == 0) {
+    deleteRef();
+  }
 }
 
 Kelp::Ptr<DedupHandleBase> DedupHashTable::dedup(DedupHandleBase* handle) {
@@ -222,6 +243,22 @@ bool DedupHashTable::remove(DedupHandleBase* handle) {
 }
 
 void DedupHashTable::releaseFromHandle(const DedupHandleBase* handle) {
+  auto* h = const_cast<DedupHandleBase*>(handle);
+  if (!useLock_) {
+    // One thread: nothing changes the count between the caller's look at it and here.
+    if (h->refCount() > DedupHandleBase::kTableRefs + 1) {
+      h->dropRefKnownNotLast();
+      return;
+    }
+    // The caller's reference and the table's are the last two: the handle leaves and goes.
+    storeErase(h);
+    h->stateIs(DedupState::removedAtRelease);
+    notifyRemoveLocked(h);
+    h->refs_.store(0, std::memory_order_relaxed);
+    delete h;
+    dropHandleRef();  // may destroy the table: nothing of it is used after this
+    return;
+  }
   // The releasing thread holds one reference, and through it the handle holds one on this table,
   // so the table is alive here whatever other threads do.
   bool leaves = false;
@@ -234,7 +271,6 @@ void DedupHashTable::releaseFromHandle(const DedupHandleBase* handle) {
         handle->dropRefKnownNotLast();
         return;
       }
-      auto* h = const_cast<DedupHandleBase*>(handle);
       storeErase(h);
       h->stateIs(DedupState::removedAtRelease);
       notifyRemoveLocked(h);

@@ -86,15 +86,18 @@ class DedupHandleBase : public Kelp::PtrInterface {
   // Records the table that holds the handle (done by the table when it inserts the handle).
   virtual void setDedupHashTable(DedupHashTable* table);
 
+  // Takes one reference. Kelp::Ptr of a handle type calls this rather than the framework's own,
+  // so that a handle of a table built without its lock is counted with plain loads and stores.
+  void newRef() const { takeRef(); }
   // Releases one reference. An interned handle whose release would leave only the table's
   // reference leaves its table; any other handle is destroyed when the count reaches zero.
-  void deleteRef() const override;
+  void deleteRef() const final;
 
   // Switches assertIsDeduped() off (true) or on (false) for the whole process.
   static void assertIsDedupedDisabledIs(bool disabled);
 
  protected:
-  void onZeroReferences() const override;
+  void onZeroReferences() const final;
 
  private:
   friend class DedupHashTable;
@@ -102,6 +105,12 @@ class DedupHandleBase : public Kelp::PtrInterface {
   // The table holds exactly one reference on each handle it contains.
   static constexpr std::uint32_t kTableRefs = 1;
   static constexpr std::uint32_t kStateMask = 0x7;
+  // Set when a table built without its lock adopts the handle, and kept for the handle's life.
+  // Such a table and its handles belong to one thread (the table takes no lock, and a handle's
+  // last release changes the table), so their counts need no atomic read-modify-write: on the
+  // hit path that is the difference between a plain increment and a locked one, which also
+  // waits for every earlier store to reach the cache.
+  static constexpr std::uint32_t kOneThread = 0x8;
   static constexpr int kTableShift = 8;
 
   static DedupState stateOf(std::uint32_t w) { return static_cast<DedupState>(w & kStateMask); }
@@ -109,19 +118,56 @@ class DedupHandleBase : public Kelp::PtrInterface {
   void stateIs(DedupState s) const;
   void tableNumberIs(std::uint32_t number) const;
   std::uint32_t tableNumber() const { return tableNumberOf(word_.load(std::memory_order_acquire)); }
+  bool oneThread() const { return (word_.load(std::memory_order_relaxed) & kOneThread) != 0; }
   std::uint32_t refCount() const { return refs_.load(std::memory_order_acquire); }
-  void takeRef() const { refs_.fetch_add(1, std::memory_order_relaxed); }
-  // Drops a reference that is known not to be the last one.
-  void dropRefKnownNotLast() const { refs_.fetch_sub(1, std::memory_order_acq_rel); }
-  void dropRef() const {
-    if (decrementRef() == 0) onZeroReferences();
+  void takeRef() const {
+    if (oneThread()) {
+      refs_.store(refs_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+      refs_.fetch_add(1, std::memory_order_relaxed);
+    }
   }
+  // Drops a reference that is known not to be the last one.
+  void dropRefKnownNotLast() const {
+    if (oneThread()) {
+      refs_.store(refs_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    } else {
+      refs_.fetch_sub(1, std::memory_order_acq_rel);
+    }
+  }
+  void dropRef() const {
+    std::uint32_t left;
+    if (oneThread()) {
+      left = refs_.load(std::memory_order_relaxed) - 1;
+      refs_.store(left, std::memory_order_relaxed);
+    } else {
+      left = decrementRef();
+    }
+    if (left == 0) onZeroReferences();
+  }
+  // deleteRef() when the release may be the last outside one, or the counts are shared.
+  void deleteRefSlow() const;
 
-  // Bits 0-2: DedupState. Bits 8-31: the number of the table that holds (or held) the handle,
-  // 0 for none. The number is a compact stand-in for the table pointer (see DedupHashTable::number)
-  // that fits beside the reference count, so an interned key costs 16 octets before its own fields.
+  // Bits 0-2: DedupState. Bit 3: kOneThread. Bits 8-31: the number of the table that holds (or
+  // held) the handle, 0 for none. The number is a compact stand-in for the table pointer (see
+  // DedupHashTable::number) that fits beside the reference count, so an interned key costs 16
+  // octets before its own fields.
   mutable std::atomic<std::uint32_t> word_{0};
 };
+
+inline void DedupHandleBase::deleteRef() const {
+  const std::uint32_t w = word_.load(std::memory_order_relaxed);
+  if ((w & kOneThread) != 0) {
+    // Others still refer to the handle beside the table: neither the last release nor the one
+    // that takes the handle out of its table.
+    const std::uint32_t c = refs_.load(std::memory_order_relaxed);
+    if (c > kTableRefs + 1) {
+      refs_.store(c - 1, std::memory_order_relaxed);
+      return;
+    }
+  }
+  deleteRefSlow();
+}
 
 // A handle allocated in ordinary process memory (for example an interned policy result).
 class DedupHandle : public DedupHandleBase {};
@@ -222,9 +268,15 @@ class DedupHashTable : public Kelp::PtrInterface {
   // The slow path of DedupHandleBase::deleteRef: the release may leave only the table's reference.
   void releaseFromHandle(const DedupHandleBase* handle);
   void notifyRemoveLocked(DedupHandleBase* handle) const;
+  // Each interned handle holds a reference on its table until it is destroyed. A table without
+  // its lock counts those plainly in handleRefs_ and holds one framework reference while any
+  // are left; a locked one takes a framework reference per handle.
+  void takeHandleRef();
+  void dropHandleRef();
 
   const bool useLock_;
   std::uint32_t number_;
+  std::uint64_t handleRefs_ = 0;  // unlocked tables only: handles referring to the table
   std::atomic<bool> notificationActive_{false};
   mutable std::mutex mutex_;
   Kelp::Ptr<const DedupHashTableLifeTimeNotifiee> notifiee_;  // guarded by mutex_

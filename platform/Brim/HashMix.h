@@ -11,10 +11,15 @@
 //   h.mixBytes1(prefixLength);
 //   std::uint32_t bucketHash = h.value();
 //
-// The mixing steps are xxHash64's tail steps (the 8-, 4- and 1-byte rounds with its primes) and
-// value() is xxHash64's avalanche folded to 32 bits: cheap for the handful of bytes a key has, with
-// every input bit reaching every output bit. The length of the input is mixed in at the end, so
-// that feeding a 0 byte is not the same as feeding nothing.
+// The pieces are gathered into two 64-bit lanes and mixed when the value is read: the lanes are
+// multiplied together (a 64x64->128-bit multiplication whose halves are folded by xor), and that
+// is multiplied once more with the input length. A route key is 5 or 17 octets: two or three
+// multiplications in all, where mixing piece by piece chains one or two per piece. It matters
+// because a dedup table hashes a key on every lookup, every growth and every removal. Longer
+// inputs fold the lanes into a carry whenever the next piece would not fit in 16 octets. The
+// widths of the pieces are mixed in too (the same octets fed as one 4-octet piece or two 2-octet
+// pieces hash differently), and so is the length (feeding a 0 octet is not the same as feeding
+// nothing).
 
 #include <cstddef>
 #include <cstdint>
@@ -24,31 +29,13 @@ namespace Brim {
 
 class HashMix {
  public:
-  constexpr HashMix() = default;
-  explicit constexpr HashMix(std::uint32_t seed) : h_(kPrime5 + seed) {}
+  HashMix() = default;
+  explicit HashMix(std::uint32_t seed) : seed_(seed) {}
 
-  constexpr void mixBytes1(std::uint8_t v) {
-    h_ ^= v * kPrime5;
-    h_ = rotl(h_, 11) * kPrime1;
-    len_ += 1;
-  }
-  constexpr void mixBytes2(std::uint16_t v) {
-    // Two octets go in as one 4-octet round of their own width-tagged value.
-    h_ ^= (std::uint64_t{v} | (std::uint64_t{2} << 32)) * kPrime1;
-    h_ = rotl(h_, 23) * kPrime2 + kPrime3;
-    len_ += 2;
-  }
-  constexpr void mixBytes4(std::uint32_t v) {
-    h_ ^= std::uint64_t{v} * kPrime1;
-    h_ = rotl(h_, 23) * kPrime2 + kPrime3;
-    len_ += 4;
-  }
-  constexpr void mixBytes8(std::uint64_t v) {
-    std::uint64_t k = rotl(v * kPrime2, 31) * kPrime1;
-    h_ ^= k;
-    h_ = rotl(h_, 27) * kPrime1 + kPrime4;
-    len_ += 8;
-  }
+  void mixBytes1(std::uint8_t v) { put(v, 1, 1); }
+  void mixBytes2(std::uint16_t v) { put(v, 2, 2); }
+  void mixBytes4(std::uint32_t v) { put(v, 4, 3); }
+  void mixBytes8(std::uint64_t v) { put(v, 8, 4); }
   // A run of octets: whole 8-octet words, then a 4-octet word, then single octets.
   void mixBytes(const void* data, std::size_t n) {
     const auto* p = static_cast<const unsigned char*>(data);
@@ -67,26 +54,65 @@ class HashMix {
     for (; n > 0; --n, ++p) mixBytes1(*p);
   }
 
-  constexpr std::uint32_t value() const {
-    std::uint64_t h = h_ + len_;
-    h ^= h >> 33;
-    h *= kPrime2;
-    h ^= h >> 29;
-    h *= kPrime3;
-    h ^= h >> 32;
-    return static_cast<std::uint32_t>(h);
+  std::uint32_t value() const {
+    // The two inner products are independent, so the hash waits for two multiplications, not
+    // three. Every factor has a constant folded in: a factor of zero would lose the other one.
+    const std::uint64_t h = mix(mix(word(0) ^ kPrime1, word(1) ^ kPrime2) ^
+                                    mix(word(2) ^ kPrime3, word(3) ^ seed_ ^ carry_ ^ kPrime5),
+                                (len_ + shape_ * kPrime4) ^ kPrime5);
+    return static_cast<std::uint32_t>(h ^ (h >> 32));
   }
 
  private:
+  static constexpr unsigned kLanes = 32;  // octets gathered before they are folded into the carry
   static constexpr std::uint64_t kPrime1 = 0x9E3779B185EBCA87ull;
   static constexpr std::uint64_t kPrime2 = 0xC2B2AE3D27D4EB4Full;
   static constexpr std::uint64_t kPrime3 = 0x165667B19E3779F9ull;
   static constexpr std::uint64_t kPrime4 = 0x85EBCA77C2B2AE63ull;
   static constexpr std::uint64_t kPrime5 = 0x27D4EB2F165667C5ull;
-  static constexpr std::uint64_t rotl(std::uint64_t x, int r) { return (x << r) | (x >> (64 - r)); }
 
-  std::uint64_t h_ = kPrime5;
-  std::uint64_t len_ = 0;
+  // The 128-bit product of x and y, its halves folded by xor.
+  static std::uint64_t mix(std::uint64_t x, std::uint64_t y) {
+    __extension__ using U128 = unsigned __int128;
+    const U128 r = static_cast<U128>(x) * y;
+    return static_cast<std::uint64_t>(r) ^ static_cast<std::uint64_t>(r >> 64);
+  }
+  std::uint64_t word(unsigned i) const { return i == 0 ? w0_ : i == 1 ? w1_ : i == 2 ? w2_ : w3_; }
+
+  // Appends the n low-order octets of v to the words. The words are separate members chosen by a
+  // switch rather than an array indexed by position, so that they stay in registers even when
+  // the pieces are fed in a loop; in straight-line code (as key types feed them) the positions
+  // are constants and all of this folds down to a few shifts and ors.
+  void put(std::uint64_t v, unsigned n, unsigned widthCode) {
+    if (fill_ + n > kLanes) [[unlikely]] fold();
+    const unsigned shift = 8 * (fill_ % 8);
+    const std::uint64_t low = v << shift;
+    // A piece that straddles two words continues in the next.
+    const std::uint64_t high = shift + 8 * n > 64 ? v >> (64 - shift) : 0;
+    switch (fill_ / 8) {
+      case 0: w0_ |= low; w1_ |= high; break;
+      case 1: w1_ |= low; w2_ |= high; break;
+      case 2: w2_ |= low; w3_ |= high; break;
+      default: w3_ |= low;  // nothing straddles past the last word: fold() made room
+    }
+    fill_ += n;
+    len_ += n;
+    shape_ = shape_ * 5 + widthCode;
+  }
+  // Hashes the words into the carry and empties them.
+  void fold() {
+    carry_ = value() ^ (carry_ << 32);
+    w0_ = w1_ = w2_ = w3_ = 0;
+    fill_ = 0;
+  }
+
+  // The current octets, first octet lowest, zero beyond fill_.
+  std::uint64_t w0_ = 0, w1_ = 0, w2_ = 0, w3_ = 0;
+  unsigned fill_ = 0;
+  std::uint64_t len_ = 0;    // octets fed in all
+  std::uint64_t shape_ = 0;  // the widths of the pieces, one base-5 digit each
+  std::uint64_t carry_ = 0;  // what the octets before the current lanes left behind
+  std::uint64_t seed_ = 0;
 };
 
 }  // namespace Brim

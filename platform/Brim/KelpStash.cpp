@@ -151,16 +151,29 @@ struct ThreadCache {
   }
 };
 
-// The cache of this thread, or null once it has been torn down at thread exit.
-thread_local bool cacheGone = false;
-ThreadCache* threadCache() {
+// The cache of this thread, or null once it has been torn down at thread exit. The fast path is
+// one load of a trivially initialised thread-local pointer (initial-exec: no call to find the
+// thread's block); the cache itself is built on the thread's first use.
+[[gnu::tls_model("initial-exec")]] thread_local ThreadCache* tlsCache = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local bool cacheGone = false;
+
+[[gnu::noinline]] ThreadCache* threadCacheSlow() {
   if (cacheGone) return nullptr;
   struct Holder {
     ThreadCache cache;
-    ~Holder() { cacheGone = true; }
+    ~Holder() {
+      tlsCache = nullptr;
+      cacheGone = true;
+    }
   };
   thread_local Holder holder;
-  return &holder.cache;
+  tlsCache = &holder.cache;
+  return tlsCache;
+}
+
+inline ThreadCache* threadCache() {
+  ThreadCache* tc = tlsCache;
+  return tc != nullptr ? tc : threadCacheSlow();
 }
 
 }  // namespace
