@@ -316,34 +316,41 @@ DedupHashTableUnorderedSet::~DedupHashTableUnorderedSet() {
 
 std::size_t DedupHashTableUnorderedSet::capacity() const { return set_.capacity(); }
 
+DedupHandleBase* DedupHashTableUnorderedSet::insertNewLocked(const DedupContentHandle& content, std::uint32_t hash,
+                                                             DedupAllocFn alloc) {
+  DedupHandleBase* handle = alloc(content);  // may throw: nothing has changed yet
+  set_.insert(handle, hash);
+  adoptLocked(handle, true);
+  return handle;
+}
+
 DedupHandleBase* DedupHashTableUnorderedSet::storeFindContent(const DedupContentHandle& content,
                                                               std::uint32_t hash) const {
-  auto it = set_.find(ContentProbe{hash, &content});
-  return it == set_.end() ? nullptr : *it;
+  return set_.find(hash, [&](const DedupHandleBase* h) { return h->compareByContent(content); });
 }
 
 DedupHandleBase* DedupHashTableUnorderedSet::storeFindHandle(const DedupHandleBase& like, std::uint32_t hash) const {
-  auto it = set_.find(HandleProbe{hash, &like});
-  return it == set_.end() ? nullptr : *it;
+  return set_.find(hash, [&](const DedupHandleBase* h) { return h->compare(&like); });
 }
 
-void DedupHashTableUnorderedSet::storeInsert(DedupHandleBase* handle) { set_.insert(handle); }
+void DedupHashTableUnorderedSet::storeInsert(DedupHandleBase* handle) { set_.insert(handle, handle->hash()); }
 
 DedupHandleBase* DedupHashTableUnorderedSet::storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash,
                                                                DedupAllocFn alloc, bool& inserted) {
-  auto [it, added] = set_.insert(InsertProbe{hash, &content, alloc});
-  inserted = added;
-  return *it;
+  DedupHandleBase* found = storeFindContent(content, hash);
+  inserted = found == nullptr;
+  if (found != nullptr) return found;
+  DedupHandleBase* handle = alloc(content);
+  set_.insert(handle, hash);
+  return handle;
 }
 
-void DedupHashTableUnorderedSet::storeErase(const DedupHandleBase* handle) {
-  set_.erase(const_cast<DedupHandleBase*>(handle));
-}
+void DedupHashTableUnorderedSet::storeErase(const DedupHandleBase* handle) { set_.erase(handle, handle->hash()); }
 
 std::size_t DedupHashTableUnorderedSet::storeSize() const { return set_.size(); }
 
 void DedupHashTableUnorderedSet::storeForEach(const std::function<void(DedupHandleBase*)>& f) const {
-  for (DedupHandleBase* h : set_) f(h);
+  set_.forEach(f);
 }
 
 }  // namespace Brim

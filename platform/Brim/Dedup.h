@@ -20,8 +20,9 @@
 //     and a value never has two handles in one table.
 //
 // Layers. DedupHashTable is the non-template core (locking, reference rule, notification);
-// DedupHashTableUnorderedSet stores the handles in an absl::flat_hash_set of pointers with
-// heterogeneous lookup, so that a content record on the stack finds its handle without allocating.
+// DedupHashTableUnorderedSet stores the handles in a Brim::HandleSet, an open-addressing set of
+// tagged pointers searched by hash and an equality test, so that a content record on the stack
+// finds its handle without allocating.
 // Typed code stays thin on top: a key type overrides hash/compare/compareByContent and passes an
 // allocation function that builds a key from its content record.
 //
@@ -38,8 +39,7 @@
 #include <type_traits>
 #include <vector>
 
-#include <absl/container/flat_hash_set.h>
-
+#include "platform/Brim/HandleSet.h"
 #include "platform/Kelp/Ptr.h"
 
 namespace Brim {
@@ -282,8 +282,8 @@ class DedupHashTable : public Kelp::PtrInterface {
   Kelp::Ptr<const DedupHashTableLifeTimeNotifiee> notifiee_;  // guarded by mutex_
 };
 
-// The table on an absl::flat_hash_set of handle pointers: one 8-octet slot per handle plus the
-// set's control octet. Lookups by content go through a probe record carrying the precomputed hash.
+// The table on a Brim::HandleSet: one 8-octet slot per handle, holding its address and a
+// fingerprint of its hash (see HandleSet.h for why not a general-purpose set).
 class DedupHashTableUnorderedSet : public DedupHashTable {
  public:
   explicit DedupHashTableUnorderedSet(bool useLock) : DedupHashTable(useLock) {}
@@ -297,12 +297,12 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   template <typename Key, typename Content>
   Kelp::Ptr<Key> findOrDedupAs(const Content& content, std::uint32_t hash, DedupAllocFn alloc) {
     Guard g(*this);
-    auto [it, added] = set_.insert(TypedInsertProbe<Key, Content>{hash, &content, alloc});
-    DedupHandleBase* handle = *it;
-    if (added) {
-      adoptLocked(handle, true);
-    } else {
+    DedupHandleBase* handle = set_.find(
+        hash, [&](const DedupHandleBase* h) { return static_cast<const Key*>(h)->compareByContent(content); });
+    if (handle != nullptr) [[likely]] {
       takeRef(handle);
+    } else {
+      handle = insertNewLocked(content, hash, alloc);
     }
     return Kelp::Ptr<Key>::adopt(static_cast<Key*>(handle));
   }
@@ -318,65 +318,10 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   void storeForEach(const std::function<void(DedupHandleBase*)>& f) const override;
 
  private:
-  struct ContentProbe {
-    std::uint32_t hash;
-    const DedupContentHandle* content;
-    bool matches(const DedupHandleBase* h) const { return h->compareByContent(*content); }
-  };
-  // A content probe that, when the set needs the element because the content is absent, turns
-  // into the new handle: heterogeneous insert looks the probe up and converts it only on a miss,
-  // so find-or-insert is one probe of the set. Allocation failure terminates (noexcept) rather
-  // than leave a prepared slot without its element.
-  struct InsertProbe {
-    std::uint32_t hash;
-    const DedupContentHandle* content;
-    DedupAllocFn alloc;
-    bool matches(const DedupHandleBase* h) const { return h->compareByContent(*content); }
-    operator DedupHandleBase*() const noexcept { return alloc(*content); }
-  };
-  // The same for one key type: the comparison is the key's own, called directly (and inlined
-  // when the key's compareByContent is final).
-  template <typename Key, typename Content>
-  struct TypedInsertProbe {
-    std::uint32_t hash;
-    const Content* content;
-    DedupAllocFn alloc;
-    bool matches(const DedupHandleBase* h) const { return static_cast<const Key*>(h)->compareByContent(*content); }
-    operator DedupHandleBase*() const noexcept { return alloc(*content); }
-  };
-  struct HandleProbe {
-    std::uint32_t hash;
-    const DedupHandleBase* like;
-    bool matches(const DedupHandleBase* h) const { return h->compare(like); }
-  };
+  // Builds the handle for a content found absent, inserts and adopts it; the lock is held.
+  DedupHandleBase* insertNewLocked(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc);
 
-  // Every probe carries its precomputed hash and says whether a stored handle matches it.
-  struct SlotHash {
-    using is_transparent = void;
-    std::size_t operator()(const DedupHandleBase* h) const { return h->hash(); }
-    template <typename Probe>
-      requires(!std::is_pointer_v<Probe>)
-    std::size_t operator()(const Probe& p) const {
-      return p.hash;
-    }
-  };
-  // Pointers compare by identity (erase finds exactly the handle given); probes by value.
-  struct SlotEq {
-    using is_transparent = void;
-    bool operator()(const DedupHandleBase* a, const DedupHandleBase* b) const { return a == b; }
-    template <typename Probe>
-      requires(!std::is_pointer_v<Probe>)
-    bool operator()(const Probe& p, const DedupHandleBase* h) const {
-      return p.matches(h);
-    }
-    template <typename Probe>
-      requires(!std::is_pointer_v<Probe>)
-    bool operator()(const DedupHandleBase* h, const Probe& p) const {
-      return p.matches(h);
-    }
-  };
-
-  absl::flat_hash_set<DedupHandleBase*, SlotHash, SlotEq> set_;
+  HandleSet<DedupHandleBase> set_;
 };
 
 // The typed view of a handle answered by a table (unchecked: the table's handles are all of the

@@ -1,0 +1,158 @@
+#pragma once
+// Brim::HandleSet<T>: the set of handle pointers behind a dedup table.
+//
+// An open-addressing table of 8-octet slots, probed linearly and kept at most 7/8 full (removal
+// marks included). A slot holds the handle's address in
+// its low 48 bits and a 15-bit fingerprint of the handle's hash above it (bit 63 marks a live
+// slot); 0 is an empty slot and 1 the mark of a removed one. Lookups are by a precomputed 32-bit
+// hash and an equality test the caller gives, which is only run on handles whose fingerprint
+// matches; removal is by address and never looks at the handles.
+//
+// Why not a general-purpose flat hash set of pointers: such a set keeps its control octets apart
+// from its slots, so every operation first reads a control octet and then, in another cache line,
+// the slot. Here the fingerprint sits in the slot: a hit reads one table line and then the handle
+// (which it must touch anyway, to count the new reference), an insertion or a removal reads one
+// table line. With hundreds of thousands of route keys neither the table nor the keys stay in the
+// cache, and those lines are what interning and releasing cost. It is also an octet per slot
+// smaller. Growth hashes every handle again (T::hash()), fetching the handles a few slots ahead.
+//
+//   Brim::HandleSet<Key> set;
+//   set.insert(key, key->hash());                                   // known to be absent
+//   Key* k = set.find(hash, [&](const Key* k) { return k->equals(content); });
+//   set.erase(k, k->hash());
+//
+// Not thread-safe: the dedup table serializes access under its lock when it has one.
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/Pico/Assert.h"
+
+namespace Brim {
+
+template <typename T>
+class HandleSet {
+ public:
+  HandleSet() = default;
+  HandleSet(const HandleSet&) = delete;
+  HandleSet& operator=(const HandleSet&) = delete;
+  ~HandleSet() { delete[] slots_; }
+
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  // Allocated slots (8 octets each).
+  std::size_t capacity() const { return capacity_; }
+
+  // The handle with this hash that `equal` accepts, or null.
+  template <typename Equal>
+  T* find(std::uint32_t hash, Equal&& equal) const {
+    if (capacity_ == 0) return nullptr;
+    const std::uint64_t tag = tagOf(hash);
+    for (std::size_t i = home(hash);; i = (i + 1) & mask_) {
+      const std::uint64_t s = slots_[i];
+      if (s == kEmpty) return nullptr;
+      // Neither an empty nor a removed slot has the live bit that every tag carries.
+      if ((s & kTagMask) == tag) {
+        T* p = pointerOf(s);
+        if (equal(static_cast<const T*>(p))) return p;
+      }
+    }
+  }
+
+  // Adds a handle known not to be in the set, under its hash.
+  void insert(T* p, std::uint32_t hash) {
+    const auto address = reinterpret_cast<std::uintptr_t>(p);
+    PICO_ASSERT(address != 0 && (address & ~kPointerMask) == 0);
+    if ((used_ + 1) * 8 > capacity_ * 7) grow();
+    std::size_t i = home(hash);
+    while ((slots_[i] & kLive) != 0) i = (i + 1) & mask_;
+    if (slots_[i] == kEmpty) ++used_;  // a removed slot is reused as it stands
+    slots_[i] = tagOf(hash) | address;
+    ++size_;
+  }
+
+  // Removes the handle at this address, which is in the set under this hash.
+  void erase(const T* p, std::uint32_t hash) {
+    const std::uint64_t want = tagOf(hash) | reinterpret_cast<std::uintptr_t>(p);
+    std::size_t i = home(hash);
+    while (slots_[i] != want) {
+      PICO_ASSERT(slots_[i] != kEmpty);
+      i = (i + 1) & mask_;
+    }
+    --size_;
+    if (slots_[(i + 1) & mask_] != kEmpty) {
+      slots_[i] = kRemoved;  // later members of the run are found through it
+      return;
+    }
+    // The end of a run: this slot and the removed ones before it end no search any more.
+    do {
+      slots_[i] = kEmpty;
+      --used_;
+      i = (i - 1) & mask_;
+    } while (slots_[i] == kRemoved);
+  }
+
+  template <typename F>
+  void forEach(F&& f) const {
+    for (std::size_t i = 0; i < capacity_; ++i) {
+      if ((slots_[i] & kLive) != 0) f(pointerOf(slots_[i]));
+    }
+  }
+
+ private:
+  static constexpr std::uint64_t kEmpty = 0;
+  static constexpr std::uint64_t kRemoved = 1;
+  static constexpr std::uint64_t kLive = 1ull << 63;
+  static constexpr std::uint64_t kPointerMask = (1ull << 48) - 1;
+  static constexpr std::uint64_t kTagMask = ~kPointerMask;
+  static constexpr std::size_t kMinCapacity = 8;
+  static constexpr std::size_t kFetchAhead = 8;
+
+  static std::uint64_t tagOf(std::uint32_t hash) { return kLive | (std::uint64_t{hash & 0x7FFF} << 48); }
+  static T* pointerOf(std::uint64_t slot) { return reinterpret_cast<T*>(slot & kPointerMask); }
+  // The first slot to probe: the top bits of the hash spread by a multiplication, so that a
+  // handle type with a weak hash (a small counter, say) still fills the table evenly.
+  std::size_t home(std::uint32_t hash) const {
+    return static_cast<std::size_t>((std::uint64_t{hash} * 0x9E3779B97F4A7C15ull) >> shift_);
+  }
+
+  // Makes room for one more: doubles when live handles would fill more than 7/16 of the slots,
+  // else rebuilds at the same size to clear the removed marks.
+  void grow() {
+    std::size_t capacity = capacity_ == 0 ? kMinCapacity : capacity_;
+    if ((size_ + 1) * 16 > capacity * 7) capacity *= 2;
+    rehash(capacity);
+  }
+
+  void rehash(std::size_t capacity) {
+    std::uint64_t* old = slots_;
+    const std::size_t oldCapacity = capacity_;
+    slots_ = new std::uint64_t[capacity]();
+    capacity_ = capacity;
+    mask_ = capacity - 1;
+    shift_ = 64 - static_cast<unsigned>(__builtin_ctzll(capacity));
+    used_ = size_;
+    for (std::size_t j = 0; j < oldCapacity; ++j) {
+      // Fetch a handle a few slots ahead, so that reading the hashes overlaps their cache misses.
+      if (j + kFetchAhead < oldCapacity && (old[j + kFetchAhead] & kLive) != 0) {
+        __builtin_prefetch(pointerOf(old[j + kFetchAhead]));
+      }
+      const std::uint64_t s = old[j];
+      if ((s & kLive) == 0) continue;
+      const std::uint32_t hash = pointerOf(s)->hash();
+      std::size_t i = home(hash);
+      while (slots_[i] != kEmpty) i = (i + 1) & mask_;
+      slots_[i] = s;  // same hash, same fingerprint
+    }
+    delete[] old;
+  }
+
+  std::uint64_t* slots_ = nullptr;
+  std::size_t capacity_ = 0;  // a power of two, or 0 before the first insertion
+  std::size_t mask_ = 0;
+  unsigned shift_ = 64;
+  std::size_t size_ = 0;      // live slots
+  std::size_t used_ = 0;      // live and removed slots: what a search may have to step over
+};
+
+}  // namespace Brim
