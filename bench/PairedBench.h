@@ -17,17 +17,23 @@
 
 namespace bench_support {
 
-template <typename Ours, typename Peer>
-void pairedRun(benchmark::State& state, int batch, double goal, Ours&& ours, Peer&& peer) {
-  using Clock = std::chrono::steady_clock;
+// Nanoseconds on the wall clock; a benchmark may pass another clock (thread CPU time, say).
+inline double steadyNs() {
+  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Times batches of ours and the peer back to back, alternating which goes first, and sets the
+// ours_ns and peer_ns counters (mean time of one call).
+template <typename Ours, typename Peer, typename ClockNs = double (*)()>
+void pairedTimes(benchmark::State& state, int batch, Ours&& ours, Peer&& peer, ClockNs clockNs = steadyNs) {
   double oursNs = 0;
   double peerNs = 0;
   std::int64_t calls = 0;
   bool oursFirst = true;
-  auto timeBatch = [batch](auto& f) {
-    auto t0 = Clock::now();
+  auto timeBatch = [batch, &clockNs](auto& f) {
+    const double t0 = clockNs();
     for (int i = 0; i < batch; ++i) f();
-    return std::chrono::duration<double, std::nano>(Clock::now() - t0).count();
+    return clockNs() - t0;
   };
   for (auto _ : state) {
     if (oursFirst) {
@@ -42,7 +48,14 @@ void pairedRun(benchmark::State& state, int batch, double goal, Ours&& ours, Pee
   }
   state.counters["ours_ns"] = oursNs / static_cast<double>(calls);
   state.counters["peer_ns"] = peerNs / static_cast<double>(calls);
-  state.counters["ratio"] = peerNs > 0 ? oursNs / peerNs : 0;
+}
+
+// pairedTimes, plus the ratio ours/peer and the goal it should stay within.
+template <typename Ours, typename Peer>
+void pairedRun(benchmark::State& state, int batch, double goal, Ours&& ours, Peer&& peer) {
+  pairedTimes(state, batch, ours, peer);
+  const double peerNs = state.counters["peer_ns"];
+  state.counters["ratio"] = peerNs > 0 ? state.counters["ours_ns"] / peerNs : 0;
   state.counters["goal"] = goal;
 }
 

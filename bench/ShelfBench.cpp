@@ -20,6 +20,7 @@
 #include <benchmark/benchmark.h>
 
 #include "BgpCommon/FilteredRtStatus.h"
+#include "bench/PairedBench.h"
 
 namespace {
 
@@ -126,30 +127,11 @@ double cpuNs() {
   return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
 }
 
-// Times kBatch calls of ours and of the peer per iteration; sets ours_ns and peer_ns.
+// Times kBatch calls of ours and of the peer per iteration, in thread CPU time; sets ours_ns and
+// peer_ns.
 template <typename Ours, typename Peer>
 void pairedCpuRun(benchmark::State& state, Ours&& ours, Peer&& peer) {
-  double oursNs = 0, peerNs = 0;
-  std::int64_t calls = 0;
-  bool oursFirst = true;
-  auto timeBatch = [](auto& f) {
-    double t0 = cpuNs();
-    for (int i = 0; i < kBatch; ++i) f();
-    return cpuNs() - t0;
-  };
-  for (auto _ : state) {
-    if (oursFirst) {
-      oursNs += timeBatch(ours);
-      peerNs += timeBatch(peer);
-    } else {
-      peerNs += timeBatch(peer);
-      oursNs += timeBatch(ours);
-    }
-    oursFirst = !oursFirst;
-    calls += kBatch;
-  }
-  state.counters["ours_ns"] = oursNs / static_cast<double>(calls);
-  state.counters["peer_ns"] = peerNs / static_cast<double>(calls);
+  bench_support::pairedTimes(state, kBatch, ours, peer, cpuNs);
 }
 
 // Ours beside a limit we aim to stay within `goal` times of.
