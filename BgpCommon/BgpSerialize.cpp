@@ -3,19 +3,42 @@
 #include <cstdlib>
 #include <new>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "platform/Kelp/Exception.h"
 
 namespace Routing::Bgp {
 
 Serialize::Serialize(Serialize&& other) noexcept : writeOffset_(other.writeOffset_), capacity_(other.capacity_) {
   if (other.buffer_ == other.inline_) {
-    std::memcpy(inline_, other.inline_, writeOffset_);
+    copyRun(inline_, reinterpret_cast<const U8*>(other.inline_), writeOffset_);
   } else {
     buffer_ = other.buffer_;
     other.buffer_ = other.inline_;
     other.capacity_ = inlineCapacity;
   }
   other.writeOffset_ = 0;
+}
+
+void Serialize::copyAliasedRun(Octet* p, const U8* src, U32 n) {
+#if defined(__SSE2__)
+  U32 i = 0;
+  for (; i + 64 <= n; i += 64) {
+    const auto* from = reinterpret_cast<const __m128i*>(src + i);
+    auto* to = reinterpret_cast<__m128i*>(p + i);
+    const __m128i a = _mm_loadu_si128(from), b = _mm_loadu_si128(from + 1);
+    const __m128i c = _mm_loadu_si128(from + 2), d = _mm_loadu_si128(from + 3);
+    _mm_storeu_si128(to, a);
+    _mm_storeu_si128(to + 1, b);
+    _mm_storeu_si128(to + 2, c);
+    _mm_storeu_si128(to + 3, d);
+  }
+  if (i < n) std::memcpy(p + i, src + i, n - i);
+#else
+  std::memcpy(p, src, n);
+#endif
 }
 
 void Serialize::throwLimitExceeded() {
@@ -36,7 +59,7 @@ void Serialize::growBuffer(U32 needed) {
   if (buffer_ == inline_) {
     grown = static_cast<Octet*>(std::malloc(newCapacity));
     if (grown == nullptr) throw std::bad_alloc();
-    std::memcpy(grown, inline_, writeOffset_);
+    copyRun(grown, reinterpret_cast<const U8*>(inline_), writeOffset_);
   } else {
     grown = static_cast<Octet*>(std::realloc(buffer_, newCapacity));
     if (grown == nullptr) throw std::bad_alloc();  // realloc left the old block in place

@@ -250,6 +250,27 @@ TEST(Serialize, GrowthKeepsContent) {
   EXPECT_EQ(big.serializedBytes(0), Kelp::Bytes{1});
 }
 
+// Long runs whose destination lies a few octets past the source modulo the page take another copy
+// path; every placement must land the same octets, in inline storage and on the heap.
+TEST(Serialize, RunsLandWhateverTheirPageOffset) {
+  std::vector<U8> pool(2 * 4096);
+  for (std::size_t i = 0; i < pool.size(); ++i) pool[i] = static_cast<U8>(i * 7 + i / 251);
+  const Kelp::Bytes filler(4097, 0xEE);
+  for (U32 before : {1u, 4097u}) {
+    for (std::uintptr_t ahead : {0, 1, 16, 31, 32, 4095}) {
+      for (U32 len : {1023u, 1024u, 1024u + 45u, 3000u}) {
+        Serialize s;
+        s.addData(filler.data(), before);
+        const auto dst = reinterpret_cast<std::uintptr_t>(s.data()) + before;
+        const U8* src = pool.data() + ((dst - ahead - reinterpret_cast<std::uintptr_t>(pool.data())) & 4095);
+        s.addData(src, len);
+        EXPECT_EQ(s.serializedBytes(before), Kelp::Bytes(src, src + len)) << before << " " << ahead << " " << len;
+        EXPECT_EQ(s.serializedBytes(0).size(), before + len);
+      }
+    }
+  }
+}
+
 TEST(SerializeDeathTest, Assertions) {
   Serialize s;
   EXPECT_DEATH(s.addAfiSafi(AfiSafi(afiIpv4, static_cast<Safi>(0x100))), "afiSafi.safi\\(\\) <= 0xFF");
