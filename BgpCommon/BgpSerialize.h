@@ -41,14 +41,16 @@
 #include "platform/Netzo/MplsLabel.h"
 #include "platform/Netzo/NetU32.h"
 #include "platform/Pico/Assert.h"
+#include "platform/Pico/Integers.h"
 #include "platform/Routing/AfiSafi.h"
 
 namespace Routing::Bgp {
 
-using U8 = std::uint8_t;
-using U16 = std::uint16_t;
-using U32 = std::uint32_t;
-using U64 = std::uint64_t;
+// The library's global short names, also reachable as Routing::Bgp::U32 and so on.
+using ::U8;
+using ::U16;
+using ::U32;
+using ::U64;
 
 // The largest BGP message with the extended message capability (RFC 8654).
 inline constexpr U32 bgpMaxExtendedMessageSize = 0xFFFF;
