@@ -107,18 +107,31 @@ Fixture& fixture() {
   return f;
 }
 
-// Walks the random ids: each call looks one record up. With `dependent`, the id's position is
+// Walks the random ids: each call looks one record up. With `Dependent`, the id's position is
 // offset by a byte of the record just read, so one lookup cannot start before the previous one has
-// finished (the walk still moves on by one each call and so covers every id).
-template <typename Lookup>
-auto lookupLoop(bool dependent, Lookup lookup) {
-  return [dependent, lookup, i = std::size_t{0}, carry = std::uint32_t{0}]() mutable {
+// finished (the walk still moves on by one each call and so covers every id). Without, the id
+// depends on nothing read: `Dependent` is a template argument so that no instantiation can tie the
+// next id to the record all the same (a run-time flag let the compiler pick the id with a
+// conditional move, which waits for both choices, for some lookups and not for others).
+template <bool Dependent, typename Lookup>
+auto lookupLoop(Lookup lookup) {
+  return [lookup, i = std::size_t{0}, carry = std::uint32_t{0}]() mutable {
     const auto& ids = fixture().ids;
     ++i;
-    std::optional<IgpResult> r = lookup(ids[(i + (dependent ? carry : 0)) & (ids.size() - 1)]);
-    carry = r->tag.value & 0xFF;
+    std::optional<IgpResult> r = lookup(ids[(i + carry) & (ids.size() - 1)]);
+    if constexpr (Dependent) carry = r->tag.value & 0xFF;
     benchmark::DoNotOptimize(r);
   };
+}
+
+// Runs `run` with the lookup loops of the benchmark's `dependent` argument (0 or 1).
+template <typename Run, typename Ours, typename Peer>
+void withLoops(benchmark::State& state, Run run, Ours ours, Peer peer) {
+  if (state.range(0) != 0) {
+    run(lookupLoop<true>(ours), lookupLoop<true>(peer));
+  } else {
+    run(lookupLoop<false>(ours), lookupLoop<false>(peer));
+  }
 }
 
 double cpuNs() {
@@ -154,14 +167,14 @@ void speedupRun(benchmark::State& state, double minSpeedup, Ours&& ours, Peer&& 
 // the same process: the limit. Goal: within 2x.
 void ReaderLookupVsFlatHashMap(benchmark::State& state) {
   Fixture& f = fixture();
-  const bool dependent = state.range(0) != 0;
-  ratioRun(
-      state, 2.0, lookupLoop(dependent, [&](std::uint32_t k) { return f.reader->result(IgpResultId(k)); }),
-      lookupLoop(dependent, [&](std::uint32_t k) -> std::optional<IgpResult> {
+  withLoops(
+      state, [&](auto ours, auto peer) { ratioRun(state, 2.0, ours, peer); },
+      [&](std::uint32_t k) { return f.reader->result(IgpResultId(k)); },
+      [&](std::uint32_t k) -> std::optional<IgpResult> {
         auto it = f.map.find(k);
         if (it == f.map.end()) return std::nullopt;
         return it->second;
-      }));
+      });
 }
 BENCHMARK(ReaderLookupVsFlatHashMap)->ArgName("dependent")->Arg(0)->Arg(1);
 
@@ -169,9 +182,9 @@ BENCHMARK(ReaderLookupVsFlatHashMap)->ArgName("dependent")->Arg(0)->Arg(1);
 // Goal: at least 5x faster.
 void ReaderLookupVsLmdb(benchmark::State& state) {
   Fixture& f = fixture();
-  const bool dependent = state.range(0) != 0;
-  speedupRun(state, 5.0, lookupLoop(dependent, [&](std::uint32_t k) { return f.reader->result(IgpResultId(k)); }),
-             lookupLoop(dependent, [&](std::uint32_t k) { return f.lmdbGet(k); }));
+  withLoops(
+      state, [&](auto ours, auto peer) { speedupRun(state, 5.0, ours, peer); },
+      [&](std::uint32_t k) { return f.reader->result(IgpResultId(k)); }, [&](std::uint32_t k) { return f.lmdbGet(k); });
 }
 BENCHMARK(ReaderLookupVsLmdb)->ArgName("dependent")->Arg(0)->Arg(1);
 
