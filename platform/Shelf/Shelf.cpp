@@ -234,9 +234,11 @@ constexpr CrcTables makeCrcTables() {
 constexpr CrcTables kCrc = makeCrcTables();
 
 // One CRC32C step over the 8 bytes of `word` (little-endian): eight table lookups at once.
+// Lanes are carried in 64-bit registers, the CRC in the low half and zeros above, as the
+// instruction leaves them: no instruction is spent widening or narrowing them between steps.
 struct CrcTableStep {
-  static std::uint32_t step(std::uint32_t crc, std::uint64_t word) {
-    const std::uint32_t lo = crc ^ static_cast<std::uint32_t>(word);
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) {
+    const std::uint32_t lo = static_cast<std::uint32_t>(crc) ^ static_cast<std::uint32_t>(word);
     const std::uint32_t hi = static_cast<std::uint32_t>(word >> 32);
     return kCrc.t[7][lo & 0xFF] ^ kCrc.t[6][(lo >> 8) & 0xFF] ^ kCrc.t[5][(lo >> 16) & 0xFF] ^ kCrc.t[4][lo >> 24] ^
            kCrc.t[3][hi & 0xFF] ^ kCrc.t[2][(hi >> 8) & 0xFF] ^ kCrc.t[1][(hi >> 16) & 0xFF] ^ kCrc.t[0][hi >> 24];
@@ -247,10 +249,9 @@ struct CrcTableStep {
 // The same step with the SSE4.2 instruction. Written as assembly so that it can be inlined into
 // code compiled for any x86-64; it runs only where kCrcInstruction says the processor has it.
 struct CrcInstructionStep {
-  static std::uint32_t step(std::uint32_t crc, std::uint64_t word) {
-    std::uint64_t c = crc;
-    asm("crc32q %1, %0" : "+r"(c) : "r"(word));
-    return static_cast<std::uint32_t>(c);
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) {
+    asm("crc32q %1, %0" : "+r"(crc) : "r"(word));
+    return crc;
   }
 };
 const bool kCrcInstruction = [] {
@@ -268,22 +269,27 @@ template <typename Crc>
 inline std::uint64_t copyAndSumWith(std::uint8_t* dst, const std::uint8_t* src, std::size_t from, std::size_t sumFrom,
                                     std::size_t to) {
   for (std::size_t i = from; i < sumFrom; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
-  std::uint32_t lane0 = ~0u, lane1 = ~0u;
-  std::size_t i = sumFrom;
-  for (; i + 16 <= to; i += 16) {
-    const std::uint64_t w0 = load<std::uint64_t>(src + i, __ATOMIC_RELAXED);
-    const std::uint64_t w1 = load<std::uint64_t>(src + i + 8, __ATOMIC_RELAXED);
-    putRaw(dst + i, w0);
-    putRaw(dst + i + 8, w1);
+  std::uint64_t lane0 = 0xFFFFFFFFu, lane1 = 0xFFFFFFFFu;
+  // The pairs are walked with one index counting up to zero from below the end of both sides, so
+  // that each pair costs its loads, stores and steps and two instructions more: on a reader's path
+  // every instruction counts (see quickFind).
+  const std::size_t pairBytes = (to - sumFrom) & ~std::size_t{15};
+  const std::uint8_t* srcEnd = src + sumFrom + pairBytes;
+  std::uint8_t* dstEnd = dst + sumFrom + pairBytes;
+  for (std::ptrdiff_t j = -static_cast<std::ptrdiff_t>(pairBytes); j != 0; j += 16) {
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd + j, __ATOMIC_RELAXED);
+    const std::uint64_t w1 = load<std::uint64_t>(srcEnd + j + 8, __ATOMIC_RELAXED);
+    putRaw(dstEnd + j, w0);
+    putRaw(dstEnd + j + 8, w1);
     lane0 = Crc::step(lane0, w0);
     lane1 = Crc::step(lane1, w1);
   }
-  if (i < to) {
-    const std::uint64_t w0 = load<std::uint64_t>(src + i, __ATOMIC_RELAXED);
-    putRaw(dst + i, w0);
+  if (sumFrom + pairBytes < to) {
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd, __ATOMIC_RELAXED);
+    putRaw(dstEnd, w0);
     lane0 = Crc::step(lane0, w0);
   }
-  return std::uint64_t{~lane0} << 32 | ~lane1;
+  return (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
 }
 
 // Copies a slot's words from the checksum on ([8, slotSize)) out of shared memory and returns the
