@@ -188,6 +188,30 @@ void ReaderLookupVsLmdb(benchmark::State& state) {
 }
 BENCHMARK(ReaderLookupVsLmdb)->ArgName("dependent")->Arg(0)->Arg(1);
 
+// The floor under any lookup that reads the record at all: one 4-byte load from a random place in
+// a buffer the size of the table file (private memory in 4 KiB pages, as the table's shared memory
+// is), beside the same LMDB lookups. No lookup can beat LMDB by more than this benchmark's
+// speed-up, whatever it does besides that one access.
+void OneMemoryAccessVsLmdb(benchmark::State& state) {
+  Fixture& f = fixture();
+  static const std::vector<std::uint32_t> buffer = [&] {
+    std::vector<std::uint32_t> b(f.reader->resultControl()->reader()->mappedBytes().size() / 4);
+    std::mt19937 rng(2);
+    for (std::uint32_t& w : b) w = rng();
+    return b;
+  }();
+  const std::size_t stride = buffer.size() / (kRecords + 1);  // one record's share, in words
+  withLoops(
+      state, [&](auto ours, auto peer) { speedupRun(state, 5.0, ours, peer); },
+      [&](std::uint32_t k) {
+        std::optional<IgpResult> r(std::in_place, IgpResultId(k));
+        r->tag = buffer[k * stride];
+        return r;
+      },
+      [&](std::uint32_t k) { return f.lmdbGet(k); });
+}
+BENCHMARK(OneMemoryAccessVsLmdb)->ArgName("dependent")->Arg(0)->Arg(1);
+
 // The writer's resultIs (a new version of a random record each time) beside LMDB puts committed in
 // transactions of 1000 puts (a batch of pairedRun is exactly one transaction).
 void WriterStoreVsLmdb(benchmark::State& state) {
