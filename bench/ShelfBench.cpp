@@ -212,6 +212,41 @@ void OneMemoryAccessVsLmdb(benchmark::State& state) {
 }
 BENCHMARK(OneMemoryAccessVsLmdb)->ArgName("dependent")->Arg(0)->Arg(1);
 
+#if defined(__x86_64__)
+// Why the reader's independent lookups do not overlap as the map's do: the same one load as
+// OneMemoryAccessVsLmdb plus `work` instructions that depend on nothing (register additions),
+// beside the flat_hash_map. The processor overlaps the memory accesses of consecutive lookups only
+// while its window of instructions in flight holds more than one lookup, so past a couple of
+// hundred instructions per lookup, independent lookups cost as much as dependent ones.
+void OneMemoryAccessAndWorkVsFlatHashMap(benchmark::State& state) {
+  Fixture& f = fixture();
+  static const std::vector<std::uint32_t> buffer(f.reader->resultControl()->reader()->mappedBytes().size() / 4, 1);
+  const std::size_t stride = buffer.size() / (kRecords + 1);
+  const int work = static_cast<int>(state.range(1));
+  auto ours = [&](std::uint32_t k) {
+    std::uint32_t sum = buffer[k * stride];
+    std::uint32_t extra = 0;
+    switch (work) {  // the count must be an immediate
+      case 100: asm volatile(".rept 100\n\tadd $1, %0\n\t.endr" : "+r"(extra)); break;
+      case 200: asm volatile(".rept 200\n\tadd $1, %0\n\t.endr" : "+r"(extra)); break;
+      case 300: asm volatile(".rept 300\n\tadd $1, %0\n\t.endr" : "+r"(extra)); break;
+      default: break;
+    }
+    std::optional<IgpResult> r(std::in_place, IgpResultId(k));
+    r->tag = sum + extra;
+    return r;
+  };
+  withLoops(
+      state, [&](auto o, auto p) { ratioRun(state, 0, o, p); }, ours,
+      [&](std::uint32_t k) -> std::optional<IgpResult> {
+        auto it = f.map.find(k);
+        if (it == f.map.end()) return std::nullopt;
+        return it->second;
+      });
+}
+BENCHMARK(OneMemoryAccessAndWorkVsFlatHashMap)->ArgNames({"dependent", "work"})->ArgsProduct({{0, 1}, {0, 100, 200, 300}});
+#endif
+
 // The writer's resultIs (a new version of a random record each time) beside LMDB puts committed in
 // transactions of 1000 puts (a batch of pairedRun is exactly one transaction).
 void WriterStoreVsLmdb(benchmark::State& state) {
