@@ -122,21 +122,8 @@ class Collection {
     std::uint8_t k[kKeyMax];
     Shelf::Bytes kb(k, KeyCodec<K>::encode(key, k));
     std::uint32_t h = KeyCodec<K>::hash(key);
-    std::optional<V> found;
-    if (Shelf::Reader* r = control_->reader()) {
-      Shelf::Reader::RecordCopy copy;
-      if (std::optional<Shelf::Bytes> value = r->find(kb, h, copy)) found.emplace(Decoded{*value});
-      return found;
-    }
-    alignas(8) std::uint8_t v[kValueMax];
-    std::optional<std::uint32_t> n;
-    try {
-      n = control_->writer()->find(kb, h, v);
-    } catch (const Shelf::CorruptionException& e) {
-      writerMetCorruption(*control_, e);
-    }
-    if (n) found.emplace(V::deserialize(Shelf::Bytes(v, *n)));
-    return found;
+    if (Shelf::Reader* r = control_->reader()) return readerFind(*r, kb, h);
+    return writerFind(kb, h);
   }
 
   // Writer only. Stores `value` under `key`; false when the same value was stored already.
@@ -195,6 +182,28 @@ class Collection {
     Shelf::Bytes bytes;
     operator V() const { return V::deserialize(bytes); }  // NOLINT: converts on purpose
   };
+
+  // Both return a prvalue on every path, so that the record is decoded straight into the caller's
+  // optional: a named optional returned from several places would be built on the stack and copied
+  // out, and that copy reads back, in wide loads, what the decoder has just written field by field,
+  // which the processor cannot forward from its store queue.
+  static std::optional<V> readerFind(const Shelf::Reader& r, Shelf::Bytes kb, std::uint32_t h) {
+    Shelf::Reader::RecordCopy copy;
+    std::optional<Shelf::Bytes> value = r.find(kb, h, copy);
+    if (!value) return std::nullopt;
+    return std::optional<V>(std::in_place, Decoded{*value});
+  }
+  std::optional<V> writerFind(Shelf::Bytes kb, std::uint32_t h) const {
+    alignas(8) std::uint8_t v[kValueMax];
+    std::optional<std::uint32_t> n;
+    try {
+      n = control_->writer()->find(kb, h, v);
+    } catch (const Shelf::CorruptionException& e) {
+      writerMetCorruption(*control_, e);
+    }
+    if (!n) return std::nullopt;
+    return std::optional<V>(std::in_place, Decoded{Shelf::Bytes(v, *n)});
+  }
 
   Shelf::Writer* writerOrDie() const {
     PICO_ASSERT(control_ && control_->writer() != nullptr);

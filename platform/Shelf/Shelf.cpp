@@ -234,9 +234,11 @@ constexpr CrcTables makeCrcTables() {
 constexpr CrcTables kCrc = makeCrcTables();
 
 // One CRC32C step over the 8 bytes of `word` (little-endian): eight table lookups at once.
+// Lanes are carried in 64-bit registers, the CRC in the low half and zeros above, as the
+// instruction leaves them: no instruction is spent widening or narrowing them between steps.
 struct CrcTableStep {
-  static std::uint32_t step(std::uint32_t crc, std::uint64_t word) {
-    const std::uint32_t lo = crc ^ static_cast<std::uint32_t>(word);
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) {
+    const std::uint32_t lo = static_cast<std::uint32_t>(crc) ^ static_cast<std::uint32_t>(word);
     const std::uint32_t hi = static_cast<std::uint32_t>(word >> 32);
     return kCrc.t[7][lo & 0xFF] ^ kCrc.t[6][(lo >> 8) & 0xFF] ^ kCrc.t[5][(lo >> 16) & 0xFF] ^ kCrc.t[4][lo >> 24] ^
            kCrc.t[3][hi & 0xFF] ^ kCrc.t[2][(hi >> 8) & 0xFF] ^ kCrc.t[1][(hi >> 16) & 0xFF] ^ kCrc.t[0][hi >> 24];
@@ -247,10 +249,9 @@ struct CrcTableStep {
 // The same step with the SSE4.2 instruction. Written as assembly so that it can be inlined into
 // code compiled for any x86-64; it runs only where kCrcInstruction says the processor has it.
 struct CrcInstructionStep {
-  static std::uint32_t step(std::uint32_t crc, std::uint64_t word) {
-    std::uint64_t c = crc;
-    asm("crc32q %1, %0" : "+r"(c) : "r"(word));
-    return static_cast<std::uint32_t>(c);
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) {
+    asm("crc32q %1, %0" : "+r"(crc) : "r"(word));
+    return crc;
   }
 };
 const bool kCrcInstruction = [] {
@@ -268,22 +269,27 @@ template <typename Crc>
 inline std::uint64_t copyAndSumWith(std::uint8_t* dst, const std::uint8_t* src, std::size_t from, std::size_t sumFrom,
                                     std::size_t to) {
   for (std::size_t i = from; i < sumFrom; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
-  std::uint32_t lane0 = ~0u, lane1 = ~0u;
-  std::size_t i = sumFrom;
-  for (; i + 16 <= to; i += 16) {
-    const std::uint64_t w0 = load<std::uint64_t>(src + i, __ATOMIC_RELAXED);
-    const std::uint64_t w1 = load<std::uint64_t>(src + i + 8, __ATOMIC_RELAXED);
-    putRaw(dst + i, w0);
-    putRaw(dst + i + 8, w1);
+  std::uint64_t lane0 = 0xFFFFFFFFu, lane1 = 0xFFFFFFFFu;
+  // The pairs are walked with one index counting up to zero from below the end of both sides, so
+  // that each pair costs its loads, stores and steps and two instructions more: on a reader's path
+  // every instruction counts (see quickFind).
+  const std::size_t pairBytes = (to - sumFrom) & ~std::size_t{15};
+  const std::uint8_t* srcEnd = src + sumFrom + pairBytes;
+  std::uint8_t* dstEnd = dst + sumFrom + pairBytes;
+  for (std::ptrdiff_t j = -static_cast<std::ptrdiff_t>(pairBytes); j != 0; j += 16) {
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd + j, __ATOMIC_RELAXED);
+    const std::uint64_t w1 = load<std::uint64_t>(srcEnd + j + 8, __ATOMIC_RELAXED);
+    putRaw(dstEnd + j, w0);
+    putRaw(dstEnd + j + 8, w1);
     lane0 = Crc::step(lane0, w0);
     lane1 = Crc::step(lane1, w1);
   }
-  if (i < to) {
-    const std::uint64_t w0 = load<std::uint64_t>(src + i, __ATOMIC_RELAXED);
-    putRaw(dst + i, w0);
+  if (sumFrom + pairBytes < to) {
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd, __ATOMIC_RELAXED);
+    putRaw(dstEnd, w0);
     lane0 = Crc::step(lane0, w0);
   }
-  return std::uint64_t{~lane0} << 32 | ~lane1;
+  return (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
 }
 
 // Copies a slot's words from the checksum on ([8, slotSize)) out of shared memory and returns the
@@ -1125,45 +1131,68 @@ Bytes Reader::mappedBytes() const {
 
 namespace {
 
-bool sameBytes(const std::uint8_t* a, const std::uint8_t* b, std::size_t n) {
-  for (; n >= 8; n -= 8, a += 8, b += 8) {
-    if (get64(a) != get64(b)) return false;
-  }
-  if (n >= 4) {
-    if (get32(a) != get32(b)) return false;
-    n -= 4, a += 4, b += 4;
-  }
-  for (; n > 0; --n) {
-    if (*a++ != *b++) return false;
-  }
-  return true;
+// The first n (1..8) bytes at p as a little-endian word, zero above them; reads no byte outside
+// [p, p + n), with at most two loads and no branch but on n.
+[[gnu::always_inline]] inline std::uint64_t partialWord(const std::uint8_t* p, std::size_t n) {
+  if (n >= 4) return get32(p) | std::uint64_t{get32(p + n - 4)} << (8 * (n - 4));
+  return std::uint64_t{p[0]} | std::uint64_t{p[n / 2]} << (8 * (n / 2)) | std::uint64_t{p[n - 1]} << (8 * (n - 1));
+}
+
+// Whether the n (>= 1) key bytes at `stored`, which lie in whole words of a slot copy, equal `key`:
+// a word at a time, with one branch at the end, in a handful of instructions for a short key.
+[[gnu::always_inline]] inline bool sameKey(const std::uint8_t* stored, const std::uint8_t* key, std::size_t n) {
+  std::uint64_t diff = 0;
+  std::size_t i = 0;
+  for (; n - i > 8; i += 8) diff |= get64(stored + i) ^ get64(key + i);
+  const std::size_t rest = n - i;
+  const std::uint64_t mask = rest == 8 ? ~std::uint64_t{0} : (std::uint64_t{1} << (8 * rest)) - 1;
+  diff |= (get64(stored + i) ^ partialWord(key + i, rest)) & mask;
+  return diff == 0;
 }
 
 enum class Quick { found, absent, unsure };
 
-// The common case of a lookup, kept short, free of data-dependent branches and light on stores so
-// that the processor can overlap the memory accesses of consecutive lookups: a chain whose slots
-// are all stable, whole and where they belong. Anything else (a slot being rewritten, a slot of
-// another bucket, damage) answers unsure, and the lookup is done again by carefulFind, which
-// retries, tells races from damage and reports. On found, `buf` holds the record.
+// Copies slot `idx` into `buf` and checks the copy: true when the slot held still while it was
+// copied and is whole, in its place and a record of `bucket`. Branch-free but for the answer.
+template <typename Crc>
+[[gnu::always_inline]] inline bool readSlot(const Mapping& m, std::uint32_t idx, std::uint32_t bucket, std::uint8_t* buf) {
+  const std::uint8_t* s = m.slot(idx);
+  const std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
+  const std::uint64_t sum = copyAndSumSlot<Crc>(buf, s, m.slotSize);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  const std::uint32_t seqAfter = load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED);
+  return ((seq & 1u) | (seqAfter ^ seq) | (sum ^ get64(buf + kChecksumAt)) | (get32(buf + kSelfAt) ^ idx) |
+          (get32(buf + kBucketAt) ^ bucket)) == 0 &&
+         get16(buf + kKeyLenAt) <= m.keyMax && get16(buf + kValueLenAt) <= m.valueMax;
+}
+
+[[gnu::always_inline]] inline bool holdsKey(const std::uint8_t* buf, Bytes key) {
+  const std::uint16_t keyLen = get16(buf + kKeyLenAt);
+  return keyLen == key.size() && sameKey(buf + kSlotHeaderBytes, key.data(), keyLen);
+}
+
+// The common case of a lookup, kept short and free of data-dependent branches: the processor
+// overlaps the memory accesses of consecutive lookups only as far as its window of instructions in
+// flight holds both, so every instruction here counts. The record is looked for at
+// its bucket's home first, where the writer keeps it when it can: found there, the lookup has cost
+// one slot and never reads the bucket's head. This is sound because a record at home never moves
+// elsewhere while it lives (a new value of it is written back to the home), so a whole record of
+// the key at the home is the key's current record, or, while the writer is storing a new one, that
+// new one. Otherwise the chain is walked from the bucket's head, expecting every slot stable,
+// whole and where it belongs; anything else (a slot being rewritten, a slot of another bucket,
+// damage) answers unsure, and the lookup is done again by carefulFind, which retries, tells races
+// from damage and reports. On found, `buf` holds the record.
 template <typename Crc>
 Quick quickFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) {
+  if (readSlot<Crc>(m, homeSlot(m, bucket), bucket, buf) && holdsKey(buf, key)) [[likely]] {
+    return Quick::found;
+  }
   std::uint32_t idx = load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE);
   for (std::uint32_t steps = 0; idx != kNone; ++steps) {
-    if (idx >= m.slotCount || steps == m.slotCount) [[unlikely]] {
+    if (idx >= m.slotCount || steps == m.slotCount || !readSlot<Crc>(m, idx, bucket, buf)) [[unlikely]] {
       return Quick::unsure;
     }
-    const std::uint8_t* s = m.slot(idx);
-    const std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
-    const std::uint64_t sum = copyAndSumSlot<Crc>(buf, s, m.slotSize);
-    std::atomic_thread_fence(std::memory_order_acquire);
-    const std::uint16_t keyLen = get16(buf + kKeyLenAt);
-    if ((seq & 1u) != 0 || load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq || sum != get64(buf + kChecksumAt) ||
-        get32(buf + kSelfAt) != idx || get32(buf + kBucketAt) != bucket || keyLen > m.keyMax ||
-        get16(buf + kValueLenAt) > m.valueMax) [[unlikely]] {
-      return Quick::unsure;
-    }
-    if (keyLen == key.size() && sameBytes(buf + kSlotHeaderBytes, key.data(), keyLen)) return Quick::found;
+    if (holdsKey(buf, key)) return Quick::found;
     idx = get32(buf + kNextAt);
   }
   return Quick::absent;
@@ -1193,11 +1222,6 @@ std::optional<Bytes> Reader::find(Bytes key, std::uint32_t hash, RecordCopy& cop
   if (m == nullptr || key.empty() || key.size() > m->keyMax) return std::nullopt;
   std::uint8_t* buf = copy.bytes;
   const std::uint32_t bucket = hash & m->bucketMask;
-  // Start fetching the bucket's home slot (the lines of its first 129 bytes) while the head is read.
-  const std::uint8_t* home = m->slot(homeSlot(*m, bucket));
-  __builtin_prefetch(home);
-  __builtin_prefetch(home + 64);
-  __builtin_prefetch(home + std::min<std::uint32_t>(m->slotSize, 129) - 1);
   const Quick quick = kCrcInstruction ? quickFind<CrcInstructionStep>(*m, bucket, key, buf)
                                       : quickFind<CrcTableStep>(*m, bucket, key, buf);
   if (quick == Quick::absent) return std::nullopt;

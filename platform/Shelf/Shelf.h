@@ -16,9 +16,10 @@
 //   ring     the change ring: the keys the writer changed, newest last.
 //
 // Homes. Each bucket has a home slot (bucket b: slot b, wrapping around where there are fewer
-// slots than buckets). The writer puts a bucket's record there when it is free, and a reader starts
-// fetching the home while it reads the bucket's head, so a lookup of a record at home waits for
-// memory once rather than twice in a row. A record at home stays there when it changes.
+// slots than buckets). The writer puts a bucket's record there when it is free, and a record at
+// home stays there until it is erased: a new value of it is written back to the home. A reader
+// therefore looks at the home first, and a whole record of its key there is the key's record; it
+// reads the bucket's head and walks the chain only when the home holds something else.
 //
 // Concurrency. One writer, lock-free readers. Every slot carries a sequence counter that is odd
 // while the writer rewrites it; a reader copies the slot, re-reads the counter and retries (a
