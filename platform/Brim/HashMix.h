@@ -32,10 +32,10 @@ class HashMix {
   HashMix() = default;
   explicit HashMix(std::uint32_t seed) : seed_(seed) {}
 
-  void mixBytes1(std::uint8_t v) { put(v, 1, 1); }
-  void mixBytes2(std::uint16_t v) { put(v, 2, 2); }
-  void mixBytes4(std::uint32_t v) { put(v, 4, 3); }
-  void mixBytes8(std::uint64_t v) { put(v, 8, 4); }
+  [[gnu::always_inline]] void mixBytes1(std::uint8_t v) { put(v, 1, 1); }
+  [[gnu::always_inline]] void mixBytes2(std::uint16_t v) { put(v, 2, 2); }
+  [[gnu::always_inline]] void mixBytes4(std::uint32_t v) { put(v, 4, 3); }
+  [[gnu::always_inline]] void mixBytes8(std::uint64_t v) { put(v, 8, 4); }
   // A run of octets: whole 8-octet words, then a 4-octet word, then single octets.
   void mixBytes(const void* data, std::size_t n) {
     const auto* p = static_cast<const unsigned char*>(data);
@@ -54,7 +54,7 @@ class HashMix {
     for (; n > 0; --n, ++p) mixBytes1(*p);
   }
 
-  std::uint32_t value() const {
+  [[gnu::always_inline]] std::uint32_t value() const {
     // The two inner products are independent, so the hash waits for two multiplications, not
     // three. Every factor has a constant folded in: a factor of zero would lose the other one.
     const std::uint64_t h = mix(mix(word(0) ^ kPrime1, word(1) ^ kPrime2) ^
@@ -72,7 +72,7 @@ class HashMix {
   static constexpr std::uint64_t kPrime5 = 0x27D4EB2F165667C5ull;
 
   // The 128-bit product of x and y, its halves folded by xor.
-  static std::uint64_t mix(std::uint64_t x, std::uint64_t y) {
+  [[gnu::always_inline]] static std::uint64_t mix(std::uint64_t x, std::uint64_t y) {
     __extension__ using U128 = unsigned __int128;
     const U128 r = static_cast<U128>(x) * y;
     return static_cast<std::uint64_t>(r) ^ static_cast<std::uint64_t>(r >> 64);
@@ -82,8 +82,11 @@ class HashMix {
   // Appends the n low-order octets of v to the words. The words are separate members chosen by a
   // switch rather than an array indexed by position, so that they stay in registers even when
   // the pieces are fed in a loop; in straight-line code (as key types feed them) the positions
-  // are constants and all of this folds down to a few shifts and ors.
-  void put(std::uint64_t v, unsigned n, unsigned widthCode) {
+  // are constants and all of this folds down to a few shifts and ors. That folding needs the
+  // body inlined into the caller, which the compiler's own estimate does not always choose (a
+  // content record hashed in a caller's loop got an out-of-line call and its state on the
+  // stack, doubling the cost of a table hit): hence always_inline.
+  [[gnu::always_inline]] void put(std::uint64_t v, unsigned n, unsigned widthCode) {
     if (fill_ + n > kLanes) [[unlikely]] fold();
     const unsigned shift = 8 * (fill_ % 8);
     const std::uint64_t low = v << shift;
