@@ -7,7 +7,8 @@
 //            hand-rolled std::unordered_set of std::shared_ptr keys;
 //   memory   resident octets per interned key, the table's share included, beside a limit;
 //   threads  two threads interning and releasing overlapping thirds of the prefixes on one locked
-//            table, beside the shared_ptr set under a mutex.
+//            table, beside the shared_ptr set under a mutex (on the wall clock; the others time
+//            the thread's CPU).
 //
 // A subject S provides:
 //   using Prefix; using Held (a Kelp::Ptr to the key);
@@ -29,6 +30,7 @@
 #include <absl/hash/hash.h>
 #include <benchmark/benchmark.h>
 
+#include "bench/PairedBench.h"
 #include "bench/PrefixTables.h"
 #include "platform/Brim/Dedup.h"
 #include "platform/Brim/KelpStash.h"
@@ -40,6 +42,10 @@ using Clock = std::chrono::steady_clock;
 inline double secondsSince(Clock::time_point t0) {
   return std::chrono::duration<double>(Clock::now() - t0).count();
 }
+
+// The single-thread duels time the calling thread's CPU: each side is timed while it runs, not
+// while other work on the machine has the core.
+inline double cpuSecondsSince(double t0Ns) { return (bench_support::threadCpuNs() - t0Ns) * 1e-9; }
 
 inline std::int64_t mallocInUse() {
   struct mallinfo2 m = mallinfo2();
@@ -103,17 +109,17 @@ void hitDuel(benchmark::State& state, const std::vector<typename S::Prefix>& pre
   std::uintptr_t sink = 0;
   for (auto _ : state) {
     // The lookup alone: the answers are kept and released after the clock stops.
-    auto t0 = Clock::now();
+    double t0 = bench_support::threadCpuNs();
     for (const auto& p : order) answers.push_back(S::intern(*table, p));
-    ours += secondsSince(t0);
+    ours += cpuSecondsSince(t0);
     answers.clear();
     // The lookup and the release of its answer.
-    t0 = Clock::now();
+    t0 = bench_support::threadCpuNs();
     for (const auto& p : order) sink += reinterpret_cast<std::uintptr_t>(S::intern(*table, p).get());
-    roundTrip += secondsSince(t0);
-    t0 = Clock::now();
+    roundTrip += cpuSecondsSince(t0);
+    t0 = bench_support::threadCpuNs();
     for (const auto& p : order) sink += peerSet.find(S::peer(p)) != peerSet.end();
-    peer += secondsSince(t0);
+    peer += cpuSecondsSince(t0);
     ops += order.size();
   }
   benchmark::DoNotOptimize(sink);
@@ -132,23 +138,23 @@ void churnDuel(benchmark::State& state, const std::vector<typename S::Prefix>& p
     {
       std::vector<typename S::Held> held;
       held.reserve(prefixes.size());
-      auto t0 = Clock::now();
+      const double t0 = bench_support::threadCpuNs();
       auto table = S::makeTable(false);
       for (const auto& p : prefixes) held.push_back(S::intern(*table, p));
       held.clear();
       table = nullptr;
-      ours += secondsSince(t0);
+      ours += cpuSecondsSince(t0);
     }
     {
       std::vector<std::shared_ptr<const Peer>> held;
       held.reserve(prefixes.size());
-      auto t0 = Clock::now();
+      const double t0 = bench_support::threadCpuNs();
       {
         SharedPtrSet<Peer> set;
         for (const auto& p : prefixes) held.push_back(set.intern(S::peer(p)));
         for (auto& sp : held) set.release(sp);
       }
-      peer += secondsSince(t0);
+      peer += cpuSecondsSince(t0);
     }
     ops += prefixes.size();
   }

@@ -12,6 +12,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <time.h>
+
 #include <chrono>
 #include <cstdint>
 
@@ -20,6 +22,14 @@ namespace bench_support {
 // Nanoseconds on the wall clock; a benchmark may pass another clock (thread CPU time, say).
 inline double steadyNs() {
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Nanoseconds of CPU time used by the calling thread. On a shared machine a batch that is
+// descheduled would otherwise charge the wait to whichever side was running.
+inline double threadCpuNs() {
+  timespec ts;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
 }
 
 // Times batches of ours and the peer back to back, alternating which goes first, and sets the
