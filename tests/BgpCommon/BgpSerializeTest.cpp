@@ -122,8 +122,9 @@ TEST(Serialize, GoldenEncodings) {
   EXPECT_TRUE(all.usesInlineStorage());
 }
 
-// The limit holds for every writer: an add that would pass 65535 octets throws before writing,
-// an add that just reaches it succeeds.
+// An add that would pass 65535 octets throws before writing, an add that just reaches it
+// succeeds: one writer for each way of reserving room (fixed widths, runs, field and value lists,
+// label stacks).
 TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
   struct Writer {
     const char* name;

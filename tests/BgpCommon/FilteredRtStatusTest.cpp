@@ -54,6 +54,15 @@ TEST(FilteredRtStatus, FilteredRouteValue) {
   }
 }
 
+// A writer starts from an empty table, also when the process already holds the table with the
+// records of an earlier writer.
+TEST(FilteredRtStatus, AWriterStartsEmpty) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64)->resultIs(versionedRecord(1, 1));
+  EXPECT_EQ(IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64)->resultCount(), 0u);
+}
+
 TEST(FilteredRtStatus, ReadersSeeWhatTheWriterStores) {
   TempRoot root;
   auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
