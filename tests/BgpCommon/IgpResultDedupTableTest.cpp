@@ -170,25 +170,6 @@ TEST_F(IgpResultDedupTableTest, ALockedSetReportsToTheSameNotifiee) {
   EXPECT_EQ(status->resultCount(), 1u);
 }
 
-TEST_F(IgpResultDedupTableTest, TracesNameTheOperation) {
-  std::vector<std::string> lines;
-  Pico::traceSinkIs([&](std::string_view l) { lines.emplace_back(l); });
-  Pico::traceLevelIs(Pico::kTraceLevelOperational, true);
-  {
-    auto t = igpResultTableFactory(status);
-    auto h = t->dedup(withTag(1));
-    t->lookup(withTag(1));
-  }
-  Pico::traceLevelIs(Pico::kTraceLevelOperational, false);
-  Pico::traceSinkIs({});
-  std::string all;
-  for (const auto& l : lines) all += l + "\n";
-  for (const char* word : {" handleInitialized", " dedup id 1", " lookup id 1", " handleRemove id 1",
-                           " newIgpResult id 0x1", " free IgpResult id 0x1"}) {
-    EXPECT_NE(all.find(word), std::string::npos) << word << "\n" << all;
-  }
-}
-
 // The whole flow across processes: the bgpcommon tool, started afresh, looks identifiers up with
 // the reader helper as redistribution does.
 TEST_F(IgpResultDedupTableTest, AnotherProcessSeesOneRecordPerOutcome) {
