@@ -43,12 +43,9 @@ TEST(RouteKeyBaseDeathTest, FamilyVirtualsMustBeOverridden) {
   auto k = Kelp::makePtr<BareKey>(1);
   Trackle::RingBuf ring(16);
   const char* expr = "0 && \"Must override in derived class\"";
-  EXPECT_DEATH(k->afi(), expr);
-  EXPECT_DEATH(k->safi(), expr);
-  EXPECT_DEATH(k->nlriType(), expr);
+  EXPECT_DEATH(k->afi(), std::string("BgpCommon/BgpRouteKey.*") + expr);
   EXPECT_DEATH(k->qtPut(&ring), expr);
   EXPECT_DEATH(k->lessThan(k), expr);
-  EXPECT_DEATH(k->afi(), "BgpCommon/BgpRouteKey");
 }
 
 TEST(DedupTablesHelper, CreatesNotifyingTablesWithTheLockAsked) {

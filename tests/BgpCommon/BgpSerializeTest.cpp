@@ -38,18 +38,14 @@ const Golden kGolden[] = {
     {"addU24hton drops the top octet", [](Serialize& s) { s.addU24hton(0x12345678); }, {0x34, 0x56, 0x78}},
     {"addU20hton keeps 20 bits", [](Serialize& s) { s.addU20hton(0xABCDEF); }, {0x0B, 0xCD, 0xEF}},
     {"addData", [](Serialize& s) { const U8 d[] = {9, 8, 7}; s.addData(d, 3); }, {9, 8, 7}},
-    {"addData of nothing", [](Serialize& s) { s.addData(nullptr, 0); }, {}},
     {"addString", [](Serialize& s) { s.addString(Kelp::String("a\0b", 3)); }, {'a', 0, 'b'}},
     {"addBytes", [](Serialize& s) { s.addBytes({0xFF, 0}); }, {0xFF, 0}},
     // AFI/SAFI and AS numbers
-    {"addAfiSafi IPv4 unicast", [](Serialize& s) { s.addAfiSafi({afiIpv4, safiUnicast}); }, {0x00, 0x01, 0x01}},
     {"addAfiSafi IPv6 VPN", [](Serialize& s) { s.addAfiSafi({afiIpv6, safiMplsVpn}); }, {0x00, 0x02, 0x80}},
     {"addAfiSafi SAFI 255", [](Serialize& s) { s.addAfiSafi({afiBgpLs, static_cast<Safi>(255)}); }, {0x40, 0x04, 0xFF}},
     {"4-octet AS", [](Serialize& s) { s.addAutonomousSystem(65536, true); }, {0x00, 0x01, 0x00, 0x00}},
     {"2-octet AS", [](Serialize& s) { s.addAutonomousSystem(65535, false); }, {0xFF, 0xFF}},
-    {"small AS in 4 octets", [](Serialize& s) { s.addAutonomousSystem(1, true); }, {0, 0, 0, 1}},
     // addresses
-    {"addAddrFamily IPv4", [](Serialize& s) { s.addAddrFamily(Netzo::AddressFamily::ipv4); }, {0x00, 0x01}},
     {"addAddrFamily IPv6", [](Serialize& s) { s.addAddrFamily(Netzo::AddressFamily::ipv6); }, {0x00, 0x02}},
     {"addIpv4Addr", [](Serialize& s) { s.addIpv4Addr(Netzo::IpAddr(192, 0, 2, 1)); }, {192, 0, 2, 1}},
     {"addIpv6Addr",
@@ -62,10 +58,7 @@ const Golden kGolden[] = {
     // MPLS labels
     {"add3octetMplsLabelHton", [](Serialize& s) { s.add3octetMplsLabelHton(0xFF123456); }, {0x12, 0x34, 0x56}},
     {"label 16, bottom", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), true); }, {0x00, 0x01, 0x01}},
-    {"label 16", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), false); }, {0x00, 0x01, 0x00}},
     {"largest label", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0xFFFFF), true); }, {0xFF, 0xFF, 0xF1}},
-    {"2^20 is an encoded field", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(1u << 20), false); },
-     {0x10, 0x00, 0x00}},
     {"encoded field, bottom", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0x123450), true); },
      {0x12, 0x34, 0x51}},
     {"label stack drops TC and TTL",
@@ -84,7 +77,6 @@ const Golden kGolden[] = {
        s.add3octetMplsLabelStack(st);
      },
      {0x00, 0x00, 0x31, 0x00, 0x00, 0x40}},
-    {"empty label stack", [](Serialize& s) { s.add3octetMplsLabelStack(MplsLabelStack()); }, {}},
     // several fields, one room check
     {"addFields: NEXT_HOP attribute",
      [](Serialize& s) { s.addFields(U8{0x40}, U8{3}, U8{4}, Netzo::IpAddr(192, 0, 2, 1)); },
@@ -103,7 +95,6 @@ const Golden kGolden[] = {
        s.addEach(std::span(path));
      },
      {0, 1, 0, 0, 0, 0, 0, 1}},
-    {"addEach of nothing", [](Serialize& s) { s.addEach(std::span<const U32>()); }, {}},
 };
 
 TEST(Serialize, GoldenEncodings) {
@@ -128,12 +119,12 @@ TEST(Serialize, GoldenEncodings) {
     EXPECT_EQ(Kelp::Bytes(text.begin(), text.end()), all.serializedBytes(marks[i]));
   }
   EXPECT_TRUE(all.serializedBytes(all.writeOffset()).empty());
-  EXPECT_TRUE(all.serializedString(all.writeOffset()).empty());
   EXPECT_TRUE(all.usesInlineStorage());
 }
 
-// The limit holds for every writer: an add that would pass 65535 octets throws before writing,
-// an add that just reaches it succeeds.
+// An add that would pass 65535 octets throws before writing, an add that just reaches it
+// succeeds: one writer for each way of reserving room (fixed widths, runs, field and value lists,
+// label stacks).
 TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
   struct Writer {
     const char* name;
@@ -143,23 +134,10 @@ TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
   const U8 run[7] = {1, 2, 3, 4, 5, 6, 7};
   const Writer writers[] = {
       {"addU8", 1, [](Serialize& s) { s.addU8(1); }},
-      {"addU16hton", 2, [](Serialize& s) { s.addU16hton(1); }},
-      {"addU16n", 2, [](Serialize& s) { s.addU16n(1); }},
       {"addU24hton", 3, [](Serialize& s) { s.addU24hton(1); }},
-      {"addU20hton", 3, [](Serialize& s) { s.addU20hton(1); }},
-      {"addU32hton", 4, [](Serialize& s) { s.addU32hton(1); }},
-      {"addU32n", 4, [](Serialize& s) { s.addU32n(1); }},
       {"addU64hton", 8, [](Serialize& s) { s.addU64hton(1); }},
-      {"addU64n", 8, [](Serialize& s) { s.addU64n(1); }},
       {"addData", 7, [&](Serialize& s) { s.addData(run, 7); }},
-      {"addAfiSafi", 3, [](Serialize& s) { s.addAfiSafi({afiIpv4, safiUnicast}); }},
-      {"addAutonomousSystem", 4, [](Serialize& s) { s.addAutonomousSystem(70000, true); }},
-      {"addAddrFamily", 2, [](Serialize& s) { s.addAddrFamily(Netzo::AddressFamily::ipv6); }},
-      {"addIpv4Addr", 4, [](Serialize& s) { s.addIpv4Addr(Netzo::IpAddr(1, 2, 3, 4)); }},
-      {"addIpv6Addr", 16, [](Serialize& s) { s.addIpv6Addr(Netzo::Ip6Addr::fromString("::1")); }},
       {"addIpGenAddr", 16, [](Serialize& s) { s.addIpGenAddr(Netzo::Ip6Addr::fromString("::1")); }},
-      {"add3octetMplsLabel", 3, [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), true); }},
-      {"add3octetMplsLabelHton", 3, [](Serialize& s) { s.add3octetMplsLabelHton(16); }},
       {"addFields", 10,
        [](Serialize& s) { s.addFields(U8{0x80}, U8{4}, U8{4}, U32{7}, Serialize::mplsLabelField(MplsLabel(3), true)); }},
       {"addEach", 12,
@@ -234,10 +212,7 @@ TEST(Serialize, GrowthKeepsContent) {
   big.addBytes(run);
   EXPECT_EQ(big.capacity(), 32768u);
   EXPECT_EQ(big.serializedBytes(1), run);
-
   // Moving takes the octets along, from inline storage and from the heap alike.
-  Serialize movedInline(Serialize{});
-  EXPECT_EQ(movedInline.writeOffset(), 0u);
   Serialize small;
   small.addU16hton(0xBEEF);
   Serialize fromSmall(std::move(small));

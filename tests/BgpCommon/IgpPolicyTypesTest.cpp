@@ -27,7 +27,6 @@ TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
   EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<IgpResultId>("x"); }),
             "value: expected an unsigned number at offset 0, found \"x\"");
   EXPECT_EQ(Kelp::valueToStrep(CommunityIndex(2)), "Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 2})");
-  EXPECT_EQ(IgpResultId(7).hash(0), Kelp::findType("Routing::BgpRedistribute::IgpResultId")->hash(std::any(IgpResultId(7))));
 
   // An index beyond the last slot, built or parsed.
   EXPECT_EQ(rangeMessage([] { CommunityIndex(4); }), kIndexRangeMessage);
@@ -38,7 +37,6 @@ TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
 
   // Metrics: unset whatever the low bits, and printed as None.
   EXPECT_EQ(Brim::MaybeU63(), Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 42));
-  EXPECT_NE(Brim::MaybeU63(42), Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 42));
   EXPECT_EQ(Brim::MaybeU63().hash(3), Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 42).hash(3));
   EXPECT_EQ(Kelp::valueToStrep(Brim::MaybeU63()), "None");
   EXPECT_EQ(Kelp::strepToValue<Brim::MaybeU63>("9223372036854775807"), Brim::MaybeU63(Brim::MaybeU63::kMaxValue));

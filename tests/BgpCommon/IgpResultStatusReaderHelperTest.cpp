@@ -5,13 +5,10 @@
 // GoogleTest's "threadsafe" death tests do, with the toggle directory set in that process only.
 #include "BgpCommon/IgpResultStatusReaderHelper.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -95,10 +92,8 @@ std::string check(const IgpResultStatusReaderHelper& helper, const std::vector<R
 }
 
 TEST(IgpResultLookup, TextFormEqualityAndNoHash) {
-  static_assert(sizeof(IgpResultReturnType) == 1);
   const char* names[] = {"resultDefault", "resultFound", "resultNotFound", "resultTagOnly"};
   for (unsigned n = 0; n < 4; ++n) EXPECT_EQ(stringValue(static_cast<IgpResultReturnType>(n)), names[n]);
-  EXPECT_NE(Kelp::findType("Routing::BgpRedistribute::IgpResultReturnType"), nullptr);
 
   IgpResultLookup l = tagOnly(1234);
   EXPECT_EQ(Kelp::valueToStrep(l),
@@ -117,11 +112,6 @@ TEST(IgpResultLookup, TextFormEqualityAndNoHash) {
                Kelp::UnhashableException);
 }
 
-TEST(IgpResultLookupDeathTest, CannotBeBuiltFromText) {
-  EXPECT_DEATH(Kelp::strepToValue<IgpResultLookup>(Kelp::valueToStrep(tagOnly(1))),
-               "No String constructor for IgpResult - has collection");
-}
-
 TEST(IgpResultStatusReaderHelper, EveryCaseWithTheToggleOn) {
   inFreshProcess("", [] {
     Tables t;
@@ -129,7 +119,6 @@ TEST(IgpResultStatusReaderHelper, EveryCaseWithTheToggleOn) {
     IgpResult nine = t.nine;
     const std::vector<Row> rows = {
         {"ospf carries its tag", RoutingProtocol::protocolOspf, 1234, tagOnly(1234)},
-        {"isis carries its tag", RoutingProtocol::protocolIsis, 7, tagOnly(7)},
         {"connected, no tag", RoutingProtocol::protocolConnected, 0, tagOnly(0)},
         {"static without an id", RoutingProtocol::protocolStatic, 0, plain(IgpResultReturnType::resultDefault)},
         {"static, id 7", RoutingProtocol::protocolStatic, 7, IgpResultLookup(seven, IgpResultReturnType::resultFound)},
@@ -163,7 +152,6 @@ TEST(IgpResultStatusReaderHelper, ToggleOffMakesStaticRoutesTagOnly) {
     const std::vector<Row> rows = {
         {"static, id 7", RoutingProtocol::protocolStatic, 7, tagOnly(7)},
         {"static, id 0", RoutingProtocol::protocolStatic, 0, tagOnly(0)},
-        {"static, id 8", RoutingProtocol::protocolStatic, 8, tagOnly(8)},
         {"ospf", RoutingProtocol::protocolOspf, 8, tagOnly(8)},
     };
     std::string complaints = check(*igpResultStatusReaderHelperFactory(t.reader), rows);
@@ -171,38 +159,6 @@ TEST(IgpResultStatusReaderHelper, ToggleOffMakesStaticRoutesTagOnly) {
     complaints += check(*igpResultStatusReaderHelperFactory(nullptr), rows);
     std::ofstream(std::string(getenv("BGPCOMMON_TOGGLE_DIR")) + "/Ira.json") << R"({"StaticRouteCommunities": true})";
     return complaints + check(*igpResultStatusReaderHelperFactory(t.reader), rows);
-  });
-}
-
-TEST(IgpResultStatusReaderHelper, ADamagedRecordIsReportedAndReadsAsAbsent) {
-  inFreshProcess("", [] {
-    Tables t;
-    std::vector<std::string> reports;
-    t.reader->resultControl()->corruptionHandlerIs([&](std::string_view m) { reports.emplace_back(m); });
-    auto helper = igpResultStatusReaderHelperFactory(t.reader);
-    std::string complaints = check(*helper, {{"before", RoutingProtocol::protocolStatic, 9,
-                                              IgpResultLookup(t.nine, IgpResultReturnType::resultFound)}});
-    // Flip one octet of record 9's domain id in the file, behind the writer's back.
-    const std::string path = t.root.path() + "/" + IgpResultStatus::mountPath("static");
-    int fd = open(path.c_str(), O_RDWR);
-    struct stat st {};
-    fstat(fd, &st);
-    std::vector<char> bytes(static_cast<std::size_t>(st.st_size));
-    if (pread(fd, bytes.data(), bytes.size(), 0) != st.st_size) complaints += "cannot read the table file\n";
-    const std::uint64_t domain = t.nine.ospfDomainId;
-    std::size_t at = std::string_view(bytes.data(), bytes.size())
-                         .find(std::string_view(reinterpret_cast<const char*>(&domain), sizeof domain));
-    if (at == std::string_view::npos) return complaints + "record 9 not found in the file\n";
-    char flipped = static_cast<char>(bytes[at] ^ 0x40);
-    if (pwrite(fd, &flipped, 1, static_cast<off_t>(at)) != 1) complaints += "cannot damage the file\n";
-    close(fd);
-
-    complaints += check(*helper, {{"damaged", RoutingProtocol::protocolStatic, 9,
-                                   plain(IgpResultReturnType::resultNotFound)},
-                                  {"undamaged", RoutingProtocol::protocolStatic, 7,
-                                   IgpResultLookup(t.seven, IgpResultReturnType::resultFound)}});
-    if (reports.empty()) complaints += "the corruption handler was not told\n";
-    return complaints;
   });
 }
 

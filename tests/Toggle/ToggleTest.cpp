@@ -10,17 +10,22 @@ namespace {
 
 class ToggleFiles : public ::testing::Test {
  protected:
+  // The toggle directory sits inside a directory of the test's own, so that a file beside it
+  // (reachable only by climbing out with "..") exists and must still be ignored.
   void SetUp() override {
     char tmpl[] = "/tmp/bgpcommon-toggle-XXXXXX";
-    dir_ = mkdtemp(tmpl);
+    base_ = mkdtemp(tmpl);
+    dir_ = base_ + "/toggles";
+    std::filesystem::create_directory(dir_);
+    std::ofstream(base_ + "/Outside.json") << R"({"On": true})";
     setenv("BGPCOMMON_TOGGLE_DIR", dir_.c_str(), 1);
   }
   void TearDown() override {
     unsetenv("BGPCOMMON_TOGGLE_DIR");
-    std::filesystem::remove_all(dir_);
+    std::filesystem::remove_all(base_);
   }
   void write(const std::string& name, const std::string& text) { std::ofstream(dir_ + "/" + name) << text; }
-  std::string dir_;
+  std::string base_, dir_;
 };
 
 TEST_F(ToggleFiles, StatesAndDefaults) {
@@ -41,7 +46,7 @@ TEST_F(ToggleFiles, StatesAndDefaults) {
       {"Absent", "Ira.json", true, true},
       {"Absent", "Ira.json", false, false},
       {"On", "Missing.json", false, false},    // absent file
-      {"On", "../Ira.json", false, false},     // outside the directory
+      {"On", "../Outside.json", false, false},  // outside the directory
       {"On", "/etc/passwd", false, false},
   };
   for (const Row& row : rows) {

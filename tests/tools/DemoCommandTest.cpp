@@ -100,11 +100,8 @@ TEST(DemoCommand, TablesStayUnderAGivenRootAndOptionsAreChecked) {
 
   EXPECT_NE(runTool("demo --routes 0").status, 0);
   EXPECT_NE(runTool("demo --routes 1000001").status, 0);
-  auto help = runTool("demo --help");
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.out.find("--routes"), std::string::npos);
 
-  auto values = runTool("demo --values");
+  auto values = runTool("demo --values");  // every configuration sample parses back equal
   EXPECT_EQ(values.status, 0);
   EXPECT_NE(values.out.find("parsed back equal: yes"), std::string::npos);
   EXPECT_EQ(values.out.find("parsed back equal: NO"), std::string::npos);
