@@ -181,9 +181,11 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
   // layout, copied whole. fromWords, called only where wordsDecodable holds, gives what deserialize
   // would; where it does not hold, deserialize is the one to call, and refuses the record.
   static bool wordsDecodable(const std::uint64_t* w, std::uint32_t len) {
-    const std::uint32_t count = static_cast<std::uint32_t>(w[5] >> 32);
-    // Flags other than 0 and 1 go to deserialize, which reads any non-zero byte as true.
-    return (count <= CommunityArray::kSlots) & (len >= minSerializedLen + 4 * count) & ((w[0] >> 40 & 0xFEFE) == 0);
+    const std::uint64_t count = w[5] >> 32;
+    // Flags other than 0 and 1 go to deserialize, which reads any non-zero byte as true. One test
+    // of all three conditions.
+    return (static_cast<std::uint64_t>(count > CommunityArray::kSlots) |
+            static_cast<std::uint64_t>(minSerializedLen + 4 * count > len) | (w[0] >> 40 & 0xFEFE)) == 0;
   }
   static IgpResult fromWords(const std::uint64_t* w);
 

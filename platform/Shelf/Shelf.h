@@ -411,6 +411,9 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   std::uint64_t differs = (seq & 1u) | ((w2 >> 32) ^ bucket) |
                           ((w3 & 0xFFFFFFFFFFFFu) ^ (home | std::uint64_t{keyLen} << 32)) | (w4 ^ keyWord) |
                           static_cast<std::uint64_t>(keyLen == 0) | static_cast<std::uint64_t>(valueLen > ValueMax);
+  // Computed here, not sunk below the value's loads by the compiler: the header words then need no
+  // registers while the value's words are held, and nothing is spilled to the stack.
+  asm("" : "+r"(differs));
 #pragma GCC unroll 128
   for (std::size_t i = 0; i < ValueWords<KeyMax, ValueMax>::kCount; ++i) {
     value.words[i] = __atomic_load_n(s + kValueWord + i, __ATOMIC_RELAXED);
