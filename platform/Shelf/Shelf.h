@@ -53,6 +53,7 @@
 //   std::optional<std::uint32_t> n = r.find(keyBytes, hash, buffer, sizeof buffer);
 
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -387,10 +388,9 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   constexpr std::size_t kValueWord = detail::valueAt(KeyMax) / 8;
   static_assert(detail::kSlotHeaderBytes == 32 && kValueWord == 5);
   const detail::LookupView* v = view_.load(std::memory_order_acquire);
-  if (v == nullptr || __atomic_load_n(v->retired, __ATOMIC_ACQUIRE) != 0 ||
-      v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] {
-    return false;
-  }
+  if (v == nullptr || v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] return false;
+  // A retired file stays mapped, so its slot may be read before the mark is tested with the rest.
+  const std::uint32_t retired = __atomic_load_n(v->retired, __ATOMIC_ACQUIRE);
   const std::uint32_t bucket = hash & v->bucketMask;
   const std::uint32_t home = bucket < v->slotCount ? bucket : bucket - v->slotCount;
   const std::uint64_t* s = reinterpret_cast<const std::uint64_t*>(v->slots + std::uint64_t{kSlotBytes} * home);
@@ -408,9 +408,10 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   // Word 2: link, bucket. Word 3: own index, key length, value length. Word 4: the key and the
   // zeros after it.
   const std::uint32_t valueLen = static_cast<std::uint32_t>(w3 >> 48);
-  std::uint64_t differs = (seq & 1u) | ((w2 >> 32) ^ bucket) |
-                          ((w3 & 0xFFFFFFFFFFFFu) ^ (home | std::uint64_t{keyLen} << 32)) | (w4 ^ keyWord) |
-                          static_cast<std::uint64_t>(keyLen == 0) | static_cast<std::uint64_t>(valueLen > ValueMax);
+  // Index and key length as expected, rotated to the top, leave the value length alone below.
+  const std::uint64_t lengths = std::rotl(w3 ^ (home | std::uint64_t{keyLen} << 32), 16);
+  std::uint64_t differs = retired | (seq & 1u) | ((w2 >> 32) ^ bucket) | (w4 ^ keyWord) |
+                          static_cast<std::uint64_t>(keyLen == 0) | static_cast<std::uint64_t>(lengths > ValueMax);
   // Computed here, not sunk below the value's loads by the compiler: the header words then need no
   // registers while the value's words are held, and nothing is spilled to the stack.
   asm("" : "+r"(differs));
