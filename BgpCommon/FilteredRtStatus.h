@@ -108,8 +108,8 @@ class IgpResultStatus : public KelpSharedMem::CollectionEntity<IgpResultStatusNo
 
   std::string_view typeName() const override { return kTypeName; }
 
-  // The stored record, or none.
-  std::optional<IgpResult> result(IgpResultId key) const { return result_.find(key); }
+  // The stored record, or none. Inlined, as the lookup it makes is.
+  [[gnu::always_inline]] std::optional<IgpResult> result(IgpResultId key) const { return result_.find(key); }
   // Calls fn(const IgpResult&) for every record.
   template <typename F>
   void resultForEach(F&& fn) const {

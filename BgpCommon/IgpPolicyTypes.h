@@ -28,8 +28,11 @@
 // Neither IgpResult nor IgpResult_ can be built from text (they hold a collection); their text
 // constructors stop the process.
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
+#include <type_traits>
 
 #include "platform/Kelp/BareTextForm.h"
 #include "platform/Kelp/ValueType.h"
@@ -173,6 +176,18 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
   // Reads a record; Kelp::RangeException when `in` is shorter than the record or its count is
   // above 4.
   static IgpResult deserialize(std::span<const std::uint8_t> in);
+  // The same from a record of `len` bytes held in little-endian words (8 of them, zeros after the
+  // record), as the shared-memory table's inlined lookup has it: the words are the record's own
+  // layout, copied whole. fromWords, called only where wordsDecodable holds, gives what deserialize
+  // would; where it does not hold, deserialize is the one to call, and refuses the record.
+  static bool wordsDecodable(const std::uint64_t* w, std::uint32_t len) {
+    const std::uint64_t count = w[5] >> 32;
+    // Flags other than 0 and 1 go to deserialize, which reads any non-zero byte as true. One test
+    // of all three conditions.
+    return (static_cast<std::uint64_t>(count > CommunityArray::kSlots) |
+            static_cast<std::uint64_t>(minSerializedLen + 4 * count > len) | (w[0] >> 40 & 0xFEFE)) == 0;
+  }
+  static IgpResult fromWords(const std::uint64_t* w);
 
   // True when anything differs from a fresh record with key 0.
   explicit operator bool() const { return !(*this == IgpResult(IgpResultId())); }
@@ -188,6 +203,28 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
         Kelp::function("serializeLen", &IgpResult::serializeLen));
   }
 };
+
+// A record in memory is laid out as it is serialized, byte 7 being padding in both, so that it can
+// be copied from the serialized words whole.
+static_assert(std::is_standard_layout_v<IgpResult> && std::is_trivially_copyable_v<IgpResult>);
+static_assert(sizeof(IgpResult) == IgpResult::maxSerializedLen && sizeof(bool) == 1 && sizeof(Brim::MaybeU63) == 8);
+static_assert(offsetof(IgpResult, key) == 0 && offsetof(IgpResult, preference) == 4 &&
+              offsetof(IgpResult, ospfBitDn) == 5 && offsetof(IgpResult, ospfv3BitDn) == 6 &&
+              offsetof(IgpResult, metric) == 8 && offsetof(IgpResult, isisLevel) == 16 &&
+              offsetof(IgpResult, ospfMetricType) == 20 && offsetof(IgpResult, ospfDomainId) == 24 &&
+              offsetof(IgpResult, ospfRouteType) == 32 && offsetof(IgpResult, tag) == 40 &&
+              offsetof(IgpResult, community) == 44 && sizeof(CommunityArray) == 20);
+
+inline IgpResult IgpResult::fromWords(const std::uint64_t* w) {
+  // Slots beyond the count read as 0, as deserialize leaves them, whatever the words hold there.
+  static constexpr std::uint64_t kKept[CommunityArray::kSlots + 1][2] = {
+      {0, 0}, {0xFFFFFFFFu, 0}, {~std::uint64_t{0}, 0}, {~std::uint64_t{0}, 0xFFFFFFFFu}, {~std::uint64_t{0}, ~std::uint64_t{0}}};
+  const std::uint64_t* kept = kKept[w[5] >> 32];
+  const std::uint64_t words[8] = {w[0], w[1], w[2], w[3], w[4], w[5], w[6] & kept[0], w[7] & kept[1]};
+  IgpResult r{IgpResultId()};
+  std::memcpy(static_cast<void*>(&r), words, sizeof words);
+  return r;
+}
 
 }  // namespace Routing::BgpRedistribute
 

@@ -25,7 +25,9 @@
 //   results.set(r.key, r);
 //   std::optional<IgpResult> back = results.find(IgpResultId(7));
 
+#include <concepts>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -116,14 +118,26 @@ class Collection {
   const Kelp::Ptr<CollectionControl>& control() const { return control_; }
   void controlIs(Kelp::Ptr<CollectionControl> c) { control_ = std::move(c); }
 
-  // The stored value, or none (also when unbound or when the entry cannot be read whole).
-  std::optional<V> find(const K& key) const {
+  // The stored value, or none (also when unbound or when the entry cannot be read whole). Inlined
+  // into the caller, with the lookup of findAtHome where the types allow it: a lookup of a record
+  // in its home costs no call.
+  [[gnu::always_inline]] std::optional<V> find(const K& key) const {
     if (!control_) return std::nullopt;
     std::uint8_t k[kKeyMax];
-    Shelf::Bytes kb(k, KeyCodec<K>::encode(key, k));
-    std::uint32_t h = KeyCodec<K>::hash(key);
-    if (Shelf::Reader* r = control_->reader()) return readerFind(*r, kb, h);
-    return writerFind(kb, h);
+    const std::uint32_t kn = KeyCodec<K>::encode(key, k);
+    const std::uint32_t h = KeyCodec<K>::hash(key);
+    if (Shelf::Reader* r = control_->reader()) {
+      if constexpr (kWordLookup) {
+        std::uint64_t keyWord = 0;
+        std::memcpy(&keyWord, k, kn);
+        Shelf::Reader::ValueWords<kKeyMax, kValueMax> value;
+        if (r->findAtHome(keyWord, kn, h, value) && V::wordsDecodable(value.words, value.length)) [[likely]] {
+          return std::optional<V>(std::in_place, FromWords{value.words});
+        }
+      }
+      return readerFind(*r, Shelf::Bytes(k, kn), h);
+    }
+    return writerFind(Shelf::Bytes(k, kn), h);
   }
 
   // Writer only. Stores `value` under `key`; false when the same value was stored already.
@@ -183,11 +197,25 @@ class Collection {
     operator V() const { return V::deserialize(bytes); }  // NOLINT: converts on purpose
   };
 
+  // Keys of one word whose values decode from words (V::wordsDecodable and V::fromWords, over the
+  // value's bytes as little-endian words, zeros after its length) are looked up inline first: a
+  // value wordsDecodable refuses goes the common way, to be decoded or refused by V::deserialize.
+  static constexpr bool kWordLookup = kKeyMax <= 8 && requires(const std::uint64_t* w, std::uint32_t n) {
+    { V::wordsDecodable(w, n) } -> std::same_as<bool>;
+    { V::fromWords(w) } -> std::same_as<V>;
+  };
+  struct FromWords {
+    const std::uint64_t* words;
+    operator V() const { return V::fromWords(words); }  // NOLINT: converts on purpose
+  };
+
   // Both return a prvalue on every path, so that the record is decoded straight into the caller's
   // optional: a named optional returned from several places would be built on the stack and copied
   // out, and that copy reads back, in wide loads, what the decoder has just written field by field,
   // which the processor cannot forward from its store queue.
-  static std::optional<V> readerFind(const Shelf::Reader& r, Shelf::Bytes kb, std::uint32_t h) {
+  // Out of line: its copy of a record takes a kilobyte of stack, which the inlined lookup above
+  // does without.
+  [[gnu::noinline]] static std::optional<V> readerFind(const Shelf::Reader& r, Shelf::Bytes kb, std::uint32_t h) {
     Shelf::Reader::RecordCopy copy;
     std::optional<Shelf::Bytes> value = r.find(kb, h, copy);
     if (!value) return std::nullopt;

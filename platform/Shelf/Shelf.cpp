@@ -29,6 +29,8 @@ static_assert(std::endian::native == std::endian::little, "the table format is l
 
 namespace Shelf {
 
+using namespace detail;  // the slot layout
+
 namespace {
 
 constexpr std::uint64_t kMagic = 0x464c454853504742ull;  // "BGPSHELF"
@@ -36,17 +38,6 @@ constexpr std::uint32_t kVersion = 2;
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;        // no slot: end of a chain, empty bucket
 constexpr std::uint32_t kFreeBucket = 0xFFFFFFFEu;  // the bucket field of a free slot
 constexpr std::size_t kHeaderBytes = 4096;
-
-// Slot layout. The checksum covers bytes [16, slotSize): link, bucket, own index, lengths, key,
-// value and the zero bytes after them; not the sequence counter.
-constexpr std::size_t kSeqAt = 0;
-constexpr std::size_t kChecksumAt = 8;
-constexpr std::size_t kNextAt = 16;
-constexpr std::size_t kBucketAt = 20;
-constexpr std::size_t kSelfAt = 24;
-constexpr std::size_t kKeyLenAt = 28;
-constexpr std::size_t kValueLenAt = 30;
-constexpr std::size_t kSlotHeaderBytes = 32;
 
 // Ring entry layout: stamp (position + 1 once complete), then kind, key length, scalar index, key.
 constexpr std::size_t kRingHeaderBytes = 16;
@@ -123,15 +114,6 @@ std::uint64_t get64(const std::uint8_t* p) {
 template <typename T>
 void putRaw(std::uint8_t* p, T v) {
   std::memcpy(p, &v, sizeof v);
-}
-constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
-
-// A slot's value starts at the first 8-byte boundary after its key. Readers copy slots word by
-// word and decode values from their copies: a field read from within one copied word is forwarded
-// from that store at once, while one straddling two words would wait for both to reach the cache.
-constexpr std::size_t valueAt(std::size_t keyLen) { return kSlotHeaderBytes + roundUp(keyLen, 8); }
-constexpr std::size_t slotBytesFor(std::size_t keyMax, std::size_t valueMax) {
-  return roundUp(valueAt(keyMax) + valueMax, 8);
 }
 
 // Copies `bytes` (a multiple of 8) word by word with relaxed atomic loads, the reading half of a
@@ -249,10 +231,7 @@ struct CrcTableStep {
 // The same step with the SSE4.2 instruction. Written as assembly so that it can be inlined into
 // code compiled for any x86-64; it runs only where kCrcInstruction says the processor has it.
 struct CrcInstructionStep {
-  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) {
-    asm("crc32q %1, %0" : "+r"(crc) : "r"(word));
-    return crc;
-  }
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) { return crc32cStep(crc, word); }
 };
 const bool kCrcInstruction = [] {
   __builtin_cpu_init();
@@ -358,6 +337,7 @@ struct Mapping {
   std::uint8_t* ring = nullptr;
   dev_t dev = 0;
   ino_t ino = 0;
+  LookupView view;
 
   Mapping() = default;
   Mapping(const Mapping&) = delete;
@@ -380,6 +360,11 @@ struct Mapping {
     buckets = base + h->bucketsOffset;
     slots = base + h->slotsOffset;
     ring = base + h->ringOffset;
+    view.retired = &header->retired;
+    view.slots = slots;
+    view.slotCount = slotCount;
+    view.bucketMask = bucketMask;
+    view.shape = kCrcInstruction ? shapeOf(slotSize, keyMax, valueMax) : 0;
   }
   std::uint8_t* bucket(std::uint32_t b) const { return buckets + 4ull * b; }
   std::uint8_t* slot(std::uint32_t i) const { return slots + std::uint64_t{slotSize} * i; }
@@ -1117,6 +1102,7 @@ Mapping* Reader::refresh() const {
   fresh->adopt(&h);
   Mapping* attached = fresh.get();
   mappings_.push_back(std::move(fresh));
+  view_.store(&attached->view, std::memory_order_release);
   current_.store(attached, std::memory_order_release);
   PICO_FMTRACE(Pico::kTraceLevelOperational, " attached {} generation {}", where_.fullPath(), attached->generation);
   return attached;

@@ -53,6 +53,8 @@
 //   std::optional<std::uint32_t> n = r.find(keyBytes, hash, buffer, sizeof buffer);
 
 #include <atomic>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -159,6 +161,54 @@ struct Change {
 namespace detail {
 struct Mapping;
 
+constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
+
+// Slot layout. The checksum covers bytes [16, slotSize): link, bucket, own index, lengths, key,
+// value and the zero bytes after them; not the sequence counter.
+inline constexpr std::size_t kSeqAt = 0;
+inline constexpr std::size_t kChecksumAt = 8;
+inline constexpr std::size_t kNextAt = 16;
+inline constexpr std::size_t kBucketAt = 20;
+inline constexpr std::size_t kSelfAt = 24;
+inline constexpr std::size_t kKeyLenAt = 28;
+inline constexpr std::size_t kValueLenAt = 30;
+inline constexpr std::size_t kSlotHeaderBytes = 32;
+
+// A slot's value starts at the first 8-byte boundary after its key. Readers copy slots word by
+// word and decode values from their copies: a field read from within one copied word is forwarded
+// from that store at once, while one straddling two words would wait for both to reach the cache.
+constexpr std::size_t valueAt(std::size_t keyLen) { return kSlotHeaderBytes + roundUp(keyLen, 8); }
+constexpr std::size_t slotBytesFor(std::size_t keyMax, std::size_t valueMax) {
+  return roundUp(valueAt(keyMax) + valueMax, 8);
+}
+
+// The record shape of a table as one word, for a typed lookup to compare with the shape it was
+// compiled for: slot size, longest key and longest value.
+constexpr std::uint64_t shapeOf(std::uint64_t slotSize, std::uint64_t keyMax, std::uint64_t valueMax) {
+  return slotSize | keyMax << 16 | valueMax << 32;
+}
+
+#if defined(__x86_64__)
+// One CRC32C step over a little-endian word with the SSE4.2 instruction. Written as assembly so
+// that it can be inlined into code compiled for any x86-64; it runs only on processors that have
+// it (checked at run time when a table is attached).
+inline std::uint64_t crc32cStep(std::uint64_t crc, std::uint64_t word) {
+  asm("crc32q %1, %0" : "+r"(crc) : "r"(word));
+  return crc;
+}
+#endif
+
+// What a typed lookup inlined into its caller needs of an attached table.
+struct LookupView {
+  const std::uint32_t* retired = nullptr;  // the header's mark: a newer file replaced this one
+  const std::uint8_t* slots = nullptr;
+  std::uint32_t slotCount = 0;
+  std::uint32_t bucketMask = 0;
+  // shapeOf the table's records; 0 where the lookup cannot be done inline (no CRC32C
+  // instruction), which no typed lookup expects.
+  std::uint64_t shape = 0;
+};
+
 // The checksum a table keeps of each record, over `words` (a multiple of 8 bytes, up to
 // kMaxSlotBytes), as computed with tables and with the processor's CRC32C instruction (nullopt when
 // it has none). The two must agree: a table is read and written by whichever processes map it.
@@ -257,6 +307,25 @@ class Reader {
   // Copies the record of `key` into `copy` and returns its value, which lies in `copy`: decoding
   // it from there saves copying it out once more. nullopt when absent or unreadable.
   std::optional<Bytes> find(Bytes key, std::uint32_t hash, RecordCopy& copy) const;
+
+  // A value as findAtHome returns it: its bytes in little-endian words, and its length.
+  template <std::uint32_t KeyMax, std::uint32_t ValueMax>
+  struct ValueWords {
+    static constexpr std::size_t kCount = (detail::slotBytesFor(KeyMax, ValueMax) - detail::valueAt(KeyMax)) / 8;
+    std::uint64_t words[kCount];
+    std::uint32_t length;
+  };
+  // The common case of find for tables of keys of at most 8 bytes, KeyMax and ValueMax being the
+  // table's own geometry, inlined into the caller and kept short: the processor overlaps the
+  // memory accesses of consecutive lookups only while its window of instructions in flight holds
+  // more than one, so every instruction counts. Reads only the key's home slot (see find), into
+  // registers, with the same checks as find: the sequence counter before and after, the checksum
+  // of the whole slot, its own index and bucket, and the key and its length (`keyWord` holds the
+  // key's `keyLen` bytes, zeros above). False when anything is not as expected, or the record is
+  // not at home: the caller then calls find, which looks further, retries and reports.
+  template <std::uint32_t KeyMax, std::uint32_t ValueMax>
+  [[gnu::always_inline]] inline bool findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std::uint32_t hash,
+                                         ValueWords<KeyMax, ValueMax>& value) const;
   // Calls fn(key, value) once for every entry found, bucket by bucket.
   void forEach(const std::function<void(Bytes key, Bytes value)>& fn) const;
   std::uint64_t scalar(std::uint32_t index) const;
@@ -295,6 +364,7 @@ class Reader {
 
   mutable std::mutex mutex_;  // guards attaching and the list of mappings
   mutable std::atomic<detail::Mapping*> current_{nullptr};
+  mutable std::atomic<const detail::LookupView*> view_{nullptr};  // that of current_
   // Every mapping ever attached; kept until the reader goes, because a concurrent find may still
   // read one that has just been retired.
   mutable std::vector<std::unique_ptr<detail::Mapping>> mappings_;
@@ -308,5 +378,64 @@ class Reader {
   std::uint64_t cursor_ = 0;
   std::uint64_t lastChangeNs_ = 0;
 };
+
+template <std::uint32_t KeyMax, std::uint32_t ValueMax>
+inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std::uint32_t hash,
+                               ValueWords<KeyMax, ValueMax>& value) const {
+#if defined(__x86_64__)
+  static_assert(KeyMax >= 1 && KeyMax <= 8, "the key is one word");
+  constexpr std::size_t kSlotBytes = detail::slotBytesFor(KeyMax, ValueMax);
+  constexpr std::size_t kValueWord = detail::valueAt(KeyMax) / 8;
+  static_assert(detail::kSlotHeaderBytes == 32 && kValueWord == 5);
+  const detail::LookupView* v = view_.load(std::memory_order_acquire);
+  if (v == nullptr || v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] return false;
+  // A retired file stays mapped, so its slot may be read before the mark is tested with the rest.
+  const std::uint32_t retired = __atomic_load_n(v->retired, __ATOMIC_ACQUIRE);
+  const std::uint32_t bucket = hash & v->bucketMask;
+  const std::uint32_t home = bucket < v->slotCount ? bucket : bucket - v->slotCount;
+  const std::uint64_t* s = reinterpret_cast<const std::uint64_t*>(v->slots + std::uint64_t{kSlotBytes} * home);
+  // The words after the counter straight into registers, each summed as it comes: the checks and
+  // the caller's decoding use these very words, so what is checked is what is decoded. The header
+  // words are checked first, which frees their registers before the value's words arrive.
+  const std::uint32_t seq = __atomic_load_n(reinterpret_cast<const std::uint32_t*>(s), __ATOMIC_ACQUIRE);
+  const std::uint64_t w2 = __atomic_load_n(s + 2, __ATOMIC_RELAXED);
+  const std::uint64_t w3 = __atomic_load_n(s + 3, __ATOMIC_RELAXED);
+  const std::uint64_t w4 = __atomic_load_n(s + 4, __ATOMIC_RELAXED);
+  // The two-lane CRC32C of find: words at even places from word 2 in one lane, odd in the other.
+  std::uint64_t lane0 = detail::crc32cStep(0xFFFFFFFFu, w2);
+  std::uint64_t lane1 = detail::crc32cStep(0xFFFFFFFFu, w3);
+  lane0 = detail::crc32cStep(lane0, w4);
+  // Word 2: link, bucket. Word 3: own index, key length, value length. Word 4: the key and the
+  // zeros after it.
+  const std::uint32_t valueLen = static_cast<std::uint32_t>(w3 >> 48);
+  // Index and key length as expected, rotated to the top, leave the value length alone below.
+  const std::uint64_t lengths = std::rotl(w3 ^ (home | std::uint64_t{keyLen} << 32), 16);
+  std::uint64_t differs = retired | (seq & 1u) | ((w2 >> 32) ^ bucket) | (w4 ^ keyWord) |
+                          static_cast<std::uint64_t>(keyLen == 0) | static_cast<std::uint64_t>(lengths > ValueMax);
+  // Computed here, not sunk below the value's loads by the compiler: the header words then need no
+  // registers while the value's words are held, and nothing is spilled to the stack.
+  asm("" : "+r"(differs));
+#pragma GCC unroll 128
+  for (std::size_t i = 0; i < ValueWords<KeyMax, ValueMax>::kCount; ++i) {
+    value.words[i] = __atomic_load_n(s + kValueWord + i, __ATOMIC_RELAXED);
+    if (((kValueWord + i) & 1) == 0) {
+      lane0 = detail::crc32cStep(lane0, value.words[i]);
+    } else {
+      lane1 = detail::crc32cStep(lane1, value.words[i]);
+    }
+  }
+  const std::uint64_t stored = __atomic_load_n(s + 1, __ATOMIC_RELAXED);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  const std::uint32_t seqAfter = __atomic_load_n(reinterpret_cast<const std::uint32_t*>(s), __ATOMIC_RELAXED);
+  const std::uint64_t sum = (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
+  differs |= (seqAfter ^ seq) | (sum ^ stored);
+  if (differs != 0) [[unlikely]] return false;
+  value.length = valueLen;
+  return true;
+#else
+  (void)keyWord, (void)keyLen, (void)hash, (void)value;
+  return false;
+#endif
+}
 
 }  // namespace Shelf

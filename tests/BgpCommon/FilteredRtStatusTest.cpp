@@ -114,6 +114,31 @@ TEST(FilteredRtStatus, ReadersSeeWhatTheWriterStores) {
   early->notifieeDel(&readerLog);
 }
 
+// Readers decode stored bytes as IgpResult::deserialize does, whichever way they read them: a
+// flag byte other than 0 and 1 reads as true, and a record deserialize refuses is refused with its
+// message.
+TEST(FilteredRtStatus, ReadersDecodeStoredBytesAsDeserializeDoes) {
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("vrf4", em, 16);
+  auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto view = IgpResultStatus::createIgpResultStatusReader("vrf4", readerEm);
+  Shelf::Writer* raw = status->resultControl()->writer();
+  auto store = [&](IgpResultId id, std::size_t at, std::uint8_t byte) {
+    IgpResult r = versionedRecord(id.value, 4);  // flags clear, four communities
+    std::vector<std::uint8_t> bytes(r.serializeLen());
+    r.serialize(bytes.data());
+    bytes[at] = byte;
+    raw->put(Shelf::Bytes(reinterpret_cast<const std::uint8_t*>(&id.value), 4), id.value, bytes);
+    return r;
+  };
+  IgpResult flagged = store(IgpResultId(1), 5, 2);
+  flagged.ospfBitDn = true;
+  store(IgpResultId(2), 44, 5);
+  EXPECT_EQ(view->result(IgpResultId(1)), flagged);
+  EXPECT_EQ(testing_support::rangeMessage([&] { view->result(IgpResultId(2)); }), "array count 5 above its limit 4");
+}
+
 // A path that holds an entity of another type gives no status table; a status table needs its
 // one collection, under its own name.
 TEST(FilteredRtStatus, MountsAreCheckedByTypeAndCollection) {

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <string>
+
 #include "platform/Kelp/Registry.h"
 #include "tests/Support/PolicyResults.h"
 #include "tests/Support/ValueConformance.h"
@@ -184,6 +189,57 @@ TEST(IgpPolicyTypes, EveryCommunityCountDecodesAndLeavesTheRestEmpty) {
       for (std::uint32_t i = count; i + 1 < CommunityArray::kSlots; ++i) {
         EXPECT_EQ(back.community.at(CommunityIndex(i)), 0u) << "count " << count << " slot " << i;
       }
+    }
+  }
+}
+
+// Readers of the shared-memory table decode records from words where they can: what they get must
+// be what deserialize gives, and every record deserialize refuses or reads otherwise than byte for
+// byte (a flag other than 0 or 1) must be left to deserialize.
+TEST(IgpPolicyTypes, DecodingFromWordsAgreesWithDeserialize) {
+  struct Case {
+    std::uint32_t count;
+    std::uint32_t extra;  // bytes after the record, of 0x5A, counted in its length
+    int flagByte;         // 5 or 6: set to 2; else untouched
+    int countField;       // stored in place of the count when >= 0
+    std::uint32_t shortBy;
+    bool decodable;
+  };
+  const Case cases[] = {
+      {0, 0, 0, -1, 0, true},  {1, 0, 0, -1, 0, true},  {4, 0, 0, -1, 0, true},  {1, 12, 0, -1, 0, true},
+      {3, 4, 0, -1, 0, true},  {2, 0, 5, -1, 0, false}, {2, 0, 6, -1, 0, false}, {2, 0, 0, 5, 0, false},
+      {2, 0, 0, 3, 0, false},  {2, 0, 0, -1, 1, false}, {0, 0, 0, -1, 1, false},
+  };
+  for (const Case& c : cases) {
+    IgpResult r{IgpResultId(0x01020304)};
+    r.preference = 110;
+    r.ospfv3BitDn = true;
+    r.metric.valueIs(20);
+    r.isisLevel = Isis::Level::level2;
+    r.ospfDomainId = 0x1122334455667788ull;
+    r.ospfRouteType = 5;
+    r.tag = 0xDEADBEEFu;
+    for (std::uint32_t i = 0; i < c.count; ++i) r.communityIs(CommunityIndex(i), 0xA0000001u + i);
+    std::uint8_t bytes[IgpResult::maxSerializedLen] = {};
+    r.serialize(bytes);
+    const std::uint32_t len = r.serializeLen() + c.extra - c.shortBy;
+    std::fill(bytes + r.serializeLen(), bytes + r.serializeLen() + c.extra, 0x5A);
+    std::fill(bytes + len, std::end(bytes), 0);
+    if (c.flagByte != 0) bytes[c.flagByte] = 2;
+    if (c.countField >= 0) bytes[44] = static_cast<std::uint8_t>(c.countField);
+    std::uint64_t words[IgpResult::maxSerializedLen / 8];
+    std::memcpy(words, bytes, sizeof bytes);
+    const std::string which = "count " + std::to_string(c.count) + " extra " + std::to_string(c.extra) + " flag " +
+                              std::to_string(c.flagByte) + " field " + std::to_string(c.countField) + " short " +
+                              std::to_string(c.shortBy);
+    ASSERT_EQ(IgpResult::wordsDecodable(words, len), c.decodable) << which;
+    if (c.decodable) {
+      IgpResult back = IgpResult::fromWords(words);
+      EXPECT_EQ(Kelp::valueToStrep(back), Kelp::valueToStrep(IgpResult::deserialize(std::span(bytes, len)))) << which;
+      // Slots beyond the count are empty, as in a fresh record: setting the last one shows them.
+      back.communityIs(CommunityIndex(CommunityArray::kSlots - 1), 1);
+      r.communityIs(CommunityIndex(CommunityArray::kSlots - 1), 1);
+      EXPECT_EQ(back, r) << which;
     }
   }
 }

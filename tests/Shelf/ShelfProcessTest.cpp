@@ -316,6 +316,18 @@ TEST(ShelfProcess, AReaderProcessSurvivesADamagedTable) {
     std::fputc(bytes[at] ^ 1, f);
     std::fclose(f);
   }
+  // A reader in this process reads the other records and reports the damaged one, absent.
+  auto readerEm = manager(root);
+  auto view = IgpResultStatus::createIgpResultStatusReader("damaged", readerEm);
+  std::vector<std::string> reports;
+  view->resultControl()->corruptionHandlerIs([&](std::string_view m) { reports.emplace_back(m); });
+  for (std::uint32_t k = 1; k <= 10; ++k) {
+    std::optional<IgpResult> r = view->result(IgpResultId(k));
+    EXPECT_EQ(r.has_value(), k != 5) << k;
+    if (r) EXPECT_EQ(*r, versionedRecord(k, k));
+  }
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].find("checksum mismatch in slot"), std::string::npos) << reports[0];
   auto out = testing_support::runTool("igp-results show damaged --root " + root.path());
   EXPECT_EQ(out.status, 0);
   EXPECT_NE(out.out.find("corruption: Shelf " + path + ": checksum mismatch in slot"), std::string::npos) << out.out;
