@@ -8,7 +8,6 @@
 // dependent=1 (each id chosen by the previous record: latency rather than throughput).
 #include <lmdb.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -134,17 +133,11 @@ void withLoops(benchmark::State& state, Run run, Ours ours, Peer peer) {
   }
 }
 
-double cpuNs() {
-  timespec ts;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
-
 // Times kBatch calls of ours and of the peer per iteration, in thread CPU time; sets ours_ns and
 // peer_ns.
 template <typename Ours, typename Peer>
 void pairedCpuRun(benchmark::State& state, Ours&& ours, Peer&& peer) {
-  bench_support::pairedTimes(state, kBatch, ours, peer, cpuNs);
+  bench_support::pairedTimes(state, kBatch, ours, peer, bench_support::threadCpuNs);
 }
 
 // Ours beside a limit we aim to stay within `goal` times of.
