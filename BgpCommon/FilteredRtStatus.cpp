@@ -86,74 +86,18 @@ Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusReader(
   return Kelp::ptrDynamicCast<IgpResultStatus>(em->entity(path));
 }
 
-void IgpResultStatus::resultIs(const IgpResult& r) {
-  if (result_.set(r.key, r)) resultNotify(r.key);
-}
-
-void IgpResultStatus::resultDel(IgpResultId key) {
-  if (result_.del(key)) resultNotify(key);
-}
-
-void IgpResultStatus::resultDelAll() {
-  std::vector<IgpResultId> keys;
-  if (hasNotifiees()) result_.forEach([&](const IgpResult& r) { keys.push_back(r.key); });
-  result_.delAll();
-  for (IgpResultId k : keys) resultNotify(k);
-}
-
-void IgpResultStatus::resultControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
-  listenTo(result_.control(), c);
-  result_.controlIs(c);
-}
-
-void IgpResultStatus::collectionControlIs(std::string_view collection, const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
-  PICO_ASSERT(collection == kCollection);
-  resultControlIs(c);
-}
-
-void IgpResultStatus::onKeyChange(Shelf::Bytes key) {
-  resultNotify(KelpShelf::KeyCodec<IgpResultId>::decode(key));
-}
-
-void IgpResultStatus::resultNotify(IgpResultId key) {
-  notifyAll([&](Notifiee& n) { n.onResult(key); });
-}
-
-void IgpResultStatus::resultNotifyQuiesced(bool quiesced) {
-  notifyAll([&](Notifiee& n) { n.onResultQuiesced(quiesced); });
-}
-
-void IgpResultStatus::resultNotifyMountStatus() {
-  notifyAll([&](Notifiee& n) { n.onResultMountStatus(); });
-}
-
 Kelp::Ptr<IgpResultStatus> igpResultStatusFactory(const Kelp::String& name) {
   return Kelp::makePtr<IgpResultStatus>(name);
 }
 
-void FilteredRtStatus::filteredRouteIs(const FilteredRoute& r) {
-  if (filteredRoute_.set(r.key, r)) filteredRouteNotify(r.key);
-}
-
-void FilteredRtStatus::filteredRouteDel(const Netzo::IpGenPrefix& prefix) {
-  if (filteredRoute_.del(prefix)) filteredRouteNotify(prefix);
-}
-
-void FilteredRtStatus::filteredRouteDelAll() {
-  std::vector<Netzo::IpGenPrefix> keys;
-  if (hasNotifiees()) filteredRoute_.forEach([&](const FilteredRoute& r) { keys.push_back(r.key); });
-  filteredRoute_.delAll();
-  for (const Netzo::IpGenPrefix& k : keys) filteredRouteNotify(k);
-}
-
 bool FilteredRtStatus::routesProcessed() const {
-  const auto& c = filteredRoute_.control();
+  const auto& c = recordControl();
   return c ? c->scalar(kRoutesProcessedScalar) != 0 : routesProcessed_;
 }
 
 void FilteredRtStatus::routesProcessedIs(bool processed) {
   if (processed == routesProcessed()) return;
-  const auto& c = filteredRoute_.control();
+  const auto& c = recordControl();
   if (c) {
     c->scalarIs(kRoutesProcessedScalar, processed ? 1 : 0);
   } else {
@@ -162,35 +106,8 @@ void FilteredRtStatus::routesProcessedIs(bool processed) {
   notifyAll([](Notifiee& n) { n.onRoutesProcessed(); });
 }
 
-void FilteredRtStatus::filteredRouteControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
-  listenTo(filteredRoute_.control(), c);
-  filteredRoute_.controlIs(c);
-}
-
-void FilteredRtStatus::collectionControlIs(std::string_view collection,
-                                           const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
-  PICO_ASSERT(collection == kCollection);
-  filteredRouteControlIs(c);
-}
-
-void FilteredRtStatus::onKeyChange(Shelf::Bytes key) {
-  filteredRouteNotify(KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(key));
-}
-
 void FilteredRtStatus::onScalarChange(std::uint32_t index) {
   if (index == kRoutesProcessedScalar) notifyAll([](Notifiee& n) { n.onRoutesProcessed(); });
-}
-
-void FilteredRtStatus::filteredRouteNotify(const Netzo::IpGenPrefix& prefix) {
-  notifyAll([&](Notifiee& n) { n.onFilteredRoute(prefix); });
-}
-
-void FilteredRtStatus::filteredRouteNotifyQuiesced(bool quiesced) {
-  notifyAll([&](Notifiee& n) { n.onFilteredRouteQuiesced(quiesced); });
-}
-
-void FilteredRtStatus::filteredRouteNotifyMountStatus() {
-  notifyAll([](Notifiee& n) { n.onFilteredRouteMountStatus(); });
 }
 
 Kelp::Ptr<FilteredRtStatus> filteredRtStatusFactory(const Kelp::String& name) {
@@ -199,26 +116,11 @@ Kelp::Ptr<FilteredRtStatus> filteredRtStatusFactory(const Kelp::String& name) {
 
 namespace {
 
-const KelpSharedMem::EntityTypeRegistration filteredRtStatusType({
-    FilteredRtStatus::kTypeName,
-    [](const Kelp::String& name) -> Kelp::Ptr<KelpSharedMem::Entity> { return filteredRtStatusFactory(name); },
-    {FilteredRtStatus::kCollection, KelpShelf::KeyCodec<Netzo::IpGenPrefix>::maxSize, FilteredRoute::maxSerializedLen},
-});
-
-const KelpSharedMem::EntityTypeRegistration igpResultStatusType({
-    IgpResultStatus::kTypeName,
-    [](const Kelp::String& name) -> Kelp::Ptr<KelpSharedMem::Entity> { return igpResultStatusFactory(name); },
-    {IgpResultStatus::kCollection, KelpShelf::KeyCodec<IgpResultId>::maxSize, IgpResult::maxSerializedLen},
-});
-
-const Kelp::TypeInfo igpResultStatusInfo =
-    Kelp::entityType(IgpResultStatus::kTypeName, {"name", "result", "resultControl"});
-
-const Kelp::TypeInfo filteredRtStatusInfo = Kelp::entityType(
-    FilteredRtStatus::kTypeName, {"name", "filteredRoute", "filteredRouteControl", "routesProcessed"});
+const KelpSharedMem::TableEntityRegistration<IgpResultStatus> igpResultStatusType;
+const KelpSharedMem::TableEntityRegistration<FilteredRtStatus> filteredRtStatusType;
 
 const Kelp::TypeModule module("FilteredRtStatus",
-                              {Kelp::typeInfo<FilteredRoute>(), &igpResultStatusInfo, &filteredRtStatusInfo});
+                              {Kelp::typeInfo<FilteredRoute>(), igpResultStatusType.typeInfo(), filteredRtStatusType.typeInfo()});
 
 }  // namespace
 }  // namespace Routing::BgpRedistribute

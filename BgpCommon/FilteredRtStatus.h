@@ -23,6 +23,7 @@
 // read again (mount status: first attach, a new writer, a cleared table, or a reader that fell
 // behind the change ring).
 
+#include <array>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -31,6 +32,7 @@
 #include "platform/Netzo/IpGenPrefix.h"
 #include "platform/Shelf/EntityManager.h"
 #include "platform/Shelf/KelpShelf.h"
+#include "platform/Shelf/TableEntity.h"
 
 // Result identifiers are small numbers handed out in sequence, so the number itself spreads them
 // evenly over the buckets.
@@ -84,13 +86,29 @@ struct FilteredRoute : Kelp::ValueBase<FilteredRoute> {
   }
 };
 
-class IgpResultStatusNotifiee;
+// What an IgpResultStatus tells its notifiees: a record's key changed, the writer closed (true) or
+// a new one opened (false), or everything has to be read again.
+class IgpResultStatusNotifiee {
+ public:
+  virtual ~IgpResultStatusNotifiee() = default;
+  virtual void onResult(IgpResultId /*key*/) {}
+  virtual void onResultQuiesced(bool /*quiesced*/) {}
+  virtual void onResultMountStatus() {}
+};
 
-class IgpResultStatus : public KelpSharedMem::CollectionEntity<IgpResultStatusNotifiee> {
+class IgpResultStatus
+    : public KelpSharedMem::TableEntity<IgpResultStatus, IgpResultId, IgpResult, IgpResultStatusNotifiee,
+                                        &IgpResultStatusNotifiee::onResult, &IgpResultStatusNotifiee::onResultQuiesced,
+                                        &IgpResultStatusNotifiee::onResultMountStatus> {
  public:
   static constexpr std::string_view kTypeName = "Routing::BgpRedistribute::IgpResultStatus";
   static constexpr std::string_view kMountPrefix = "routing/rib/igpResultStatus/";
   static constexpr std::string_view kCollection = "result";
+  // Reflective names: the entity's attributes, the creation functions and their arguments (the
+  // entity manager and the capacity), and the record hooks of the collection.
+  static constexpr std::array<std::string_view, 13> kAttributes = {
+      "name",  "result", "resultControl", "createIgpResultStatusWriter", "createIgpResultStatusReader",
+      "agent", "shmemEm", "size", "value", "serialize", "serializeLen", "deserialize", "deserializeLen"};
 
   using Notifiee = IgpResultStatusNotifiee;
 
@@ -104,107 +122,36 @@ class IgpResultStatus : public KelpSharedMem::CollectionEntity<IgpResultStatusNo
                                                                 const Kelp::Ptr<KelpSharedMem::EntityManager>& em);
   static Kelp::String mountPath(const Kelp::String& name) { return Kelp::String(kMountPrefix) + name; }
 
-  explicit IgpResultStatus(const Kelp::String& name) : CollectionEntity(name) {}
-
-  std::string_view typeName() const override { return kTypeName; }
+  using TableEntity::TableEntity;
 
   // The stored record, or none. Inlined, as the lookup it makes is.
-  [[gnu::always_inline]] std::optional<IgpResult> result(IgpResultId key) const { return result_.find(key); }
+  [[gnu::always_inline]] std::optional<IgpResult> result(IgpResultId key) const { return records_.find(key); }
   // Calls fn(const IgpResult&) for every record.
   template <typename F>
   void resultForEach(F&& fn) const {
-    result_.forEach(fn);
+    recordForEach(fn);
   }
-  std::uint32_t resultCount() const { return result_.size(); }
+  std::uint32_t resultCount() const { return recordCount(); }
 
   // Writer only. Inserts or replaces by key, then notifies; storing an equal record changes nothing.
   // A new key in a full table throws the table-full error.
-  void resultIs(const IgpResult& r);
+  void resultIs(const IgpResult& r) { recordIs(r); }
   // Writer only. Removes the record if present, then notifies.
-  void resultDel(IgpResultId key);
+  void resultDel(IgpResultId key) { recordDel(key); }
   // Writer only. Removes every record, notifying each key.
-  void resultDelAll();
+  void resultDelAll() { recordDelAll(); }
+  // The facility's hook after a record was written (none: any record may have changed).
+  void resultCommit(const IgpResult* r) { recordCommit(r); }
 
-  const Kelp::Ptr<KelpShelf::CollectionControl>& resultControl() const { return result_.control(); }
-  void resultControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c);
-  void collectionControlIs(std::string_view collection, const Kelp::Ptr<KelpShelf::CollectionControl>& c) override;
+  const Kelp::Ptr<KelpShelf::CollectionControl>& resultControl() const { return recordControl(); }
+  void resultControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) { recordControlIs(c); }
 
-  void resultNotify(IgpResultId key);
-  void resultNotifyQuiesced(bool quiesced);
-  void resultNotifyMountStatus();
-
-
- private:
-  KelpShelf::CollectionControl* boundControl() const override { return result_.control().get(); }
-  void onKeyChange(Shelf::Bytes key) override;
-  void onResync() override { resultNotifyMountStatus(); }
-  void onQuiesced(bool quiesced) override { resultNotifyQuiesced(quiesced); }
-
-  KelpShelf::Collection<IgpResultId, IgpResult> result_;
-};
-
-class IgpResultStatusNotifiee {
- public:
-  virtual ~IgpResultStatusNotifiee() = default;
-  virtual void onResult(IgpResultId /*key*/) {}
-  virtual void onResultQuiesced(bool /*quiesced*/) {}
-  virtual void onResultMountStatus() {}
+  void resultNotify(IgpResultId key) { notifyKey(key); }
+  void resultNotifyQuiesced(bool quiesced) { notifyQuiesced(quiesced); }
+  void resultNotifyMountStatus() { notifyMountStatus(); }
 };
 
 Kelp::Ptr<IgpResultStatus> igpResultStatusFactory(const Kelp::String& name);
-
-}  // namespace Routing::BgpRedistribute
-
-namespace Routing::BgpRedistribute {
-
-class FilteredRtStatusNotifiee;
-
-class FilteredRtStatus : public KelpSharedMem::CollectionEntity<FilteredRtStatusNotifiee> {
- public:
-  static constexpr std::string_view kTypeName = "Routing::BgpRedistribute::FilteredRtStatus";
-  static constexpr std::string_view kCollection = "filteredRoute";
-  using Notifiee = FilteredRtStatusNotifiee;
-
-  explicit FilteredRtStatus(const Kelp::String& name) : CollectionEntity(name) {}
-
-  std::string_view typeName() const override { return kTypeName; }
-
-  std::optional<FilteredRoute> filteredRoute(const Netzo::IpGenPrefix& prefix) const { return filteredRoute_.find(prefix); }
-  template <typename F>
-  void filteredRouteForEach(F&& fn) const {
-    filteredRoute_.forEach(fn);
-  }
-  std::uint32_t filteredRouteCount() const { return filteredRoute_.size(); }
-
-  // Writer only, as for IgpResultStatus.
-  void filteredRouteIs(const FilteredRoute& r);
-  void filteredRouteDel(const Netzo::IpGenPrefix& prefix);
-  void filteredRouteDelAll();
-
-  // Written by the writer (shared with readers through the table); false until then.
-  bool routesProcessed() const;
-  void routesProcessedIs(bool processed);
-
-  const Kelp::Ptr<KelpShelf::CollectionControl>& filteredRouteControl() const { return filteredRoute_.control(); }
-  void filteredRouteControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c);
-  void collectionControlIs(std::string_view collection, const Kelp::Ptr<KelpShelf::CollectionControl>& c) override;
-
-  void filteredRouteNotify(const Netzo::IpGenPrefix& prefix);
-  void filteredRouteNotifyQuiesced(bool quiesced);
-  void filteredRouteNotifyMountStatus();
-
- private:
-  static constexpr std::uint32_t kRoutesProcessedScalar = 0;
-
-  KelpShelf::CollectionControl* boundControl() const override { return filteredRoute_.control().get(); }
-  void onKeyChange(Shelf::Bytes key) override;
-  void onResync() override { filteredRouteNotifyMountStatus(); }
-  void onQuiesced(bool quiesced) override { filteredRouteNotifyQuiesced(quiesced); }
-  void onScalarChange(std::uint32_t index) override;
-
-  KelpShelf::Collection<Netzo::IpGenPrefix, FilteredRoute> filteredRoute_;
-  bool routesProcessed_ = false;  // while no table is bound
-};
 
 class FilteredRtStatusNotifiee {
  public:
@@ -213,6 +160,54 @@ class FilteredRtStatusNotifiee {
   virtual void onFilteredRouteQuiesced(bool /*quiesced*/) {}
   virtual void onFilteredRouteMountStatus() {}
   virtual void onRoutesProcessed() {}
+};
+
+class FilteredRtStatus
+    : public KelpSharedMem::TableEntity<FilteredRtStatus, Netzo::IpGenPrefix, FilteredRoute, FilteredRtStatusNotifiee,
+                                        &FilteredRtStatusNotifiee::onFilteredRoute,
+                                        &FilteredRtStatusNotifiee::onFilteredRouteQuiesced,
+                                        &FilteredRtStatusNotifiee::onFilteredRouteMountStatus> {
+ public:
+  static constexpr std::string_view kTypeName = "Routing::BgpRedistribute::FilteredRtStatus";
+  static constexpr std::string_view kCollection = "filteredRoute";
+  // Reflective names: the entity's attributes, then the key and record hooks of the collection.
+  static constexpr std::array<std::string_view, 10> kAttributes = {
+      "name",  "filteredRoute", "filteredRouteControl", "routesProcessed", "prefix",
+      "value", "serialize",     "serializeLen",         "deserialize",     "deserializeLen"};
+  using Notifiee = FilteredRtStatusNotifiee;
+
+  using TableEntity::TableEntity;
+
+  std::optional<FilteredRoute> filteredRoute(const Netzo::IpGenPrefix& prefix) const { return recordFind(prefix); }
+  template <typename F>
+  void filteredRouteForEach(F&& fn) const {
+    recordForEach(fn);
+  }
+  std::uint32_t filteredRouteCount() const { return recordCount(); }
+
+  // Writer only, as for IgpResultStatus.
+  void filteredRouteIs(const FilteredRoute& r) { recordIs(r); }
+  void filteredRouteDel(const Netzo::IpGenPrefix& prefix) { recordDel(prefix); }
+  void filteredRouteDelAll() { recordDelAll(); }
+  void filteredRouteCommit(const FilteredRoute* r) { recordCommit(r); }
+
+  // Written by the writer (shared with readers through the table); false until then.
+  bool routesProcessed() const;
+  void routesProcessedIs(bool processed);
+
+  const Kelp::Ptr<KelpShelf::CollectionControl>& filteredRouteControl() const { return recordControl(); }
+  void filteredRouteControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) { recordControlIs(c); }
+
+  void filteredRouteNotify(const Netzo::IpGenPrefix& prefix) { notifyKey(prefix); }
+  void filteredRouteNotifyQuiesced(bool quiesced) { notifyQuiesced(quiesced); }
+  void filteredRouteNotifyMountStatus() { notifyMountStatus(); }
+
+ private:
+  static constexpr std::uint32_t kRoutesProcessedScalar = 0;
+
+  void onScalarChange(std::uint32_t index) override;
+
+  bool routesProcessed_ = false;  // while no table is bound
 };
 
 Kelp::Ptr<FilteredRtStatus> filteredRtStatusFactory(const Kelp::String& name);

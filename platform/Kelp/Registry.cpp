@@ -27,7 +27,7 @@ const AttrInfo* TypeInfo::attribute(std::string_view attrName) const {
   return nullptr;
 }
 
-TypeInfo entityType(std::string_view name, std::initializer_list<std::string_view> attributeNames) {
+TypeInfo entityType(std::string_view name, std::span<const std::string_view> attributeNames) {
   TypeInfo t;
   t.name = name;
   t.kind = TypeKind::entity;

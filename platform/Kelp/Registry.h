@@ -96,7 +96,10 @@ const TypeInfo* typeInfo() {
 }
 
 // A reference-counted framework object known to the registry by name and attribute names only.
-TypeInfo entityType(std::string_view name, std::initializer_list<std::string_view> attributeNames);
+TypeInfo entityType(std::string_view name, std::span<const std::string_view> attributeNames);
+inline TypeInfo entityType(std::string_view name, std::initializer_list<std::string_view> attributeNames) {
+  return entityType(name, std::span<const std::string_view>(attributeNames.begin(), attributeNames.size()));
+}
 
 class TypeModule {
  public:

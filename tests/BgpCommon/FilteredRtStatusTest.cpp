@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
+
 #include <gtest/gtest.h>
 
+#include "platform/Kelp/Registry.h"
 #include "tests/Shelf/ShelfTestSupport.h"
 #include "tests/Support/ValueConformance.h"
 
@@ -194,6 +197,40 @@ TEST(FilteredRtStatus, RoutesByPrefixAndRoutesProcessed) {
   EXPECT_FALSE(unmounted->routesProcessed());
   unmounted->routesProcessedIs(true);
   EXPECT_TRUE(unmounted->routesProcessed());
+}
+
+// Generic code finds both tables by name with every reflective name of the source; the facility's
+// hooks make a new entity for a directory, tell an entity its parent and commit records.
+TEST(FilteredRtStatus, RegistryNamesAndFacilityHooks) {
+  std::set<std::string_view> names;
+  for (std::string_view type : {IgpResultStatus::kTypeName, FilteredRtStatus::kTypeName}) {
+    const Kelp::TypeInfo* t = Kelp::findType(type);
+    ASSERT_NE(t, nullptr) << type;
+    EXPECT_EQ(t->attributes.front().name, "name");
+    for (const auto& a : t->attributes) names.insert(a.name);
+  }
+  EXPECT_EQ(names, (std::set<std::string_view>{
+                       "agent", "createIgpResultStatusReader", "createIgpResultStatusWriter", "deserialize",
+                       "deserializeLen", "filteredRoute", "filteredRouteControl", "name", "prefix", "result",
+                       "resultControl", "routesProcessed", "serialize", "serializeLen", "shmemEm", "size", "value"}));
+
+  TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("hooks", em, 4);
+  auto fresh = IgpResultStatus::newEntityForDir("dir");
+  EXPECT_EQ(fresh->name(), "dir");
+  EXPECT_EQ(fresh->resultControl(), nullptr);
+  fresh->handleParent(status);
+  EXPECT_EQ(fresh->parent(), status);
+  Log log;
+  status->notifieeIs(&log);
+  const IgpResult r = versionedRecord(5, 1);
+  status->resultCommit(&r);
+  status->resultCommit(nullptr);
+  status->resultIs(r);
+  status->resultIs(r);  // the same record again: nothing to tell
+  EXPECT_EQ(log.take(), (std::vector<std::string>{"key 5", "mount", "key 5"}));
+  status->notifieeDel(&log);
 }
 
 // A control outlives its entity: the entity leaves it when its last reference goes.
