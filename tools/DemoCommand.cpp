@@ -1,7 +1,6 @@
 // bgpcommon demo: static routes redistributed into BGP, across two processes.
 //
 //   bgpcommon demo [--routes N] [--root DIR]   the redistribution flow (default 100000 routes)
-//   bgpcommon demo --values                    a short tour of the configuration value types
 //
 // This process plays the configuring agent: it evaluates a redistribution policy over generated
 // static routes, interns the results (IgpResultTable), which publishes one record per distinct
@@ -11,34 +10,26 @@
 // (IgpResultStatusReaderHelper::lookup) and reports what it found. Then some outcomes are released
 // (their records withdrawn, their identifiers freed) and new ones take the freed identifiers.
 //
-// The demo checks the reader's answers and exits 1 if they disagree with what was published. Every
-// wait on the reader is bounded.
-#include <fcntl.h>
-#include <ftw.h>
-#include <poll.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/wait.h>
+// The demo checks the reader's answers (tools/ReaderReport.h) against what it published and what
+// the feature toggle, read here too, makes a lookup answer; it exits 1 if they disagree. Every wait
+// on the reader is bounded.
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "BgpCommon/BgpTypesImpl.h"
 #include "BgpCommon/FilteredRtStatus.h"
 #include "BgpCommon/IgpResultDedupTable.h"
 #include "BgpCommon/IgpResultStatusReaderHelper.h"
-#include "platform/Kelp/Registry.h"
 #include "tools/Command.h"
+#include "tools/ReaderReport.h"
+#include "tools/Support.h"
 
 namespace {
 
@@ -62,36 +53,6 @@ constexpr std::uint32_t kReplaced[] = {5, 12, 30};  // clauses the operator late
 constexpr double kReaderTimeoutSeconds = 30;
 
 double msSince(Clock::time_point t0) { return std::chrono::duration<double, std::milli>(Clock::now() - t0).count(); }
-
-// ---- The value tour (--values) -------------------------------------------------------------
-
-template <typename T>
-void show(const char* what, const T& v) {
-  Kelp::String text = Kelp::valueToStrep(v);
-  T back = Kelp::strepToValue<T>(text);
-  std::printf("%s\n  long:  %s\n  short: %s\n  parsed back equal: %s\n", what, text.c_str(), v.toStrep().c_str(),
-              back == v ? "yes" : "NO");
-}
-
-void valueTour() {
-  using namespace Routing::Bgp;
-  std::printf("Configuration value types print a long text form that parses back exactly,\n"
-              "and a short form for display.\n\n");
-  show("A neighbour's route limit", MaxRoutes(1000, 800, true));
-  show("Accepted-route limit", MaxAcceptedRoutes(5, 4));
-  show("Advertised-route limit", MaxAdvRoutes(20000, 18000));
-  show("Advertisement delay", OutDelay(30, Routing::OutDelayApplyType::applyChanged));
-
-  std::printf("\nBad text is refused with a message naming the field at fault:\n");
-  const char* bad = "Value('Routing::Bgp::MaxRoutes', ** {'routes': 1000, 'warningThreshold': -1, "
-                    "'warningOnly': True})";
-  try {
-    Kelp::strepToValue<MaxRoutes>(bad);
-  } catch (const Kelp::RangeException& e) {
-    std::printf("  %s\n", e.what());
-  }
-  std::printf("\n%zu types are registered (bgpcommon value list).\n", Kelp::registeredTypes().size());
-}
 
 // ---- The policy --------------------------------------------------------------------------
 
@@ -121,104 +82,26 @@ IgpResult_ clauseResult(std::uint32_t c, std::uint32_t generation) {
 
 // ---- Running the reader process ----------------------------------------------------------
 
-struct ReaderCounts {
-  std::uint64_t routes = 0;
-  std::map<std::string, std::uint64_t> byType;
-  std::map<std::uint32_t, std::string> probes;  // id -> return type
-};
-
-// Parses the reader's lines: "looked up N routes ...: resultFound a, resultDefault b, ..." and
-// "id N: TYPE ...".
-void parseReaderLine(const std::string& line, ReaderCounts& counts) {
-  unsigned long long n = 0;
-  if (std::sscanf(line.c_str(), "looked up %llu routes", &n) == 1) {
-    counts.routes = n;
-    std::size_t colon = line.find("): ");
-    std::istringstream rest(colon == std::string::npos ? "" : line.substr(colon + 3));
-    std::string name, number;
-    while (rest >> name >> number) counts.byType[name] = std::strtoull(number.c_str(), nullptr, 10);
-    return;
-  }
-  unsigned id = 0;
-  char type[32] = {};
-  if (std::sscanf(line.c_str(), "id %u: %31s", &id, type) == 2) counts.probes[id] = type;
-}
-
-std::string selfExecutable() {
-  char buf[4096];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) throw std::runtime_error("cannot find this program's executable");
-  return std::string(buf, static_cast<std::size_t>(n));
-}
-
-// Starts `bgpcommon demo-reader ARGS` and relays its output, indented, with a bounded wait.
-// Returns what it reported, or nothing when it failed or timed out.
-std::optional<ReaderCounts> runReader(const std::vector<std::string>& args) {
-  const std::string exe = selfExecutable();
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  std::fflush(stdout);
-  pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    dup2(fds[1], STDERR_FILENO);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(exe.c_str()));
-    static char sub[] = "demo-reader";
-    argv.push_back(sub);
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(exe.c_str(), argv.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  ReaderCounts counts;
-  std::string pending;
-  const auto deadline = Clock::now() + std::chrono::duration<double>(kReaderTimeoutSeconds);
-  bool timedOut = false;
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) {
-      timedOut = true;
-      break;
-    }
-    pollfd p{fds[0], POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(std::min<long long>(left, 200))) <= 0) continue;
-    char buf[4096];
-    ssize_t n = read(fds[0], buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    pending.append(buf, static_cast<std::size_t>(n));
-    for (std::size_t eol; (eol = pending.find('\n')) != std::string::npos; pending.erase(0, eol + 1)) {
-      std::string line = pending.substr(0, eol);
-      std::printf("    | %s\n", line.c_str());
-      parseReaderLine(line, counts);
-    }
-  }
-  close(fds[0]);
-  if (timedOut) kill(pid, SIGKILL);
-  int status = 0;
-  // The reader has closed its output (or been killed): it is exiting; still, wait no longer than 5 s.
-  const auto exitDeadline = Clock::now() + std::chrono::seconds(5);
-  pid_t done = 0;
-  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < exitDeadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  if (done == 0) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    timedOut = true;
-  }
-  if (timedOut) {
+// Starts `bgpcommon demo-reader ARGS` and relays its output, indented. Returns its report, or
+// nothing when it failed or did not finish in time.
+std::optional<tools::ReaderReport> runReader(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"demo-reader"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  tools::ReaderReport report;
+  const tools::ChildResult r = tools::runChild(tools::selfExecutable(), argv, kReaderTimeoutSeconds,
+                                               [&](const std::string& line) {
+                                                 std::printf("    | %s\n", line.c_str());
+                                                 report.absorb(line);
+                                               });
+  if (r.timedOut) {
     std::printf("    reader did not finish within %.0f s: stopped\n", kReaderTimeoutSeconds);
     return std::nullopt;
   }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::printf("    reader failed (status %d)\n", WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+  if (r.status != 0) {
+    std::printf("    reader failed (status %d)\n", r.status);
     return std::nullopt;
   }
-  return counts;
+  return report;
 }
 
 // ---- The demo ----------------------------------------------------------------------------
@@ -226,37 +109,6 @@ std::optional<ReaderCounts> runReader(const std::vector<std::string>& args) {
 struct Options {
   std::uint32_t routes = 100000;
   std::string root;
-  bool values = false;
-};
-
-// A directory for the tables: the one given, or a fresh one removed afterwards.
-class DemoRoot {
- public:
-  explicit DemoRoot(const std::string& given) : path_(given) {
-    if (!path_.empty()) return;
-    char shm[] = "/dev/shm/bgpcommon-demo-XXXXXX";
-    char tmp[] = "/tmp/bgpcommon-demo-XXXXXX";
-    const char* made = mkdtemp(shm);
-    if (made == nullptr) made = mkdtemp(tmp);
-    if (made == nullptr) throw std::runtime_error("cannot create a temporary directory");
-    path_ = made;
-    temporary_ = true;
-  }
-  ~DemoRoot() {
-    if (temporary_) {
-      nftw(
-          path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-          FTW_DEPTH | FTW_PHYS);
-    }
-  }
-  DemoRoot(const DemoRoot&) = delete;
-  DemoRoot& operator=(const DemoRoot&) = delete;
-  const std::string& path() const { return path_; }
-  bool temporary() const { return temporary_; }
-
- private:
-  std::string path_;
-  bool temporary_ = false;
 };
 
 std::string joinIds(const std::vector<std::uint32_t>& ids) {
@@ -267,7 +119,7 @@ std::string joinIds(const std::vector<std::uint32_t>& ids) {
 
 class Demo {
  public:
-  Demo(const Options& opt, const DemoRoot& root) : opt_(opt), root_(root) {}
+  Demo(const Options& opt, const tools::TempDir& root) : opt_(opt), root_(root) {}
 
   int run() {
     const auto start = Clock::now();
@@ -367,22 +219,22 @@ class Demo {
       args.push_back(joinIds(ids));
     }
     ++passes_;
-    std::optional<ReaderCounts> counts = runReader(args);
-    if (!counts) return;
-    std::uint64_t sum = 0;
-    for (const auto& [type, n] : counts->byType) sum += n;
-    // The expected answers: with static-route communities off, every lookup is tag-only.
-    std::map<std::string, std::uint64_t> want;
-    if (counts->byType["resultTagOnly"] == opt_.routes) {
-      want["resultTagOnly"] = opt_.routes;
-    } else {
-      want["resultFound"] = expectedFound_;
-      want["resultDefault"] = opt_.routes - expectedFound_;
-    }
-    bool ok = counts->routes == opt_.routes && sum == opt_.routes;
-    for (const auto& [type, n] : want) ok = ok && counts->byType[type] == n;
-    if (want.count("resultFound") != 0) {
-      for (const auto& [id, type] : probe) ok = ok && counts->probes[id] == stringValue(type);
+    std::optional<tools::ReaderReport> report = runReader(args);
+    if (!report) return;
+    // What every lookup must answer: with static-route communities off (the toggle, read here as
+    // the reader reads it), only the tag; else the record for a route with an identifier, the
+    // default for one without.
+    using RT = IgpResultReturnType;
+    const bool tagOnly = !Routing::BgpRedistribute::IgpResultStatusReaderHelper::staticRouteCommunities();
+    std::map<RT, std::uint64_t> want = {{RT::resultFound, tagOnly ? 0 : expectedFound_},
+                                        {RT::resultDefault, tagOnly ? 0 : opt_.routes - expectedFound_},
+                                        {RT::resultNotFound, 0},
+                                        {RT::resultTagOnly, tagOnly ? opt_.routes : 0}};
+    bool ok = report->counted && report->routes == opt_.routes;
+    for (const auto& [type, n] : want) ok = ok && report->count(type) == n;
+    for (const auto& [id, type] : probe) {
+      const auto it = report->probes.find(id);
+      ok = ok && it != report->probes.end() && it->second == (tagOnly ? RT::resultTagOnly : type);
     }
     std::printf("   %s\n\n", ok ? "the reader's answers match what was published"
                                   : "MISMATCH: the reader's answers differ from what was published");
@@ -443,7 +295,7 @@ class Demo {
   }
 
   const Options& opt_;
-  const DemoRoot& root_;
+  const tools::TempDir& root_;
   Kelp::Ptr<KelpSharedMem::EntityManager> em_;
   Kelp::Ptr<IgpResultStatus> status_;
   Kelp::Ptr<FilteredRtStatus> routes_;
@@ -459,13 +311,9 @@ class Demo {
 };
 
 void runDemo(const Options& opt) {
-  if (opt.values) {
-    valueTour();
-    return;
-  }
   int code = 0;
   try {
-    DemoRoot root(opt.root);
+    tools::TempDir root(opt.root, "bgpcommon-demo");
     code = Demo(opt, root).run();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "demo failed: %s\n", e.what());
@@ -519,27 +367,22 @@ void readerMain(const ReaderOptions& opt) {
     all.reserve(routes->filteredRouteCount());
     routes->filteredRouteForEach([&](const FilteredRoute& r) { all.push_back(r); });
 
-    std::uint64_t counts[4] = {};
+    std::map<IgpResultReturnType, std::uint64_t> counts;
     std::set<std::uint32_t> ids;
     const auto t0 = Clock::now();
     for (const FilteredRoute& r : all) {
       IgpResultLookup l = helper->lookup(RouteKey(r.key), RoutingProtocol::protocolStatic, r.igpResultId.value);
-      ++counts[static_cast<unsigned>(l.returnType) & 3];
+      ++counts[l.returnType];
       if (l.returnType == IgpResultReturnType::resultFound) ids.insert(l.igpResult.key.value);
     }
-    const double ms = msSince(t0);
-    std::printf("looked up %zu routes in %.2f ms (%.1f M lookups/s): resultFound %llu, resultDefault %llu, "
-                "resultNotFound %llu, resultTagOnly %llu\n",
-                all.size(), ms, all.size() / ms / 1e3, static_cast<unsigned long long>(counts[1]),
-                static_cast<unsigned long long>(counts[0]), static_cast<unsigned long long>(counts[2]),
-                static_cast<unsigned long long>(counts[3]));
+    std::printf("%s\n", tools::ReaderReport::countLine(all.size(), msSince(t0), counts).c_str());
     std::printf("%zu distinct records found, %u in the table\n", ids.size(), status->resultCount());
   }
   for (std::uint32_t id : opt.ids) {
     IgpResultLookup l = helper->lookup(RouteKey(), RoutingProtocol::protocolStatic, id);
-    std::printf("id %u: %s%s%s\n", id, stringValue(l.returnType).c_str(),
-                l.returnType == IgpResultReturnType::resultFound ? " " : "",
-                l.returnType == IgpResultReturnType::resultFound ? Kelp::valueToStrep(l.igpResult).c_str() : "");
+    const bool found = l.returnType == IgpResultReturnType::resultFound;
+    std::printf("%s\n",
+                tools::ReaderReport::probeLine(id, l.returnType, found ? Kelp::valueToStrep(l.igpResult) : "").c_str());
   }
 }
 
@@ -548,7 +391,6 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
   auto* demo = app.add_subcommand("demo", "Redistribute static routes into BGP across two processes");
   demo->add_option("--routes", opt.routes, "How many static routes (default 100000)")->check(CLI::Range(1u, 1000000u));
   demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)");
-  demo->add_flag("--values", opt.values, "Show the configuration value types instead");
   demo->footer(
       "This process evaluates a policy over generated static routes, interns the results (one record and\n"
       "identifier per distinct outcome, published in a shared-memory table) and publishes every route with\n"

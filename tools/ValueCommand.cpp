@@ -1,8 +1,9 @@
-// bgpcommon value list | parse TYPE TEXT: every registered type, reachable through the registry.
+// bgpcommon value list | parse TYPE TEXT | tour: every registered type, reachable through the registry.
 #include <cstdio>
 
 #include "platform/Kelp/Registry.h"
 #include "tools/Command.h"
+#include "tools/ValueTour.h"
 
 namespace {
 
@@ -36,6 +37,10 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
         std::printf("%.*s\n", static_cast<int>(t->name.size()), t->name.data());
       }
     }
+  });
+
+  value->add_subcommand("tour", "A short tour of the configuration value types")->callback([] {
+    if (!tools::valueTour()) throw CLI::RuntimeError(1);
   });
 
   static ValueOptions opt;

@@ -3,40 +3,17 @@
 // afterwards, and records whose fields all derive from one number, so that a reader can tell a
 // whole record from a torn or mixed one.
 
-#include <ftw.h>
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <string>
 
 #include "BgpCommon/IgpPolicyTypes.h"
+#include "tools/Support.h"
 
 namespace testing_support {
 
 // A fresh directory under /dev/shm (or /tmp), removed with everything in it when it goes.
-class TempRoot {
- public:
-  TempRoot() {
-    char pattern[] = "/dev/shm/bgpcommon-test-XXXXXX";
-    char fallback[] = "/tmp/bgpcommon-test-XXXXXX";
-    const char* made = mkdtemp(pattern);
-    if (made == nullptr) made = mkdtemp(fallback);
-    path_ = made != nullptr ? made : "";
-  }
-  ~TempRoot() {
-    if (!path_.empty()) {
-      nftw(
-          path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-          FTW_DEPTH | FTW_PHYS);
-    }
-  }
-  TempRoot(const TempRoot&) = delete;
-  TempRoot& operator=(const TempRoot&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
+struct TempRoot : tools::TempDir {
+  TempRoot() : TempDir({}, "bgpcommon-test") {}
 };
 
 // Record `key` at `version`: every field is a function of both, and the community count varies,

@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,25 +14,23 @@
 
 #include "tests/Shelf/ShelfTestSupport.h"
 #include "tests/Support/RunTool.h"
+#include "tools/ReaderReport.h"
 
 namespace {
 
 using testing_support::runTool;
 using testing_support::TempRoot;
 
-struct Pass {
-  unsigned long long routes, found, deflt, notFound, tagOnly;
-};
+using RT = Routing::BgpRedistribute::IgpResultReturnType;
 
-// The reader's count lines, one per pass.
-std::vector<Pass> passesOf(const std::string& out) {
-  static const std::regex line(
-      R"(looked up (\d+) routes in [0-9.]+ ms \([0-9.]+ M lookups/s\): resultFound (\d+), resultDefault (\d+), )"
-      R"(resultNotFound (\d+), resultTagOnly (\d+))");
-  std::vector<Pass> passes;
-  for (std::sregex_iterator it(out.begin(), out.end(), line), end; it != end; ++it) {
-    const std::smatch& m = *it;
-    passes.push_back({std::stoull(m[1]), std::stoull(m[2]), std::stoull(m[3]), std::stoull(m[4]), std::stoull(m[5])});
+// The reader's reports as the demo relays them ("    | " before each of its lines), one per pass.
+std::vector<tools::ReaderReport> passesOf(const std::string& out) {
+  std::vector<tools::ReaderReport> passes;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("    | ", 0) != 0) continue;
+    tools::ReaderReport pass;
+    if (pass.absorb(line.substr(6)) && pass.counted) passes.push_back(pass);
   }
   return passes;
 }
@@ -54,19 +53,19 @@ testing_support::ToolResult runDemo(const std::string& args, const std::string& 
 TEST(DemoCommand, RedistributesAcrossTwoProcesses) {
   auto r = runDemo("demo --routes 2000");
   ASSERT_EQ(r.status, 0) << r.out;
-  std::vector<Pass> passes = passesOf(r.out);
+  std::vector<tools::ReaderReport> passes = passesOf(r.out);
   ASSERT_EQ(passes.size(), 3u) << r.out;
-  for (const Pass& p : passes) {
+  for (const tools::ReaderReport& p : passes) {
     EXPECT_EQ(p.routes, 2000u);
-    EXPECT_EQ(p.found + p.deflt + p.notFound + p.tagOnly, 2000u);
-    EXPECT_EQ(p.notFound + p.tagOnly, 0u);
+    EXPECT_EQ(p.count(RT::resultFound) + p.count(RT::resultDefault), 2000u);
+    EXPECT_EQ(p.count(RT::resultNotFound) + p.count(RT::resultTagOnly), 0u);
   }
   // One route in 25 matches no clause and carries no identifier.
-  EXPECT_EQ(passes[0].found, 1920u);
-  EXPECT_EQ(passes[0].deflt, 80u);
+  EXPECT_EQ(passes[0].count(RT::resultFound), 1920u);
+  EXPECT_EQ(passes[0].count(RT::resultDefault), 80u);
   // Released outcomes: their routes carry no identifier any more; then they are back.
-  EXPECT_LT(passes[1].found, 1920u);
-  EXPECT_EQ(passes[2].found, 1920u);
+  EXPECT_LT(passes[1].count(RT::resultFound), 1920u);
+  EXPECT_EQ(passes[2].count(RT::resultFound), 1920u);
 
   const std::string freed = match(r.out, R"(identifiers ([0-9,]+) freed)");
   EXPECT_EQ(match(r.out, R"(received identifiers ([0-9,]+): the freed ones)"), freed);
@@ -83,9 +82,9 @@ TEST(DemoCommand, RedistributesAcrossTwoProcesses) {
 TEST(DemoCommand, ToggleOffMakesEveryLookupTagOnly) {
   auto r = runDemo("demo --routes 500", R"({"StaticRouteCommunities": false})");
   ASSERT_EQ(r.status, 0) << r.out;
-  std::vector<Pass> passes = passesOf(r.out);
+  std::vector<tools::ReaderReport> passes = passesOf(r.out);
   ASSERT_EQ(passes.size(), 3u) << r.out;
-  for (const Pass& p : passes) EXPECT_EQ(p.tagOnly, 500u);
+  for (const tools::ReaderReport& p : passes) EXPECT_EQ(p.count(RT::resultTagOnly), 500u);
 }
 
 TEST(DemoCommand, TablesStayUnderAGivenRootAndOptionsAreChecked) {
@@ -101,7 +100,7 @@ TEST(DemoCommand, TablesStayUnderAGivenRootAndOptionsAreChecked) {
   EXPECT_NE(runTool("demo --routes 0").status, 0);
   EXPECT_NE(runTool("demo --routes 1000001").status, 0);
 
-  auto values = runTool("demo --values");  // every configuration sample parses back equal
+  auto values = runTool("value tour");  // every configuration sample parses back equal
   EXPECT_EQ(values.status, 0);
   EXPECT_NE(values.out.find("parsed back equal: yes"), std::string::npos);
   EXPECT_EQ(values.out.find("parsed back equal: NO"), std::string::npos);

@@ -1,0 +1,137 @@
+#pragma once
+// What the tool's commands and its tests both need: a temporary directory that goes away with its
+// owner, and a child process run with every wait on it bounded.
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tools {
+
+// A directory for shared-memory tables: the one given (kept), or a fresh one under /dev/shm (under
+// /tmp where /dev/shm is not writable) removed with everything in it when this goes.
+class TempDir {
+ public:
+  explicit TempDir(std::string given = {}, const char* stem = "bgpcommon") : path_(std::move(given)) {
+    if (!path_.empty()) return;
+    for (const char* dir : {"/dev/shm/", "/tmp/"}) {
+      std::string pattern = std::string(dir) + stem + "-XXXXXX";
+      if (mkdtemp(pattern.data()) != nullptr) {
+        path_ = pattern;
+        temporary_ = true;
+        return;
+      }
+    }
+    throw std::runtime_error("cannot create a temporary directory");
+  }
+  ~TempDir() {
+    if (temporary_) {
+      nftw(
+          path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+          FTW_DEPTH | FTW_PHYS);
+    }
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  bool temporary() const { return temporary_; }
+
+ private:
+  std::string path_;
+  bool temporary_ = false;
+};
+
+// The path of the running program, so that it can start itself again.
+inline std::string selfExecutable() {
+  char buf[4096];
+  const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) throw std::runtime_error("cannot find this program's executable");
+  return std::string(buf, static_cast<std::size_t>(n));
+}
+
+// How a child ended: its exit status, 128 + the signal that ended it, or timedOut (it was killed).
+struct ChildResult {
+  int status = -1;
+  bool timedOut = false;
+  bool ok() const { return !timedOut && status == 0; }
+};
+
+// Runs `exe` with `args`, its standard output and error merged and handed to `onLine` line by
+// line as they come, for at most `timeoutSeconds`; then it is killed. The final wait for its exit
+// is bounded too (5 s), so a child that closes its output and hangs cannot hold the caller.
+inline ChildResult runChild(const std::string& exe, const std::vector<std::string>& args, double timeoutSeconds,
+                            const std::function<void(const std::string&)>& onLine) {
+  using Clock = std::chrono::steady_clock;
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  std::fflush(stdout);
+  const pid_t pid = fork();
+  if (pid < 0) {
+    close(fds[0]);
+    close(fds[1]);
+    throw std::runtime_error("fork failed");
+  }
+  if (pid == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(exe.c_str()));
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(exe.c_str(), argv.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  ChildResult result;
+  std::string pending;
+  const auto deadline = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) {
+      result.timedOut = true;
+      break;
+    }
+    pollfd p{fds[0], POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(std::min<long long>(left, 200))) <= 0) continue;
+    char buf[4096];
+    const ssize_t n = read(fds[0], buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    pending.append(buf, static_cast<std::size_t>(n));
+    for (std::size_t eol; (eol = pending.find('\n')) != std::string::npos; pending.erase(0, eol + 1)) {
+      onLine(pending.substr(0, eol));
+    }
+  }
+  close(fds[0]);
+  if (result.timedOut) kill(pid, SIGKILL);
+  int status = 0;
+  const auto exitDeadline = Clock::now() + std::chrono::seconds(5);
+  pid_t done = 0;
+  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < exitDeadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (done == 0) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    result.timedOut = true;
+  }
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+}  // namespace tools
