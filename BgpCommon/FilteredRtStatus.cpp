@@ -8,65 +8,68 @@
 #include "platform/Kelp/Registry.h"
 #include "platform/Pico/Format.h"
 
-std::uint32_t KelpShelf::KeyCodec<Netzo::IpGenPrefix>::encode(const Netzo::IpGenPrefix& p, std::uint8_t* out) {
-  out[0] = static_cast<std::uint8_t>(p.family());
-  out[1] = p.length();
-  std::size_t n = p.address().octetCount();
-  std::memcpy(out + 2, p.address().octets(), n);
-  return static_cast<std::uint32_t>(2 + n);
-}
-
 namespace {
-// The prefix at the front of `b` and the bytes it took, or nothing when the bytes are no prefix.
-std::optional<std::pair<Netzo::IpGenPrefix, std::size_t>> decodePrefix(Shelf::Bytes b) {
-  using Netzo::AddressFamily;
-  if (b.size() < 2) return std::nullopt;
-  auto family = static_cast<AddressFamily>(b[0]);
-  if (family != AddressFamily::ipUnknown && family != AddressFamily::ipv4 && family != AddressFamily::ipv6) {
-    return std::nullopt;
+// The address octets of a family the table stores, or -1.
+int octetsOf(std::uint8_t family) {
+  switch (static_cast<Netzo::AddressFamily>(family)) {
+    case Netzo::AddressFamily::ipUnknown: return 0;
+    case Netzo::AddressFamily::ipv4: return 4;
+    case Netzo::AddressFamily::ipv6: return 16;
+    default: return -1;
   }
-  std::size_t n = family == AddressFamily::ipv4 ? 4 : family == AddressFamily::ipv6 ? 16 : 0;
-  if (b.size() < 2 + n || b[1] > Netzo::maxPrefixLength(family)) return std::nullopt;
-  Netzo::IpGenAddr address;
-  if (family == AddressFamily::ipv4) {
-    std::uint32_t nbo;
-    std::memcpy(&nbo, b.data() + 2, 4);
-    address = Netzo::IpAddr::fromNetworkOrder(nbo);
-  } else if (family == AddressFamily::ipv6) {
-    Netzo::Ip6Addr::Octets octets;
-    std::memcpy(octets.data(), b.data() + 2, 16);
-    address = Netzo::Ip6Addr(octets);
-  } else if (b[1] != 0) {
-    return std::nullopt;
-  }
-  return std::make_pair(Netzo::IpGenPrefix(address, b[1]), 2 + n);
 }
 }  // namespace
 
+bool Kelp::ByteCodec<Netzo::IpGenPrefix>::canonical(const std::uint8_t* in) {
+  const int n = octetsOf(in[0]);
+  return n >= 0 && in[1] <= Netzo::maxPrefixLength(static_cast<Netzo::AddressFamily>(in[0]));
+}
+
+void Kelp::ByteCodec<Netzo::IpGenPrefix>::validate(const std::uint8_t* in) {
+  if (!canonical(in)) throw Kelp::RangeException("bytes do not hold a prefix");
+}
+
+void Kelp::ByteCodec<Netzo::IpGenPrefix>::get(const std::uint8_t* in, Netzo::IpGenPrefix& p) {
+  using Netzo::AddressFamily;
+  Netzo::IpGenAddr address;
+  switch (static_cast<AddressFamily>(in[0])) {
+    case AddressFamily::ipv4: {
+      std::uint32_t nbo;
+      std::memcpy(&nbo, in + 2, 4);
+      address = Netzo::IpAddr::fromNetworkOrder(nbo);
+      break;
+    }
+    case AddressFamily::ipv6: {
+      Netzo::Ip6Addr::Octets octets;
+      std::memcpy(octets.data(), in + 2, 16);
+      address = Netzo::Ip6Addr(octets);
+      break;
+    }
+    default:
+      break;
+  }
+  p = Netzo::IpGenPrefix(address, in[1]);
+}
+
 Netzo::IpGenPrefix KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(Shelf::Bytes b) {
-  auto p = decodePrefix(b);
-  return p && p->second == b.size() ? p->first : Netzo::IpGenPrefix();
+  Netzo::IpGenPrefix p;
+  if (b.size() < Codec::kMin || !Codec::canonical(b.data()) || Codec::storedSize(b.data()) != b.size()) return p;
+  Codec::get(b.data(), p);
+  return p;
 }
 
 namespace Routing::BgpRedistribute {
 
-std::uint32_t FilteredRoute::serializeLen() const {
-  return static_cast<std::uint32_t>(2 + key.address().octetCount() + 4);
-}
+static_assert(Kelp::ByteForm<FilteredRoute>::kMax == FilteredRoute::maxSerializedLen);
 
-void FilteredRoute::serialize(std::uint8_t* out) const {
-  std::uint32_t n = KelpShelf::KeyCodec<Netzo::IpGenPrefix>::encode(key, out);
-  std::memcpy(out + n, &igpResultId.value, 4);
-}
+std::uint32_t FilteredRoute::serializeLen() const { return Kelp::ByteForm<FilteredRoute>::size(*this); }
+
+void FilteredRoute::serialize(std::uint8_t* out) const { Kelp::ByteForm<FilteredRoute>::put(out, *this); }
 
 FilteredRoute FilteredRoute::deserialize(std::span<const std::uint8_t> in) {
-  auto p = decodePrefix(in);
-  if (!p || in.size() != p->second + 4) {
-    Pico::fmthrow<Kelp::RangeException>("FilteredRoute record of {} bytes does not hold a prefix and an id", in.size());
-  }
-  std::uint32_t id;
-  std::memcpy(&id, in.data() + p->second, 4);
-  return FilteredRoute(p->first, IgpResultId(id));
+  FilteredRoute r;
+  Kelp::ByteForm<FilteredRoute>::get(in, r);
+  return r;
 }
 
 Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusWriter(

@@ -52,11 +52,38 @@ struct KelpShelf::KeyCodec<Routing::BgpRedistribute::IgpResultId> {
 };
 
 // A prefix is stored as its family, its length and its address octets: 6 bytes for IPv4, 18 for
-// IPv6. Bytes that do not make a prefix decode to the default prefix.
+// IPv6, 2 for the default (family unknown, length 0). Bytes that do not make a prefix are the
+// error "bytes do not hold a prefix".
+template <>
+struct Kelp::ByteCodec<Netzo::IpGenPrefix> {
+  static constexpr std::uint32_t kAlign = 1;
+  static constexpr std::uint32_t kMin = 2;
+  static constexpr std::uint32_t kMax = 18;
+  static std::uint32_t size(const Netzo::IpGenPrefix& p) { return static_cast<std::uint32_t>(2 + p.address().octetCount()); }
+  static void put(std::uint8_t* out, const Netzo::IpGenPrefix& p) {
+    out[0] = static_cast<std::uint8_t>(p.family());
+    out[1] = p.length();
+    std::memcpy(out + 2, p.address().octets(), p.address().octetCount());
+  }
+  static void validate(const std::uint8_t* in);
+  static std::uint64_t storedSize(const std::uint8_t* in) {
+    const auto family = static_cast<Netzo::AddressFamily>(in[0]);
+    return family == Netzo::AddressFamily::ipv4 ? 6 : family == Netzo::AddressFamily::ipv6 ? 18 : 2;
+  }
+  static void get(const std::uint8_t* in, Netzo::IpGenPrefix& p);
+  static bool canonical(const std::uint8_t* in);
+};
+
+// Route prefixes key the filtered-route table in their byte form, hashed with the prefix's own hash.
+// Bytes that do not make a prefix decode to the default prefix.
 template <>
 struct KelpShelf::KeyCodec<Netzo::IpGenPrefix> {
-  static constexpr std::uint32_t maxSize = 18;
-  static std::uint32_t encode(const Netzo::IpGenPrefix& p, std::uint8_t* out);
+  using Codec = Kelp::ByteCodec<Netzo::IpGenPrefix>;
+  static constexpr std::uint32_t maxSize = Codec::kMax;
+  static std::uint32_t encode(const Netzo::IpGenPrefix& p, std::uint8_t* out) {
+    Codec::put(out, p);
+    return Codec::size(p);
+  }
   static Netzo::IpGenPrefix decode(Shelf::Bytes b);
   static std::uint32_t hash(const Netzo::IpGenPrefix& p) { return p.hash(0); }
 };
@@ -64,7 +91,9 @@ struct KelpShelf::KeyCodec<Netzo::IpGenPrefix> {
 namespace Routing::BgpRedistribute {
 
 struct FilteredRoute : Kelp::ValueBase<FilteredRoute> {
-  static constexpr std::uint32_t maxSerializedLen = KelpShelf::KeyCodec<Netzo::IpGenPrefix>::maxSize + 4;
+  // Stored packed: the prefix's bytes, then the identifier (4 bytes, little-endian).
+  static constexpr Kelp::ByteLayout kelpByteLayout = Kelp::ByteLayout::packed;
+  static constexpr std::uint32_t maxSerializedLen = 22;
 
   Netzo::IpGenPrefix key;  // the route prefix
   IgpResultId igpResultId;  // the result that applies to it
@@ -73,7 +102,6 @@ struct FilteredRoute : Kelp::ValueBase<FilteredRoute> {
   FilteredRoute(const Netzo::IpGenPrefix& k, IgpResultId id) : key(k), igpResultId(id) {}
   explicit FilteredRoute(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
 
-  // The prefix as its key bytes, then the identifier (4 bytes, little-endian).
   std::uint32_t serializeLen() const;
   void serialize(std::uint8_t* out) const;
   // Kelp::RangeException when the bytes do not hold a prefix and an identifier.

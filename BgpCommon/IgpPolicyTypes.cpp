@@ -52,81 +52,17 @@ IgpResult::IgpResult(Kelp::CharRange&) {
   PICO_ASSERT(false && "No String constructor for IgpResult - has collection");
 }
 
-namespace {
-template <typename T>
-void putLe(std::uint8_t* out, T v) {
-  std::memcpy(out, &v, sizeof v);  // the layout is the little-endian native one
-}
-template <typename T>
-T getLe(const std::uint8_t* in) {
-  T v;
-  std::memcpy(&v, in, sizeof v);
-  return v;
-}
-}  // namespace
-
-std::uint32_t IgpResult::serializeLen() const {
-  if (community.count() > CommunityArray::kSlots) throwArrayRange(community.count(), CommunityArray::kSlots);
-  return minSerializedLen + 4 * community.count();
-}
-
-void IgpResult::serialize(std::uint8_t* out) const {
-  const std::uint32_t count = community.count();
-  if (count > CommunityArray::kSlots) throwArrayRange(count, CommunityArray::kSlots);
-  putLe(out + 0, key.value);
-  putLe(out + 4, preference.value);
-  putLe<std::uint8_t>(out + 5, ospfBitDn ? 1 : 0);
-  putLe<std::uint8_t>(out + 6, ospfv3BitDn ? 1 : 0);
-  putLe(out + 8, metric.raw());
-  putLe(out + 16, static_cast<std::uint32_t>(isisLevel));
-  putLe(out + 20, static_cast<std::uint32_t>(ospfMetricType));
-  putLe(out + 24, ospfDomainId);
-  putLe(out + 32, ospfRouteType);
-  putLe(out + 40, tag.value);
-  putLe(out + 44, count);
-  std::memcpy(out + 48, community.data(), 4u * count);
-}
-
-namespace {
-// The length of the record at `in`, checked against what `in` holds at least.
-std::uint32_t recordLen(std::span<const std::uint8_t> in) {
-  if (in.size() < IgpResult::minSerializedLen) {
-    Pico::fmthrow<Kelp::RangeException>("IgpResult record of {} bytes is shorter than {}", in.size(),
-                                        IgpResult::minSerializedLen);
-  }
-  std::uint32_t count = getLe<std::uint32_t>(in.data() + 44);
-  if (count > CommunityArray::kSlots) throwArrayRange(count, CommunityArray::kSlots);
-  return IgpResult::minSerializedLen + 4 * count;
-}
-}  // namespace
-
-std::uint32_t IgpResult::deserializeLen(std::span<const std::uint8_t> in) { return recordLen(in); }
+// The shared table's reader copies records in whole: that is sound only while the record's memory
+// is its byte form, which a reordered or retyped field would silently break. Checked once, when the
+// library loads.
+[[maybe_unused]] const bool igpResultLayoutChecked = [] {
+  PICO_ASSERT(Kelp::memoryIsByteForm<IgpResult>());
+  return true;
+}();
 
 IgpResult IgpResult::deserialize(std::span<const std::uint8_t> in) {
-  const std::uint32_t len = recordLen(in);
-  if (in.size() < len) Pico::fmthrow<Kelp::RangeException>("IgpResult record of {} bytes is shorter than {}", in.size(), len);
-  const std::uint8_t* p = in.data();
-  IgpResult r(IgpResultId(getLe<std::uint32_t>(p)));
-  r.preference = getLe<std::uint8_t>(p + 4);
-  r.ospfBitDn = p[5] != 0;
-  r.ospfv3BitDn = p[6] != 0;
-  r.metric = Brim::MaybeU63::fromRaw(getLe<std::uint64_t>(p + 8));
-  r.isisLevel = static_cast<Isis::Level>(getLe<std::uint32_t>(p + 16));
-  r.ospfMetricType = static_cast<Ospf::OspfExtMetricType>(getLe<std::uint32_t>(p + 20));
-  r.ospfDomainId = getLe<std::uint64_t>(p + 24);
-  r.ospfRouteType = getLe<std::uint64_t>(p + 32);
-  r.tag = getLe<std::uint32_t>(p + 40);
-  // The values present, without branching on how many there are (readers of the status table
-  // decode records of every length in turn, and a mispredicted branch there costs more than this):
-  // a slot beyond the count reads the count field, which is always there, and is masked to 0 as in
-  // a fresh array. The table keeps the compiler from turning the selection back into branches.
-  static constexpr std::uint32_t kPresent[CommunityArray::kSlots + 1][CommunityArray::kSlots] = {
-      {0, 0, 0, 0}, {1, 0, 0, 0}, {1, 1, 0, 0}, {1, 1, 1, 0}, {1, 1, 1, 1}};
-  const std::uint32_t count = (len - minSerializedLen) / 4;
-  auto slot = [p, present = kPresent[count]](std::uint32_t i) {
-    return getLe<std::uint32_t>(p + 44 + 4 * (i + 1) * present[i]) & (0u - present[i]);
-  };
-  r.community.assignSlots(count, slot(0), slot(1), slot(2), slot(3));
+  IgpResult r{IgpResultId()};
+  Kelp::ByteForm<IgpResult>::get(in, r);
   return r;
 }
 

@@ -20,10 +20,12 @@
 // The community array keeps its count ending on a non-zero value: deleting the last slot drops
 // the trailing zero slots too, so "communities 10, 0, 30" with 30 deleted becomes "10".
 //
-// Serialized IgpResult (little-endian, 48 + 4 * count bytes):
+// Serialized IgpResult: the aligned byte form of its description (platform/Kelp/ByteForm.h),
+// little-endian, 48 + 4 * count bytes:
 //   0 key(4) 4 preference(1) 5 ospfBitDn(1) 6 ospfv3BitDn(1) 7 padding(1, not written)
 //   8 metric(8) 16 isisLevel(4) 20 ospfMetricType(4) 24 ospfDomainId(8) 32 ospfRouteType(8)
 //   40 tag(4) 44 community count(4) 48 community values(4 each)
+// The record in memory is the same image, so the shared table's reader copies it in whole.
 //
 // Neither IgpResult nor IgpResult_ can be built from text (they hold a collection); their text
 // constructors stop the process.
@@ -35,6 +37,7 @@
 #include <type_traits>
 
 #include "platform/Kelp/BareTextForm.h"
+#include "platform/Kelp/ByteForm.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Routing/PolicyResult.h"
 
@@ -142,6 +145,7 @@ class CommunityArray {
 struct IgpResult : Kelp::ValueBase<IgpResult> {
   // Holds a collection: not built from text (the range constructor asserts).
   static constexpr bool kelpNoStringConstructor = true;
+  static constexpr Kelp::ByteLayout kelpByteLayout = Kelp::ByteLayout::aligned;
   static constexpr std::uint32_t minSerializedLen = 48;
   static constexpr std::uint32_t maxSerializedLen = 64;
 
@@ -171,22 +175,16 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
   std::uint32_t serializeLen() const;
   // Writes serializeLen() bytes to `out`; byte 7 is padding and left as it was.
   void serialize(std::uint8_t* out) const;
-  // The length of the record that starts at `in` (which holds at least 48 bytes).
+  // The length of the record at the front of `in`; Kelp::RangeException when `in` is shorter than
+  // the record or its count is above 4.
   static std::uint32_t deserializeLen(std::span<const std::uint8_t> in);
-  // Reads a record; Kelp::RangeException when `in` is shorter than the record or its count is
-  // above 4.
+  // Reads the record at the front of `in`, with the checks of deserializeLen.
   static IgpResult deserialize(std::span<const std::uint8_t> in);
   // The same from a record of `len` bytes held in little-endian words (8 of them, zeros after the
   // record), as the shared-memory table's inlined lookup has it: the words are the record's own
-  // layout, copied whole. fromWords, called only where wordsDecodable holds, gives what deserialize
-  // would; where it does not hold, deserialize is the one to call, and refuses the record.
-  static bool wordsDecodable(const std::uint64_t* w, std::uint32_t len) {
-    const std::uint64_t count = w[5] >> 32;
-    // Flags other than 0 and 1 go to deserialize, which reads any non-zero byte as true. One test
-    // of all three conditions.
-    return (static_cast<std::uint64_t>(count > CommunityArray::kSlots) |
-            static_cast<std::uint64_t>(minSerializedLen + 4 * count > len) | (w[0] >> 40 & 0xFEFE)) == 0;
-  }
+  // memory image, copied in whole. fromWords, called only where wordsDecodable holds, gives what
+  // deserialize would; where it does not hold, deserialize is the one to call, and refuses the record.
+  static bool wordsDecodable(const std::uint64_t* w, std::uint32_t len);
   static IgpResult fromWords(const std::uint64_t* w);
 
   // True when anything differs from a fresh record with key 0.
@@ -203,28 +201,6 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
         Kelp::function("serializeLen", &IgpResult::serializeLen));
   }
 };
-
-// A record in memory is laid out as it is serialized, byte 7 being padding in both, so that it can
-// be copied from the serialized words whole.
-static_assert(std::is_standard_layout_v<IgpResult> && std::is_trivially_copyable_v<IgpResult>);
-static_assert(sizeof(IgpResult) == IgpResult::maxSerializedLen && sizeof(bool) == 1 && sizeof(Brim::MaybeU63) == 8);
-static_assert(offsetof(IgpResult, key) == 0 && offsetof(IgpResult, preference) == 4 &&
-              offsetof(IgpResult, ospfBitDn) == 5 && offsetof(IgpResult, ospfv3BitDn) == 6 &&
-              offsetof(IgpResult, metric) == 8 && offsetof(IgpResult, isisLevel) == 16 &&
-              offsetof(IgpResult, ospfMetricType) == 20 && offsetof(IgpResult, ospfDomainId) == 24 &&
-              offsetof(IgpResult, ospfRouteType) == 32 && offsetof(IgpResult, tag) == 40 &&
-              offsetof(IgpResult, community) == 44 && sizeof(CommunityArray) == 20);
-
-inline IgpResult IgpResult::fromWords(const std::uint64_t* w) {
-  // Slots beyond the count read as 0, as deserialize leaves them, whatever the words hold there.
-  static constexpr std::uint64_t kKept[CommunityArray::kSlots + 1][2] = {
-      {0, 0}, {0xFFFFFFFFu, 0}, {~std::uint64_t{0}, 0}, {~std::uint64_t{0}, 0xFFFFFFFFu}, {~std::uint64_t{0}, ~std::uint64_t{0}}};
-  const std::uint64_t* kept = kKept[w[5] >> 32];
-  const std::uint64_t words[8] = {w[0], w[1], w[2], w[3], w[4], w[5], w[6] & kept[0], w[7] & kept[1]};
-  IgpResult r{IgpResultId()};
-  std::memcpy(static_cast<void*>(&r), words, sizeof words);
-  return r;
-}
 
 }  // namespace Routing::BgpRedistribute
 
@@ -280,3 +256,86 @@ struct Kelp::TextForm<Routing::BgpRedistribute::CommunityArray> {
   static void print(String& out, const Routing::BgpRedistribute::CommunityArray& a);
   static void parse(CharRange& r, Routing::BgpRedistribute::CommunityArray& a);
 };
+
+// Stored as the count (4 bytes) and the used slots (4 bytes each). A count above 4 is the array
+// range error.
+template <>
+struct Kelp::ByteCodec<Routing::BgpRedistribute::CommunityArray> {
+  using Array = Routing::BgpRedistribute::CommunityArray;
+  static constexpr std::uint32_t kAlign = 4;
+  static constexpr std::uint32_t kMin = 4;
+  static constexpr std::uint32_t kMax = 4 + 4 * Array::kSlots;
+  static std::uint32_t count(const std::uint8_t* in) {
+    std::uint32_t n;
+    std::memcpy(&n, in, 4);
+    return n;
+  }
+  static std::uint32_t size(const Array& a) { return 4 + 4 * a.count(); }
+  static void put(std::uint8_t* out, const Array& a) {
+    const std::uint32_t n = a.count();
+    std::memcpy(out, &n, 4);
+    std::memcpy(out + 4, a.data(), 4u * n);
+  }
+  static void validate(const std::uint8_t* in) {
+    if (count(in) > Array::kSlots) Routing::BgpRedistribute::throwArrayRange(count(in), Array::kSlots);
+  }
+  static std::uint64_t storedSize(const std::uint8_t* in) { return 4 + 4 * std::uint64_t{count(in)}; }
+  static bool canonical(const std::uint8_t* in) { return count(in) <= Array::kSlots; }
+  // Reads the used slots without branching on how many there are (readers of the status table
+  // decode records of every length in turn, and a mispredicted branch there costs more than this):
+  // a slot beyond the count reads the count field, which is always there, and is masked to 0 as in
+  // a fresh array. The table keeps the compiler from turning the selection back into branches.
+  static void get(const std::uint8_t* in, Array& a) {
+    static constexpr std::uint32_t kPresent[Array::kSlots + 1][Array::kSlots] = {
+        {0, 0, 0, 0}, {1, 0, 0, 0}, {1, 1, 0, 0}, {1, 1, 1, 0}, {1, 1, 1, 1}};
+    const std::uint32_t n = count(in);
+    auto slot = [in, present = kPresent[n]](std::uint32_t i) { return count(in + 4 * (i + 1) * present[i]) & (0u - present[i]); };
+    a.assignSlots(n, slot(0), slot(1), slot(2), slot(3));
+  }
+  // Before a canonical record is copied in whole from `w` (a copy of `from`), its field at byte
+  // `offset`: slots past the count read 0, as get leaves them. The slots are masked a word at a
+  // time, by what the count (read from `from`) keeps of each.
+  [[gnu::always_inline]] static void tidyWords(std::uint64_t* w, const std::uint64_t* from, std::uint32_t offset) {
+    static constexpr std::uint64_t kKept[Array::kSlots + 1][2] = {{0, 0},
+                                                                   {0xFFFFFFFFu, 0},
+                                                                   {~std::uint64_t{0}, 0},
+                                                                   {~std::uint64_t{0}, 0xFFFFFFFFu},
+                                                                   {~std::uint64_t{0}, ~std::uint64_t{0}}};
+    auto* bytes = reinterpret_cast<unsigned char*>(w);
+    if ((offset + 4) % 8 == 0) {
+      // The count is the high half of the word before the slots.
+      const std::uint64_t* kept = kKept[from[offset / 8] >> 32];
+      w[(offset + 4) / 8] &= kept[0];
+      w[(offset + 4) / 8 + 1] &= kept[1];
+    } else {
+      const std::uint64_t* kept = kKept[count(reinterpret_cast<const unsigned char*>(from) + offset)];
+      std::uint64_t slots[2];
+      std::memcpy(slots, bytes + offset + 4, 16);
+      slots[0] &= kept[0];
+      slots[1] &= kept[1];
+      std::memcpy(bytes + offset + 4, slots, 16);
+    }
+  }
+};
+
+namespace Routing::BgpRedistribute {
+
+// The record's byte form, from its description; inline, as the shared table's reader calls them
+// per lookup.
+static_assert(Kelp::ByteForm<IgpResult>::kMin == IgpResult::minSerializedLen &&
+              Kelp::ByteForm<IgpResult>::kMax == IgpResult::maxSerializedLen && sizeof(IgpResult) == 64);
+inline std::uint32_t IgpResult::serializeLen() const { return Kelp::ByteForm<IgpResult>::size(*this); }
+inline void IgpResult::serialize(std::uint8_t* out) const { Kelp::ByteForm<IgpResult>::put(out, *this); }
+inline std::uint32_t IgpResult::deserializeLen(std::span<const std::uint8_t> in) {
+  return Kelp::ByteForm<IgpResult>::sizeAt(in);
+}
+[[gnu::always_inline]] inline bool IgpResult::wordsDecodable(const std::uint64_t* w, std::uint32_t len) {
+  return Kelp::ByteForm<IgpResult>::canonical(reinterpret_cast<const std::uint8_t*>(w), len);
+}
+[[gnu::always_inline]] inline IgpResult IgpResult::fromWords(const std::uint64_t* w) {
+  IgpResult r{IgpResultId()};
+  Kelp::fromImage(w, r);
+  return r;
+}
+
+}  // namespace Routing::BgpRedistribute

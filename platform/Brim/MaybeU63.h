@@ -9,7 +9,9 @@
 // Text form: the decimal value, or None when unset.
 
 #include <cstdint>
+#include <cstring>
 
+#include "platform/Kelp/ByteForm.h"
 #include "platform/Kelp/Hash.h"
 #include "platform/Kelp/TextForm.h"
 
@@ -73,5 +75,19 @@ struct Kelp::TextForm<Brim::MaybeU63> {
     } else {
       v = Brim::MaybeU63::fromRaw(parseUnsigned(r, Brim::MaybeU63::kMaxValue));
     }
+  }
+};
+
+// Stored as its word, unset values with whatever low bits they carry.
+template <>
+struct Kelp::ByteCodec<Brim::MaybeU63> : Kelp::FixedByteCodec<8> {
+  static void put(std::uint8_t* out, Brim::MaybeU63 v) {
+    const std::uint64_t raw = v.raw();
+    std::memcpy(out, &raw, 8);
+  }
+  static void get(const std::uint8_t* in, Brim::MaybeU63& v) {
+    std::uint64_t raw;
+    std::memcpy(&raw, in, 8);
+    v = Brim::MaybeU63::fromRaw(raw);
   }
 };

@@ -120,21 +120,25 @@ constexpr std::string_view typeNameOf() {
   return typeDescOf<T>.name;
 }
 
-// Calls f(item, index) for every described attribute in order.
+namespace detail {
+template <typename Desc, typename F, std::size_t... I>
+[[gnu::always_inline]] constexpr void forEachAttrAt(const Desc& d, F& f, std::index_sequence<I...>) {
+  (f(std::get<I>(d.items), I), ...);
+}
+}  // namespace detail
+
+// Calls f(item, index) for every described attribute in order. Always inlined, so that a loop over
+// the fields of a record compiles to straight code in its caller (the shared table's reader runs
+// the byte form's checks per lookup).
 template <typename Desc, typename F>
-constexpr void forEachAttr(const Desc& d, F&& f) {
-  std::apply(
-      [&](const auto&... item) {
-        std::size_t i = 0;
-        (f(item, i++), ...);
-      },
-      d.items);
+[[gnu::always_inline]] constexpr void forEachAttr(const Desc& d, F&& f) {
+  detail::forEachAttrAt(d, f, std::make_index_sequence<Desc::size>{});
 }
 
 // Calls f(fieldDesc) for every stored field in order.
 template <typename Desc, typename F>
-constexpr void forEachField(const Desc& d, F&& f) {
-  forEachAttr(d, [&](const auto& item, std::size_t) {
+[[gnu::always_inline]] constexpr void forEachField(const Desc& d, F&& f) {
+  forEachAttr(d, [&](const auto& item, std::size_t) __attribute__((always_inline)) {
     if constexpr (std::decay_t<decltype(item)>::kind == AttrKind::field) f(item);
   });
 }
