@@ -1,0 +1,356 @@
+#pragma once
+// The table file's format, shared by the writer and the readers: the header, the geometry and its
+// layout, the slot and ring entry layouts, the word-level helpers that read and write them, and
+// the checksums. Internal to platform/Shelf.
+
+#include <linux/futex.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include "platform/Pico/Format.h"
+#include "platform/Shelf/Shelf.h"
+
+static_assert(std::endian::native == std::endian::little, "the table format is little-endian");
+
+namespace Shelf::detail {
+
+inline constexpr std::uint64_t kMagic = 0x464c454853504742ull;  // "BGPSHELF"
+inline constexpr std::uint32_t kVersion = 2;
+inline constexpr std::uint32_t kNone = 0xFFFFFFFFu;        // no slot: end of a chain, empty bucket
+inline constexpr std::uint32_t kFreeBucket = 0xFFFFFFFEu;  // the bucket field of a free slot
+inline constexpr std::size_t kHeaderBytes = 4096;
+
+// Ring entry layout: stamp (position + 1 once complete), then kind, key length, scalar index, key.
+inline constexpr std::size_t kRingHeaderBytes = 16;
+
+// The writer wakes waiting readers at most this often; readers that saw a change recently poll
+// at this interval, so no change waits longer than about one interval to be noticed.
+inline constexpr std::uint64_t kWakeIntervalNs = 100'000;
+inline constexpr std::uint64_t kIdleSliceNs = 20'000'000;
+
+struct FileHeader {
+  // Fixed at creation and covered by geometryChecksum.
+  std::uint64_t magic;
+  std::uint32_t version;
+  std::uint32_t writerPid;
+  std::uint64_t fileSize;
+  std::uint64_t generation;  // one more than the table this file replaced
+  std::uint32_t capacity;
+  std::uint32_t slotCount;
+  std::uint32_t bucketCount;  // a power of 2
+  std::uint32_t keyMax;
+  std::uint32_t valueMax;
+  std::uint32_t slotSize;
+  std::uint32_t ringCapacity;  // a power of 2
+  std::uint32_t ringEntrySize;
+  std::uint64_t bucketsOffset;
+  std::uint64_t slotsOffset;
+  std::uint64_t ringOffset;
+  char typeName[128];
+  char collectionName[64];
+  char tableName[128];
+  std::uint64_t geometryChecksum;
+  // Written by the writer only, each group on its own cache line.
+  alignas(64) std::uint32_t retired;  // 1 once a newer file has replaced this one
+  std::uint32_t writerOpen;           // 1 while the writer has the table open
+  alignas(64) std::uint64_t ringHead; // changes appended so far
+  std::uint32_t wakeWord;             // bumped on every change; readers futex-wait on it
+  std::uint32_t occupancy;
+  alignas(64) std::uint64_t scalars[kScalarCount];
+};
+static_assert(sizeof(FileHeader) <= kHeaderBytes);
+static_assert(offsetof(FileHeader, geometryChecksum) % 8 == 0);
+
+template <typename T>
+inline T load(const void* p, int order) {
+  return __atomic_load_n(static_cast<const T*>(p), order);
+}
+template <typename T>
+inline void store(void* p, T v, int order) {
+  __atomic_store_n(static_cast<T*>(p), v, order);
+}
+inline std::uint32_t get32(const std::uint8_t* p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+inline std::uint16_t get16(const std::uint8_t* p) {
+  std::uint16_t v;
+  std::memcpy(&v, p, 2);
+  return v;
+}
+inline std::uint64_t get64(const std::uint8_t* p) {
+  std::uint64_t v;
+  std::memcpy(&v, p, 8);
+  return v;
+}
+template <typename T>
+inline void putRaw(std::uint8_t* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// Copies `bytes` (a multiple of 8) word by word with relaxed atomic loads, the reading half of a
+// sequence-counter protocol: the copy may be torn, the counter check afterwards tells.
+inline void copyWordsIn(std::uint8_t* dst, const std::uint8_t* src, std::size_t bytes) {
+  for (std::size_t i = 0; i < bytes; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
+}
+inline void copyWordsOut(std::uint8_t* dst, const std::uint8_t* src, std::size_t bytes) {
+  for (std::size_t i = 0; i < bytes; i += 8) store<std::uint64_t>(dst + i, get64(src + i), __ATOMIC_RELAXED);
+}
+
+inline std::uint64_t monotonicNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+inline void futexWake(std::uint32_t* word) {
+  syscall(SYS_futex, word, FUTEX_WAKE, 1 << 30, nullptr, nullptr, 0);
+}
+inline void futexWait(const std::uint32_t* word, std::uint32_t expected, std::uint64_t ns) {
+  timespec ts{static_cast<time_t>(ns / 1'000'000'000u), static_cast<long>(ns % 1'000'000'000u)};
+  syscall(SYS_futex, word, FUTEX_WAIT, expected, &ts, nullptr, 0);
+}
+
+// Backs off before attempt `attempt` (from 0): spins first, then sleeps a little longer each time.
+// No sched_yield: for a reader at low priority on a busy machine a yield can give the processor
+// away for far longer than the writer needs.
+inline void pause(int attempt) {
+  if (attempt < 4) {
+    for (int i = 0; i < 64 << attempt; ++i) __builtin_ia32_pause();
+  } else {
+    timespec ts{0, std::min<long>(200'000, 10'000L * (attempt - 3))};
+    nanosleep(&ts, nullptr);
+  }
+}
+
+inline std::string systemError(std::string_view what, const std::string& path) {
+  return fmt::format("Shelf {}: {}: {}", path, what, std::strerror(errno));
+}
+
+struct Layout {
+  std::uint32_t slotCount;
+  std::uint32_t bucketCount;
+  std::uint32_t slotSize;
+  std::uint32_t ringCapacity;
+  std::uint32_t ringEntrySize;
+  std::uint64_t bucketsOffset;
+  std::uint64_t slotsOffset;
+  std::uint64_t ringOffset;
+  std::uint64_t fileSize;
+};
+
+inline Layout layoutFor(std::uint32_t capacity, std::uint32_t keyMax, std::uint32_t valueMax, std::uint32_t ringCapacity) {
+  Layout l;
+  // A few spare slots beyond the capacity: a replacement is written to a free slot before the old
+  // one is freed, and freed slots rest a while before they are reused.
+  l.slotCount = capacity + std::max<std::uint32_t>(1, capacity / 16);
+  l.bucketCount = std::bit_ceil(capacity);
+  l.slotSize = static_cast<std::uint32_t>(slotBytesFor(keyMax, valueMax));
+  l.ringCapacity = ringCapacity != 0 ? ringCapacity : std::bit_ceil(std::clamp<std::uint32_t>(capacity, 64, 65536));
+  l.ringEntrySize = static_cast<std::uint32_t>(roundUp(kRingHeaderBytes + keyMax, 8));
+  l.bucketsOffset = kHeaderBytes;
+  l.slotsOffset = roundUp(l.bucketsOffset + 4ull * l.bucketCount, 64);
+  l.ringOffset = roundUp(l.slotsOffset + std::uint64_t{l.slotSize} * l.slotCount, 64);
+  l.fileSize = roundUp(l.ringOffset + std::uint64_t{l.ringEntrySize} * l.ringCapacity, 4096);
+  return l;
+}
+
+// ---- Slot checksum ----
+//
+// A slot's checksum covers everything after the checksum itself, to the end of the slot: unused
+// bytes are zero. Hashing the whole fixed-size slot rather than just the used bytes costs a few
+// more bytes but makes every lookup of a table run the same instructions, whatever its records'
+// lengths, which keeps the reader's branches predictable.
+//
+// The checksum is CRC32C (the Castagnoli polynomial) in two lanes: the 8-byte words at even
+// positions go to one lane, those at odd positions to the other, each lane being the plain CRC32C
+// of its words' bytes; lane 0 is the high half of the result. A CRC catches every burst of damage
+// up to 32 bits long within a lane, and two lanes halve the chain of dependent steps. Processors
+// with a CRC32C instruction (x86 with SSE4.2) use it, checked at run time so that the build stays
+// portable; others use tables, to the same result.
+
+struct CrcTables {
+  std::uint32_t t[8][256];
+};
+
+inline constexpr CrcTables makeCrcTables() {
+  CrcTables c{};
+  for (std::uint32_t i = 0; i < 256; ++i) {
+    std::uint32_t v = i;
+    for (int bit = 0; bit < 8; ++bit) v = (v >> 1) ^ (0x82F63B78u & (0u - (v & 1u)));
+    c.t[0][i] = v;
+  }
+  for (int k = 1; k < 8; ++k) {
+    for (std::uint32_t i = 0; i < 256; ++i) c.t[k][i] = (c.t[k - 1][i] >> 8) ^ c.t[0][c.t[k - 1][i] & 0xFF];
+  }
+  return c;
+}
+inline constexpr CrcTables kCrc = makeCrcTables();
+
+// One CRC32C step over the 8 bytes of `word` (little-endian): eight table lookups at once.
+// Lanes are carried in 64-bit registers, the CRC in the low half and zeros above, as the
+// instruction leaves them: no instruction is spent widening or narrowing them between steps.
+struct CrcTableStep {
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) {
+    const std::uint32_t lo = static_cast<std::uint32_t>(crc) ^ static_cast<std::uint32_t>(word);
+    const std::uint32_t hi = static_cast<std::uint32_t>(word >> 32);
+    return kCrc.t[7][lo & 0xFF] ^ kCrc.t[6][(lo >> 8) & 0xFF] ^ kCrc.t[5][(lo >> 16) & 0xFF] ^ kCrc.t[4][lo >> 24] ^
+           kCrc.t[3][hi & 0xFF] ^ kCrc.t[2][(hi >> 8) & 0xFF] ^ kCrc.t[1][(hi >> 16) & 0xFF] ^ kCrc.t[0][hi >> 24];
+  }
+};
+
+#if defined(__x86_64__)
+// The same step with the SSE4.2 instruction. Written as assembly so that it can be inlined into
+// code compiled for any x86-64; it runs only where kCrcInstruction says the processor has it.
+struct CrcInstructionStep {
+  static std::uint64_t step(std::uint64_t crc, std::uint64_t word) { return crc32cStep(crc, word); }
+};
+// Whether this processor has the CRC32C instruction (set once at load time).
+extern const bool kCrcInstruction;
+#else
+using CrcInstructionStep = CrcTableStep;
+inline constexpr bool kCrcInstruction = false;
+#endif
+
+// Copies the words [from, to) of `src` to `dst` with relaxed loads (src may be shared memory the
+// writer is changing) and returns the checksum of the words [sumFrom, to), in one pass.
+template <typename Crc>
+inline std::uint64_t copyAndSumWith(std::uint8_t* dst, const std::uint8_t* src, std::size_t from, std::size_t sumFrom,
+                                    std::size_t to) {
+  for (std::size_t i = from; i < sumFrom; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
+  std::uint64_t lane0 = 0xFFFFFFFFu, lane1 = 0xFFFFFFFFu;
+  // The pairs are walked with one index counting up to zero from below the end of both sides, so
+  // that each pair costs its loads, stores and steps and two instructions more: on a reader's path
+  // every instruction counts (see quickFind).
+  const std::size_t pairBytes = (to - sumFrom) & ~std::size_t{15};
+  const std::uint8_t* srcEnd = src + sumFrom + pairBytes;
+  std::uint8_t* dstEnd = dst + sumFrom + pairBytes;
+  for (std::ptrdiff_t j = -static_cast<std::ptrdiff_t>(pairBytes); j != 0; j += 16) {
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd + j, __ATOMIC_RELAXED);
+    const std::uint64_t w1 = load<std::uint64_t>(srcEnd + j + 8, __ATOMIC_RELAXED);
+    putRaw(dstEnd + j, w0);
+    putRaw(dstEnd + j + 8, w1);
+    lane0 = Crc::step(lane0, w0);
+    lane1 = Crc::step(lane1, w1);
+  }
+  if (sumFrom + pairBytes < to) {
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd, __ATOMIC_RELAXED);
+    putRaw(dstEnd, w0);
+    lane0 = Crc::step(lane0, w0);
+  }
+  return (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
+}
+
+// Copies a slot's words from the checksum on ([8, slotSize)) out of shared memory and returns the
+// checksum of what it copied after the checksum.
+template <typename Crc>
+inline std::uint64_t copyAndSumSlot(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
+  return copyAndSumWith<Crc>(dst, src, kChecksumAt, kNextAt, slotSize);
+}
+inline std::uint64_t copyAndSum(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
+  return kCrcInstruction ? copyAndSumSlot<CrcInstructionStep>(dst, src, slotSize)
+                         : copyAndSumSlot<CrcTableStep>(dst, src, slotSize);
+}
+
+// The checksum of a slot image in private memory.
+inline std::uint64_t slotChecksum(const std::uint8_t* img, std::size_t slotSize) {
+  alignas(8) std::uint8_t scratch[kMaxSlotBytes];
+  return copyAndSum(scratch, img, slotSize);
+}
+
+inline std::uint64_t headerChecksum(const FileHeader* h) {
+  return XXH3_64bits(h, offsetof(FileHeader, geometryChecksum));
+}
+
+inline void copyLabel(char* dst, std::size_t size, const std::string& src) {
+  std::memset(dst, 0, size);
+  std::memcpy(dst, src.data(), std::min(src.size(), size - 1));
+}
+inline std::string_view labelOf(const char* field, std::size_t size) {
+  return std::string_view(field, strnlen(field, size));
+}
+
+
+// One mapped table file, with its geometry copied out of the header once it has been checked.
+struct Mapping {
+  std::uint8_t* base = nullptr;
+  std::size_t size = 0;
+  int fd = -1;  // the writer keeps its file open: the lock lives as long as the descriptor
+  FileHeader* header = nullptr;
+  std::uint32_t capacity = 0;
+  std::uint32_t slotCount = 0;
+  std::uint32_t bucketMask = 0;
+  std::uint32_t keyMax = 0;
+  std::uint32_t valueMax = 0;
+  std::uint32_t slotSize = 0;
+  std::uint32_t ringCapacity = 0;
+  std::uint32_t ringEntrySize = 0;
+  std::uint64_t generation = 0;
+  std::uint8_t* buckets = nullptr;
+  std::uint8_t* slots = nullptr;
+  std::uint8_t* ring = nullptr;
+  dev_t dev = 0;
+  ino_t ino = 0;
+  LookupView view;
+
+  Mapping() = default;
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping() {
+    if (base != nullptr) munmap(base, size);
+    if (fd >= 0) close(fd);
+  }
+
+  void adopt(const FileHeader* h) {
+    capacity = h->capacity;
+    slotCount = h->slotCount;
+    bucketMask = h->bucketCount - 1;
+    keyMax = h->keyMax;
+    valueMax = h->valueMax;
+    slotSize = h->slotSize;
+    ringCapacity = h->ringCapacity;
+    ringEntrySize = h->ringEntrySize;
+    generation = h->generation;
+    buckets = base + h->bucketsOffset;
+    slots = base + h->slotsOffset;
+    ring = base + h->ringOffset;
+    view.retired = &header->retired;
+    view.slots = slots;
+    view.slotCount = slotCount;
+    view.bucketMask = bucketMask;
+    view.shape = kCrcInstruction ? shapeOf(slotSize, keyMax, valueMax) : 0;
+  }
+  std::uint8_t* bucket(std::uint32_t b) const { return buckets + 4ull * b; }
+  std::uint8_t* slot(std::uint32_t i) const { return slots + std::uint64_t{slotSize} * i; }
+  std::uint8_t* ringEntry(std::uint64_t pos) const {
+    return ring + std::uint64_t{ringEntrySize} * (pos & (ringCapacity - 1));
+  }
+};
+
+
+// A bucket's home: the slot the writer gives the bucket's records when it is free, and which
+// readers start fetching while they read the bucket's head, so that finding a record at home
+// takes one trip to memory rather than two in a row. There are fewer slots than buckets: the
+// buckets beyond the last slot share homes from the start again.
+inline std::uint32_t homeSlot(const Mapping& m, std::uint32_t bucket) {
+  return bucket < m.slotCount ? bucket : bucket - m.slotCount;
+}
+
+
+}  // namespace Shelf::detail
