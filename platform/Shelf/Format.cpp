@@ -1,5 +1,9 @@
 #include "platform/Shelf/Format.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+
 #include "platform/Pico/Assert.h"
 
 namespace Shelf::detail {
@@ -23,4 +27,68 @@ std::optional<std::uint64_t> instructionChecksum(Bytes words) {
   alignas(8) std::uint8_t scratch[kMaxSlotBytes];
   return copyAndSumWith<CrcInstructionStep>(scratch, words.data(), 0, 0, words.size());
 }
+}  // namespace Shelf::detail
+
+namespace Shelf::detail {
+
+std::string headerProblem(const FileHeader& h, std::uint64_t fileSize) {
+  if (h.magic != kMagic || h.version != kVersion) return "not a table file of this version";
+  if (headerChecksum(&h) != h.geometryChecksum) return "header checksum mismatch";
+  if (h.capacity == 0 || h.capacity > kMaxCapacity || h.keyMax == 0 || h.keyMax > kMaxKeyBytes ||
+      slotBytesFor(h.keyMax, h.valueMax) > kMaxSlotBytes || !std::has_single_bit(h.ringCapacity)) {
+    return "header geometry out of range";
+  }
+  const Layout l = layoutFor(h.capacity, h.keyMax, h.valueMax, h.ringCapacity);
+  if (l.slotCount != h.slotCount || l.bucketCount != h.bucketCount || l.slotSize != h.slotSize ||
+      l.ringEntrySize != h.ringEntrySize || l.bucketsOffset != h.bucketsOffset || l.slotsOffset != h.slotsOffset ||
+      l.ringOffset != h.ringOffset || l.fileSize != h.fileSize) {
+    return "header geometry does not match itself";
+  }
+  if (h.fileSize != fileSize) {
+    return fmt::format("file of {} bytes, where its header's geometry needs {}", fileSize, h.fileSize);
+  }
+  return {};
+}
+
+std::string sideName(const std::string& leaf, std::string_view suffix) {
+  std::string name = fmt::format(".{}{}", leaf, suffix);
+  if (name.size() <= NAME_MAX) return name;
+  const std::uint64_t hash = XXH3_64bits(leaf.data(), leaf.size());
+  const std::size_t keep = NAME_MAX - 1 - 17 - suffix.size();
+  return fmt::format(".{}~{:016x}{}", std::string_view(leaf).substr(0, keep), hash, suffix);
+}
+
+int openRegular(int dirFd, const std::string& name, int flags, std::string& why) {
+  const int fd = openat(dirFd, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    why = errno == ELOOP ? std::string("it is a symbolic link") : std::string(std::strerror(errno));
+    return -1;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    why = std::strerror(errno);
+    close(fd);
+    return -1;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    why = S_ISDIR(st.st_mode)    ? "it is a directory"
+          : S_ISFIFO(st.st_mode) ? "it is a FIFO"
+          : S_ISSOCK(st.st_mode) ? "it is a socket"
+                                 : "it is not a regular file";
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool writerLockHeld(int lockFd) {
+  if (lockFd < 0) return false;
+  struct flock probe {};
+  probe.l_type = F_WRLCK;
+  probe.l_whence = SEEK_SET;
+  // An open file description lock, tested rather than taken: a reader never stands in a writer's way.
+  if (fcntl(lockFd, F_OFD_GETLK, &probe) != 0) return false;
+  return probe.l_type != F_UNLCK;
+}
+
 }  // namespace Shelf::detail

@@ -30,7 +30,7 @@ static_assert(std::endian::native == std::endian::little, "the table format is l
 namespace Shelf::detail {
 
 inline constexpr std::uint64_t kMagic = 0x464c454853504742ull;  // "BGPSHELF"
-inline constexpr std::uint32_t kVersion = 2;
+inline constexpr std::uint32_t kVersion = 3;
 inline constexpr std::uint32_t kNone = 0xFFFFFFFFu;        // no slot: end of a chain, empty bucket
 inline constexpr std::uint32_t kFreeBucket = 0xFFFFFFFEu;  // the bucket field of a free slot
 inline constexpr std::size_t kHeaderBytes = 4096;
@@ -41,7 +41,9 @@ inline constexpr std::size_t kRingHeaderBytes = 16;
 // The writer wakes waiting readers at most this often; readers that saw a change recently poll
 // at this interval, so no change waits longer than about one interval to be noticed.
 inline constexpr std::uint64_t kWakeIntervalNs = 100'000;
-inline constexpr std::uint64_t kIdleSliceNs = 20'000'000;
+// A waiting reader whose writer is quiet wakes this often, to look at the writer's lock too: a
+// writer that dies says nothing.
+inline constexpr std::uint64_t kLivenessIntervalNs = 20'000'000;
 
 struct FileHeader {
   // Fixed at creation and covered by geometryChecksum.
@@ -66,8 +68,10 @@ struct FileHeader {
   char tableName[128];
   std::uint64_t geometryChecksum;
   // Written by the writer only, each group on its own cache line.
-  alignas(64) std::uint32_t retired;  // 1 once a newer file has replaced this one
-  std::uint32_t writerOpen;           // 1 while the writer has the table open
+  alignas(64) std::uint32_t live;  // kLiveMark until a newer file replaces this one, then 0
+  // 1 from creation until the writer closes the table. A writer that dies leaves it set; its lock
+  // (see writerLockHeld) tells readers that it is gone.
+  std::uint32_t writerOpen;
   alignas(64) std::uint64_t ringHead; // changes appended so far
   std::uint32_t wakeWord;             // bumped on every change; readers futex-wait on it
   std::uint32_t occupancy;
@@ -261,7 +265,7 @@ inline std::uint64_t copyAndSumWith(std::uint8_t* dst, const std::uint8_t* src, 
 // checksum of what it copied after the checksum.
 template <typename Crc>
 inline std::uint64_t copyAndSumSlot(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
-  return copyAndSumWith<Crc>(dst, src, kChecksumAt, kNextAt, slotSize);
+  return copyAndSumWith<Crc>(dst, src, kChecksumAt, kReservedAt, slotSize);
 }
 inline std::uint64_t copyAndSum(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
   return kCrcInstruction ? copyAndSumSlot<CrcInstructionStep>(dst, src, slotSize)
@@ -291,7 +295,8 @@ inline std::string_view labelOf(const char* field, std::size_t size) {
 struct Mapping {
   std::uint8_t* base = nullptr;
   std::size_t size = 0;
-  int fd = -1;  // the writer keeps its file open: the lock lives as long as the descriptor
+  // False once a reader has turned this retired mapping to zeros (see Reader::refresh).
+  bool fileBacked = true;
   FileHeader* header = nullptr;
   std::uint32_t capacity = 0;
   std::uint32_t slotCount = 0;
@@ -314,7 +319,6 @@ struct Mapping {
   Mapping& operator=(const Mapping&) = delete;
   ~Mapping() {
     if (base != nullptr) munmap(base, size);
-    if (fd >= 0) close(fd);
   }
 
   void adopt(const FileHeader* h) {
@@ -330,7 +334,7 @@ struct Mapping {
     buckets = base + h->bucketsOffset;
     slots = base + h->slotsOffset;
     ring = base + h->ringOffset;
-    view.retired = &header->retired;
+    view.live = &header->live;
     view.slots = slots;
     view.slotCount = slotCount;
     view.bucketMask = bucketMask;
@@ -352,5 +356,38 @@ inline std::uint32_t homeSlot(const Mapping& m, std::uint32_t bucket) {
   return bucket < m.slotCount ? bucket : bucket - m.slotCount;
 }
 
+
+// Whether a copy of slot `idx` whose words after the checksum sum to `sum` is whole: checksum, own
+// index and lengths as they must be. Every read path checks a slot with this (the inline typed
+// lookup with the same tests on registers, at its compile-time geometry). Branch-free.
+[[gnu::always_inline]] inline bool slotWhole(const Mapping& m, std::uint32_t idx, const std::uint8_t* buf,
+                                             std::uint64_t sum) {
+  return ((sum ^ get64(buf + kChecksumAt)) | (get32(buf + kSelfAt) ^ idx)) == 0 &&
+         (get16(buf + kKeyLenAt) <= m.keyMax) & (get16(buf + kValueLenAt) <= m.valueMax);
+}
+
+inline std::uint32_t linkOf(const std::uint8_t* slot) { return load<std::uint32_t>(slot + kLinkAt, __ATOMIC_ACQUIRE); }
+inline bool isLive(const Mapping& m) { return load<std::uint32_t>(&m.header->live, __ATOMIC_ACQUIRE) == kLiveMark; }
+
+// What is wrong with a header (copied out of a file of `fileSize` bytes), or empty when it
+// describes a table of this version whose layout fills exactly that file.
+std::string headerProblem(const FileHeader& h, std::uint64_t fileSize);
+
+// The name of a file that lives beside table `leaf` in its directory: the writer's lock
+// (".LEAF.lock") and the file it builds before publishing it (".LEAF.new"). A leaf too long to take
+// the suffix within the system's limit on names keeps a prefix and a hash of the whole leaf, so
+// every leaf the location rules accept works.
+std::string sideName(const std::string& leaf, std::string_view suffix);
+inline constexpr std::string_view kLockSuffix = ".lock";
+inline constexpr std::string_view kNewSuffix = ".new";
+
+// Opens a file of the table's directory for reading without blocking (a FIFO would block an open
+// for reading) and without following a symbolic link, and refuses anything but a regular file.
+// Returns the descriptor, or -1 with `why` saying what is there.
+int openRegular(int dirFd, const std::string& name, int flags, std::string& why);
+
+// Whether a writer holds the table's lock; `lockFd` is the lock file opened by a reader (-1: there
+// is none, so no writer).
+bool writerLockHeld(int lockFd);
 
 }  // namespace Shelf::detail

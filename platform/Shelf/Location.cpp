@@ -1,6 +1,7 @@
 #include "platform/Shelf/Shelf.h"
 
 #include <dirent.h>
+#include <limits.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -41,6 +42,7 @@ Location::Location(std::string root, std::string_view relativePath)
     if (c.empty()) refuse("it has an empty component");
     if (c == "..") refuse("it has a '..' component, which would leave the root");
     if (c == ".") refuse("it has a '.' component");
+    if (c.size() > NAME_MAX) refuse(fmt::format("it has a component longer than {} bytes", NAME_MAX));
     components_.emplace_back(c);
     if (end == std::string::npos) break;
     start = end + 1;

@@ -49,16 +49,13 @@ Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint3
       continue;
     }
     const std::uint64_t sum = copyAndSum(buf, s, m.slotSize);
+    putRaw(buf + kLinkAt, load<std::uint32_t>(s + kLinkAt, __ATOMIC_RELAXED));
     std::atomic_thread_fence(std::memory_order_acquire);
     if (load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq) [[unlikely]] {
       continue;
     }
     seqOut = seq;
-    if (get16(buf + kKeyLenAt) > m.keyMax || get16(buf + kValueLenAt) > m.valueMax ||
-        sum != get64(buf + kChecksumAt) || get32(buf + kSelfAt) != idx) [[unlikely]] {
-      return Snap::damaged;
-    }
-    return Snap::ok;
+    return slotWhole(m, idx, buf, sum) ? Snap::ok : Snap::damaged;
   }
   return Snap::unstable;
 }
@@ -86,7 +83,8 @@ enum class Restart { none, unstable, cycle };
 // slot's new contents through an acquire of its counter, so if the link still points at the slot
 // when read again, the table is damaged; otherwise the writer moved on and the walk starts again.
 template <typename Report, typename Visit>
-bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report&& report, Visit&& visit) {
+bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, const std::function<bool()>& writerAlive,
+               Report&& report, Visit&& visit) {
   Restart last = Restart::none;
   std::uint64_t deadline = 0;
   std::uint32_t stuckSlot = kNone;
@@ -103,7 +101,7 @@ bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report
                              stuckSlot, bucket));
           return false;
         }
-        writerGone = atOnce = load<std::uint32_t>(&m.header->writerOpen, __ATOMIC_ACQUIRE) == 0;
+        writerGone = atOnce = !writerAlive();
       }
       if (!atOnce) {
         const std::uint64_t now = monotonicNs();
@@ -141,9 +139,11 @@ bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report
         break;
       }
       if (std::uint32_t owner = get32(buf + kBucketAt); owner != bucket) {
+        // The predecessor still the same record (its counter has not moved) and still linking here.
         bool linkUnchanged = predecessor == kNone
                                  ? load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE) == idx
-                                 : load<std::uint32_t>(m.slot(predecessor) + kSeqAt, __ATOMIC_ACQUIRE) == predecessorSeq;
+                                 : load<std::uint32_t>(m.slot(predecessor) + kSeqAt, __ATOMIC_ACQUIRE) == predecessorSeq &&
+                                       linkOf(m.slot(predecessor)) == idx;
         if (linkUnchanged) {
           report(owner == kFreeBucket
                      ? fmt::format("free slot {} in the chain of bucket {}", idx, bucket)
@@ -157,7 +157,7 @@ bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Report
       if (visit(buf)) return true;
       predecessor = idx;
       predecessorSeq = seq;
-      idx = get32(buf + kNextAt);
+      idx = get32(buf + kLinkAt);
     }
     if (last == Restart::none) return true;
   }
@@ -178,7 +178,9 @@ Reader::Reader(Location where, Labels expected, std::uint32_t keyMax, std::uint3
       valueMax_(valueMax),
       handler_(std::move(handler)) {}
 
-Reader::~Reader() = default;
+Reader::~Reader() {
+  if (lockFd_ >= 0) close(lockFd_);
+}
 
 void Reader::corruptionHandlerIs(CorruptionHandler handler) { handler_ = std::move(handler); }
 
@@ -193,28 +195,44 @@ void Reader::report(const std::string& message) const {
 
 Mapping* Reader::current() const {
   Mapping* m = current_.load(std::memory_order_acquire);
-  if (m != nullptr && load<std::uint32_t>(&m->header->retired, __ATOMIC_ACQUIRE) == 0) [[likely]] {
-    return m;
-  }
+  if (m != nullptr && isLive(*m)) [[likely]] return m;
   return refresh();
 }
 
-// Attaches the file at the path when there is none yet, or when the attached one was retired.
+// Attaches the file at the path when there is none yet, or when the attached one was replaced.
 // Failures are reported once each; the reader keeps whatever it had.
+//
+// Memory. A lookup running in another thread may still be reading the mapping just replaced, so
+// that one stays as it is. The one before it is turned to zeros in place: one mmap over the same
+// addresses, of anonymous read-only pages, which drops the file (and its memory, once the writer
+// has let go of it too) while every address a late lookup might touch stays readable. Zeros read
+// as a replaced table everywhere (the live mark is not kLiveMark, no slot is whole), so such a
+// lookup retries on the current file. A reader therefore maps at most two files of a table,
+// however often its writer restarts, and no call pays anything on its path for it.
 Mapping* Reader::refresh() const {
   std::lock_guard<std::mutex> lock(mutex_);
   Mapping* m = current_.load(std::memory_order_acquire);
-  if (m != nullptr && load<std::uint32_t>(&m->header->retired, __ATOMIC_ACQUIRE) == 0) return m;
+  if (m != nullptr && isLive(*m)) return m;
 
   int dirFd = where_.openDirectory(false);
   if (dirFd < 0) return m;
-  int fd = openat(dirFd, where_.leaf().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  close(dirFd);
-  if (fd < 0) return m;
+  std::string why;
+  int fd = openRegular(dirFd, where_.leaf(), O_RDONLY, why);
+  if (fd < 0) {
+    const bool absent = errno == ENOENT && why == std::strerror(ENOENT);
+    close(dirFd);
+    if (!absent && why != refused_) {
+      refused_ = why;
+      report(fmt::format("not a table file: {}", why));
+    }
+    return m;
+  }
+  refused_.clear();
   struct stat st;
   if (fstat(fd, &st) != 0 || (m != nullptr && st.st_dev == m->dev && st.st_ino == m->ino) ||
       (st.st_dev == failedDev_ && st.st_ino == failedIno_)) {
     close(fd);
+    close(dirFd);
     return m;
   }
   auto fresh = std::make_unique<Mapping>();
@@ -224,6 +242,16 @@ Mapping* Reader::refresh() const {
     report(why);
     return m;
   };
+  // The writer's lock, for telling a writer that died from one that is alive.
+  std::string lockWhy;
+  const int lockFd = openRegular(dirFd, sideName(where_.leaf(), kLockSuffix), O_RDONLY, lockWhy);
+  close(dirFd);
+  struct LockCloser {
+    int fd;
+    ~LockCloser() {
+      if (fd >= 0) close(fd);
+    }
+  } lockCloser{lockFd};
   if (static_cast<std::uint64_t>(st.st_size) < kHeaderBytes) {
     close(fd);
     return fail(fmt::format("file of {} bytes is too short to hold a table", st.st_size));
@@ -238,18 +266,7 @@ Mapping* Reader::refresh() const {
   // The header is copied before it is checked, so that what is checked is what is used.
   FileHeader h;
   std::memcpy(&h, fresh->base, sizeof h);
-  if (h.magic != kMagic || h.version != kVersion) return fail("not a table file of this version");
-  if (headerChecksum(&h) != h.geometryChecksum) return fail("header checksum mismatch");
-  if (h.capacity == 0 || h.capacity > kMaxCapacity || h.keyMax == 0 || h.keyMax > kMaxKeyBytes ||
-      slotBytesFor(h.keyMax, h.valueMax) > kMaxSlotBytes || !std::has_single_bit(h.ringCapacity)) {
-    return fail("header geometry out of range");
-  }
-  Layout l = layoutFor(h.capacity, h.keyMax, h.valueMax, h.ringCapacity);
-  if (l.slotCount != h.slotCount || l.bucketCount != h.bucketCount || l.slotSize != h.slotSize ||
-      l.ringEntrySize != h.ringEntrySize || l.bucketsOffset != h.bucketsOffset || l.slotsOffset != h.slotsOffset ||
-      l.ringOffset != h.ringOffset || l.fileSize != h.fileSize || h.fileSize != fresh->size) {
-    return fail("header geometry does not match the file");
-  }
+  if (std::string problem = headerProblem(h, fresh->size); !problem.empty()) return fail(problem);
   if (labelOf(h.typeName, sizeof h.typeName) != expected_.typeName ||
       labelOf(h.collectionName, sizeof h.collectionName) != expected_.collectionName) {
     return fail(fmt::format("holds {} collection '{}', not {} collection '{}'", labelOf(h.typeName, sizeof h.typeName),
@@ -263,7 +280,16 @@ Mapping* Reader::refresh() const {
   fresh->header = reinterpret_cast<FileHeader*>(fresh->base);
   fresh->adopt(&h);
   Mapping* attached = fresh.get();
+  for (const std::unique_ptr<Mapping>& old : mappings_) {
+    if (old.get() == m || !old->fileBacked) continue;
+    if (mmap(old->base, old->size, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) !=
+        MAP_FAILED) {
+      old->fileBacked = false;
+    }
+  }
   mappings_.push_back(std::move(fresh));
+  if (lockFd_ >= 0) close(lockFd_);
+  lockFd_ = std::exchange(lockCloser.fd, -1);
   view_.store(&attached->view, std::memory_order_release);
   current_.store(attached, std::memory_order_release);
   PICO_FMTRACE(Pico::kTraceLevelOperational, " attached {} generation {}", where_.fullPath(), attached->generation);
@@ -307,11 +333,10 @@ template <typename Crc>
   const std::uint8_t* s = m.slot(idx);
   const std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
   const std::uint64_t sum = copyAndSumSlot<Crc>(buf, s, m.slotSize);
+  putRaw(buf + kLinkAt, load<std::uint32_t>(s + kLinkAt, __ATOMIC_RELAXED));
   std::atomic_thread_fence(std::memory_order_acquire);
   const std::uint32_t seqAfter = load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED);
-  return ((seq & 1u) | (seqAfter ^ seq) | (sum ^ get64(buf + kChecksumAt)) | (get32(buf + kSelfAt) ^ idx) |
-          (get32(buf + kBucketAt) ^ bucket)) == 0 &&
-         get16(buf + kKeyLenAt) <= m.keyMax && get16(buf + kValueLenAt) <= m.valueMax;
+  return (((seq & 1u) | (seqAfter ^ seq) | (get32(buf + kBucketAt) ^ bucket)) == 0) & slotWhole(m, idx, buf, sum);
 }
 
 [[gnu::always_inline]] inline bool holdsKey(const std::uint8_t* buf, Bytes key) {
@@ -341,7 +366,7 @@ Quick quickFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t*
       return Quick::unsure;
     }
     if (holdsKey(buf, key)) return Quick::found;
-    idx = get32(buf + kNextAt);
+    idx = get32(buf + kLinkAt);
   }
   return Quick::absent;
 }
@@ -351,8 +376,7 @@ Quick quickFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t*
 // The lookup by walkChain, for when the quick one was unsure.
 Reader::Found Reader::carefulFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const {
   Found found = Found::absent;
-  auto report = [this](const std::string& why) { this->report(why); };
-  walkChain(m, bucket, buf, report, [&](const std::uint8_t* slot) {
+  walkChain(m, bucket, buf, aliveTest(m), reporter(m), [&](const std::uint8_t* slot) {
     std::uint16_t keyLen = get16(slot + kKeyLenAt);
     if (keyLen != key.size() || std::memcmp(slot + kSlotHeaderBytes, key.data(), keyLen) != 0) return false;
     found = Found::present;
@@ -364,19 +388,41 @@ Reader::Found Reader::carefulFind(const Mapping& m, std::uint32_t bucket, Bytes 
 std::optional<Bytes> Reader::find(Bytes key, std::uint32_t hash, RecordCopy& copy) const {
   // current(), spelled out: a lookup should not pay for a call to learn that nothing changed.
   const Mapping* m = current_.load(std::memory_order_acquire);
-  if (m == nullptr || load<std::uint32_t>(&m->header->retired, __ATOMIC_ACQUIRE) != 0) [[unlikely]] {
+  if (m == nullptr || !isLive(*m)) [[unlikely]] m = refresh();
+  std::uint8_t* buf = copy.bytes;
+  // A file replaced while it was being read is read again in its successor (a few times at most:
+  // each time, a writer has published a whole new table).
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    if (m == nullptr || key.empty() || key.size() > m->keyMax) return std::nullopt;
+    const std::uint32_t bucket = hash & m->bucketMask;
+    const Quick quick = kCrcInstruction ? quickFind<CrcInstructionStep>(*m, bucket, key, buf)
+                                        : quickFind<CrcTableStep>(*m, bucket, key, buf);
+    if (quick == Quick::absent) return std::nullopt;
+    if (quick == Quick::found || carefulFind(*m, bucket, key, buf) == Found::present) [[likely]] {
+      return Bytes(buf + valueAt(get16(buf + kKeyLenAt)), get16(buf + kValueLenAt));
+    }
+    if (isLive(*m)) return std::nullopt;
     m = refresh();
   }
-  if (m == nullptr || key.empty() || key.size() > m->keyMax) return std::nullopt;
-  std::uint8_t* buf = copy.bytes;
-  const std::uint32_t bucket = hash & m->bucketMask;
-  const Quick quick = kCrcInstruction ? quickFind<CrcInstructionStep>(*m, bucket, key, buf)
-                                      : quickFind<CrcTableStep>(*m, bucket, key, buf);
-  if (quick == Quick::absent) return std::nullopt;
-  if (quick == Quick::unsure && carefulFind(*m, bucket, key, buf) != Found::present) [[unlikely]] {
-    return std::nullopt;
-  }
-  return Bytes(buf + valueAt(get16(buf + kKeyLenAt)), get16(buf + kValueLenAt));
+  return std::nullopt;
+}
+
+std::function<bool()> Reader::aliveTest(const Mapping& m) const {
+  return [this, &m] { return writerAlive(m); };
+}
+
+std::function<void(const std::string&)> Reader::reporter(const Mapping& m) const {
+  // Damage seen in a file that has been replaced meanwhile is not reported: the reader has moved
+  // on, and a mapping turned to zeros would read as damaged throughout.
+  return [this, &m](const std::string& why) {
+    if (isLive(m)) report(why);
+  };
+}
+
+bool Reader::writerAlive(const Mapping& m) const {
+  if (load<std::uint32_t>(&m.header->writerOpen, __ATOMIC_ACQUIRE) == 0 || !isLive(m)) return false;
+  std::lock_guard<std::mutex> lock(mutex_);
+  return current_.load(std::memory_order_relaxed) == &m && writerLockHeld(lockFd_);
 }
 
 std::optional<std::uint32_t> Reader::find(Bytes key, std::uint32_t hash, std::uint8_t* out, std::uint32_t outSize) const {
@@ -395,12 +441,13 @@ void Reader::forEach(const std::function<void(Bytes key, Bytes value)>& fn) cons
   const Mapping* m = current();
   if (m == nullptr) return;
   alignas(8) std::uint8_t buf[kMaxSlotBytes];
-  auto report = [this](const std::string& why) { this->report(why); };
+  auto report = reporter(*m);
+  auto alive = aliveTest(*m);
   // Keys already handed out from the current bucket: a walk that starts again must not repeat them.
   std::vector<std::uint8_t> seen;
   for (std::uint32_t b = 0; b <= m->bucketMask; ++b) {
     seen.clear();
-    walkChain(*m, b, buf, report, [&](const std::uint8_t* slot) {
+    walkChain(*m, b, buf, alive, report, [&](const std::uint8_t* slot) {
       std::uint16_t keyLen = get16(slot + kKeyLenAt);
       Bytes key(slot + kSlotHeaderBytes, keyLen);
       for (std::size_t i = 0; i < seen.size(); i += 1 + seen[i]) {
@@ -437,18 +484,36 @@ std::uint64_t Reader::generation() const {
 
 bool Reader::writerOpen() const {
   const Mapping* m = current();
-  return m != nullptr && load<std::uint32_t>(&m->header->writerOpen, __ATOMIC_ACQUIRE) != 0 &&
-         load<std::uint32_t>(&m->header->retired, __ATOMIC_ACQUIRE) == 0;
+  return m != nullptr && writerAlive(*m);
 }
 
 bool Reader::pending(Mapping* m) const {
-  return m != cursorMapping_ || load<std::uint64_t>(&m->header->ringHead, __ATOMIC_ACQUIRE) != cursor_;
+  return m != cursorMapping_ || load<std::uint64_t>(&m->header->ringHead, __ATOMIC_ACQUIRE) != cursor_ ||
+         writerDied(m);
+}
+
+// A writer that dies cannot append its writerClosed change: the reader makes one up, once, when the
+// table still says open but nobody holds its lock. The lock is looked at once per slice at most.
+bool Reader::writerDied(Mapping* m) const {
+  if (m != cursorMapping_ || closedSeen_ || load<std::uint32_t>(&m->header->writerOpen, __ATOMIC_ACQUIRE) == 0) {
+    return false;
+  }
+  if (died_) return true;
+  const std::uint64_t now = monotonicNs();
+  if (now - lastLivenessNs_ < kLivenessIntervalNs) return false;
+  lastLivenessNs_ = now;
+  died_ = !writerAlive(*m) && isLive(*m);
+  return died_;
 }
 
 std::size_t Reader::poll(const std::function<void(const Change&)>& fn) {
   Mapping* m = current();
   if (m == nullptr) return 0;
   auto resync = [&] {
+    if (cursorMapping_ != m) {
+      closedSeen_ = died_ = false;
+      lastLivenessNs_ = 0;
+    }
     cursorMapping_ = m;
     cursor_ = load<std::uint64_t>(&m->header->ringHead, __ATOMIC_ACQUIRE);
     lastChangeNs_ = monotonicNs();
@@ -489,9 +554,16 @@ std::size_t Reader::poll(const std::function<void(const Change&)>& fn) {
     }
     cursor_ = p + 1;
     ++n;
+    if (kind == static_cast<std::uint8_t>(Change::Kind::writerClosed)) closedSeen_ = true;
     fn(Change{static_cast<Change::Kind>(kind), Bytes(img + kRingHeaderBytes, keyLen), scalarIndex});
   }
-  if (n != 0) lastChangeNs_ = monotonicNs();
+  if (n != 0) {
+    lastChangeNs_ = monotonicNs();
+  } else if (writerDied(m)) {
+    closedSeen_ = true;
+    fn(Change{Change::Kind::writerClosed, {}, 0});
+    return 1;
+  }
   return n;
 }
 
@@ -512,7 +584,7 @@ bool Reader::wait(double seconds) {
     }
     std::uint32_t word = load<std::uint32_t>(&m->header->wakeWord, __ATOMIC_ACQUIRE);
     if (pending(m)) continue;
-    if (load<std::uint32_t>(&m->header->retired, __ATOMIC_ACQUIRE) != 0) {
+    if (!isLive(*m)) {
       // Replaced, but the new file could not be attached yet: look again in a while.
       timespec ts{0, static_cast<long>(std::min<std::uint64_t>(left, 5'000'000))};
       nanosleep(&ts, nullptr);
@@ -520,7 +592,7 @@ bool Reader::wait(double seconds) {
     }
     // Shortly after a change the writer may be in a burst and wake us only once per interval, so
     // look again after an interval; when it has been quiet, sleep until woken.
-    std::uint64_t slice = now - lastChangeNs_ < 2 * kWakeIntervalNs ? kWakeIntervalNs : kIdleSliceNs;
+    std::uint64_t slice = now - lastChangeNs_ < 2 * kWakeIntervalNs ? kWakeIntervalNs : kLivenessIntervalNs;
     futexWait(&m->header->wakeWord, word, std::min(left, slice));
   }
 }

@@ -10,10 +10,11 @@
 // Layout of the file, in this order:
 //   header   geometry (immutable after creation, checksummed) and the writer's live counters;
 //   buckets  bucketCount 32-bit slot indices, the head of each chain (kNone for an empty chain);
-//   slots    slotCount fixed-size slots: sequence counter, checksum, chain link, bucket, own
-//            index, key length, value length, key, value (from the next 8-byte boundary), zeros
-//            to the end; the checksum (CRC32C) covers everything after it;
+//   slots    slotCount fixed-size slots: sequence counter and chain link in the first word, then
+//            checksum, bucket, own index, key length, value length, key, value (from the next
+//            8-byte boundary), zeros to the end; the checksum (CRC32C) covers everything after it;
 //   ring     the change ring: the keys the writer changed, newest last.
+// Beside the file, in the same directory, ".LEAF.lock" is the writer's lock (see below).
 //
 // Homes. Each bucket has a home slot (bucket b: slot b, wrapping around where there are fewer
 // slots than buckets). The writer puts a bucket's record there when it is free, and a record at
@@ -23,24 +24,43 @@
 //
 // Concurrency. One writer, lock-free readers. Every slot carries a sequence counter that is odd
 // while the writer rewrites it; a reader copies the slot, re-reads the counter and retries (a
-// bounded number of times) when it moved. The writer never rewrites the record that readers reach
-// from a bucket: a new value goes to a free slot, which is then linked in place of the old one with
-// a release store, and the old slot is freed afterwards (free slots are reused first-in first-out,
-// so a slot a reader is still looking at is rarely reused at once). A record at home is changed
-// the same way, through a spare slot: while the spare is linked in its place the home is rewritten,
-// then linked back and the spare freed. Only a link changes in place, in the slot before the one
-// relinked; its key and value stay. A writer killed at any moment therefore leaves every reachable
-// record whole: readers see the old value or the new one.
+// bounded number of times) when it moved. The writer never rewrites a record that readers reach
+// from a bucket: a new value goes to a free slot, which is then linked in place of the old one,
+// and the old slot is freed afterwards (free slots are reused first-in first-out, so a slot a
+// reader is still looking at is rarely reused at once). A record at home is changed the same way,
+// through a spare slot: while the spare is linked in its place the home is rewritten, then linked
+// back and the spare freed. A link (a bucket head or a slot's link word) is the one thing changed
+// in place, with a single 32-bit store.
+//
+// Crashes. It follows that a writer killed between any two instructions leaves every record that
+// was reachable before its last operation reachable and whole, with its old value or its new one:
+// links are single stores, and the only slot it can leave mid-write is one no chain leads to (a
+// home being rewritten while its spare stands in for it is found through the chain). Readers tell
+// a dead writer from a live one by its lock, so a slot that stays mid-write under a dead writer is
+// reported as damage at once rather than waited on.
+//
+// One writer. Before it builds anything, a writer takes an open file description lock on the lock
+// file and holds it until it is destroyed; the kernel drops it when the process dies, however it
+// dies. A second writer of the same table gets Shelf::Exception naming the holder's pid. Readers
+// test the lock (without taking it) to learn that a writer is gone: writerOpen() turns false and
+// poll reports writerClosed once, after a crash as after a close.
 //
 // Distrust. Readers trust nothing they read: every index is bounds-checked, chains are
 // length-bounded, every slot's checksum and its own index are verified, and a slot found in the
 // wrong chain makes the walk restart. A check that fails on a stable slot calls the reader's
 // corruption handler with a message and the entry reads as absent; the reader never crashes and
-// never spins without bound.
+// never spins without bound. The table path must hold a regular file: readers open it without
+// blocking and without following a symbolic link, and refuse anything else, or a file whose size
+// is not what its header's geometry needs, with a report. A file truncated under an attached
+// reader is the one thing not guarded: touching a page past its new end raises SIGBUS, and
+// catching that would mean owning the process's SIGBUS handler, which a library cannot (only the
+// writer's user can write the file).
 //
 // Restart. A writer that mounts a path that already holds a table starts empty: it builds a new
 // file beside the old one, renames it over the path and marks the old file retired. Readers notice
-// the mark on their next call and re-open the path; they need not re-attach.
+// the mark on their next call and re-open the path; they need not re-attach. A reader maps at most
+// two files of a table (the current one and the one before, which a call in another thread may
+// still be reading); older ones are turned to zeros in place (see Reader::refresh).
 //
 // Changes. Each change appends its key to the ring in the file; a reader polls the ring (or waits
 // on it with a timeout) and learns which keys changed, or that it fell too far behind and must
@@ -163,11 +183,14 @@ struct Mapping;
 
 constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
 
-// Slot layout. The checksum covers bytes [16, slotSize): link, bucket, own index, lengths, key,
-// value and the zero bytes after them; not the sequence counter.
+// Slot layout. The first word holds the sequence counter and the chain link; the checksum covers
+// bytes [16, slotSize): bucket, own index, lengths, key, value and the zero bytes after them. The
+// link stands outside the checksum and the counter because it is the one field the writer changes
+// in a slot that readers can reach: a single 32-bit store, which no crash can leave half done.
 inline constexpr std::size_t kSeqAt = 0;
+inline constexpr std::size_t kLinkAt = 4;
 inline constexpr std::size_t kChecksumAt = 8;
-inline constexpr std::size_t kNextAt = 16;
+inline constexpr std::size_t kReservedAt = 16;  // zero
 inline constexpr std::size_t kBucketAt = 20;
 inline constexpr std::size_t kSelfAt = 24;
 inline constexpr std::size_t kKeyLenAt = 28;
@@ -198,9 +221,14 @@ inline std::uint64_t crc32cStep(std::uint64_t crc, std::uint64_t word) {
 }
 #endif
 
+// The header's live mark holds this while the file is the table at its path. Anything else, zero
+// included, means replaced: a reader that finds a retired mapping turned to zeros under it (see
+// Reader) therefore reads it as replaced, too.
+inline constexpr std::uint32_t kLiveMark = 0x4556494Cu;  // "LIVE"
+
 // What a typed lookup inlined into its caller needs of an attached table.
 struct LookupView {
-  const std::uint32_t* retired = nullptr;  // the header's mark: a newer file replaced this one
+  const std::uint32_t* live = nullptr;  // the header's mark: kLiveMark until a newer file replaces this one
   const std::uint8_t* slots = nullptr;
   std::uint32_t slotCount = 0;
   std::uint32_t bucketMask = 0;
@@ -264,6 +292,7 @@ class Writer {
   [[noreturn]] void corrupt(const std::string& what) const;
 
   std::unique_ptr<detail::Mapping> map_;
+  int lockFd_ = -1;  // the writer lock, held while this object lives
   std::string path_;
   Labels labels_;
   // Free slots wait in a ring, taken at the head and returned at the tail, so that a freed slot
@@ -354,7 +383,12 @@ class Reader {
   enum class Found { absent, present };
   Found carefulFind(const detail::Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const;
   void report(const std::string& message) const;
+  std::function<void(const std::string&)> reporter(const detail::Mapping& m) const;
+  std::function<bool()> aliveTest(const detail::Mapping& m) const;
+  // Whether the writer of `m` has it open: its flag says so, and it holds the lock.
+  bool writerAlive(const detail::Mapping& m) const;
   bool pending(detail::Mapping* m) const;
+  bool writerDied(detail::Mapping* m) const;
 
   Location where_;
   Labels expected_;
@@ -362,12 +396,14 @@ class Reader {
   std::uint32_t valueMax_;
   CorruptionHandler handler_;
 
-  mutable std::mutex mutex_;  // guards attaching and the list of mappings
+  mutable std::mutex mutex_;  // guards attaching, the list of mappings and the lock file
   mutable std::atomic<detail::Mapping*> current_{nullptr};
   mutable std::atomic<const detail::LookupView*> view_{nullptr};  // that of current_
-  // Every mapping ever attached; kept until the reader goes, because a concurrent find may still
-  // read one that has just been retired.
+  // Every mapping ever attached, the older ones turned to zeros (see refresh): a concurrent call
+  // may still hold one. A few hundred bytes each.
   mutable std::vector<std::unique_ptr<detail::Mapping>> mappings_;
+  mutable int lockFd_ = -1;     // the writer lock file of the current mapping, -1 when there is none
+  mutable std::string refused_;  // why the path was last refused, reported once
   // The file that last failed to attach: it is not looked at again (a writer never changes a
   // file's geometry; a new writer makes a new file).
   mutable std::uint64_t failedDev_ = 0;
@@ -377,6 +413,9 @@ class Reader {
   detail::Mapping* cursorMapping_ = nullptr;
   std::uint64_t cursor_ = 0;
   std::uint64_t lastChangeNs_ = 0;
+  bool closedSeen_ = false;  // a writerClosed change was delivered for cursorMapping_
+  mutable bool died_ = false;  // its writer was found dead, not yet told
+  mutable std::uint64_t lastLivenessNs_ = 0;
 };
 
 template <std::uint32_t KeyMax, std::uint32_t ValueMax>
@@ -389,8 +428,9 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   static_assert(detail::kSlotHeaderBytes == 32 && kValueWord == 5);
   const detail::LookupView* v = view_.load(std::memory_order_acquire);
   if (v == nullptr || v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] return false;
-  // A retired file stays mapped, so its slot may be read before the mark is tested with the rest.
-  const std::uint32_t retired = __atomic_load_n(v->retired, __ATOMIC_ACQUIRE);
+  // A replaced file stays mapped (or turns to zeros), so its slot may be read before the mark is
+  // tested with the rest.
+  const std::uint32_t live = __atomic_load_n(v->live, __ATOMIC_ACQUIRE);
   const std::uint32_t bucket = hash & v->bucketMask;
   const std::uint32_t home = bucket < v->slotCount ? bucket : bucket - v->slotCount;
   const std::uint64_t* s = reinterpret_cast<const std::uint64_t*>(v->slots + std::uint64_t{kSlotBytes} * home);
@@ -405,12 +445,12 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   std::uint64_t lane0 = detail::crc32cStep(0xFFFFFFFFu, w2);
   std::uint64_t lane1 = detail::crc32cStep(0xFFFFFFFFu, w3);
   lane0 = detail::crc32cStep(lane0, w4);
-  // Word 2: link, bucket. Word 3: own index, key length, value length. Word 4: the key and the
+  // Word 2: zeros, bucket. Word 3: own index, key length, value length. Word 4: the key and the
   // zeros after it.
   const std::uint32_t valueLen = static_cast<std::uint32_t>(w3 >> 48);
   // Index and key length as expected, rotated to the top, leave the value length alone below.
   const std::uint64_t lengths = std::rotl(w3 ^ (home | std::uint64_t{keyLen} << 32), 16);
-  std::uint64_t differs = retired | (seq & 1u) | ((w2 >> 32) ^ bucket) | (w4 ^ keyWord) |
+  std::uint64_t differs = (live ^ detail::kLiveMark) | (seq & 1u) | (w2 ^ std::uint64_t{bucket} << 32) | (w4 ^ keyWord) |
                           static_cast<std::uint64_t>(keyLen == 0) | static_cast<std::uint64_t>(lengths > ValueMax);
   // Computed here, not sunk below the value's loads by the compiler: the header words then need no
   // registers while the value's words are held, and nothing is spilled to the stack.

@@ -28,24 +28,12 @@ struct Writer::Found {
 
 namespace {
 
-// Removes half-built files that writers which died during creation left behind.
-void removeStaleNewFiles(int dirFd, const std::string& leaf) {
-  int fd = dup(dirFd);
-  if (fd < 0) return;
-  DIR* dir = fdopendir(fd);
-  if (dir == nullptr) {
-    close(fd);
-    return;
+struct FdCloser {
+  int fd;
+  ~FdCloser() {
+    if (fd >= 0) close(fd);
   }
-  std::string prefix = "." + leaf + ".new.";
-  while (dirent* e = readdir(dir)) {
-    std::string_view name(e->d_name);
-    if (!name.starts_with(prefix)) continue;
-    long pid = std::strtol(e->d_name + prefix.size(), nullptr, 10);
-    if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) unlinkat(dirFd, e->d_name, 0);
-  }
-  closedir(dir);
-}
+};
 
 // Marks the table file the new one replaced as retired, so that its readers move on.
 void retireOldFile(int oldFd) {
@@ -54,11 +42,59 @@ void retireOldFile(int oldFd) {
   FileHeader* h = static_cast<FileHeader*>(mmap(nullptr, kHeaderBytes, PROT_READ | PROT_WRITE, MAP_SHARED, oldFd, 0));
   if (h == MAP_FAILED) return;
   if (h->magic == kMagic) {
-    store<std::uint32_t>(&h->retired, 1, __ATOMIC_RELEASE);
+    store<std::uint32_t>(&h->live, 0, __ATOMIC_RELEASE);
     store<std::uint32_t>(&h->wakeWord, load<std::uint32_t>(&h->wakeWord, __ATOMIC_RELAXED) + 1, __ATOMIC_RELEASE);
     futexWake(&h->wakeWord);
   }
   munmap(h, kHeaderBytes);
+}
+
+// Takes the table's writer lock: an open file description lock on a file beside the table, which
+// the kernel drops when the descriptor's last holder goes, crash or not. It is taken before
+// anything is built and kept until the writer is destroyed, so two writers started together
+// cannot both get past it, whether the table exists yet or not. The lock file is never removed:
+// a writer that removed it could lock a new one while another still holds the old. The holder
+// writes its process id into it for the message a second writer gets.
+int takeWriterLock(int dirFd, const Location& where, const std::string& full) {
+  const std::string name = sideName(where.leaf(), kLockSuffix);
+  std::string why;
+  const int fd = openRegular(dirFd, name, O_RDWR | O_CREAT, why);
+  if (fd < 0) throw Exception(fmt::format("Shelf {}: cannot open its lock file {}: {}", full, name, why));
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  if (fcntl(fd, F_OFD_SETLK, &lock) != 0) {
+    const int saved = errno;
+    if (saved != EAGAIN && saved != EACCES) {
+      close(fd);
+      errno = saved;
+      throw Exception(systemError("cannot lock", full));
+    }
+    // The holder may have taken the lock a moment ago and not written its pid yet, or the file may
+    // still name a holder that died: look again for a little while.
+    long pid = 0;
+    for (int attempt = 0; attempt < 20 && pid == 0; ++attempt) {
+      char text[24] = {};
+      const ssize_t n = pread(fd, text, sizeof text - 1, 0);
+      if (n > 0 && std::memchr(text, '\n', static_cast<std::size_t>(n)) != nullptr) {
+        pid = std::strtol(text, nullptr, 10);
+        if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) pid = 0;
+      }
+      if (pid == 0) {
+        timespec ts{0, 5'000'000};
+        nanosleep(&ts, nullptr);
+      }
+    }
+    close(fd);
+    throw Exception(pid > 0 ? fmt::format("Shelf {}: another writer (pid {}) has this table open", full, pid)
+                            : fmt::format("Shelf {}: another writer has this table open", full));
+  }
+  const std::string pid = fmt::format("{}\n", getpid());
+  if (ftruncate(fd, 0) != 0 || pwrite(fd, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+    // The pid is only for messages; the lock is what counts.
+    PICO_FMTRACE(Pico::kTraceLevelOperational, " {}: cannot note the writer's pid in {}", full, name);
+  }
+  return fd;
 }
 
 }  // namespace
@@ -80,46 +116,36 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
   const Layout l = layoutFor(g.capacity, g.keyMax, g.valueMax, g.ringCapacity);
   const std::string full = where.fullPath();
 
-  int dirFd = where.openDirectory(true);
+  const int dirFd = where.openDirectory(true);
   if (dirFd < 0) throw Exception(systemError("cannot open its directory", full));
-  struct DirCloser {
-    int fd;
-    ~DirCloser() { close(fd); }
-  } dirCloser{dirFd};
-  removeStaleNewFiles(dirFd, where.leaf());
+  FdCloser dirCloser{dirFd};
+  FdCloser lockCloser{takeWriterLock(dirFd, where, full)};
 
-  // The table this one replaces, if any: it must not have a live writer.
+  // The table this one replaces, if any, to be retired once the new one is in its place. Something
+  // other than a table file there is simply replaced.
   std::uint64_t generation = 1;
-  int oldFd = openat(dirFd, where.leaf().c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
-  struct OldCloser {
-    int fd;
-    ~OldCloser() {
-      if (fd >= 0) close(fd);
-    }
-  } oldCloser{oldFd};
-  if (oldFd >= 0) {
-    if (flock(oldFd, LOCK_EX | LOCK_NB) != 0) {
-      throw Exception(fmt::format("Shelf {}: another writer has this table open", full));
-    }
-    FileHeader old{};
-    if (pread(oldFd, &old, sizeof old, 0) == static_cast<ssize_t>(sizeof old) && old.magic == kMagic) {
-      generation = old.generation + 1;
+  std::string why;
+  FdCloser old{openRegular(dirFd, where.leaf(), O_RDWR, why)};
+  if (old.fd >= 0) {
+    FileHeader h{};
+    if (pread(old.fd, &h, sizeof h, 0) == static_cast<ssize_t>(sizeof h) && h.magic == kMagic) {
+      generation = h.generation + 1;
     }
   }
 
-  // Build the new file under a private name, then rename it over the path in one step.
-  std::string tmp = fmt::format(".{}.new.{}", where.leaf(), getpid());
+  // Build the new file under a name of its own, then rename it over the path in one step. Holding
+  // the lock, this writer is the only one that builds: what a writer that died left there goes.
+  const std::string tmp = sideName(where.leaf(), kNewSuffix);
   unlinkat(dirFd, tmp.c_str(), 0);
-  int fd = openat(dirFd, tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const int fd = openat(dirFd, tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) throw Exception(systemError("cannot create", full));
+  FdCloser fileCloser{fd};
   auto map = std::make_unique<Mapping>();
-  map->fd = fd;
   auto fail = [&](std::string_view what) {
     std::string message = systemError(what, full);
     unlinkat(dirFd, tmp.c_str(), 0);
     throw Exception(message);
   };
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) fail("cannot lock");
   if (ftruncate(fd, static_cast<off_t>(l.fileSize)) != 0) fail("cannot size");
   void* base = mmap(nullptr, l.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) fail("cannot map");
@@ -147,6 +173,7 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
   copyLabel(h->collectionName, sizeof h->collectionName, labels.collectionName);
   copyLabel(h->tableName, sizeof h->tableName, labels.tableName);
   h->geometryChecksum = headerChecksum(h);
+  h->live = kLiveMark;
   h->writerOpen = 1;
   map->header = h;
   map->adopt(h);
@@ -168,20 +195,28 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
 
   if (renameat(dirFd, tmp.c_str(), dirFd, where.leaf().c_str()) != 0) fail("cannot publish");
   struct stat st;
-  if (fstat(w->map_->fd, &st) == 0) {
+  if (fstat(fd, &st) == 0) {
     w->map_->dev = st.st_dev;
     w->map_->ino = st.st_ino;
   }
-  if (oldFd >= 0) retireOldFile(oldFd);
+  if (old.fd >= 0) retireOldFile(old.fd);
+  w->lockFd_ = std::exchange(lockCloser.fd, -1);
   PICO_FMTRACE(Pico::kTraceLevelOperational, " new table {} generation {} capacity {}", full, generation, g.capacity);
   return w;
 }
 
 Writer::~Writer() {
-  if (!map_) return;
-  store<std::uint32_t>(&map_->header->writerOpen, 0, __ATOMIC_RELEASE);
-  announce(static_cast<std::uint8_t>(Change::Kind::writerClosed), {}, 0);
-  futexWake(&map_->header->wakeWord);
+  if (map_) {
+    // Closed in this order so that a reader which sees the lock free has seen the flag cleared: it
+    // then knows the writer closed rather than died.
+    store<std::uint32_t>(&map_->header->writerOpen, 0, __ATOMIC_RELEASE);
+    announce(static_cast<std::uint8_t>(Change::Kind::writerClosed), {}, 0);
+    futexWake(&map_->header->wakeWord);
+  }
+  if (lockFd_ >= 0) {
+    (void)!ftruncate(lockFd_, 0);  // no holder to name any more
+    close(lockFd_);
+  }
 }
 
 std::uint32_t Writer::capacity() const { return map_->capacity; }
@@ -209,7 +244,7 @@ Writer::Found Writer::locate(Bytes key, std::uint32_t bucket) const {
       return f;
     }
     f.predecessor = idx;
-    idx = get32(s + kNextAt);
+    idx = linkOf(s);
   }
   f.predecessor = kNone;
   return f;
@@ -247,7 +282,6 @@ void Writer::writeSlot(std::uint32_t index, std::uint32_t bucket, std::uint32_t 
   std::uint8_t* img = staging_.data();
   const std::size_t size = map_->slotSize;
   std::memset(img, 0, size);
-  putRaw(img + kNextAt, next);
   putRaw(img + kBucketAt, bucket);
   putRaw(img + kSelfAt, index);
   putRaw(img + kKeyLenAt, static_cast<std::uint16_t>(key.size()));
@@ -260,20 +294,16 @@ void Writer::writeSlot(std::uint32_t index, std::uint32_t bucket, std::uint32_t 
   std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED);
   store<std::uint32_t>(s + kSeqAt, seq + 1, __ATOMIC_RELAXED);
   std::atomic_thread_fence(std::memory_order_release);
-  copyWordsOut(s + 8, img + 8, size - 8);  // the first word holds the counter itself
+  copyWordsOut(s + 8, img + 8, size - 8);  // the first word holds the counter and the link
+  store<std::uint32_t>(s + kLinkAt, next, __ATOMIC_RELAXED);
   store<std::uint32_t>(s + kSeqAt, seq + 2, __ATOMIC_RELEASE);
 }
 
-// Points slot `predecessor` at `next`: the slot is rewritten whole, so its checksum covers the link.
+// Points slot `predecessor` at `next`: one store of its link, which readers may be following.
+// Nothing else of a slot they can reach is ever changed in place, so a writer that dies between
+// any two instructions leaves every reachable record whole.
 void Writer::relink(std::uint32_t predecessor, std::uint32_t next) {
-  const std::uint8_t* s = map_->slot(predecessor);
-  std::uint16_t keyLen = get16(s + kKeyLenAt);
-  std::uint16_t valueLen = get16(s + kValueLenAt);
-  // Key and value are copied out first: writeSlot builds the new image over the old one.
-  std::uint8_t bytes[kMaxSlotBytes];
-  std::memcpy(bytes, s + kSlotHeaderBytes, keyLen);
-  std::memcpy(bytes + keyLen, s + valueAt(keyLen), valueLen);
-  writeSlot(predecessor, get32(s + kBucketAt), next, Bytes(bytes, keyLen), Bytes(bytes + keyLen, valueLen));
+  store<std::uint32_t>(map_->slot(predecessor) + kLinkAt, next, __ATOMIC_RELEASE);
 }
 
 void Writer::freeSlot(std::uint32_t index) {
@@ -341,7 +371,7 @@ bool Writer::put(Bytes key, std::uint32_t hash, Bytes value) {
     }
     // Copy on write: the new value goes to a free slot linked in place of the old one, so readers
     // see either whole record at every moment.
-    const std::uint32_t next = get32(old + kNextAt);
+    const std::uint32_t next = linkOf(old);
     if (f.index == homeSlot(m, bucket)) {
       // A record at home stays there, where readers look for it first: the new value is linked in
       // from a spare slot while the home is rewritten, then the home is linked back.
@@ -378,7 +408,7 @@ bool Writer::erase(Bytes key, std::uint32_t hash) {
   const std::uint32_t bucket = hash & m.bucketMask;
   Found f = locate(key, bucket);
   if (f.index == kNone) return false;
-  link(f.predecessor, bucket, get32(m.slot(f.index) + kNextAt));
+  link(f.predecessor, bucket, linkOf(m.slot(f.index)));
   freeSlot(f.index);
   --occupancy_;
   store<std::uint32_t>(&m.header->occupancy, occupancy_, __ATOMIC_RELAXED);
@@ -420,7 +450,7 @@ void Writer::forEach(const std::function<void(Bytes key, Bytes value)>& fn) cons
       const std::uint8_t* s = m.slot(idx);
       std::uint16_t keyLen = get16(s + kKeyLenAt);
       fn(Bytes(s + kSlotHeaderBytes, keyLen), Bytes(s + valueAt(keyLen), get16(s + kValueLenAt)));
-      idx = get32(s + kNextAt);
+      idx = linkOf(s);
     }
   }
 }

@@ -1,8 +1,12 @@
 #include "platform/Toggle/Toggle.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -46,12 +50,27 @@ bool toggleStateFromJson(std::string_view json, std::string_view toggleName, boo
 
 bool getToggleState(std::string_view toggleName, std::string_view fileName, bool defaultState) {
   if (!safeFileName(fileName)) return defaultState;
-  std::ifstream in(toggleDirectory() + "/" + std::string(fileName), std::ios::binary);
-  if (!in) return defaultState;
-  std::string text(kMaxFileSize + 1, '\0');
-  in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (in.bad() || static_cast<std::size_t>(in.gcount()) > kMaxFileSize) return defaultState;
-  text.resize(static_cast<std::size_t>(in.gcount()));
+  // Read without blocking and only from a regular file: a FIFO put where the toggle file should
+  // be would otherwise stop the first lookup, and with it the process, until someone wrote to it.
+  // The file itself may not be a symbolic link either.
+  const std::string path = toggleDirectory() + "/" + std::string(fileName);
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return defaultState;
+  struct stat st;
+  std::string text;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && static_cast<std::uint64_t>(st.st_size) <= kMaxFileSize) {
+    text.resize(static_cast<std::size_t>(st.st_size) + 1);
+    std::size_t done = 0;
+    while (done < text.size()) {
+      const ssize_t n = read(fd, text.data() + done, text.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      done += static_cast<std::size_t>(n);
+    }
+    text.resize(done);
+  }
+  close(fd);
+  if (text.empty() || text.size() > kMaxFileSize) return defaultState;
   return toggleStateFromJson(text, toggleName, defaultState);
 }
 

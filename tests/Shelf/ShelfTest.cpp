@@ -8,12 +8,15 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
 #include <thread>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "tests/Shelf/ShelfTestSupport.h"
@@ -317,10 +320,77 @@ TEST(Shelf, OneLiveWriterPerTable) {
     Shelf::Writer::create(t.where, kLabels, {8, 8, 8, 0});
     ADD_FAILURE() << "a second writer opened the table";
   } catch (const Shelf::Exception& e) {
-    EXPECT_EQ(std::string(e.what()), "Shelf " + t.where.fullPath() + ": another writer has this table open");
+    EXPECT_EQ(std::string(e.what()),
+              fmt::format("Shelf {}: another writer (pid {}) has this table open", t.where.fullPath(), getpid()));
   }
   EXPECT_TRUE(t.put("k", "still mine"));
   EXPECT_EQ(t.find("k"), "still mine");
+  // The lock goes with the writer; the next one starts a new generation.
+  const std::uint64_t generation = t.reader.generation();
+  t.writer.reset();
+  t.writer = Shelf::Writer::create(t.where, kLabels, {8, 8, 8, 0});
+  EXPECT_EQ(t.reader.generation(), generation + 1);
+}
+
+// Whatever stands at a table's path, a reader answers at once: a FIFO must not block its open, a
+// symbolic link is not followed, and a file too short for its header's geometry (one truncated,
+// say) is not mapped. Each is reported once, with what is wrong. The alarm ends a hang.
+TEST(Shelf, ANonTableAtItsPathIsRefusedAtOnce) {
+  TempRoot root;
+  const Shelf::Location where(root.path(), "hostile/table");
+  std::string table;
+  {
+    auto w = Shelf::Writer::create(Shelf::Location(root.path(), "hostile/real"), kLabels, {64, 8, 40, 0});
+    table = Shelf::Location(root.path(), "hostile/real").fullPath();
+  }
+  const std::uint64_t tableSize = std::filesystem::file_size(table);
+  struct Row {
+    const char* what;
+    std::function<void(const std::string&)> make;
+    std::string message;
+  };
+  const Row rows[] = {
+      {"fifo", [](const std::string& p) { ASSERT_EQ(mkfifo(p.c_str(), 0644), 0); }, "not a table file: it is a FIFO"},
+      {"directory", [](const std::string& p) { std::filesystem::create_directory(p); },
+       "not a table file: it is a directory"},
+      {"symbolic link", [&](const std::string& p) { std::filesystem::create_symlink(table, p); },
+       "not a table file: it is a symbolic link"},
+      {"short file", [](const std::string& p) { std::ofstream(p) << "short"; },
+       "file of 5 bytes is too short to hold a table"},
+      {"truncated table",
+       [&](const std::string& p) {
+         std::filesystem::copy_file(table, p);
+         std::filesystem::resize_file(p, tableSize - 4096);
+       },
+       fmt::format("file of {} bytes, where its header's geometry needs {}", tableSize - 4096, tableSize)},
+  };
+  for (const Row& row : rows) {
+    std::filesystem::remove_all(where.fullPath());
+    row.make(where.fullPath());
+    std::vector<std::string> reports;
+    Shelf::Reader reader(where, kLabels, 8, 40, [&](std::string_view m) { reports.emplace_back(m); });
+    alarm(5);
+    EXPECT_FALSE(reader.attached()) << row.what;
+    EXPECT_FALSE(reader.attached()) << row.what;
+    alarm(0);
+    EXPECT_EQ(reports, std::vector<std::string>{"Shelf " + where.fullPath() + ": " + row.message}) << row.what;
+  }
+}
+
+// Any leaf the location rules accept can hold a table: the lock and the file being built beside
+// it have names of their own that stay within the system's limit.
+TEST(Shelf, EveryAcceptedLeafCanHoldATable) {
+  TempRoot root;
+  for (std::size_t length : {1u, 200u, 249u, 250u, 255u}) {
+    const Shelf::Location where(root.path(), "names/" + std::string(length, 'n'));
+    auto w = Shelf::Writer::create(where, kLabels, {8, 8, 8, 0});
+    EXPECT_TRUE(w->put(bytes("k"), 1, bytes("v"))) << length;
+    Shelf::Reader r(where, kLabels, 8, 8);
+    std::uint8_t out[8];
+    EXPECT_EQ(r.find(bytes("k"), 1, out, sizeof out), 1u) << length;
+    EXPECT_THROW(Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}), Shelf::Exception) << length;
+  }
+  EXPECT_THROW(Shelf::Location(root.path(), "names/" + std::string(256, 'n')), Kelp::RangeException);
 }
 
 TEST(Shelf, AReaderAttachesWhenTheWriterArrives) {

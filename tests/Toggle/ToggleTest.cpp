@@ -1,5 +1,8 @@
 #include "platform/Toggle/Toggle.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -62,6 +65,16 @@ TEST_F(ToggleFiles, MalformedFilesGiveTheDefault) {
   }
   std::filesystem::create_directory(dir_ + "/Dir.json");  // unreadable as a file
   EXPECT_TRUE(getToggleState("On", "Dir.json", true));
+  // Neither a FIFO (which would block an ordinary open until a writer came; the alarm ends the
+  // test if it does) nor a symbolic link, even to a good file, is read.
+  write("Good.json", R"({"On": false})");
+  ASSERT_EQ(mkfifo((dir_ + "/Fifo.json").c_str(), 0644), 0);
+  std::filesystem::create_symlink(dir_ + "/Good.json", dir_ + "/Link.json");
+  alarm(5);
+  EXPECT_TRUE(getToggleState("On", "Fifo.json", true));
+  EXPECT_TRUE(getToggleState("On", "Link.json", true));
+  alarm(0);
+  EXPECT_FALSE(getToggleState("On", "Good.json", true));
 }
 
 }  // namespace
