@@ -2,8 +2,11 @@
 //
 //   bgpcommon igp-results show vrf1 [--root DIR] [--json]     every record, sorted by key
 //   bgpcommon igp-results watch vrf1 [--count N] [--timeout S] each change as it arrives
-//   bgpcommon igp-results write vrf1 --records N [--size N]    fill a table with sample records
+//   bgpcommon igp-results write vrf1 --records N [--size N] [--hold S]
+//                                                          fill a table with sample records
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cstdio>
 #include <vector>
 
@@ -27,6 +30,7 @@ struct Options {
   std::uint32_t records = 0;
   std::uint32_t size = 1024;
   std::uint32_t first = 1;
+  double hold = 0;
 };
 
 nlohmann::json toJson(const IgpResult& r) {
@@ -47,6 +51,9 @@ nlohmann::json toJson(const IgpResult& r) {
   };
 }
 
+// Corruption reports seen while reading; each is printed on stderr as it comes.
+std::uint32_t damaged = 0;
+
 // Attaches as a reader; corruption found while reading is reported on stderr.
 Kelp::Ptr<IgpResultStatus> attach(const Options& opt) {
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
@@ -56,7 +63,10 @@ Kelp::Ptr<IgpResultStatus> attach(const Options& opt) {
     throw CLI::RuntimeError(1);
   }
   status->resultControl()->corruptionHandlerIs(
-      [](std::string_view m) { std::fprintf(stderr, "corruption: %.*s\n", static_cast<int>(m.size()), m.data()); });
+      [](std::string_view m) {
+        ++damaged;
+        std::fprintf(stderr, "corruption: %.*s\n", static_cast<int>(m.size()), m.data());
+      });
   return status;
 }
 
@@ -78,6 +88,8 @@ void show(const Options& opt) {
   } else {
     for (const IgpResult& r : records) std::printf("%s\n", Kelp::valueToStrep(r).c_str());
   }
+  // Every record that could be read was printed; those that could not were reported one by one.
+  if (damaged != 0) throw CLI::RuntimeError(1);
 }
 
 // Prints one line per change: "KEY <long form>" or "KEY deleted", and "resync N" when the whole
@@ -106,11 +118,11 @@ void watch(const Options& opt) {
   Printer printer(status.get());
   status->notifieeIs(&printer);
   auto control = status->resultControl();
-  double left = opt.timeout;
-  const double step = 0.05;
-  while ((opt.count == 0 || printer.lines < opt.count) && left > 0) {
-    control->waitForChanges(std::min(step, left));
-    left -= step;
+  // The timeout is wall-clock time: a wait returns early whenever changes arrive.
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeout));
+  for (auto now = Clock::now(); (opt.count == 0 || printer.lines < opt.count) && now < end; now = Clock::now()) {
+    control->waitForChanges(std::min(0.05, std::chrono::duration<double>(end - now).count()));
     control->poll();
     std::fflush(stdout);
   }
@@ -136,6 +148,8 @@ void write(const Options& opt) {
   Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusWriter(opt.name, em, opt.size);
   for (std::uint32_t i = 0; i < opt.records; ++i) status->resultIs(sample(opt.first + i));
   std::printf("wrote %u records to %s\n", opt.records, IgpResultStatus::mountPath(opt.name).c_str());
+  std::fflush(stdout);
+  if (opt.hold > 0) std::this_thread::sleep_for(std::chrono::duration<double>(opt.hold));
 }
 
 tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
@@ -175,6 +189,7 @@ tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
   f->add_option("--records", opt.records, "How many sample records");
   f->add_option("--size", opt.size, "Capacity of the table (default 1024)");
   f->add_option("--first", opt.first, "Key of the first record (default 1)");
+  f->add_option("--hold", opt.hold, "Keep the table open this many seconds after writing (default 0)");
   f->callback(run(write));
 });
 

@@ -34,6 +34,8 @@
 #include <string>
 #include <string_view>
 
+#include <fmt/format.h>
+
 #include "platform/Kelp/Ptr.h"
 #include "platform/Kelp/TextForm.h"
 #include "platform/Pico/Assert.h"
@@ -170,13 +172,24 @@ class Collection {
   // Writer only.
   void delAll() { writerOrDie()->clear(); }
 
-  // Calls fn(value) for every entry.
+  // Calls fn(value) for every entry. A reader reports a record that is whole but does not decode
+  // (bytes no writer of this type would store) through the corruption handler, and goes on with
+  // the others.
   template <typename F>
   void forEach(F&& fn) const {
     if (!control_) return;
     auto each = [&](Shelf::Bytes, Shelf::Bytes value) { fn(V::deserialize(value)); };
     if (Shelf::Reader* r = control_->reader()) {
-      r->forEach(each);
+      r->forEach([&](Shelf::Bytes key, Shelf::Bytes value) {
+        std::optional<V> decoded;
+        try {
+          decoded.emplace(Decoded{value});
+        } catch (const Kelp::RangeException& e) {
+          control_->corruption(undecodable(r->location(), key, e));
+          return;
+        }
+        fn(*decoded);
+      });
     } else {
       try {
         control_->writer()->forEach(each);
@@ -231,6 +244,12 @@ class Collection {
     }
     if (!n) return std::nullopt;
     return std::optional<V>(std::in_place, Decoded{Shelf::Bytes(v, *n)});
+  }
+
+  static std::string undecodable(const Shelf::Location& where, Shelf::Bytes key, const std::exception& e) {
+    std::string hex;
+    for (std::uint8_t b : key) hex += fmt::format("{:02x}", b);
+    return fmt::format("Shelf {}: the record of key {} does not decode: {}", where.fullPath(), hex, e.what());
   }
 
   Shelf::Writer* writerOrDie() const {

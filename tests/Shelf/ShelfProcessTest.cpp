@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -556,6 +558,47 @@ TEST(ShelfProcess, TheToolWatchesChangesAsTheyArrive) {
     std::uint32_t key = std::stoul(changes[i]);
     EXPECT_EQ(changes[i], std::to_string(key) + " " + Kelp::valueToStrep(versionedRecord(key, key)));
   }
+}
+
+// The tool beside a live writer: a second writer is refused with the holder named; show prints
+// every record it can decode and reports the one it cannot; watch's timeout is wall-clock time
+// however busy the writer is.
+TEST(ShelfProcess, TheToolBesideALiveWriter) {
+  TempRoot root;
+  auto em = manager(root);
+  auto status = IgpResultStatus::createIgpResultStatusWriter("tool", em, 64);
+  for (std::uint32_t k = 1; k <= 5; ++k) status->resultIs(versionedRecord(k, k));
+  const std::string at = " --root " + root.path();
+
+  const testing_support::ToolResult second = testing_support::runTool("igp-results write tool --records 1" + at);
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.out.find(fmt::format("another writer (pid {}) has this table open", getpid())), std::string::npos)
+      << second.out;
+
+  const std::uint32_t id = 99;
+  const std::uint8_t junk[3] = {0xFF, 0xFF, 0xFF};
+  status->resultControl()->writer()->put({reinterpret_cast<const std::uint8_t*>(&id), 4}, 0, {junk, 3});
+  const testing_support::ToolResult show = testing_support::runTool("igp-results show tool" + at, true);
+  EXPECT_EQ(show.status, 1);
+  for (std::uint32_t k = 1; k <= 5; ++k) {
+    EXPECT_NE(show.out.find(Kelp::valueToStrep(versionedRecord(k, k))), std::string::npos) << show.out;
+  }
+  EXPECT_TRUE(show.err.starts_with("corruption: Shelf ")) << show.err;
+  EXPECT_NE(show.err.find(": the record of key 63000000 does not decode: "), std::string::npos) << show.err;
+  EXPECT_EQ(std::count(show.err.begin(), show.err.end(), '\n'), 1) << show.err;
+
+  std::atomic<bool> done = false;
+  std::thread busy([&] {
+    for (std::uint64_t v = 1; !done; ++v) status->resultIs(versionedRecord(1 + v % 5, v));
+  });
+  const auto start = Clock::now();
+  const testing_support::ToolResult watch = testing_support::runTool("igp-results watch tool --timeout 1" + at);
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  done = true;
+  busy.join();
+  EXPECT_EQ(watch.status, 0);
+  EXPECT_GE(seconds, 1.0);
+  EXPECT_LT(seconds, 10.0);
 }
 
 }  // namespace
