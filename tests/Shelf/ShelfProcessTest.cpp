@@ -513,7 +513,7 @@ TEST(ShelfProcess, AReaderProcessSurvivesADamagedTable) {
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_NE(reports[0].find("checksum mismatch in slot"), std::string::npos) << reports[0];
   auto out = testing_support::runTool("igp-results show damaged --root " + root.path());
-  EXPECT_EQ(out.status, 0);
+  EXPECT_EQ(out.status, 1);
   EXPECT_NE(out.out.find("corruption: Shelf " + path + ": checksum mismatch in slot"), std::string::npos) << out.out;
   for (std::uint32_t k = 1; k <= 10; ++k) {
     bool listed = out.out.find(Kelp::valueToStrep(versionedRecord(k, k))) != std::string::npos;
