@@ -584,6 +584,56 @@ TEST(Shelf, RandomDamageNeverYieldsAWrongValue) {
   EXPECT_GT(reported, 0u);
 }
 
+// The file format, pinned byte for byte: a reader built from another version of this library must
+// find the header's fields, a slot's fields and the marks where they are, and a change to any of
+// them has to be a new version. (The writer's pid, the one field that varies, is blanked.)
+TEST(Shelf, TheFileFormatIsPinned) {
+  TempRoot root;
+  const Shelf::Location where(root.path(), "pinned");
+  auto w = Shelf::Writer::create(where, {"Pin::Type", "rows", "pin"}, {4, 8, 8, 0});
+  w->put(bytes("k"), 1, bytes("v"));
+  w->scalarIs(0, 0x1122);
+  std::ifstream in(where.fullPath(), std::ios::binary);
+  std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_EQ(file.size(), 8192u);
+  std::fill(file.begin() + 12, file.begin() + 16, 0);
+  auto hex = [&](std::size_t at, std::size_t n) {
+    std::string out;
+    for (std::size_t i = at; i < at + n; ++i) out += fmt::format("{:02x}", file[i]);
+    return out;
+  };
+  // Magic "BGPSHELF", version 3, pid, file size, generation; capacity, slots, buckets, key and value
+  // bounds, slot size, ring capacity and entry size; offsets of buckets, slots and ring.
+  EXPECT_EQ(hex(0, 88),
+            "4247505348454c460300000000000000" "0020000000000000" "0100000000000000"
+            "04000000" "05000000" "04000000" "08000000" "08000000" "30000000" "40000000" "18000000"
+            "0010000000000000" "4010000000000000" "4011000000000000");
+  EXPECT_EQ(hex(88, 12), "50696e3a3a5479706500" "0000");  // type name, NUL-padded to 128 bytes
+  EXPECT_EQ(hex(448, 8), "4c49564501000000");               // live mark, writer open
+  EXPECT_EQ(hex(512, 16), "0200000000000000" "02000000" "01000000");  // changes so far, wake word, occupancy
+  EXPECT_EQ(hex(576, 8), "2211000000000000");                // scalar 0
+  EXPECT_EQ(hex(4096, 16), "ffffffff" "01000000" "ffffffff" "ffffffff");  // bucket 1 heads at its home, slot 1
+  // Slot 1: counter 4 (free once, then the record), link kNone, checksum, zeros, bucket 1, own
+  // index 1, key and value lengths, the key and the value each in a word of its own.
+  EXPECT_EQ(hex(4160 + 48, 48), "04000000" "ffffffff" "bde7486ac2637efd" "00000000" "01000000" "01000000" "0100" "0100"
+                                "6b00000000000000" "7600000000000000");
+
+  // The inline lookup answers from that home slot; a record of the same bucket kept elsewhere, it
+  // leaves to find. (It needs the CRC32C instruction; without it, it always leaves it to find.)
+  w->put(bytes("j"), 1, bytes("w"));
+  Shelf::Reader r(where, {"Pin::Type", "rows", ""}, 8, 8);
+  ASSERT_TRUE(r.attached());
+  Shelf::Reader::ValueWords<8, 8> value{};
+  const bool instruction = Shelf::detail::instructionChecksum(bytes("12345678")).has_value();
+  EXPECT_EQ((r.findAtHome<8, 8>)('k', 1, 1, value), instruction);
+  if (instruction) EXPECT_EQ(std::make_pair(value.words[0], value.length), std::make_pair(std::uint64_t{'v'}, 1u));
+  EXPECT_FALSE((r.findAtHome<8, 8>)('j', 1, 1, value));
+  EXPECT_FALSE((r.findAtHome<8, 8>)('k', 1, 2, value));  // another bucket's home
+  std::uint8_t out[8];
+  EXPECT_EQ(r.find(bytes("j"), 1, out, sizeof out), 1u);
+  EXPECT_EQ(out[0], 'w');
+}
+
 TEST(Shelf, AReaderMapsTheTableReadOnly) {
   TempRoot root;
   Table t(root);
