@@ -58,6 +58,43 @@ const T& held(const std::any& v, std::string_view typeName) {
 }
 }  // namespace detail
 
+// Whether values of T can be built from text: not when T, or a value nested in it, holds a
+// collection (kelpNoStringConstructor), whose range constructor would assert on any text.
+template <typename T>
+constexpr bool textConstructible();
+
+namespace detail {
+template <typename Item>
+constexpr bool itemTextConstructible() {
+  if constexpr (Item::kind == AttrKind::field) {
+    using M = typename Item::Member;
+    if constexpr (Described<M>) {
+      return textConstructible<M>();
+    } else {
+      return !requires { M::kelpNoStringConstructor; };
+    }
+  } else {
+    return true;
+  }
+}
+template <typename Items, std::size_t... I>
+constexpr bool itemsTextConstructible(std::index_sequence<I...>) {
+  return (itemTextConstructible<std::tuple_element_t<I, Items>>() && ...);
+}
+}  // namespace detail
+
+template <typename T>
+constexpr bool textConstructible() {
+  if constexpr (requires { T::kelpNoStringConstructor; }) {
+    return false;
+  } else if constexpr (Described<T>) {
+    using Items = decltype(typeDescOf<T>.items);
+    return detail::itemsTextConstructible<Items>(std::make_index_sequence<std::tuple_size_v<Items>>{});
+  } else {
+    return true;
+  }
+}
+
 // The registry entry of a described value type or enumeration, built once.
 template <typename T>
 const TypeInfo* typeInfo() {
@@ -83,8 +120,9 @@ const TypeInfo* typeInfo() {
       };
     }
     // A type that holds a collection declares kelpNoStringConstructor: building it from text is a
-    // programming error (its range constructor asserts), so generic code is not offered the entry.
-    if constexpr (!requires { T::kelpNoStringConstructor; }) {
+    // programming error (its range constructor asserts), so generic code is not offered the entry,
+    // for it nor for a type that holds one.
+    if constexpr (DescribedEnum<T> || textConstructible<T>()) {
       t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
     }
     t.valueToStrep = [](const std::any& v) -> String {

@@ -74,6 +74,13 @@ TEST(Registry, FindsTypesAndRoundTripsThroughThem) {
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->kind, TypeKind::enumeration);
   EXPECT_EQ(e->valueToStrep(e->strepToValue("applyNew")), "applyNew");
+
+  // A type holding a collection cannot be built from text, nor can one that holds such a type:
+  // neither is offered the entry, so no text reaches the collection's assertion.
+  for (const char* name : {"Routing::BgpRedistribute::IgpResult", "Routing::BgpRedistribute::IgpResultLookup"}) {
+    ASSERT_NE(findType(name), nullptr) << name;
+    EXPECT_EQ(findType(name)->strepToValue, nullptr) << name;
+  }
 }
 
 }  // namespace
