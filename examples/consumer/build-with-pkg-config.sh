@@ -4,4 +4,5 @@
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 # shellcheck disable=SC2046
-g++ -std=c++20 -O1 "$here/main.cpp" -o "$1" $(pkg-config --cflags --libs bgpcommon)
+g++ -O1 "$here/main.cpp" -o "$1" $(pkg-config --cflags --libs bgpcommon) \
+  -Wl,-rpath,"$(pkg-config --variable=libdir bgpcommon)"

@@ -131,12 +131,24 @@ inline void futexWait(const std::uint32_t* word, std::uint32_t expected, std::ui
   syscall(SYS_futex, word, FUTEX_WAIT, expected, &ts, nullptr, 0);
 }
 
+// Tells the processor that this thread spins, so that it yields its resources to the other thread
+// of its core (and saves power) for a few cycles.
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield" ::: "memory");
+#else
+  asm volatile("" ::: "memory");
+#endif
+}
+
 // Backs off before attempt `attempt` (from 0): spins first, then sleeps a little longer each time.
 // No sched_yield: for a reader at low priority on a busy machine a yield can give the processor
 // away for far longer than the writer needs.
 inline void pause(int attempt) {
   if (attempt < 4) {
-    for (int i = 0; i < 64 << attempt; ++i) __builtin_ia32_pause();
+    for (int i = 0; i < 64 << attempt; ++i) cpuRelax();
   } else {
     timespec ts{0, std::min<long>(200'000, 10'000L * (attempt - 3))};
     nanosleep(&ts, nullptr);

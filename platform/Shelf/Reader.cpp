@@ -45,7 +45,7 @@ Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint3
   for (int attempt = 0; attempt < kSnapshotTries; ++attempt) {
     std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
     if (seq & 1u) [[unlikely]] {
-      __builtin_ia32_pause();
+      cpuRelax();
       continue;
     }
     const std::uint64_t sum = copyAndSum(buf, s, m.slotSize);
