@@ -16,6 +16,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/PairedBench.h"
+
 #include "BgpCommon/BgpIdAllocator.h"
 
 namespace {
@@ -85,10 +87,7 @@ void BM_AllocateFree(benchmark::State& state) {
     oursFirst = !oursFirst;
   }
   const double pairs = static_cast<double>(state.iterations()) * kBatch;
-  state.counters["ours_ns"] = benchmark::Counter(oursNs / pairs, benchmark::Counter::kAvgThreads);
-  state.counters["peer_ns"] = benchmark::Counter(peerNs / pairs, benchmark::Counter::kAvgThreads);
-  state.counters["ratio"] = benchmark::Counter(oursNs / peerNs, benchmark::Counter::kAvgThreads);
-  state.counters["goal"] = benchmark::Counter(1.5, benchmark::Counter::kAvgThreads);
+  bench_support::duelCounters(state, oursNs / pairs, peerNs / pairs, 1.5, benchmark::Counter::kAvgThreads);
   if (state.thread_index() == 0) {
     ours = nullptr;
     delete peer;

@@ -53,10 +53,7 @@ inline std::int64_t mallocInUse() {
 }
 
 inline void reportDuel(benchmark::State& state, double oursNs, double peerNs, double goal, const char* goalSense) {
-  state.counters["ours_ns"] = oursNs;
-  state.counters["peer_ns"] = peerNs;
-  state.counters["ratio"] = oursNs / peerNs;  // ours / peer time: below 1 is faster
-  state.counters["goal"] = goal;
+  bench_support::duelCounters(state, oursNs, peerNs, goal);
   state.SetLabel(goalSense);
 }
 

@@ -186,10 +186,7 @@ void Dedup_fresh1M(benchmark::State& state) {
     results += kResults;
     state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
   }
-  state.counters["ours_ns"] = oursNs / static_cast<double>(results);
-  state.counters["peer_ns"] = peerNs / static_cast<double>(results);
-  state.counters["ratio"] = oursNs / peerNs;
-  state.counters["goal"] = 2.0;
+  bench_support::duelCounters(state, oursNs / static_cast<double>(results), peerNs / static_cast<double>(results), 2.0);
   state.SetItemsProcessed(static_cast<std::int64_t>(results));
 }
 BENCHMARK(Dedup_fresh1M)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
@@ -301,10 +298,8 @@ void ReaderLookup_process(benchmark::State& state) {
     state.SetIterationTime(rep.oursNs / 1e9);
   }
   if (total.lookups == 0) return;
-  state.counters["ours_ns"] = total.oursNs / static_cast<double>(total.lookups);
-  state.counters["peer_ns"] = total.peerNs / static_cast<double>(total.lookups);
-  state.counters["ratio"] = total.oursNs / total.peerNs;
-  state.counters["goal"] = 1.3;
+  bench_support::duelCounters(state, total.oursNs / static_cast<double>(total.lookups),
+                               total.peerNs / static_cast<double>(total.lookups), 1.3);
   state.counters["limit_ns"] = total.limitNs / static_cast<double>(total.lookups);
   state.SetItemsProcessed(static_cast<std::int64_t>(total.lookups));
 }

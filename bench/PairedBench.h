@@ -19,6 +19,24 @@
 
 namespace bench_support {
 
+// The counters of a comparison, named here once: bench/table.py reads these names from this file.
+inline constexpr const char* kOursNs = "ours_ns";    // mean time of one call of ours
+inline constexpr const char* kPeerNs = "peer_ns";    // the same of the peer, or the limit
+inline constexpr const char* kRatio = "ratio";       // ours_ns / peer_ns: below 1 is faster
+inline constexpr const char* kGoal = "goal";         // the ratio to stay within
+inline constexpr const char* kSpeedup = "speedup";   // peer_ns / ours_ns, where the goal is a speed-up
+inline constexpr const char* kGoalMin = "goal_min";  // the speed-up to reach
+
+// Sets the counters of a comparison from the two mean times (goal 0: none), each counter with
+// `flags` (kAvgThreads where every thread of a threaded benchmark reports).
+inline void duelCounters(benchmark::State& state, double oursNs, double peerNs, double goal,
+                         benchmark::Counter::Flags flags = benchmark::Counter::kDefaults) {
+  state.counters[kOursNs] = benchmark::Counter(oursNs, flags);
+  state.counters[kPeerNs] = benchmark::Counter(peerNs, flags);
+  state.counters[kRatio] = benchmark::Counter(peerNs > 0 ? oursNs / peerNs : 0, flags);
+  if (goal > 0) state.counters[kGoal] = benchmark::Counter(goal, flags);
+}
+
 // Nanoseconds on the wall clock; a benchmark may pass another clock (thread CPU time, say).
 inline double steadyNs() {
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -56,17 +74,15 @@ void pairedTimes(benchmark::State& state, int batch, Ours&& ours, Peer&& peer, C
     oursFirst = !oursFirst;
     calls += batch;
   }
-  state.counters["ours_ns"] = oursNs / static_cast<double>(calls);
-  state.counters["peer_ns"] = peerNs / static_cast<double>(calls);
+  state.counters[kOursNs] = oursNs / static_cast<double>(calls);
+  state.counters[kPeerNs] = peerNs / static_cast<double>(calls);
 }
 
 // pairedTimes, plus the ratio ours/peer and the goal it should stay within.
 template <typename Ours, typename Peer>
 void pairedRun(benchmark::State& state, int batch, double goal, Ours&& ours, Peer&& peer) {
   pairedTimes(state, batch, ours, peer);
-  const double peerNs = state.counters["peer_ns"];
-  state.counters["ratio"] = peerNs > 0 ? state.counters["ours_ns"] / peerNs : 0;
-  state.counters["goal"] = goal;
+  duelCounters(state, state.counters[kOursNs], state.counters[kPeerNs], goal);
 }
 
 }  // namespace bench_support

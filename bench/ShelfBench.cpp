@@ -144,16 +144,16 @@ void pairedCpuRun(benchmark::State& state, Ours&& ours, Peer&& peer) {
 template <typename Ours, typename Peer>
 void ratioRun(benchmark::State& state, double goal, Ours&& ours, Peer&& peer) {
   pairedCpuRun(state, ours, peer);
-  state.counters["ratio"] = state.counters["ours_ns"] / state.counters["peer_ns"];
-  if (goal > 0) state.counters["goal"] = goal;
+  bench_support::duelCounters(state, state.counters[bench_support::kOursNs], state.counters[bench_support::kPeerNs], goal);
 }
 
 // Ours beside a peer we aim to beat by at least `minSpeedup`.
 template <typename Ours, typename Peer>
 void speedupRun(benchmark::State& state, double minSpeedup, Ours&& ours, Peer&& peer) {
   pairedCpuRun(state, ours, peer);
-  state.counters["speedup"] = state.counters["peer_ns"] / state.counters["ours_ns"];
-  state.counters["goal_min"] = minSpeedup;
+  state.counters[bench_support::kSpeedup] =
+      state.counters[bench_support::kPeerNs] / state.counters[bench_support::kOursNs];
+  state.counters[bench_support::kGoalMin] = minSpeedup;
 }
 
 // Reader lookup of a present id (a copy of the record) beside absl::flat_hash_map find + copy in

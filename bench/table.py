@@ -6,8 +6,14 @@ lower is better, goal = the ratio to stay within); a benchmark whose goal is a m
 reports speedup and goal_min instead. Other counters (bytes per key, ...) are listed as they are.
 """
 import json
+import pathlib
 import platform
+import re
 import sys
+
+# The comparison counters' names, as bench/PairedBench.h defines them (kOursNs = "ours_ns", ...).
+_SUPPORT = (pathlib.Path(__file__).parent / "PairedBench.h").read_text()
+NAMES = dict(re.findall(r'inline constexpr const char\* (k\w+) = "(\w+)";', _SUPPORT))
 
 
 def fmt(v):
@@ -36,12 +42,12 @@ def main(paths):
                     "per_family_instance_index", "aggregate_name", "aggregate_unit", "label",
                     "error_occurred", "error_message"}
             counters = {k: v for k, v in b.items() if k not in skip}
-            ours = counters.pop("ours_ns", None)
-            peer = counters.pop("peer_ns", None)
-            ratio = counters.pop("ratio", None)
-            goal = counters.pop("goal", None)
-            speedup = counters.pop("speedup", None)
-            goal_min = counters.pop("goal_min", None)
+            ours = counters.pop(NAMES["kOursNs"], None)
+            peer = counters.pop(NAMES["kPeerNs"], None)
+            ratio = counters.pop(NAMES["kRatio"], None)
+            goal = counters.pop(NAMES["kGoal"], None)
+            speedup = counters.pop(NAMES["kSpeedup"], None)
+            goal_min = counters.pop(NAMES["kGoalMin"], None)
             met = ""
             goal_text = ""
             ratio_text = ""
