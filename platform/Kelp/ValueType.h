@@ -196,13 +196,20 @@ bool fieldsEqual(const T& a, const T& b) {
 template <typename M>
 void hashMixField(Hash& h, const M& v);
 
+template <typename T>
+concept Hashable = requires(const T& v) {
+  { v.hash(std::uint32_t{0}) } -> std::convertible_to<std::uint32_t>;
+};
+
 template <Described T>
 void hashMixFields(Hash& h, const T& v) {
   forEachField(typeDescOf<T>, [&](const auto& f) { hashMixField(h, v.*(f.member)); });
 }
 
 // Mixes one field by its width: bool and 8-bit fields as 1 byte, 16-bit as 2, and so on; an
-// enumeration by its storage type; a nested value by its own fields; a text by its bytes.
+// enumeration by its storage type; a text by its bytes; a nested value by its own hash where it
+// has one (a type that hashes only some of its fields, or hashes them its own way, keeps that
+// meaning inside another), else by its fields.
 template <typename M>
 void hashMixField(Hash& h, const M& v) {
   if constexpr (std::is_same_v<M, bool>) {
@@ -213,10 +220,11 @@ void hashMixField(Hash& h, const M& v) {
     h.hashMix(v);
   } else if constexpr (std::is_same_v<M, String>) {
     h.hashMix(std::string_view(v));
-  } else if constexpr (Described<M>) {
-    hashMixFields(h, v);
-  } else {
+  } else if constexpr (Hashable<M>) {
     h.hashMix(v.hash(0));
+  } else {
+    static_assert(Described<M>, "a field must be a number, an enumeration, a text or a value type");
+    hashMixFields(h, v);
   }
 }
 
@@ -228,11 +236,6 @@ std::uint32_t hashFields(const T& v, std::uint32_t seed) {
   return h.result();
 }
 
-template <typename T>
-concept Hashable = requires(const T& v) {
-  { v.hash(std::uint32_t{0}) } -> std::convertible_to<std::uint32_t>;
-};
-
 // The generic hash entry: the type's own hash with seed 0, or the unhashable-type error.
 template <Described T>
 std::uint32_t genericHash(const T& v) {
@@ -243,7 +246,9 @@ std::uint32_t genericHash(const T& v) {
   }
 }
 
-// The truth test: the type's own operator bool, or "differs from a default-constructed value".
+// The truth test: the type's own operator bool (ValueBase gives one: "differs from a default-
+// constructed value"), or, for a described type with its own equality and no such operator (the
+// route target), the same test spelled out.
 template <Described T>
 bool truthOf(const T& v) {
   if constexpr (std::is_constructible_v<bool, const T&>) {
@@ -292,11 +297,14 @@ struct AttrInfo {
   AttrKind kind;
 };
 
+// Attribute numbers start here, in declaration order: 0 and 1 belong to the framework itself.
+inline constexpr int kFirstAttributeId = 2;
+
 template <Described T>
 std::vector<AttrInfo> attributesOf() {
   std::vector<AttrInfo> out;
   forEachAttr(typeDescOf<T>, [&](const auto& item, std::size_t i) {
-    out.push_back({static_cast<int>(i) + 2, item.name, std::decay_t<decltype(item)>::kind});
+    out.push_back({static_cast<int>(i) + kFirstAttributeId, item.name, std::decay_t<decltype(item)>::kind});
   });
   return out;
 }
@@ -395,7 +403,7 @@ int genericIfAttributeOp(std::any* result, T* obj, const KelpAttrBase* attr, int
     }
   }
   const auto& d = typeDescOf<T>;
-  int index = attr->attributeId() - 2;
+  int index = attr->attributeId() - kFirstAttributeId;
   if (index < 0 || index >= static_cast<int>(d.size)) return attrStatusNoAttribute;
   int status = attrStatusUnsupported;
   forEachAttr(d, [&](const auto& item, std::size_t i) {
