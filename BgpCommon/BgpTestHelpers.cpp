@@ -235,6 +235,16 @@ Kelp::Ptr<TestControlSummaryResult> TestControlStatus::summarizeEventsTrackingDa
 
 std::vector<Kelp::Ptr<TestControlStatusVrf>> TestControlStatus::vrfsInOrder() const { return inIdOrder(vrfData_); }
 
+std::vector<TestControlStatus::VrfInOrder> TestControlStatus::vrfsAndRibOutsInOrder() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<VrfInOrder> out;
+  for (auto& vrf : vrfsInOrder()) {
+    auto ribOuts = inIdOrder(vrf->ribOutData());
+    out.push_back({std::move(vrf), std::move(ribOuts)});
+  }
+  return out;
+}
+
 // ---- The control object ---------------------------------------------------------------------
 
 void TestTrackleControlBase::eventsTrackingEnabledIs(bool v) {
@@ -330,16 +340,22 @@ void TestTrackleControlBase::printEventsTrackingHeader(Brim::DumpContext& ctx, U
 
 void TestTrackleControlBase::printEventsTrackingDetailOneVrf(Brim::DumpContext& ctx,
                                                              const Kelp::Ptr<TestControlStatusVrf>& vrf) const {
-  vrf->printEventsTrackingDetail(ctx, reported(ribAddThreshold()));
+  printEventsTrackingDetailOneVrf(ctx, TestControlStatus::VrfInOrder{vrf, inIdOrder(vrf->ribOutData())});
+}
+
+void TestTrackleControlBase::printEventsTrackingDetailOneVrf(Brim::DumpContext& ctx,
+                                                             const TestControlStatus::VrfInOrder& entry) const {
+  entry.vrf->printEventsTrackingDetail(ctx, reported(ribAddThreshold()));
   const U32 ribOut = reported(ribOutPathAdvertiseThreshold());
-  for (const auto& r : inIdOrder(vrf->ribOutData())) r->printEventsTrackingDetail(ctx, ribOut);
+  for (const auto& r : entry.ribOuts) r->printEventsTrackingDetail(ctx, ribOut);
 }
 
 void TestTrackleControlBase::printEventsTrackingDetail(Brim::DumpContext& ctx, U32 currentPaths) const {
   printEventsTrackingHeader(ctx, currentPaths, false);
   if (testControlStatus_ == nullptr) return;
-  testControlStatus_->forEachVrf(
-      [&](const Kelp::Ptr<TestControlStatusVrf>& vrf) { printEventsTrackingDetailOneVrf(ctx, vrf); });
+  // A slow sink (a terminal, a full pipe) must not hold up the processing threads, which take the
+  // status mutex to find their entries: only the collecting is done under it.
+  for (const auto& entry : testControlStatus_->vrfsAndRibOutsInOrder()) printEventsTrackingDetailOneVrf(ctx, entry);
 }
 
 namespace {

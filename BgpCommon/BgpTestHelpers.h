@@ -26,7 +26,8 @@
 //
 // Threads: processing threads record while the command thread starts, stops and reports. The
 // TestControlStatus mutex is held for the whole of findOrCreateVrfData, findOrCreateRibOutData,
-// deleteAllEventsTrackingData, summarizeEventsTrackingData and the detail walk; the stamps,
+// deleteAllEventsTrackingData, summarizeEventsTrackingData and while the detail report collects the
+// entries it prints (never while it prints them); the stamps,
 // counters and control fields that processing threads touch outside it are atomic. The control
 // object's fields are changed (and its notifiees told) only by the command path, and the
 // status must be in place (testControlStatusIs()) before processing threads look it up.
@@ -278,17 +279,19 @@ class TestControlStatus : public Kelp::PtrInterface {
   void deleteAllEventsTrackingData();
   // Under the mutex: counts the VRFs and RibOuts and merges their stamps.
   Kelp::Ptr<TestControlSummaryResult> summarizeEventsTrackingData();
-  // Under the mutex: calls f(vrf) for every VRF in ascending id order.
-  template <typename F>
-  void forEachVrf(F&& f) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& vrf : vrfsInOrder()) f(vrf);
-  }
+  // One VRF as the detail report shows it: the entry and its RibOuts in ascending id order.
+  struct VrfInOrder {
+    Kelp::Ptr<TestControlStatusVrf> vrf;
+    std::vector<Kelp::Ptr<TestControlStatusRibOut>> ribOuts;
+  };
+  // Under the mutex: every VRF in ascending id order, with its RibOuts. The entries are shared,
+  // not copied: their stamps and counters may be read and printed without the mutex.
+  std::vector<VrfInOrder> vrfsAndRibOutsInOrder() const;
 
  private:
   std::vector<Kelp::Ptr<TestControlStatusVrf>> vrfsInOrder() const;
 
-  std::mutex mutex_;  // guards vrfData_ and the collections below it
+  mutable std::mutex mutex_;  // guards vrfData_ and the collections below it
   VrfMap vrfData_;
 };
 
@@ -343,7 +346,10 @@ class TestTrackleControlBase : public Kelp::PtrInterface {
   void printEventsTrackingHeader(Brim::DumpContext& ctx, U32 currentPaths, bool summary) const;
   // One VRF and its RibOuts (in ascending id order).
   void printEventsTrackingDetailOneVrf(Brim::DumpContext& ctx, const Kelp::Ptr<TestControlStatusVrf>& vrf) const;
-  // The detail report: the header, then every VRF in ascending id order, under the status mutex.
+  void printEventsTrackingDetailOneVrf(Brim::DumpContext& ctx, const TestControlStatus::VrfInOrder& entry) const;
+  // The detail report: the header, then every VRF in ascending id order. The VRFs and RibOuts are
+  // collected under the status mutex and printed after it is released, so that processing
+  // threads never wait for the report's sink.
   void printEventsTrackingDetail(Brim::DumpContext& ctx, U32 currentPaths) const;
 
   // Hooks for the agent's derived control class; empty here.

@@ -11,8 +11,10 @@ void SmTrigger::triggerIs(U32 value) {
 }
 
 U32 SmTrigger::triggerInc(U32 by) {
-  triggerIs(static_cast<U32>(trigger_ + by));
-  return trigger_;
+  // The value this call set: an observer told of it may kick the trigger again before we return.
+  const U32 value = static_cast<U32>(trigger_ + by);
+  triggerIs(value);
+  return value;
 }
 
 Kelp::Ptr<SmTrigger> smTriggerFactory() { return Kelp::makePtr<SmTrigger>(); }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "BgpCommon/BgpTestHelpers.h"
@@ -24,9 +25,16 @@ struct DemoOptions {
   unsigned ribOuts = 2;
   unsigned paths = 20000;
   unsigned workers = 2;
-  unsigned pathsPerUpdate = 50;  // paths an UPDATE message carries
-  std::vector<unsigned> thresholds;  // RIB and RibOut path thresholds
+  std::vector<unsigned> thresholds;  // RIB and RibOut path thresholds; none given: see thresholdsOf
 };
+
+// The RIB and RibOut thresholds of the run. Both count per VRF and per RibOut, so when none are
+// given, half of a VRF's share of the burst is a threshold every VRF and RibOut reaches midway.
+std::pair<U32, U32> thresholdsOf(const DemoOptions& opt) {
+  if (opt.thresholds.size() == 2) return {opt.thresholds[0], opt.thresholds[1]};
+  const U32 half = opt.paths / opt.vrfs / 2;
+  return {half, half};
+}
 
 // The RibOut ids of a VRF: VRF v owns v * 100 + 1, v * 100 + 2, ...
 U32 ribOutId(U32 vrf, unsigned k) { return vrf * 100 + k + 1; }
@@ -39,9 +47,12 @@ void processBurst(const DemoOptions& opt, TestTrackleControlBase& control, unsig
     const U32 vrfId = p % opt.vrfs;
     Kelp::Ptr<TestControlStatusVrf> vrf = status->findOrCreateVrfData(vrfId, true);
     if (vrf->vrfName().empty()) vrf->vrfNameIs(vrfId == 0 ? "default" : "vrf-" + std::to_string(vrfId));
-    Kelp::Seconds now = Kelp::currentTime();
-    if ((p / opt.vrfs) % opt.pathsPerUpdate == 0) vrf->timeStampsRib()->noteUpdateMessage(now);
+    // The UPDATE message carrying the path arrived before the RIB takes the path. Workers take a
+    // VRF's paths in no fixed order, so whichever comes first stamps its message (later calls
+    // leave the first stamp).
+    vrf->timeStampsRib()->noteUpdateMessage(Kelp::currentTime());
     // The RIB adds the path.
+    Kelp::Seconds now = Kelp::currentTime();
     vrf->timeStampsRib()->noteEventProcessed(now);
     if (vrf->numBribPathsInc(1) == control.ribAddThreshold()) vrf->timeStampsRib()->noteThresholdReached(now);
     // Every RibOut of the VRF advertises it.
@@ -62,12 +73,13 @@ void runDemo(const DemoOptions& opt) {
   auto control = Kelp::makePtr<TestTrackleControlBase>();
   control->testControlStatusIs();
   Brim::DumpContext out(stdout);
-  const U32 ribThreshold = opt.thresholds.size() == 2 ? opt.thresholds[0] : 0;
-  const U32 ribOutThreshold = opt.thresholds.size() == 2 ? opt.thresholds[1] : 0;
+  const auto [ribThreshold, ribOutThreshold] = thresholdsOf(opt);
   const U32 pathsBefore = 0;
 
   std::printf("$ show bgp instance internal events tracking start");
-  if (opt.thresholds.size() == 2) std::printf(" advertise-threshold %u %u", ribThreshold, ribOutThreshold);
+  if (ribThreshold != 0 || ribOutThreshold != 0) {
+    std::printf(" advertise-threshold %u %u", ribThreshold, ribOutThreshold);
+  }
   std::printf("\n");
   control->updateEventsTracking(out, eventsTrackingStart, ribThreshold, ribOutThreshold, pathsBefore);
 
@@ -116,7 +128,9 @@ tools::CommandRegistration reg("events-tracking", [](CLI::App& app) {
   demo->add_option("--paths", opt.paths, "Paths in the burst")->check(CLI::Range(0u, 100000000u))->capture_default_str();
   demo->add_option("--workers", opt.workers, "Worker threads")->check(CLI::Range(1u, 64u))->capture_default_str();
   demo->add_option("--advertise-threshold", opt.thresholds,
-                   "RIB and RibOut path thresholds: the reports show how long each took to reach its own")
+                   "RIB and RibOut path thresholds, counted per VRF and per RibOut: the reports show how long "
+                   "each VRF's RIB and each RibOut took to reach its own (default: half of a VRF's share of "
+                   "the paths, both)")
       ->expected(2);
   demo->callback([] { runDemo(opt); });
 });

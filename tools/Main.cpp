@@ -25,8 +25,12 @@ int main(int argc, char** argv) {
   for (const auto& c : commands) c.setup(app);
   try {
     app.parse(argc, argv);
+  } catch (const CLI::RuntimeError& e) {
+    return e.get_exit_code();  // a subcommand's own status
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // CLI11 gives each kind of bad command line its own status (105 and up); the tool has one for
+    // all of them, as for bad text: 1. Help still exits 0.
+    return app.exit(e) == 0 ? 0 : 1;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "%s\n", e.what());
     return 1;

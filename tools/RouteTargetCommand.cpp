@@ -6,16 +6,42 @@
 //   0x0202000111700005 fourOctetAs routeTarget global=70000 local=5 70000:5
 //   0x01020a0000010007 ipv4Address routeTarget global=167772161 local=7 10.0.0.1:7
 //
-// A text that does not parse prints its error on standard error; the exit status is then 1.
+// A text that does not parse prints its error on standard error; the exit status is then 1. So
+// does a text the library accepts but cannot hold as written: it keeps the local administrator of
+// the two-octet form in 32 bits and the halves of a dotted AS in 16 bits each without a check, so
+// 100:4294967296 would become 100:0 and 65536.0:1 would become 0L:1. The tool says so instead of
+// showing a route target the operator did not write.
+#include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <optional>
+#include <string_view>
 
 #include <fmt/format.h>
 
 #include "BgpCommon/RouteTarget.h"
+#include "platform/Kelp/TextForm.h"
 #include "tools/Command.h"
 
 namespace {
+
+// Why the text, which the library accepted as `rt`, names numbers `rt` does not hold; none when it
+// holds them all (the hex and IPv4 forms always do).
+std::optional<std::string> numberLost(std::string_view text, const Routing::Bgp::RouteTarget& rt) {
+  const std::size_t colon = text.find(':');
+  if (colon == std::string_view::npos) return std::nullopt;
+  std::string_view global = text.substr(0, colon);
+  if (!global.empty() && global.back() == 'L') global.remove_suffix(1);
+  if (Kelp::dectol(text.substr(colon + 1), "RouteTarget") != rt.localAdmin()) return "local administrator";
+  const std::size_t dot = global.find('.');
+  if (dot != std::string_view::npos && global.find('.', dot + 1) == std::string_view::npos) {
+    if (Kelp::dectol(global.substr(0, dot), "RouteTarget") > UINT16_MAX ||
+        Kelp::dectol(global.substr(dot + 1), "RouteTarget") > UINT16_MAX) {
+      return "half of the dotted AS number";
+    }
+  }
+  return std::nullopt;
+}
 
 struct RouteTargetOptions {
   std::vector<std::string> texts;
@@ -30,6 +56,12 @@ int showRouteTargets(const RouteTargetOptions& opt) {
       rt.stringValueIs(text);
     } catch (const std::exception& e) {  // RangeException, or the hex form's invalid_argument/out_of_range
       std::fprintf(stderr, "%s\n", e.what());
+      status = 1;
+      continue;
+    }
+    if (auto lost = numberLost(text, rt)) {
+      std::fprintf(stderr, "%s: %s out of range; the library would store %s\n", text.c_str(), lost->c_str(),
+                   rt.toStrep(opt.asDot).c_str());
       status = 1;
       continue;
     }

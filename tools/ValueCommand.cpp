@@ -52,7 +52,9 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
   parse->callback([] {
     const Kelp::TypeInfo* t = Kelp::findType(opt.type);
     if (t == nullptr) {
-      std::fprintf(stderr, "unknown type '%s' (see 'bgpcommon value list')\n", opt.type.c_str());
+      // Shown as parse errors show text, so that control bytes in the name reach no terminal.
+      std::fprintf(stderr, "unknown type \"%s\" (see 'bgpcommon value list')\n",
+                   Kelp::quoteExcerpt(opt.type, opt.type.size()).c_str());
       throw CLI::RuntimeError(1);
     }
     if (t->strepToValue == nullptr) {

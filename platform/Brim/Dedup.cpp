@@ -106,14 +106,8 @@ void DedupHandleBase::tableNumberIs(std::uint32_t number) const {
 void DedupHandleBase::deleteRefSlow() const {
   const std::uint32_t w = word_.load(std::memory_order_acquire);
   if (stateOf(w) == DedupState::deduped) {
-    if ((w & kOneThread) == 0) {
-      // Other outside references remain, so this release cannot be the one that leaves only the
-      // table's reference. Everything else is decided by the table, under its lock.
-      std::uint32_t c = refs_.load(std::memory_order_relaxed);
-      while (c > kTableRefs + 1) {
-        if (refs_.compare_exchange_weak(c, c - 1, std::memory_order_release, std::memory_order_relaxed)) return;
-      }
-    }
+    // Whether this release leaves only the table's reference is decided by the table, under its
+    // lock when it has one.
     DedupHashTable::tableNumbered(tableNumberOf(w))->releaseFromHandle(this);
     return;
   }
@@ -155,7 +149,7 @@ std::size_t DedupHashTable::size() const {
 void DedupHashTable::adoptLocked(DedupHandleBase* handle, bool stored) {
   const std::uint32_t w = handle->word_.load(std::memory_order_relaxed);
   handle->word_.store((w & ~(DedupHandleBase::kStateMask | (~0u << DedupHandleBase::kTableShift))) |
-                          (number_ << DedupHandleBase::kTableShift) | (useLock_ ? 0 : DedupHandleBase::kOneThread) |
+                          (number_ << DedupHandleBase::kTableShift) |
                           static_cast<std::uint32_t>(DedupState::deduped),
                       std::memory_order_release);
   handle->takeRef();  // the table's
@@ -245,12 +239,10 @@ bool DedupHashTable::remove(DedupHandleBase* handle) {
 void DedupHashTable::releaseFromHandle(const DedupHandleBase* handle) {
   auto* h = const_cast<DedupHandleBase*>(handle);
   if (!useLock_) {
-    // One thread: nothing changes the count between the caller's look at it and here.
-    if (h->refCount() > DedupHandleBase::kTableRefs + 1) {
-      h->dropRefKnownNotLast();
-      return;
-    }
-    // The caller's reference and the table's are the last two: the handle leaves and goes.
+    // Others may still copy and release the handle, so the count is re-checked atomically.
+    if (h->dropRefIfOthersRemain()) return;
+    // The caller's reference and the table's are the last two, and no one else can take another
+    // (a lookup needs the table, which is this thread's): the handle leaves and goes.
     storeErase(h);
     h->stateIs(DedupState::removedAtRelease);
     notifyRemoveLocked(h);

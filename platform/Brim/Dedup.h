@@ -86,8 +86,7 @@ class DedupHandleBase : public Kelp::PtrInterface {
   // Records the table that holds the handle (done by the table when it inserts the handle).
   virtual void setDedupHashTable(DedupHashTable* table);
 
-  // Takes one reference. Kelp::Ptr of a handle type calls this rather than the framework's own,
-  // so that a handle of a table built without its lock is counted with plain loads and stores.
+  // Takes one reference, atomically when the framework's pointers are thread-safe.
   void newRef() const { takeRef(); }
   // Releases one reference. An interned handle whose release would leave only the table's
   // reference leaves its table; any other handle is destroyed when the count reaches zero.
@@ -105,12 +104,6 @@ class DedupHandleBase : public Kelp::PtrInterface {
   // The table holds exactly one reference on each handle it contains.
   static constexpr std::uint32_t kTableRefs = 1;
   static constexpr std::uint32_t kStateMask = 0x7;
-  // Set when a table built without its lock adopts the handle, and kept for the handle's life.
-  // Such a table and its handles belong to one thread (the table takes no lock, and a handle's
-  // last release changes the table), so their counts need no atomic read-modify-write: on the
-  // hit path that is the difference between a plain increment and a locked one, which also
-  // waits for every earlier store to reach the cache.
-  static constexpr std::uint32_t kOneThread = 0x8;
   static constexpr int kTableShift = 8;
 
   static DedupState stateOf(std::uint32_t w) { return static_cast<DedupState>(w & kStateMask); }
@@ -118,54 +111,43 @@ class DedupHandleBase : public Kelp::PtrInterface {
   void stateIs(DedupState s) const;
   void tableNumberIs(std::uint32_t number) const;
   std::uint32_t tableNumber() const { return tableNumberOf(word_.load(std::memory_order_acquire)); }
-  bool oneThread() const { return (word_.load(std::memory_order_relaxed) & kOneThread) != 0; }
   std::uint32_t refCount() const { return refs_.load(std::memory_order_acquire); }
-  void takeRef() const {
-    if (oneThread()) {
-      refs_.store(refs_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    } else {
-      refs_.fetch_add(1, std::memory_order_relaxed);
-    }
-  }
+  // The counts follow the framework's rule for every table, locked or not: a table without its
+  // lock belongs to one thread, but a key it holds may still be copied and released by any thread
+  // that was handed a reference, without ever touching the table.
+  void takeRef() const { Kelp::PtrInterface::newRef(); }
   // Drops a reference that is known not to be the last one.
-  void dropRefKnownNotLast() const {
-    if (oneThread()) {
-      refs_.store(refs_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-    } else {
-      refs_.fetch_sub(1, std::memory_order_acq_rel);
-    }
-  }
+  void dropRefKnownNotLast() const { decrementRef(); }
   void dropRef() const {
-    std::uint32_t left;
-    if (oneThread()) {
-      left = refs_.load(std::memory_order_relaxed) - 1;
-      refs_.store(left, std::memory_order_relaxed);
-    } else {
-      left = decrementRef();
-    }
-    if (left == 0) onZeroReferences();
+    if (decrementRef() == 0) onZeroReferences();
   }
-  // deleteRef() when the release may be the last outside one, or the counts are shared.
+  // Drops one reference if others than the caller's and the table's remain; answers whether it did.
+  bool dropRefIfOthersRemain() const {
+    std::uint32_t c = refs_.load(std::memory_order_relaxed);
+    while (c > kTableRefs + 1) {
+#if KELP_THREAD_SAFE_PTR
+      if (refs_.compare_exchange_weak(c, c - 1, std::memory_order_release, std::memory_order_relaxed)) return true;
+#else
+      refs_.store(c - 1, std::memory_order_relaxed);
+      return true;
+#endif
+    }
+    return false;
+  }
+  // deleteRef() when the release may be the last outside one.
   void deleteRefSlow() const;
 
-  // Bits 0-2: DedupState. Bit 3: kOneThread. Bits 8-31: the number of the table that holds (or
-  // held) the handle, 0 for none. The number is a compact stand-in for the table pointer (see
+  // Bits 0-2: DedupState. Bits 8-31: the number of the table that holds (or held) the handle,
+  // 0 for none. The number is a compact stand-in for the table pointer (see
   // DedupHashTable::number) that fits beside the reference count, so an interned key costs 16
   // octets before its own fields.
   mutable std::atomic<std::uint32_t> word_{0};
 };
 
 inline void DedupHandleBase::deleteRef() const {
-  const std::uint32_t w = word_.load(std::memory_order_relaxed);
-  if ((w & kOneThread) != 0) {
-    // Others still refer to the handle beside the table: neither the last release nor the one
-    // that takes the handle out of its table.
-    const std::uint32_t c = refs_.load(std::memory_order_relaxed);
-    if (c > kTableRefs + 1) {
-      refs_.store(c - 1, std::memory_order_relaxed);
-      return;
-    }
-  }
+  // Others still refer to the handle beside the table and the caller: neither the last release
+  // nor the one that takes the handle out of its table.
+  if (dropRefIfOthersRemain()) return;
   deleteRefSlow();
 }
 

@@ -12,8 +12,12 @@
 //   KELP_ENUM_FUNCTIONS(OutDelayApplyType)   // stringValue, valueToStrep, operator<<, ...
 //
 // Its long text form is the enumerator's name; a value without a name (read off the wire, say)
-// prints as its decimal number, and the parser accepts both, so every value survives print and
-// parse. The runtime descriptor Kelp::EnumType<U> (U the storage type) answers name and number
+// prints as its decimal number so that nothing is hidden. The parser takes a name, or the number
+// of a named enumerator, and refuses anything else: code acting on an enumeration (a switch over
+// its kinds, an assertion on the default branch) may rely on a value that came from text being
+// one it knows. An enumeration of codes that arrive from peers and are carried on whatever their
+// number (the AFI and SAFI of a capability, say) is declared with EnumNumbers::any and also reads
+// numbers that name no enumerator. The runtime descriptor Kelp::EnumType<U> (U the storage type) answers name and number
 // lookups for generic code and the type registry.
 
 #include <array>
@@ -40,15 +44,20 @@ struct EnumEntry {
   const char* name;
 };
 
+// Which numbers the text of an enumeration may give: those of its enumerators, or any that fits.
+enum class EnumNumbers : std::uint8_t { named, any };
+
 template <typename E, std::size_t N>
 struct EnumDesc {
   std::string_view typeName;
   std::array<EnumEntryInfo, N> entries;
+  EnumNumbers numbers = EnumNumbers::named;
 };
 
 template <typename E, std::size_t N>
-constexpr EnumDesc<E, N> enumType(std::string_view typeName, const EnumEntry<E> (&entries)[N]) {
-  EnumDesc<E, N> d{typeName, {}};
+constexpr EnumDesc<E, N> enumType(std::string_view typeName, const EnumEntry<E> (&entries)[N],
+                                  EnumNumbers numbers = EnumNumbers::named) {
+  EnumDesc<E, N> d{typeName, {}, numbers};
   for (std::size_t i = 0; i < N; ++i) {
     d.entries[i] = EnumEntryInfo{static_cast<std::uint64_t>(entries[i].value), entries[i].name};
   }
@@ -65,8 +74,9 @@ inline constexpr auto enumDescOf = kelpEnum(Tag<E>{});
 template <typename U>
 class EnumType {
  public:
-  EnumType(std::string_view typeName, const EnumEntryInfo* entries, std::size_t count)
-      : typeName_(typeName), entries_(entries, entries + count) {}
+  EnumType(std::string_view typeName, const EnumEntryInfo* entries, std::size_t count,
+           EnumNumbers numbers = EnumNumbers::named)
+      : typeName_(typeName), entries_(entries, entries + count), numbers_(numbers) {}
 
   std::string_view typeName() const { return typeName_; }
   const std::vector<EnumEntryInfo>& entries() const { return entries_; }
@@ -89,12 +99,14 @@ class EnumType {
     return e != nullptr ? String(e->name) : std::to_string(static_cast<std::uint64_t>(value));
   }
   String valueToStrep(U value) const { return stringValue(value); }
-  // Reads an enumerator name, or a decimal number that fits U.
+  // Reads an enumerator name, or the decimal number of an enumerator (of any value that fits U for
+  // EnumNumbers::any); anything else throws RangeException at the offset where the word starts.
   U sequenceToValue(CharRange& r) const;
 
  private:
   std::string_view typeName_;
   std::vector<EnumEntryInfo> entries_;
+  EnumNumbers numbers_;
 };
 
 // Reads a run of identifier characters [A-Za-z0-9_].
@@ -102,20 +114,24 @@ std::string_view readIdentifier(CharRange& r);
 
 template <typename U>
 U EnumType<U>::sequenceToValue(CharRange& r) const {
-  std::size_t start = r.position();
-  std::string_view word = readIdentifier(r);
-  if (!word.empty() && word.find_first_not_of("0123456789") == std::string_view::npos) {
-    CharRange digits(word);
-    return static_cast<U>(parseUnsigned(digits, static_cast<std::uint64_t>(U(~U(0)))));
+  const std::size_t start = r.position();
+  if (r.peek() >= '0' && r.peek() <= '9') {
+    // Read in place, so that an error reports its offset in the whole text.
+    const std::uint64_t n = parseUnsigned(r, static_cast<std::uint64_t>(U(~U(0))));
+    if (readIdentifier(r).empty()) {
+      if (numbers_ == EnumNumbers::any || instance(static_cast<U>(n)) != nullptr) return static_cast<U>(n);
+      r.failAt(start, std::string("no ") + String(typeName_) + " enumerator numbered " + std::to_string(n));
+    }
+  } else if (const EnumEntryInfo* e = instance(readIdentifier(r))) {
+    return static_cast<U>(e->value);
   }
-  if (const EnumEntryInfo* e = instance(word)) return static_cast<U>(e->value);
   r.failAt(start, std::string("expected a ") + String(typeName_) + " enumerator");
 }
 
 template <DescribedEnum E>
 const EnumType<std::underlying_type_t<E>>& enumTypeOf() {
   static const EnumType<std::underlying_type_t<E>> t(enumDescOf<E>.typeName, enumDescOf<E>.entries.data(),
-                                                     enumDescOf<E>.entries.size());
+                                                     enumDescOf<E>.entries.size(), enumDescOf<E>.numbers);
   return t;
 }
 

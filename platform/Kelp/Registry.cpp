@@ -1,6 +1,9 @@
 #include "platform/Kelp/Registry.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 
@@ -65,6 +68,25 @@ const TypeInfo* findType(std::string_view qualifiedName) {
   std::lock_guard<std::mutex> lock(r.mutex);
   auto it = r.types.find(qualifiedName);
   return it == r.types.end() ? nullptr : it->second;
+}
+
+const TypeInfo* findType(const std::type_info& cppType) {
+  Registry& r = registry();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  for (const auto& [name, t] : r.types) {
+    if (t->cppType != nullptr && *t->cppType == cppType) return t;
+  }
+  return nullptr;
+}
+
+String heldTypeName(const std::any& v) {
+  if (!v.has_value()) return "empty";
+  if (const TypeInfo* t = findType(v.type())) return String(t->name);
+  int status = 0;
+  char* demangled = abi::__cxa_demangle(v.type().name(), nullptr, nullptr, &status);
+  String name = status == 0 && demangled != nullptr ? String(demangled) : String(v.type().name());
+  std::free(demangled);
+  return name;
 }
 
 std::vector<const TypeInfo*> registeredTypes() {

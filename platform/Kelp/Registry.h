@@ -20,6 +20,7 @@
 #include <initializer_list>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <typeinfo>
 #include <vector>
 
@@ -37,6 +38,9 @@ struct TypeInfo {
   // Parses a whole text; trailing characters are an error. Null for entities and for value types
   // that cannot be built from text (kelpNoStringConstructor).
   std::any (*strepToValue)(std::string_view text) = nullptr;
+  // A default-constructed value (for an enumeration, its value 0). Null for entities and for types
+  // without a default constructor.
+  std::any (*construct)() = nullptr;
   // The long text form of a value held in `v` (which must hold this type).
   String (*valueToStrep)(const std::any& v) = nullptr;
   // The generic hash entry (throws UnhashableException for unhashable types).
@@ -49,11 +53,15 @@ struct TypeInfo {
   const AttrInfo* attribute(std::string_view attrName) const;
 };
 
+// What `v` holds, as a type error names it: the registered name of a registered type, otherwise the
+// C++ name; "empty" for an empty holder.
+String heldTypeName(const std::any& v);
+
 namespace detail {
 template <typename T>
 const T& held(const std::any& v, std::string_view typeName) {
   const T* p = std::any_cast<T>(&v);
-  if (p == nullptr) GenericIfImpl::throwTypeException(typeName, v.has_value() ? v.type().name() : "empty");
+  if (p == nullptr) GenericIfImpl::throwTypeException(typeName, heldTypeName(v));
   return *p;
 }
 }  // namespace detail
@@ -114,7 +122,7 @@ const TypeInfo* typeInfo() {
       t.attributeOp = [](std::any* result, std::any& obj, const KelpAttrBase* attr, int op,
                          const std::any* other, std::span<const std::any> args) -> int {
         T* self = std::any_cast<T>(&obj);
-        if (self == nullptr) GenericIfImpl::throwTypeException(typeNameOf<T>(), "another type");
+        if (self == nullptr) GenericIfImpl::throwTypeException(typeNameOf<T>(), heldTypeName(obj));
         const T* o = other != nullptr ? &detail::held<T>(*other, typeNameOf<T>()) : nullptr;
         return genericIfAttributeOp(result, self, attr, op, o, args);
       };
@@ -125,6 +133,7 @@ const TypeInfo* typeInfo() {
     if constexpr (DescribedEnum<T> || textConstructible<T>()) {
       t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
     }
+    if constexpr (std::is_default_constructible_v<T>) t.construct = []() -> std::any { return T{}; };
     t.valueToStrep = [](const std::any& v) -> String {
       return Kelp::valueToStrep(detail::held<T>(v, typeInfo<T>()->name));
     };
@@ -159,6 +168,8 @@ void kelpModuleIs(const TypeModule* module);
 void kelpModuleDel(const TypeModule* module);
 
 const TypeInfo* findType(std::string_view qualifiedName);
+// The registered type of that C++ type, or null.
+const TypeInfo* findType(const std::type_info& cppType);
 // Every registered type, sorted by name.
 std::vector<const TypeInfo*> registeredTypes();
 // Every registered module, sorted by name.

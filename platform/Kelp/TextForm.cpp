@@ -1,5 +1,7 @@
 #include "platform/Kelp/TextForm.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 namespace Kelp {
@@ -17,6 +19,10 @@ void TextForm<bool>::parse(CharRange& r, bool& v) {
 std::uint64_t parseUnsigned(CharRange& r, std::uint64_t maxValue) {
   std::size_t start = r.position();
   if (r.peek() < '0' || r.peek() > '9') r.fail("expected an unsigned number");
+  // The long form writes numbers as Python does, which has no leading zeros (and reads none).
+  if (r.peek() == '0' && r.rest().size() > 1 && r.rest()[1] >= '0' && r.rest()[1] <= '9') {
+    r.fail("leading zero in a number");
+  }
   std::uint64_t v = 0;
   bool overflow = false;
   while (r.peek() >= '0' && r.peek() <= '9') {
@@ -119,7 +125,9 @@ void TextForm<Bytes>::parse(CharRange& r, Bytes& v) {
 }
 
 std::uint64_t dectol(std::string_view text, std::string_view typeName) {
-  CharRange r(text);
+  // Unlike the long form, a decimal part of a text such as a route target may carry leading zeros.
+  const std::size_t zeros = std::min(text.find_first_not_of('0'), text.size());
+  CharRange r(text.substr(zeros == text.size() && zeros != 0 ? zeros - 1 : zeros));
   try {
     std::uint64_t v = parseUnsigned(r, ~std::uint64_t{0});
     r.checkAllDataConsumed();

@@ -47,7 +47,8 @@ struct TextForm<bool> {
   static void parse(CharRange& r, bool& v);
 };
 
-// Reads an unsigned decimal number of at most `maxValue`; the whole run of digits is consumed.
+// Reads an unsigned decimal number of at most `maxValue`, without leading zeros; the whole run of
+// digits is consumed.
 std::uint64_t parseUnsigned(CharRange& r, std::uint64_t maxValue);
 void printUnsigned(String& out, std::uint64_t v);
 

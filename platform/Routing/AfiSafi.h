@@ -27,6 +27,8 @@
 
 namespace Routing::Bgp {
 
+// Address family and subsequent address family codes. A peer may announce any code; those without
+// a name here are carried and printed as numbers, and read back from their numbers.
 enum Afi : std::uint16_t {
   afiUnknown = 0,
   afiIpv4 = 1,
@@ -71,7 +73,8 @@ constexpr auto kelpEnum(Kelp::Tag<Afi>) {
                                                    {afiIpv4, "afiIpv4"},
                                                    {afiIpv6, "afiIpv6"},
                                                    {afiL2vpn, "afiL2vpn"},
-                                                   {afiBgpLs, "afiBgpLs"}});
+                                                   {afiBgpLs, "afiBgpLs"}},
+                             Kelp::EnumNumbers::any);
 }
 KELP_ENUM_FUNCTIONS(Afi)
 
@@ -87,7 +90,8 @@ constexpr auto kelpEnum(Kelp::Tag<Safi>) {
                                                      {safiMplsVpn, "safiMplsVpn"},
                                                      {safiRtMembership, "safiRtMembership"},
                                                      {safiFlowspec, "safiFlowspec"},
-                                                     {safiFlowspecVpn, "safiFlowspecVpn"}});
+                                                     {safiFlowspecVpn, "safiFlowspecVpn"}},
+                             Kelp::EnumNumbers::any);
 }
 KELP_ENUM_FUNCTIONS(Safi)
 

@@ -20,7 +20,9 @@ Netzo::IpGenPrefix prefix(const char* text) { return Netzo::IpGenPrefix::fromStr
 TEST(IpRouteKeys, SamePrefixSameObjectUntilTheLastRelease) {
   auto v4 = ipv4RouteKeyDedupTableFactory(false);
   auto v6 = ipv6RouteKeyDedupTableFactory(true);
+  // Keys keep the address as given: host bits beyond the length make another key.
   for (auto [table, a, b] : {std::tuple<IpRouteKeyDedupTableBase*, const char*, const char*>{v4.get(), "10.0.0.0/8", "10.0.0.0/16"},
+                             {v4.get(), "10.0.0.1/8", "10.0.0.0/8"},
                              {v6.get(), "2001:db8::/32", "2001:db8::/48"}}) {
     SCOPED_TRACE(a);
     auto k1 = table->dedupFromIpGenPrefix(prefix(a));

@@ -59,6 +59,7 @@ const Golden kGolden[] = {
     {"add3octetMplsLabelHton", [](Serialize& s) { s.add3octetMplsLabelHton(0xFF123456); }, {0x12, 0x34, 0x56}},
     {"label 16, bottom", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(16), true); }, {0x00, 0x01, 0x01}},
     {"largest label", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0xFFFFF), true); }, {0xFF, 0xFF, 0xF1}},
+    {"2^20: an encoded field", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0x100000), false); }, {0x10, 0x00, 0x00}},
     {"encoded field, bottom", [](Serialize& s) { s.add3octetMplsLabel(MplsLabel(0x123450), true); },
      {0x12, 0x34, 0x51}},
     {"label stack drops TC and TTL",

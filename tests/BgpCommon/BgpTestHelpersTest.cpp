@@ -1,7 +1,12 @@
 #include "BgpCommon/BgpTestHelpers.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -373,6 +378,55 @@ TEST_F(EventsTracking, RecordingWhileReporting) {
   EXPECT_EQ(summary->timeStampsRib()->processingStart(), first);
   EXPECT_EQ(summary->timeStampsRib()->processingEnd(), last);
   EXPECT_NE(out.find("BGP Events Tracking Detail:"), std::string::npos);
+}
+
+// A report sink that stops at the first VRF block until released, as a slow terminal would.
+struct StallingSink {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool stalled = false;
+  bool released = false;
+
+  static ssize_t write(void* cookie, const char* data, std::size_t size) {
+    auto* self = static_cast<StallingSink*>(cookie);
+    std::unique_lock<std::mutex> lock(self->mutex);
+    if (std::string_view(data, size).find("Vrf Name") != std::string_view::npos) {
+      self->stalled = true;
+      self->changed.notify_all();
+      self->changed.wait_for(lock, std::chrono::seconds(30), [self] { return self->released; });
+    }
+    return static_cast<ssize_t>(size);
+  }
+  void release() {
+    std::lock_guard<std::mutex> lock(mutex);
+    released = true;
+    changed.notify_all();
+  }
+};
+
+// The detail report prints outside the status mutex: a stalled sink does not stall processing.
+TEST_F(EventsTracking, SlowDetailSinkDoesNotBlockRecording) {
+  record(*status);
+  StallingSink sink;
+  std::FILE* file = fopencookie(&sink, "w", cookie_io_functions_t{nullptr, &StallingSink::write, nullptr, nullptr});
+  ASSERT_NE(file, nullptr);
+  std::setvbuf(file, nullptr, _IONBF, 0);
+  std::thread reporter([&] {
+    Brim::DumpContext slow(file);
+    control->printEventsTrackingDetail(slow, 100);
+  });
+  {
+    std::unique_lock<std::mutex> lock(sink.mutex);
+    ASSERT_TRUE(sink.changed.wait_for(lock, std::chrono::seconds(30), [&] { return sink.stalled; }));
+  }
+  auto recording = std::async(std::launch::async, [&] {
+    status->findOrCreateRibOutData(3, 30, true)->timeStampsRibOut()->noteEventProcessed(T0 + 5.0);
+  });
+  EXPECT_EQ(recording.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  sink.release();
+  recording.wait();
+  reporter.join();
+  std::fclose(file);
 }
 
 }  // namespace

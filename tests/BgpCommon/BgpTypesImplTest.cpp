@@ -16,7 +16,7 @@ TEST(RouteLimits, Conformance) {
   expectValueConformance<MaxAcceptedRoutes>({{}, {5, 4}, {0, 1}, {4294967295u, 0}});
   expectValueConformance<MaxAdvRoutes>({{}, {20000, 18000}, {1, 0}});
   expectValueConformance<OutDelay>({{}, {30, OutDelayApplyType::applyNew}, {0, OutDelayApplyType::applyChanged},
-                                    {7, static_cast<OutDelayApplyType>(9)}});
+                                    {7, OutDelayApplyType::applyAll}});
   testing_support::expectDamagedTextsRefused(MaxRoutes(1, 2, true));
   testing_support::expectDamagedTextsRefused(OutDelay(3, OutDelayApplyType::applyNew));
 }
@@ -55,6 +55,8 @@ TEST(RouteLimits, ParseErrorsNameTheFieldAtFault) {
        "routes: expected an unsigned number at offset 47, found \"x, 'warningThreshold': 2...\""},
       {"Value('Routing::Bgp::MaxRoutes', ** {'routes': 4294967296, 'warningThreshold': 2, 'warningOnly': True})",
        "routes: number above 4294967295 at offset 47, found \"4294967296, 'warningThre...\""},
+      {"Value('Routing::Bgp::MaxRoutes', ** {'routes': 01, 'warningThreshold': 2, 'warningOnly': True})",
+       "routes: leading zero in a number at offset 47, found \"01, 'warningThreshold': ...\""},
       {"Value('Routing::Bgp::MaxRoutes', ** {'routes': 1, 'warningThreshold': 2, 'warningOnly': true})",
        "warningOnly: expected True or False at offset 88, found \"true})\""},
       {"Value('Routing::Bgp::MaxRoutes', ** {'routes': 1, 'warningThreshold': 2, 'warningOnly': True}",
@@ -63,10 +65,16 @@ TEST(RouteLimits, ParseErrorsNameTheFieldAtFault) {
   for (const auto& [text, message] : rows) {
     EXPECT_EQ(rangeMessage([&] { Kelp::strepToValue<MaxRoutes>(text); }), message) << text;
   }
-  EXPECT_EQ(rangeMessage([] {
-              Kelp::strepToValue<OutDelay>("Value('Routing::Bgp::OutDelay', ** {'delay': 1, 'apply': applyNever})");
-            }),
-            "apply: expected a Routing::OutDelayApplyType enumerator at offset 57, found \"applyNever})\"");
+  // An enumeration field's errors stand at the field's offset in the whole text.
+  const std::pair<const char*, const char*> applyRows[] = {
+      {"applyNever", "apply: expected a Routing::OutDelayApplyType enumerator at offset 57, found \"applyNever})\""},
+      {"256", "apply: number above 255 at offset 57, found \"256})\""},
+      {"5", "apply: no Routing::OutDelayApplyType enumerator numbered 5 at offset 57, found \"5})\""},
+  };
+  for (const auto& [apply, message] : applyRows) {
+    const std::string text = std::string("Value('Routing::Bgp::OutDelay', ** {'delay': 5, 'apply': ") + apply + "})";
+    EXPECT_EQ(rangeMessage([&] { Kelp::strepToValue<OutDelay>(text); }), message) << text;
+  }
 }
 
 // Reflection: attributes numbered from 2 in declaration order; fields refuse set, toStrep is

@@ -45,5 +45,19 @@ TEST(SmTrigger, NotifiesOncePerChangeOnly) {
   EXPECT_EQ(seen, std::vector<std::string>(6, "trigger"));
 }
 
+// An observer may kick the trigger again while it is being told; each call still answers the value
+// it set itself.
+TEST(SmTrigger, ReentrantObserverLeavesEachCallItsOwnValue) {
+  auto t = smTriggerFactory();
+  int told = 0;
+  Kelp::FunctionNotifiee machine([&](std::string_view) {
+    if (++told == 1) t->triggerInc(1);
+  });
+  t->notifiees().notifieeIs(&machine);
+  EXPECT_EQ(t->triggerInc(1), 1u);
+  EXPECT_EQ(t->trigger(), 2u);
+  EXPECT_EQ(told, 2);
+}
+
 }  // namespace
 }  // namespace Routing::Bgp

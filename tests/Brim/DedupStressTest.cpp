@@ -1,5 +1,6 @@
 // Two threads interning and releasing overlapping values on one locked table. Run under the tsan
 // preset, this is where a race between a last release and a concurrent lookup would show.
+// Also: a table without its lock still leaves the counts of its keys shared between threads.
 
 #include <map>
 #include <random>
@@ -14,6 +15,7 @@
 namespace Brim {
 namespace {
 
+using testing_support::HeapNumberKey;
 using testing_support::NumberContent;
 using testing_support::StashNumberKey;
 
@@ -93,6 +95,24 @@ TEST(DedupStress, TwoThreadsInternAndReleaseOverlappingValues) {
   }
   const auto after = KelpStash::heapStats();
   EXPECT_EQ(after.objectsInUse, before.objectsInUse);
+}
+
+// A table without its lock belongs to one thread, but a key its owner holds may still be copied and
+// released by other threads that never touch the table: their counts must not lose updates.
+TEST(DedupStress, KeyOfOneThreadTableCopiedByTwoThreadsKeepsAnExactCount) {
+  for (int run = 0; run < 20; ++run) {
+    auto table = Kelp::Ptr<DedupHashTable>(new DedupHashTableUnorderedSet(false));
+    const Kelp::Ptr<HeapNumberKey> held = HeapNumberKey::intern(*table, 7);
+    const std::uint32_t expected = held->references();  // the owner's and the table's
+    auto copyAndRelease = [&] {
+      for (int i = 0; i < 100000; ++i) Kelp::Ptr<HeapNumberKey> copy = held;
+    };
+    std::thread ta(copyAndRelease), tb(copyAndRelease);
+    ta.join();
+    tb.join();
+    ASSERT_EQ(held->references(), expected) << "run " << run;
+    EXPECT_EQ(table->size(), 1u);
+  }
 }
 
 }  // namespace

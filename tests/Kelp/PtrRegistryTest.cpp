@@ -60,7 +60,19 @@ TEST(Registry, FindsTypesAndRoundTripsThroughThem) {
   EXPECT_EQ(t->kind, TypeKind::value);
   EXPECT_EQ(findType("Routing::Bgp::NoSuchType"), nullptr);
   std::any v = t->strepToValue("Value('Routing::Bgp::MaxRoutes', ** {'routes': 3, 'warningThreshold': 2, 'warningOnly': False})");
-  EXPECT_THROW(t->valueToStrep(std::any(42)), TypeException);
+  // A value of another type is named as generic code knows it: by its registered name.
+  const std::any other = findType("Routing::Bgp::MaxAcceptedRoutes")
+                             ->strepToValue("Value('Routing::Bgp::MaxAcceptedRoutes', ** {'routes': 5, 'warningThreshold': 4})");
+  const std::pair<std::any, const char*> mismatches[] = {
+      {other, "got 'Routing::Bgp::MaxAcceptedRoutes'"}, {std::any(42), "got 'int'"}, {std::any(), "got 'empty'"}};
+  for (const auto& [held, got] : mismatches) {
+    try {
+      t->valueToStrep(held);
+      ADD_FAILURE() << got;
+    } catch (const TypeException& e) {
+      EXPECT_EQ(e.what(), "type error: expected 'Routing::Bgp::MaxRoutes', " + std::string(got));
+    }
+  }
 
   // Reflection through the registry, as generic code does it.
   std::any result;

@@ -165,7 +165,7 @@ TEST(NetzoText, MplsLabels) {
                                  {"[1048575:7:0:255, 3:0:1:0]", "[1048575:7:0:255, 3:0:1:0]"},
                                  {"[16:0:1:64,17:0:1:64]", nullptr}, {"[16:8:1:64]", nullptr},
                                  {"[16:0:2:64]", nullptr}, {"[16:0:1:256]", nullptr}, {"[16:0:1]", nullptr},
-                                 {"[16:0:1:64", nullptr}, {"[16:0:1:64]x", nullptr}},
+                                 {"[16:0:1:64", nullptr}, {"[16:0:1:64]x", nullptr}, {"[1048576:0:1:64]", nullptr}},
                                 "invalid MPLS label stack");
 
   MplsLabelStack s{MplsLabel(16), MplsLabel(17), MplsLabel(18)};

@@ -30,7 +30,7 @@ inline std::vector<Routing::Bgp::MaxAdvRoutes> sampleValues(Kelp::Tag<Routing::B
 }
 inline std::vector<Routing::Bgp::OutDelay> sampleValues(Kelp::Tag<Routing::Bgp::OutDelay>) {
   using Routing::OutDelayApplyType;
-  return {{30, OutDelayApplyType::applyNew}, {0, OutDelayApplyType::applyChanged}, {7, OutDelayApplyType{200}}};
+  return {{30, OutDelayApplyType::applyNew}, {0, OutDelayApplyType::applyChanged}, {7, OutDelayApplyType::applyAll}};
 }
 inline std::vector<Routing::Bgp::TtlSecurityMaxHopValue> sampleValues(
     Kelp::Tag<Routing::Bgp::TtlSecurityMaxHopValue>) {
@@ -40,16 +40,16 @@ inline std::vector<Routing::Bgp::TtlSecurityMaxHopValue> sampleValues(
 inline std::vector<Routing::Bgp::ExtendedNextHopCapability> sampleValues(
     Kelp::Tag<Routing::Bgp::ExtendedNextHopCapability>) {
   using E = Routing::Bgp::ExtendedNextHopCapability;
-  return {E::extendedNextHopEnabled, E{255}};  // a number without a name survives too
+  return {E::extendedNextHopEnabled, E::extendedNextHopDisabled};
 }
 inline std::vector<Routing::Bgp::ReflectorClient> sampleValues(Kelp::Tag<Routing::Bgp::ReflectorClient>) {
   using E = Routing::Bgp::ReflectorClient;
-  return {E::meshedClient, E::client, E{4000000000u}};
+  return {E::meshedClient, E::client, E::notClient};
 }
 inline std::vector<Routing::Bgp::SoftReconfigInboundState> sampleValues(
     Kelp::Tag<Routing::Bgp::SoftReconfigInboundState>) {
   using E = Routing::Bgp::SoftReconfigInboundState;
-  return {E::softReconfigKeepAll, E::softReconfigKeepNone, E{3}};
+  return {E::softReconfigKeepAll, E::softReconfigKeepNone, E::softReconfigKeepAccepted};
 }
 inline std::vector<Routing::Bgp::PolicyActionType> sampleValues(Kelp::Tag<Routing::Bgp::PolicyActionType>) {
   using E = Routing::Bgp::PolicyActionType;
@@ -63,7 +63,7 @@ inline std::vector<Routing::Bgp::LocalAs> sampleValues(Kelp::Tag<Routing::Bgp::L
 }
 inline std::vector<Routing::Bgp::AsnOrPeerFilter> sampleValues(Kelp::Tag<Routing::Bgp::AsnOrPeerFilter>) {
   using V = Routing::Bgp::AsnOrPeerFilter;
-  std::vector<V> out = {V(V::Type::asn, 65001, ""), V(V::Type::unknown, 0, ""), V(V::Type{9}, 4294967295u, "x")};
+  std::vector<V> out = {V(V::Type::asn, 65001, ""), V(V::Type::unknown, 0, ""), V(V::Type::peerFilter, 4294967295u, "x")};
   for (const Kelp::String& t : awkwardTexts()) out.emplace_back(V::Type::peerFilter, 0, t);
   return out;
 }
@@ -79,7 +79,7 @@ inline std::vector<Routing::Bgp::BgpTcpAuthKey> sampleValues(Kelp::Tag<Routing::
 inline std::vector<Routing::Bgp::AddPathSendConfig> sampleValues(Kelp::Tag<Routing::Bgp::AddPathSendConfig>) {
   using V = Routing::Bgp::AddPathSendConfig;
   std::vector<V> out = {V(V::Kind::sendEcmp, 4), V(V::Kind::sendLimited, 70000), V(V::Kind::sendDisabled, 0),
-                        V(V::Kind{7}, 4294967295u)};
+                        V(V::Kind::sendBackup, 4294967295u)};
   for (const Kelp::String& t : awkwardTexts()) out.emplace_back(V::Kind::sendAny, 0, t);
   return out;
 }

@@ -36,9 +36,34 @@ TEST(EventsTrackingCommand, DemoPrintsBothReports) {
   EXPECT_NE(r.out.find("Stopping BGP Events Tracking\n"), std::string::npos);
 }
 
-TEST(EventsTrackingCommand, BadOptionsAreRefused) {
-  EXPECT_NE(runTool("events-tracking demo --vrfs 0").status, 0);
-  EXPECT_NE(runTool("events-tracking demo --advertise-threshold 5").status, 0);
+// The run with no options: threshold times are shown, and in each VRF the first update message
+// comes no later than the RIB's first event (workers interleave, so a few runs are looked at).
+TEST(EventsTrackingCommand, DefaultRunShowsThresholdsAndKeepsTheOrder) {
+  for (int run = 0; run < 3; ++run) {
+    auto r = runTool("events-tracking demo");
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(count(r.out, "RIB processing time to reach 3333 paths threshold:\t "), 4u);      // summary + 3 VRFs
+    EXPECT_EQ(count(r.out, "RibOut processing time to reach 3333 paths threshold:\t "), 7u);  // summary + 6
+    const std::string update = "First update message received at: \t ", rib = "First event processed by RIB at:\t ";
+    for (std::size_t at = r.out.find("\nVrf Name : "); at != std::string::npos; at = r.out.find("\nVrf Name : ", at + 1)) {
+      const std::size_t u = r.out.find(update, at) + update.size(), e = r.out.find(rib, at) + rib.size();
+      EXPECT_LE(r.out.substr(u, 23), r.out.substr(e, 23)) << r.out.substr(at, 200);
+    }
+  }
+}
+
+// Every bad command line exits 1, whichever subcommand it reaches; help exits 0 and says how the
+// thresholds count.
+TEST(EventsTrackingCommand, BadOptionsExitOne) {
+  for (const char* args : {"events-tracking demo --vrfs 0", "events-tracking demo --advertise-threshold 5",
+                           "events-tracking demo --paths x", "events-tracking", "value parse", "route-target",
+                           "route-target --bogus 1:1", "igp-results show", "demo --routes x", "no-such-command", ""}) {
+    EXPECT_EQ(runTool(args).status, 1) << args;
+  }
+  auto help = runTool("events-tracking demo --help");
+  EXPECT_EQ(help.status, 0);
+  EXPECT_NE(help.out.find("per VRF and per RibOut"), std::string::npos) << help.out;
+  EXPECT_EQ(runTool("--help").status, 0);
 }
 
 }  // namespace
