@@ -62,7 +62,10 @@ class IgpResultTable : public IgpResultStatus::Notifiee {
     status_->notifieeIs(this);
   }
   ~IgpResultTable() override {
-    if (status_) status_->notifieeDel(this);
+    // The entity may outlive this reader object (the entity manager holds it too): leave it with
+    // nothing pointing back here.
+    status_->notifieeDel(this);
+    status_->resultControl()->corruptionHandlerIs([](std::string_view) {});
   }
   IgpResultTable(const IgpResultTable&) = delete;
   IgpResultTable& operator=(const IgpResultTable&) = delete;
