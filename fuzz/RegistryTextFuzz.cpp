@@ -59,8 +59,8 @@ void exercise(const TypeInfo* t, const std::any& value, int depth) {
   }
   // Handed to the functions of every type, as a conversion or a merge takes it.
   for (const TypeInfo* u : Kelp::registeredTypes()) {
-    if (u->attributeOp == nullptr || u->construct == nullptr) continue;
-    const std::any self = u->construct();
+    if (u->attributeOp == nullptr || u->defaultValue == nullptr) continue;
+    const std::any self = u->defaultValue();
     for (const Kelp::AttrInfo& a : u->attributes) {
       if (a.kind == Kelp::AttrKind::function) attempt(u, self, a, Kelp::attrOpCall, std::span<const std::any>(&value, 1), depth);
     }

@@ -30,17 +30,31 @@ namespace Kelp {
 
 enum class TypeKind { value, enumeration, entity };
 
+struct TypeInfo;
+
+// A stored field of a value type as generic code sees it: its C++ type and its text form alone,
+// so that a value can be taken apart and built again from text pieces (the Python module does so).
+struct FieldInfo {
+  std::string_view name;
+  const std::type_info* cppType = nullptr;
+  // The field's value read from its whole text form; null where the field type has no parser.
+  std::any (*strepToValue)(std::string_view text) = nullptr;
+  // The text form of a field value held in `v`.
+  String (*valueToStrep)(const std::any& v) = nullptr;
+};
+
 struct TypeInfo {
   std::string_view name;
   TypeKind kind = TypeKind::value;
   const std::type_info* cppType = nullptr;
   std::vector<AttrInfo> attributes;
+  // The stored fields in declaration order (value types only).
+  std::vector<FieldInfo> fields;
+  // The named values of an enumeration, in declaration order.
+  std::vector<EnumEntryInfo> enumerators;
   // Parses a whole text; trailing characters are an error. Null for entities and for value types
   // that cannot be built from text (kelpNoStringConstructor).
   std::any (*strepToValue)(std::string_view text) = nullptr;
-  // A default-constructed value (for an enumeration, its value 0). Null for entities and for types
-  // without a default constructor.
-  std::any (*construct)() = nullptr;
   // The long text form of a value held in `v` (which must hold this type).
   String (*valueToStrep)(const std::any& v) = nullptr;
   // The generic hash entry (throws UnhashableException for unhashable types).
@@ -48,6 +62,14 @@ struct TypeInfo {
   // The reflective attribute operation on a value held in `obj`.
   int (*attributeOp)(std::any* result, std::any& obj, const KelpAttrBase* attr, int op,
                      const std::any* other, std::span<const std::any> args) = nullptr;
+  // A default-constructed value; null for types without a default constructor.
+  std::any (*defaultValue)() = nullptr;
+  // A value built from its stored fields, args[i] holding field i's C++ type; an argument of the
+  // wrong number or type throws TypeException. Null for enumerations and entities.
+  std::any (*construct)(std::span<const std::any> args) = nullptr;
+  // `p` itself when `requested` is this type, TypeException otherwise: the checked conversion of
+  // an untyped pointer to a value of this type.
+  const void* (*pointerAs)(const void* p, const TypeInfo* requested) = nullptr;
 
   // The attribute with that name, or null.
   const AttrInfo* attribute(std::string_view attrName) const;
@@ -58,50 +80,112 @@ struct TypeInfo {
 String heldTypeName(const std::any& v);
 
 namespace detail {
+
 template <typename T>
 const T& held(const std::any& v, std::string_view typeName) {
   const T* p = std::any_cast<T>(&v);
   if (p == nullptr) GenericIfImpl::throwTypeException(typeName, heldTypeName(v));
   return *p;
 }
+
+template <typename Item>
+struct FieldMemberOf;
+template <typename C, typename M>
+struct FieldMemberOf<FieldDesc<C, M>> {
+  using type = M;
+};
+
+// How many stored fields T describes; they come first in its description.
+template <Described T>
+constexpr std::size_t fieldCount() {
+  std::size_t n = 0;
+  forEachField(typeDescOf<T>, [&](const auto&) { ++n; });
+  return n;
+}
+
+template <Described T>
+constexpr bool fieldsComeFirst() {
+  bool first = true;
+  forEachAttr(typeDescOf<T>, [&](const auto& item, std::size_t i) {
+    if (std::decay_t<decltype(item)>::kind == AttrKind::field && i >= fieldCount<T>()) first = false;
+  });
+  return first;
+}
+
+template <Described T, std::size_t I>
+using FieldType = typename FieldMemberOf<std::tuple_element_t<I, std::decay_t<decltype(typeDescOf<T>.items)>>>::type;
+
 }  // namespace detail
 
-// Whether values of T can be built from text: not when T, or a value nested in it, holds a
-// collection (kelpNoStringConstructor), whose range constructor would assert on any text.
+// Whether a T can be read from text: it has a text form, it does not refuse to be built from text
+// (kelpNoStringConstructor, whose range constructor asserts), and neither does any field it holds.
 template <typename T>
-constexpr bool textConstructible();
+constexpr bool buildableFromText();
 
 namespace detail {
-template <typename Item>
-constexpr bool itemTextConstructible() {
-  if constexpr (Item::kind == AttrKind::field) {
-    using M = typename Item::Member;
-    if constexpr (Described<M>) {
-      return textConstructible<M>();
-    } else {
-      return !requires { M::kelpNoStringConstructor; };
-    }
-  } else {
-    return true;
-  }
-}
-template <typename Items, std::size_t... I>
-constexpr bool itemsTextConstructible(std::index_sequence<I...>) {
-  return (itemTextConstructible<std::tuple_element_t<I, Items>>() && ...);
+template <Described T, std::size_t... I>
+constexpr bool fieldsBuildableFromText(std::index_sequence<I...>) {
+  return (buildableFromText<FieldType<T, I>>() && ...);
 }
 }  // namespace detail
 
 template <typename T>
-constexpr bool textConstructible() {
-  if constexpr (requires { T::kelpNoStringConstructor; }) {
+constexpr bool buildableFromText() {
+  if constexpr (!HasTextForm<T> || requires { T::kelpNoStringConstructor; }) {
     return false;
   } else if constexpr (Described<T>) {
-    using Items = decltype(typeDescOf<T>.items);
-    return detail::itemsTextConstructible<Items>(std::make_index_sequence<std::tuple_size_v<Items>>{});
+    return detail::fieldsBuildableFromText<T>(std::make_index_sequence<detail::fieldCount<T>()>{});
   } else {
     return true;
   }
 }
+
+namespace detail {
+
+template <typename M>
+FieldInfo fieldInfo(std::string_view name) {
+  FieldInfo f{name, &typeid(M)};
+  if constexpr (buildableFromText<M>()) {
+    f.strepToValue = [](std::string_view text) -> std::any { return strepToValue<M>(text); };
+  }
+  if constexpr (HasTextForm<M>) {
+    f.valueToStrep = [](const std::any& v) -> String { return Kelp::valueToStrep(held<M>(v, "field")); };
+  }
+  return f;
+}
+
+template <Described T, std::size_t... I>
+std::vector<FieldInfo> fieldsOf(std::index_sequence<I...>) {
+  return {fieldInfo<FieldType<T, I>>(std::get<I>(typeDescOf<T>.items).name)...};
+}
+
+// Builds T from its fields: through the constructor that takes them all in order where T has one;
+// otherwise a value made from the first field alone, or a default value, gets the rest assigned.
+template <Described T, std::size_t... I>
+T buildFromFields(std::span<const std::any> args, std::index_sequence<I...>) {
+  constexpr std::size_t n = sizeof...(I);
+  if (args.size() != n) throwArgumentCount(typeNameOf<T>(), n, args.size());
+  auto arg = [&]<std::size_t J>(std::integral_constant<std::size_t, J>) -> const FieldType<T, J>& {
+    return argumentAt<FieldType<T, J>>(typeNameOf<T>(), args, J);
+  };
+  auto assignFrom = [&]<std::size_t J>(T& v, std::integral_constant<std::size_t, J> j) {
+    v.*(std::get<J>(typeDescOf<T>.items).member) = arg(j);
+  };
+  if constexpr (std::is_constructible_v<T, const FieldType<T, I>&...>) {
+    return T(arg(std::integral_constant<std::size_t, I>{})...);
+  } else if constexpr (n > 0 && std::is_constructible_v<T, const FieldType<T, 0>&>) {
+    T v(arg(std::integral_constant<std::size_t, 0>{}));
+    (assignFrom(v, std::integral_constant<std::size_t, I>{}), ...);
+    return v;
+  } else {
+    static_assert(std::is_default_constructible_v<T>, "a value type must be buildable from its fields");
+    T v{};
+    (assignFrom(v, std::integral_constant<std::size_t, I>{}), ...);
+    return v;
+  }
+}
+
+}  // namespace detail
 
 // The registry entry of a described value type or enumeration, built once.
 template <typename T>
@@ -112,10 +196,16 @@ const TypeInfo* typeInfo() {
     if constexpr (DescribedEnum<T>) {
       t.name = enumDescOf<T>.typeName;
       t.kind = TypeKind::enumeration;
+      t.enumerators.assign(enumDescOf<T>.entries.begin(), enumDescOf<T>.entries.end());
     } else {
       t.name = typeNameOf<T>();
       t.kind = TypeKind::value;
       t.attributes = attributesOf<T>();
+      static_assert(detail::fieldsComeFirst<T>(), "stored fields come first in a type's description");
+      t.fields = detail::fieldsOf<T>(std::make_index_sequence<detail::fieldCount<T>()>{});
+      t.construct = [](std::span<const std::any> args) -> std::any {
+        return detail::buildFromFields<T>(args, std::make_index_sequence<detail::fieldCount<T>()>{});
+      };
       t.hash = [](const std::any& v) -> std::uint32_t {
         return genericHash(detail::held<T>(v, typeNameOf<T>()));
       };
@@ -127,13 +217,21 @@ const TypeInfo* typeInfo() {
         return genericIfAttributeOp(result, self, attr, op, o, args);
       };
     }
-    // A type that holds a collection declares kelpNoStringConstructor: building it from text is a
-    // programming error (its range constructor asserts), so generic code is not offered the entry,
-    // for it nor for a type that holds one.
-    if constexpr (DescribedEnum<T> || textConstructible<T>()) {
+    // A type that holds a collection declares kelpNoStringConstructor: building it, or a value that
+    // holds one, from text is a programming error (its range constructor asserts), so generic code
+    // is not offered the entry.
+    if constexpr (buildableFromText<T>()) {
       t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
     }
-    if constexpr (std::is_default_constructible_v<T>) t.construct = []() -> std::any { return T{}; };
+    if constexpr (std::is_default_constructible_v<T>) {
+      t.defaultValue = []() -> std::any { return T{}; };
+    }
+    t.pointerAs = [](const void* p, const TypeInfo* requested) -> const void* {
+      if (requested == nullptr || requested->cppType == nullptr || *requested->cppType != typeid(T)) {
+        GenericIfImpl::throwTypeException(requested != nullptr ? requested->name : "null", typeInfo<T>()->name);
+      }
+      return p;
+    };
     t.valueToStrep = [](const std::any& v) -> String {
       return Kelp::valueToStrep(detail::held<T>(v, typeInfo<T>()->name));
     };

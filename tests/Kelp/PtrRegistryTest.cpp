@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -93,6 +95,114 @@ TEST(Registry, FindsTypesAndRoundTripsThroughThem) {
     ASSERT_NE(findType(name), nullptr) << name;
     EXPECT_EQ(findType(name)->strepToValue, nullptr) << name;
   }
+}
+
+}  // namespace
+}  // namespace Kelp
+
+namespace Kelp {
+namespace {
+
+// The fields of the value held in `v`, read through reflection, in declaration order.
+std::vector<std::any> fieldsOf(const TypeInfo& t, std::any v) {
+  std::vector<std::any> out;
+  for (const FieldInfo& f : t.fields) {
+    const AttrInfo* a = t.attribute(f.name);
+    KelpAttrBase attr{a->id, a->name};
+    std::any field;
+    EXPECT_EQ(t.attributeOp(&field, v, &attr, attrOpGet, nullptr, {}), attrStatusDone) << f.name;
+    out.push_back(std::move(field));
+  }
+  return out;
+}
+
+bool equalValues(const TypeInfo& t, std::any a, const std::any& b) {
+  std::any result;
+  EXPECT_EQ(t.attributeOp(&result, a, nullptr, attrOpEqual, &b, {}), attrStatusDone);
+  return std::any_cast<bool>(result);
+}
+
+// A non-zero value of an unsigned or bool field, different for each position; none for other types.
+std::optional<std::any> distinctValue(const std::type_info& type, std::size_t i) {
+  const auto n = static_cast<std::uint8_t>(i + 1);
+  if (type == typeid(bool)) return std::any(true);
+  if (type == typeid(std::uint8_t)) return std::any(std::uint8_t(n));
+  if (type == typeid(std::uint16_t)) return std::any(std::uint16_t(n));
+  if (type == typeid(std::uint32_t)) return std::any(std::uint32_t(n));
+  if (type == typeid(std::uint64_t)) return std::any(std::uint64_t(n));
+  return std::nullopt;
+}
+
+bool sameScalar(const std::any& a, const std::any& b) {
+  if (a.type() != b.type()) return false;
+  if (a.type() == typeid(bool)) return std::any_cast<bool>(a) == std::any_cast<bool>(b);
+  if (a.type() == typeid(std::uint8_t)) return std::any_cast<std::uint8_t>(a) == std::any_cast<std::uint8_t>(b);
+  if (a.type() == typeid(std::uint16_t)) return std::any_cast<std::uint16_t>(a) == std::any_cast<std::uint16_t>(b);
+  if (a.type() == typeid(std::uint32_t)) return std::any_cast<std::uint32_t>(a) == std::any_cast<std::uint32_t>(b);
+  return std::any_cast<std::uint64_t>(a) == std::any_cast<std::uint64_t>(b);
+}
+
+TEST(Registry, EveryValueTypeIsRebuiltFromItsFields) {
+  int checked = 0;
+  for (const TypeInfo* t : registeredTypes()) {
+    if (t->kind != TypeKind::value) continue;
+    SCOPED_TRACE(std::string(t->name));
+    ASSERT_NE(t->construct, nullptr);
+    ASSERT_EQ(t->fields.size(), static_cast<std::size_t>(std::count_if(t->attributes.begin(), t->attributes.end(),
+                                                          [](const AttrInfo& a) { return a.kind == AttrKind::field; })));
+    if (t->defaultValue == nullptr) continue;
+    std::any zero = t->defaultValue();
+    std::vector<std::any> fields = fieldsOf(*t, zero);
+    EXPECT_TRUE(equalValues(*t, t->construct(fields), zero));
+
+    // Each scalar field given its own non-zero value reads back as given: the constructor takes
+    // the fields in declaration order.
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      if (auto d = distinctValue(*t->fields[i].cppType, i)) fields[i] = *d;
+    }
+    std::vector<std::any> back = fieldsOf(*t, t->construct(fields));
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      if (distinctValue(*t->fields[i].cppType, i)) EXPECT_TRUE(sameScalar(back[i], fields[i])) << t->fields[i].name;
+    }
+    ++checked;
+  }
+  EXPECT_GT(checked, 20);
+}
+
+TEST(Registry, ConstructRefusesWrongArguments) {
+  const TypeInfo* t = findType("Routing::Bgp::MaxRoutes");
+  ASSERT_NE(t, nullptr);
+  std::vector<std::any> args{std::uint32_t(5), std::uint32_t(4), true};
+  EXPECT_EQ(t->valueToStrep(t->construct(args)),
+            "Value('Routing::Bgp::MaxRoutes', ** {'routes': 5, 'warningThreshold': 4, 'warningOnly': True})");
+  args.pop_back();
+  EXPECT_THROW(t->construct(args), TypeException);
+  args.push_back(std::uint8_t(1));
+  EXPECT_THROW(t->construct(args), TypeException);
+}
+
+TEST(Registry, ValuesHoldingARecordThatRefusesTextOfferNoParser) {
+  // IgpResult asserts when built from text; a lookup result holds one.
+  for (const char* name : {"Routing::BgpRedistribute::IgpResult", "Routing::BgpRedistribute::IgpResultLookup"}) {
+    const TypeInfo* t = findType(name);
+    ASSERT_NE(t, nullptr) << name;
+    EXPECT_EQ(t->strepToValue, nullptr) << name;
+  }
+  const TypeInfo* lookup = findType("Routing::BgpRedistribute::IgpResultLookup");
+  EXPECT_EQ(lookup->fields[0].strepToValue, nullptr);
+  EXPECT_NE(lookup->fields[1].strepToValue, nullptr);
+}
+
+TEST(Registry, PointerTestAcceptsOnlyTheValuesOwnType) {
+  const TypeInfo* t = findType("Routing::Bgp::MaxRoutes");
+  const TypeInfo* other = findType("Routing::Bgp::OutDelay");
+  ASSERT_NE(t, nullptr);
+  ASSERT_NE(other, nullptr);
+  std::any v = t->defaultValue();
+  const void* p = &v;
+  EXPECT_EQ(t->pointerAs(p, t), p);
+  EXPECT_THROW(t->pointerAs(p, other), TypeException);
+  EXPECT_THROW(t->pointerAs(p, nullptr), TypeException);
 }
 
 }  // namespace
