@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "bgpcommon/version.h"
 #include "tools/Command.h"
 
 namespace tools {
@@ -19,6 +20,13 @@ CommandRegistration::CommandRegistration(std::string name, CommandSetup setup) {
 
 int main(int argc, char** argv) {
   CLI::App app{"bgpcommon: data types of a BGP routing agent, from the shell"};
+  app.name("bgpcommon");  // not the path it was started by
+  app.set_version_flag("--version", std::string("bgpcommon ") + BGPCOMMON_VERSION);
+  app.footer(
+      "Exit status: 0 done, 1 bad input or a failure (also a bad command line); some commands say more.\n"
+      "Environment: BGPCOMMON_SHM_ROOT (root of the shared-memory tables, default /dev/shm/bgpcommon),\n"
+      "BGPCOMMON_TOGGLE_DIR (feature toggle files, default /etc/bgpcommon/toggles), BGPCOMMON_TRACE\n"
+      "(trace levels to print, as numbers: 1,3).");
   app.require_subcommand(1);
   auto& commands = tools::registeredCommands();
   std::sort(commands.begin(), commands.end(), [](const auto& a, const auto& b) { return a.name < b.name; });

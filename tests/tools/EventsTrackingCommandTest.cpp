@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "bgpcommon/version.h"
+
 #include "tests/Support/RunTool.h"
 
 namespace {
@@ -63,7 +65,11 @@ TEST(EventsTrackingCommand, BadOptionsExitOne) {
   auto help = runTool("events-tracking demo --help");
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("per VRF and per RibOut"), std::string::npos) << help.out;
-  EXPECT_EQ(runTool("--help").status, 0);
+  const auto top = runTool("--help");
+  EXPECT_EQ(top.status, 0);
+  EXPECT_TRUE(top.out.find("Usage: bgpcommon ") != std::string::npos && top.out.find("BGPCOMMON_SHM_ROOT") != std::string::npos)
+      << top.out;
+  EXPECT_EQ(runTool("--version").out, std::string("bgpcommon ") + BGPCOMMON_VERSION + "\n");
 }
 
 }  // namespace
