@@ -142,6 +142,17 @@ class CommunityArray {
   std::uint32_t slots_[kSlots] = {};
 };
 
+// In JSON (Kelp/Json.h): the communities in use, each as "HIGH:LOW" (its two 16-bit halves), as
+// operators write them.
+inline void kelpJson(std::string& out, const CommunityArray& a) {
+  out += '[';
+  for (auto it = a.begin(); it; ++it) {
+    if (it.position() != 0) out += ',';
+    out += '"' + std::to_string(it.value() >> 16) + ':' + std::to_string(it.value() & 0xFFFF) + '"';
+  }
+  out += ']';
+}
+
 struct IgpResult : Kelp::ValueBase<IgpResult> {
   // Holds a collection: not built from text (the range constructor asserts).
   static constexpr bool kelpNoStringConstructor = true;

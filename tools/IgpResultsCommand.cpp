@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <vector>
 
-#include <nlohmann/json.hpp>
 
 #include "BgpCommon/FilteredRtStatus.h"
+#include "platform/Kelp/Json.h"
 #include "tools/Command.h"
 
 namespace {
@@ -32,24 +32,6 @@ struct Options {
   std::uint32_t first = 1;
   double hold = 0;
 };
-
-nlohmann::json toJson(const IgpResult& r) {
-  nlohmann::json communities = nlohmann::json::array();
-  for (auto it = r.community.begin(); it; ++it) communities.push_back(it.value());
-  return {
-      {"key", r.key.value},
-      {"preference", r.preference.value},
-      {"ospfBitDn", r.ospfBitDn},
-      {"ospfv3BitDn", r.ospfv3BitDn},
-      {"metric", r.metric.isSet() ? nlohmann::json(r.metric.value()) : nlohmann::json(nullptr)},
-      {"isisLevel", Routing::Isis::stringValue(r.isisLevel)},
-      {"ospfMetricType", Routing::Ospf::stringValue(r.ospfMetricType)},
-      {"ospfDomainId", r.ospfDomainId},
-      {"ospfRouteType", r.ospfRouteType},
-      {"tag", r.tag.value},
-      {"community", communities},
-  };
-}
 
 // Corruption reports seen while reading; each is printed on stderr as it comes.
 std::uint32_t damaged = 0;
@@ -82,9 +64,9 @@ void show(const Options& opt) {
   status->resultForEach([&](const IgpResult& r) { records.push_back(r); });
   std::sort(records.begin(), records.end(), [](const IgpResult& a, const IgpResult& b) { return a.key.value < b.key.value; });
   if (opt.json) {
-    nlohmann::json out = nlohmann::json::array();
-    for (const IgpResult& r : records) out.push_back(toJson(r));
-    std::printf("%s\n", out.dump().c_str());
+    Kelp::String out = "[";
+    for (const IgpResult& r : records) out += (out.size() > 1 ? "," : "") + Kelp::valueToJson(r);
+    std::printf("%s]\n", out.c_str());
   } else {
     for (const IgpResult& r : records) std::printf("%s\n", Kelp::valueToStrep(r).c_str());
   }

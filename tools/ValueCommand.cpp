@@ -20,6 +20,7 @@ struct ValueOptions {
   std::string type;
   std::string text;
   bool verbose = false;
+  bool json = false;
 };
 
 tools::CommandRegistration reg("value", [](CLI::App& app) {
@@ -49,6 +50,7 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
   parse->add_option("TYPE", opt.type, "Qualified type name, as 'value list' shows it")->required();
   parse->add_option("TEXT", opt.text, "The value's long text form")->required();
   parse->add_flag("--attributes,-a", opt.verbose, "Also list the type's reflective attributes");
+  parse->add_flag("--json", opt.json, "Print the value as JSON instead of its long form");
   parse->callback([] {
     const Kelp::TypeInfo* t = Kelp::findType(opt.type);
     if (t == nullptr) {
@@ -63,7 +65,7 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
     }
     try {
       std::any v = t->strepToValue(opt.text);
-      std::printf("%s\n", t->valueToStrep(v).c_str());
+      std::printf("%s\n", (opt.json ? t->valueToJson(v) : t->valueToStrep(v)).c_str());
     } catch (const Kelp::RangeException& e) {
       std::fprintf(stderr, "%s\n", e.what());
       throw CLI::RuntimeError(1);

@@ -9,6 +9,7 @@
 // Text form: the decimal value, or None when unset.
 
 #include <cstdint>
+#include <string>
 #include <cstring>
 
 #include "platform/Kelp/ByteForm.h"
@@ -57,6 +58,9 @@ class MaybeU63 {
 
   std::uint64_t raw_ = kUnsetBit;
 };
+
+// In JSON (Kelp/Json.h): the number, or null when unset.
+inline void kelpJson(std::string& out, const MaybeU63& m) { out += m.isSet() ? std::to_string(m.value()) : "null"; }
 
 }  // namespace Brim
 

@@ -24,6 +24,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "platform/Kelp/Json.h"
 #include "platform/Kelp/ValueType.h"
 
 namespace Kelp {
@@ -57,6 +58,8 @@ struct TypeInfo {
   std::any (*strepToValue)(std::string_view text) = nullptr;
   // The long text form of a value held in `v` (which must hold this type).
   String (*valueToStrep)(const std::any& v) = nullptr;
+  // Its JSON (Kelp/Json.h).
+  String (*valueToJson)(const std::any& v) = nullptr;
   // The generic hash entry (throws UnhashableException for unhashable types).
   std::uint32_t (*hash)(const std::any& v) = nullptr;
   // The reflective attribute operation on a value held in `obj`.
@@ -234,6 +237,9 @@ const TypeInfo* typeInfo() {
     };
     t.valueToStrep = [](const std::any& v) -> String {
       return Kelp::valueToStrep(detail::held<T>(v, typeInfo<T>()->name));
+    };
+    t.valueToJson = [](const std::any& v) -> String {
+      return Kelp::valueToJson(detail::held<T>(v, typeInfo<T>()->name));
     };
     return t;
   }();

@@ -3,9 +3,11 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "platform/Kelp/Ptr.h"
 #include "platform/Kelp/Registry.h"
+#include "BgpCommon/IgpPolicyTypes.h"
 
 namespace Kelp {
 namespace {
@@ -203,6 +205,40 @@ TEST(Registry, PointerTestAcceptsOnlyTheValuesOwnType) {
   EXPECT_EQ(t->pointerAs(p, t), p);
   EXPECT_THROW(t->pointerAs(p, other), TypeException);
   EXPECT_THROW(t->pointerAs(p, nullptr), TypeException);
+}
+
+}  // namespace
+}  // namespace Kelp
+
+namespace Kelp {
+namespace {
+
+// JSON from the description: every registered type's default value gives a document a JSON
+// parser takes, and the forms that matter are exact (numbers, names, one-field types unwrapped,
+// unset numbers null, communities as operators write them, text escaped).
+TEST(Registry, EveryValueHasItsJson) {
+  std::size_t checked = 0;
+  for (const TypeInfo* t : registeredTypes()) {
+    if (t->defaultValue == nullptr || t->valueToJson == nullptr) continue;
+    const String j = t->valueToJson(t->defaultValue());
+    EXPECT_TRUE(nlohmann::json::accept(j)) << t->name << ": " << j;
+    ++checked;
+  }
+  EXPECT_GT(checked, 30u);
+  const TypeInfo* limits = findType("Routing::Bgp::MaxRoutes");
+  ASSERT_NE(limits, nullptr);
+  EXPECT_EQ(limits->valueToJson(limits->strepToValue(
+                "Value('Routing::Bgp::MaxRoutes', ** {'routes': 3, 'warningThreshold': 2, 'warningOnly': True})")),
+            R"({"routes":3,"warningThreshold":2,"warningOnly":true})");
+  Routing::BgpRedistribute::IgpResult r{Routing::BgpRedistribute::IgpResultId(7)};
+  r.isisLevel = Routing::Isis::Level::level2;
+  r.communityIs(Routing::BgpRedistribute::CommunityIndex(0), (65000u << 16) + 1);
+  EXPECT_EQ(valueToJson(r),
+            R"({"key":7,"preference":0,"ospfBitDn":false,"ospfv3BitDn":false,"metric":null,"isisLevel":"level2",)"
+            R"("ospfMetricType":"typeUnset","ospfDomainId":0,"ospfRouteType":0,"tag":0,"community":["65000:1"]})");
+  String text;
+  jsonString(text, "a\"b\\c\n\xe9");
+  EXPECT_EQ(text, R"("a\"b\\c\u000a\u00e9")");
 }
 
 }  // namespace
