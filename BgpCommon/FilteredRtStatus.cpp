@@ -69,6 +69,10 @@ void FilteredRoute::serialize(std::uint8_t* out) const { Kelp::ByteForm<Filtered
 FilteredRoute FilteredRoute::deserialize(std::span<const std::uint8_t> in) {
   FilteredRoute r;
   Kelp::ByteForm<FilteredRoute>::get(in, r);
+  // A stored value is exactly one record: bytes after it mean it is not one.
+  if (const std::uint32_t n = r.serializeLen(); n != in.size()) {
+    Pico::fmthrow<Kelp::RangeException>("FilteredRoute record of {} bytes is longer than {}", in.size(), n);
+  }
   return r;
 }
 
