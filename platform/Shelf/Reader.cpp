@@ -210,7 +210,18 @@ Mapping* Reader::current() const {
 // lookup retries on the current file. A reader therefore maps at most two files of a table,
 // however often its writer restarts, and no call pays anything on its path for it.
 Mapping* Reader::refresh() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  // What went wrong is reported after the lock is released: the handler may call the reader.
+  std::string problem;
+  Mapping* m = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    m = refreshLocked(problem);
+  }
+  if (!problem.empty()) report(problem);
+  return m;
+}
+
+Mapping* Reader::refreshLocked(std::string& problem) const {
   Mapping* m = current_.load(std::memory_order_acquire);
   if (m != nullptr && isLive(*m)) return m;
 
@@ -223,7 +234,7 @@ Mapping* Reader::refresh() const {
     close(dirFd);
     if (!absent && why != refused_) {
       refused_ = why;
-      report(fmt::format("not a table file: {}", why));
+      problem = fmt::format("not a table file: {}", why);
     }
     return m;
   }
@@ -239,7 +250,7 @@ Mapping* Reader::refresh() const {
   auto fail = [&](const std::string& why) {
     failedDev_ = st.st_dev;
     failedIno_ = st.st_ino;
-    report(why);
+    problem = why;
     return m;
   };
   // The writer's lock, for telling a writer that died from one that is alive.

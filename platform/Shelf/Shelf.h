@@ -380,6 +380,7 @@ class Reader {
  private:
   detail::Mapping* current() const;
   detail::Mapping* refresh() const;
+  detail::Mapping* refreshLocked(std::string& problem) const;
   enum class Found { absent, present };
   Found carefulFind(const detail::Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const;
   void report(const std::string& message) const;
