@@ -638,6 +638,25 @@ TEST(Shelf, TheFileFormatIsPinned) {
   std::uint8_t out[8];
   EXPECT_EQ(r.find(bytes("j"), 1, out, sizeof out), 1u);
   EXPECT_EQ(out[0], 'w');
+
+  // A whole record copied into another slot is not that slot's record: "j" (slot 0, its home
+  // being taken) copied into slot 4, which bucket 1 is made to lead to.
+  std::vector<std::string> reports;
+  r.corruptionHandlerIs([&](std::string_view m) { reports.emplace_back(m); });
+  {
+    Damage d(where.fullPath());
+    std::memcpy(d.base + 4160 + 48 * 4, d.base + 4160, 48);
+    const std::uint32_t four = 4;
+    std::memcpy(d.base + 4096 + 4, &four, 4);
+  }
+  EXPECT_EQ(r.find(bytes("j"), 1, out, sizeof out), std::nullopt);
+  EXPECT_EQ(reports, std::vector<std::string>{"Shelf " + where.fullPath() + ": slot 4 holds the record of slot 0"});
+
+  // Once a new writer has replaced the file, the inline lookup no longer answers from it.
+  w.reset();
+  w = Shelf::Writer::create(where, {"Pin::Type", "rows", "pin"}, {4, 8, 8, 0});
+  EXPECT_FALSE((r.findAtHome<8, 8>)('k', 1, 1, value));
+  EXPECT_EQ(r.find(bytes("k"), 1, out, sizeof out), std::nullopt);
 }
 
 TEST(Shelf, AReaderMapsTheTableReadOnly) {
