@@ -109,23 +109,19 @@ struct ByteForm {
     return kLayout == ByteLayout::aligned ? detail::alignUp(offset, Codec::kAlign) : offset;
   }
 
+  // The fewest (or most) bytes a record takes, each field placed after the one before.
+  static constexpr std::uint32_t extent(bool most) {
+    std::uint32_t n = 0;
+    forEachField(typeDescOf<T>, [&](const auto& f) {
+      using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
+      n = place<C>(n) + (most ? C::kMax : C::kMin);
+    });
+    return n;
+  }
+
   // The fewest and most bytes a record takes, and the alignment of its first byte.
-  static constexpr std::uint32_t kMin = [] {
-    std::uint32_t n = 0;
-    forEachField(typeDescOf<T>, [&](const auto& f) {
-      using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
-      n = place<C>(n) + C::kMin;
-    });
-    return n;
-  }();
-  static constexpr std::uint32_t kMax = [] {
-    std::uint32_t n = 0;
-    forEachField(typeDescOf<T>, [&](const auto& f) {
-      using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
-      n = place<C>(n) + C::kMax;
-    });
-    return n;
-  }();
+  static constexpr std::uint32_t kMin = extent(false);
+  static constexpr std::uint32_t kMax = extent(true);
   static constexpr std::uint32_t kAlign = [] {
     std::uint32_t a = 1;
     if (kLayout == ByteLayout::aligned) {

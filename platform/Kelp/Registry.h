@@ -101,9 +101,7 @@ struct FieldMemberOf<FieldDesc<C, M>> {
 // How many stored fields T describes; they come first in its description.
 template <Described T>
 constexpr std::size_t fieldCount() {
-  std::size_t n = 0;
-  forEachField(typeDescOf<T>, [&](const auto&) { ++n; });
-  return n;
+  return describedFieldCount<T>();
 }
 
 template <Described T>
