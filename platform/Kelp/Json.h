@@ -32,15 +32,6 @@ concept HasJsonHook = requires(String& out, const T& v) { kelpJson(out, v); };
 template <typename T>
 void jsonOf(String& out, const T& v);
 
-namespace detail {
-template <Described T>
-constexpr std::size_t describedFieldCount() {
-  std::size_t n = 0;
-  forEachField(typeDescOf<T>, [&](const auto&) { ++n; });
-  return n;
-}
-}  // namespace detail
-
 template <typename T>
 void jsonOf(String& out, const T& v) {
   if constexpr (HasJsonHook<T>) {
@@ -56,7 +47,7 @@ void jsonOf(String& out, const T& v) {
   } else if constexpr (std::is_same_v<T, String>) {
     jsonString(out, v);
   } else if constexpr (Described<T>) {
-    if constexpr (detail::describedFieldCount<T>() == 1) {
+    if constexpr (fieldCountOf<T>() == 1) {
       forEachField(typeDescOf<T>, [&](const auto& f) { jsonOf(out, v.*(f.member)); });
     } else {
       out += '{';

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "platform/Kelp/Json.h"
+#include "platform/Kelp/MemberCheck.h"
 #include "platform/Kelp/ValueType.h"
 
 namespace Kelp {
@@ -73,6 +74,9 @@ struct TypeInfo {
   // `p` itself when `requested` is this type, TypeException otherwise: the checked conversion of
   // an untyped pointer to a value of this type.
   const void* (*pointerAs)(const void* p, const TypeInfo* requested) = nullptr;
+  // What of a value type's storage its description leaves out (MemberCheck.h); empty when nothing.
+  // Null for enumerations and entities.
+  String (*undescribedStorage)() = nullptr;
 
   // The attribute with that name, or null.
   const AttrInfo* attribute(std::string_view attrName) const;
@@ -98,17 +102,11 @@ struct FieldMemberOf<FieldDesc<C, M>> {
   using type = M;
 };
 
-// How many stored fields T describes; they come first in its description.
-template <Described T>
-constexpr std::size_t fieldCount() {
-  return describedFieldCount<T>();
-}
-
 template <Described T>
 constexpr bool fieldsComeFirst() {
   bool first = true;
   forEachAttr(typeDescOf<T>, [&](const auto& item, std::size_t i) {
-    if (std::decay_t<decltype(item)>::kind == AttrKind::field && i >= fieldCount<T>()) first = false;
+    if (std::decay_t<decltype(item)>::kind == AttrKind::field && i >= fieldCountOf<T>()) first = false;
   });
   return first;
 }
@@ -135,7 +133,7 @@ constexpr bool buildableFromText() {
   if constexpr (!HasTextForm<T> || requires { T::kelpNoStringConstructor; }) {
     return false;
   } else if constexpr (Described<T>) {
-    return detail::fieldsBuildableFromText<T>(std::make_index_sequence<detail::fieldCount<T>()>{});
+    return detail::fieldsBuildableFromText<T>(std::make_index_sequence<fieldCountOf<T>()>{});
   } else {
     return true;
   }
@@ -203,9 +201,9 @@ const TypeInfo* typeInfo() {
       t.kind = TypeKind::value;
       t.attributes = attributesOf<T>();
       static_assert(detail::fieldsComeFirst<T>(), "stored fields come first in a type's description");
-      t.fields = detail::fieldsOf<T>(std::make_index_sequence<detail::fieldCount<T>()>{});
+      t.fields = detail::fieldsOf<T>(std::make_index_sequence<fieldCountOf<T>()>{});
       t.construct = [](std::span<const std::any> args) -> std::any {
-        return detail::buildFromFields<T>(args, std::make_index_sequence<detail::fieldCount<T>()>{});
+        return detail::buildFromFields<T>(args, std::make_index_sequence<fieldCountOf<T>()>{});
       };
       t.hash = [](const std::any& v) -> std::uint32_t {
         return genericHash(detail::held<T>(v, typeNameOf<T>()));
@@ -217,6 +215,7 @@ const TypeInfo* typeInfo() {
         const T* o = other != nullptr ? &detail::held<T>(*other, typeNameOf<T>()) : nullptr;
         return genericIfAttributeOp(result, self, attr, op, o, args);
       };
+      t.undescribedStorage = &Kelp::undescribedStorage<T>;
     }
     // A type that holds a collection declares kelpNoStringConstructor: building it, or a value that
     // holds one, from text is a programming error (its range constructor asserts), so generic code

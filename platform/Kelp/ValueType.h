@@ -143,6 +143,14 @@ template <typename Desc, typename F>
   });
 }
 
+// How many stored fields T describes.
+template <Described T>
+constexpr std::size_t fieldCountOf() {
+  std::size_t n = 0;
+  forEachField(typeDescOf<T>, [&](const auto&) { ++n; });
+  return n;
+}
+
 // ---- Text form -----------------------------------------------------------------------------
 
 template <typename T>

@@ -150,6 +150,7 @@ TEST(Registry, EveryValueTypeIsRebuiltFromItsFields) {
     if (t->kind != TypeKind::value) continue;
     SCOPED_TRACE(std::string(t->name));
     ASSERT_NE(t->construct, nullptr);
+    EXPECT_EQ(t->undescribedStorage(), "");
     ASSERT_EQ(t->fields.size(), static_cast<std::size_t>(std::count_if(t->attributes.begin(), t->attributes.end(),
                                                           [](const AttrInfo& a) { return a.kind == AttrKind::field; })));
     if (t->defaultValue == nullptr) continue;
@@ -169,6 +170,25 @@ TEST(Registry, EveryValueTypeIsRebuiltFromItsFields) {
     ++checked;
   }
   EXPECT_GT(checked, 20);
+}
+
+// Types that leave a member out of their description: one between fields, one after them.
+struct Between : ValueBase<Between> {
+  std::uint8_t a = 0;
+  std::uint64_t hidden = 0;
+  std::uint64_t b = 0;
+  friend constexpr auto kelpType(Tag<Between>) {
+    return valueType<Between>("T::Between", field("a", &Between::a), field("b", &Between::b));
+  }
+};
+struct After : ValueBase<After> {
+  std::uint32_t a = 0;
+  std::uint32_t hidden = 0;
+  friend constexpr auto kelpType(Tag<After>) { return valueType<After>("T::After", field("a", &After::a)); }
+};
+TEST(Registry, AMemberLeftOutOfTheDescriptionIsFound) {
+  EXPECT_EQ(undescribedStorage<Between>(), "T::Between: bytes 1 to 15 before field 'b' belong to no described field");
+  EXPECT_EQ(undescribedStorage<After>(), "T::After: bytes 4 to 7 after the last described field belong to no described field");
 }
 
 TEST(Registry, ConstructRefusesWrongArguments) {
