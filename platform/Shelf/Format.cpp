@@ -3,6 +3,10 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+#if defined(__aarch64__)
+#include <asm/hwcap.h>
+#include <sys/auxv.h>
+#endif
 
 #include "platform/Pico/Assert.h"
 
@@ -13,6 +17,9 @@ const bool kCrcInstruction = [] {
   __builtin_cpu_init();
   return __builtin_cpu_supports("sse4.2") != 0;
 }();
+#elif defined(__aarch64__)
+// Optional in ARMv8.0, present on every ARMv8.1 core: the kernel says which.
+const bool kCrcInstruction = (getauxval(AT_HWCAP) & HWCAP_CRC32) != 0;
 #endif
 
 std::uint64_t tableChecksum(Bytes words) {
@@ -53,7 +60,12 @@ std::string headerProblem(const FileHeader& h, std::uint64_t fileSize) {
 std::string sideName(const std::string& leaf, std::string_view suffix) {
   std::string name = fmt::format(".{}{}", leaf, suffix);
   if (name.size() <= NAME_MAX) return name;
-  const std::uint64_t hash = XXH3_64bits(leaf.data(), leaf.size());
+  // The leaf's checksum, zero-padded to whole words (a name holds no NUL, so padding is unambiguous).
+  // Location refuses longer leaves.
+  PICO_ASSERT(leaf.size() <= NAME_MAX);
+  alignas(8) std::uint8_t padded[NAME_MAX + 8] = {};
+  std::memcpy(padded, leaf.data(), leaf.size());
+  const std::uint64_t hash = tableChecksum({padded, (leaf.size() + 7) / 8 * 8});
   const std::size_t keep = NAME_MAX - 1 - 17 - suffix.size();
   return fmt::format(".{}~{:016x}{}", std::string_view(leaf).substr(0, keep), hash, suffix);
 }

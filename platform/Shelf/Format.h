@@ -19,9 +19,6 @@
 #include <string>
 #include <string_view>
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 #include "platform/Pico/Format.h"
 #include "platform/Shelf/Shelf.h"
 
@@ -30,7 +27,7 @@ static_assert(std::endian::native == std::endian::little, "the table format is l
 namespace Shelf::detail {
 
 inline constexpr std::uint64_t kMagic = 0x464c454853504742ull;  // "BGPSHELF"
-inline constexpr std::uint32_t kVersion = 3;
+inline constexpr std::uint32_t kVersion = 4;
 inline constexpr std::uint32_t kNone = 0xFFFFFFFFu;        // no slot: end of a chain, empty bucket
 inline constexpr std::uint32_t kFreeBucket = 0xFFFFFFFEu;  // the bucket field of a free slot
 inline constexpr std::size_t kHeaderBytes = 4096;
@@ -198,7 +195,7 @@ inline Layout layoutFor(std::uint32_t capacity, std::uint32_t keyMax, std::uint3
 // positions go to one lane, those at odd positions to the other, each lane being the plain CRC32C
 // of its words' bytes; lane 0 is the high half of the result. A CRC catches every burst of damage
 // up to 32 bits long within a lane, and two lanes halve the chain of dependent steps. Processors
-// with a CRC32C instruction (x86 with SSE4.2) use it, checked at run time so that the build stays
+// with a CRC32C instruction (x86-64 with SSE4.2, aarch64 with the CRC extension) use it, checked at run time so that the build stays
 // portable; others use tables, to the same result.
 
 struct CrcTables {
@@ -231,8 +228,8 @@ struct CrcTableStep {
   }
 };
 
-#if defined(__x86_64__)
-// The same step with the SSE4.2 instruction. Written as assembly so that it can be inlined into
+#if defined(__x86_64__) || defined(__aarch64__)
+// The same step with the processor's instruction (SSE4.2 on x86-64, the CRC extension on aarch64). Written as assembly so that it can be inlined into
 // code compiled for any x86-64; it runs only where kCrcInstruction says the processor has it.
 struct CrcInstructionStep {
   static std::uint64_t step(std::uint64_t crc, std::uint64_t word) { return crc32cStep(crc, word); }
@@ -290,8 +287,9 @@ inline std::uint64_t slotChecksum(const std::uint8_t* img, std::size_t slotSize)
   return copyAndSum(scratch, img, slotSize);
 }
 
+// The header's fixed part is summed like a slot (the portable steps: it is read once, at attach).
 inline std::uint64_t headerChecksum(const FileHeader* h) {
-  return XXH3_64bits(h, offsetof(FileHeader, geometryChecksum));
+  return tableChecksum({reinterpret_cast<const std::uint8_t*>(h), offsetof(FileHeader, geometryChecksum)});
 }
 
 inline void copyLabel(char* dst, std::size_t size, const std::string& src) {

@@ -608,10 +608,10 @@ TEST(Shelf, TheFileFormatIsPinned) {
     for (std::size_t i = at; i < at + n; ++i) out += fmt::format("{:02x}", file[i]);
     return out;
   };
-  // Magic "BGPSHELF", version 3, pid, file size, generation; capacity, slots, buckets, key and value
+  // Magic "BGPSHELF", version 4, pid, file size, generation; capacity, slots, buckets, key and value
   // bounds, slot size, ring capacity and entry size; offsets of buckets, slots and ring.
   EXPECT_EQ(hex(0, 88),
-            "4247505348454c460300000000000000" "0020000000000000" "0100000000000000"
+            "4247505348454c460400000000000000" "0020000000000000" "0100000000000000"
             "04000000" "05000000" "04000000" "08000000" "08000000" "30000000" "40000000" "18000000"
             "0010000000000000" "4010000000000000" "4011000000000000");
   EXPECT_EQ(hex(88, 12), "50696e3a3a5479706500" "0000");  // type name, NUL-padded to 128 bytes
