@@ -320,7 +320,7 @@ void runDemo(const Options& opt) {
     code = 1;
   }
   std::fflush(stdout);
-  if (code != 0) throw CLI::RuntimeError(code);
+  if (code != 0) tools::exitWith(tools::exitFailure);
 }
 
 // ---- The reader process (demo-reader) ----------------------------------------------------
@@ -340,7 +340,7 @@ void readerMain(const ReaderOptions& opt) {
   Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusReader(opt.name, em);
   if (!status || !status->resultControl()->reader()->attached()) {
     std::printf("no IGP result table %s under %s\n", IgpResultStatus::mountPath(opt.name).c_str(), em->root().c_str());
-    throw CLI::RuntimeError(2);
+    tools::exitWith(tools::exitFailure);
   }
   status->resultControl()->corruptionHandlerIs(
       [](std::string_view m) { std::printf("corruption: %.*s\n", static_cast<int>(m.size()), m.data()); });
@@ -358,7 +358,7 @@ void readerMain(const ReaderOptions& opt) {
     }
     if (!routes->routesProcessed()) {
       std::printf("the routes were not all published within 10 s\n");
-      throw CLI::RuntimeError(3);
+      tools::exitWith(tools::exitFailure);
     }
     // The toggle is read once per process, on the first static lookup; read it before timing.
     std::printf("reader pid %d, static-route communities %s\n", static_cast<int>(getpid()),
@@ -414,7 +414,7 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
       throw;
     } catch (const std::exception& e) {
       std::printf("reader failed: %s\n", e.what());
-      throw CLI::RuntimeError(1);
+      tools::exitWith(tools::exitFailure);
     }
     std::fflush(stdout);
   });

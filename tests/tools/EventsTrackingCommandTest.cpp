@@ -54,14 +54,16 @@ TEST(EventsTrackingCommand, DefaultRunShowsThresholdsAndKeepsTheOrder) {
   }
 }
 
-// Every bad command line exits 1, whichever subcommand it reaches; help exits 0 and says how the
-// thresholds count.
-TEST(EventsTrackingCommand, BadOptionsExitOne) {
+// Every bad command line exits 2 (usage), whichever subcommand it reaches, and bad input 1; help
+// exits 0, says how the thresholds count and lists every exit status.
+TEST(EventsTrackingCommand, BadCommandLinesExitTwo) {
   for (const char* args : {"events-tracking demo --vrfs 0", "events-tracking demo --advertise-threshold 5",
                            "events-tracking demo --paths x", "events-tracking", "value parse", "route-target",
-                           "route-target --bogus 1:1", "igp-results show", "demo --routes x", "no-such-command", ""}) {
-    EXPECT_EQ(runTool(args).status, 1) << args;
+                           "route-target --bogus 1:1", "igp-results show", "igp-results write t --size 0",
+                           "value parse --json -a Routing::Bgp::MaxRoutes 1", "demo --routes x", "no-such-command", ""}) {
+    EXPECT_EQ(runTool(args).status, 2) << args;
   }
+  EXPECT_EQ(runTool("route-target 1:1 x").status, 1);
   auto help = runTool("events-tracking demo --help");
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("per VRF and per RibOut"), std::string::npos) << help.out;
@@ -69,6 +71,7 @@ TEST(EventsTrackingCommand, BadOptionsExitOne) {
   EXPECT_EQ(top.status, 0);
   EXPECT_TRUE(top.out.find("Usage: bgpcommon ") != std::string::npos && top.out.find("BGPCOMMON_SHM_ROOT") != std::string::npos)
       << top.out;
+  for (const char* status : {"\n  0  ", "\n  1  ", "\n  2  ", "\n  3  "}) EXPECT_NE(top.out.find(status), std::string::npos);
   EXPECT_EQ(runTool("--version").out, std::string("bgpcommon ") + BGPCOMMON_VERSION + "\n");
 }
 
