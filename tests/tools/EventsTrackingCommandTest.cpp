@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "bgpcommon/version.h"
 
@@ -36,6 +37,25 @@ TEST(EventsTrackingCommand, DemoPrintsBothReports) {
     at = next;
   }
   EXPECT_NE(r.out.find("Stopping BGP Events Tracking\n"), std::string::npos);
+}
+
+// --json: the same reports as one object; each VRF's first update message comes no later than its
+// RIB's first event, and every RibOut advertised all of its VRF's paths.
+TEST(EventsTrackingCommand, JsonReports) {
+  auto r = runTool("events-tracking demo --vrfs 2 --ribouts 3 --paths 1000 --advertise-threshold 300 400 --json", true);
+  ASSERT_EQ(r.status, 0) << r.out;
+  const nlohmann::json report = nlohmann::json::parse(r.out);
+  EXPECT_EQ(report["pathsAfter"], 1000);
+  EXPECT_EQ(report["ribOutThreshold"], 400);
+  EXPECT_EQ(report["summary"]["ribOuts"], 6);
+  ASSERT_EQ(report["vrfs"].size(), 2u);
+  for (const auto& vrf : report["vrfs"]) {
+    EXPECT_LE(vrf["rib"]["firstUpdateMessage"].get<double>(), vrf["rib"]["processingStart"].get<double>());
+    EXPECT_FALSE(vrf["rib"]["thresholdReached"].is_null());
+    ASSERT_EQ(vrf["ribOuts"].size(), 3u);
+    for (const auto& ribOut : vrf["ribOuts"]) EXPECT_EQ(ribOut["paths"], 500);
+  }
+  EXPECT_EQ(report["vrfs"][1]["ribOuts"][2]["ribOutId"], 103);
 }
 
 // The run with no options: threshold times are shown, and in each VRF the first update message
