@@ -28,6 +28,7 @@
 #include "BgpCommon/IgpResultDedupTable.h"
 #include "BgpCommon/IgpResultStatusReaderHelper.h"
 #include "tools/Command.h"
+#include "tools/Progress.h"
 #include "tools/ReaderReport.h"
 #include "tools/Support.h"
 
@@ -202,7 +203,13 @@ class Demo {
                 table_->idAllocator()->largestAllocatedId(), IgpResultStatus::mountPath(kTableName).c_str());
 
     t0 = Clock::now();
-    for (std::uint32_t i = 0; i < opt_.routes; ++i) publishRoute(i);
+    {
+      tools::Progress progress("routes published", opt_.routes);
+      for (std::uint32_t i = 0; i < opt_.routes; ++i) {
+        publishRoute(i);
+        progress.update(i + 1);
+      }
+    }
     routes_->routesProcessedIs(true);
     std::printf("   %u routes published with their identifiers in %s%s in %.1f ms\n\n", opt_.routes, kFilteredRtPrefix,
                 kTableName, msSince(t0));

@@ -17,6 +17,7 @@
 #include "BgpCommon/BgpTestHelpers.h"
 #include "tools/Command.h"
 #include "tools/JsonSupport.h"
+#include "tools/Progress.h"
 
 namespace {
 
@@ -150,7 +151,8 @@ std::pair<U32, U32> thresholdsOf(const DemoOptions& opt) {
 // The RibOut ids of a VRF: VRF v owns v * 100 + 1, v * 100 + 2, ...
 U32 ribOutId(U32 vrf, unsigned k) { return vrf * 100 + k + 1; }
 
-void processBurst(const DemoOptions& opt, TestTrackleControlBase& control, unsigned worker) {
+void processBurst(const DemoOptions& opt, TestTrackleControlBase& control, unsigned worker,
+                  std::atomic<std::uint64_t>& processed) {
   const Kelp::Ptr<TestControlStatus> status = control.testControlStatus();
   unsigned done = 0;
   for (unsigned p = worker; p < opt.paths; p += opt.workers, ++done) {
@@ -176,7 +178,10 @@ void processBurst(const DemoOptions& opt, TestTrackleControlBase& control, unsig
       }
     }
     // Processing a path takes time; let the clock move so the report has something to show.
-    if (done % 64 == 63) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    if (done % 64 == 63) {
+      processed.fetch_add(64, std::memory_order_relaxed);
+      std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
   }
 }
 
@@ -200,15 +205,18 @@ void runDemo(const DemoOptions& opt) {
              " summarizes meanwhile)\n",
              opt.workers, opt.paths, opt.vrfs, opt.ribOuts);
   std::atomic<bool> done{false};
+  std::atomic<std::uint64_t> processed{0};
   std::vector<std::thread> workers;
   for (unsigned w = 0; w < opt.workers; ++w) {
-    workers.emplace_back([&, w] { processBurst(opt, *control, w); });
+    workers.emplace_back([&, w] { processBurst(opt, *control, w, processed); });
   }
   unsigned summaries = 0;
   std::thread command([&] {
     std::string scratch;
     Brim::DumpContext ctx(scratch);
+    tools::Progress progress("paths processed", opt.paths);
     while (!done.load()) {
+      progress.update(processed.load(std::memory_order_relaxed));
       scratch.clear();
       control->updateEventsTracking(ctx, eventsTrackingSummary, 0, 0, pathsBefore);
       ++summaries;

@@ -15,6 +15,7 @@
 #include "platform/Kelp/Json.h"
 #include "tools/Command.h"
 #include "tools/JsonSupport.h"
+#include "tools/Progress.h"
 
 namespace {
 
@@ -178,7 +179,13 @@ void write(const Options& opt) {
   }
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
   Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusWriter(opt.name, em, opt.size);
-  for (std::uint32_t i = 0; i < opt.records; ++i) status->resultIs(sample(opt.first + i));
+  {
+    tools::Progress progress("records written", opt.records);
+    for (std::uint32_t i = 0; i < opt.records; ++i) {
+      status->resultIs(sample(opt.first + i));
+      progress.update(i + 1);
+    }
+  }
   std::printf("wrote %u records to %s\n", opt.records, IgpResultStatus::mountPath(opt.name).c_str());
   std::fflush(stdout);
   if (opt.hold > 0) std::this_thread::sleep_for(std::chrono::duration<double>(opt.hold));
