@@ -397,7 +397,8 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
   static Options opt;
   auto* demo = app.add_subcommand("demo", "Redistribute static routes into BGP across two processes");
   demo->add_option("--routes", opt.routes, "How many static routes (default 100000)")->check(CLI::Range(1u, 1000000u));
-  demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)");
+  demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)")
+      ->type_name("DIR");
   demo->footer(
       "This process evaluates a policy over generated static routes, interns the results (one record and\n"
       "identifier per distinct outcome, published in a shared-memory table) and publishes every route with\n"

@@ -197,7 +197,8 @@ tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
   static Options opt;
   auto common = [](CLI::App* c) {
     c->add_option("NAME", opt.name, "Table name (the last component of routing/rib/igpResultStatus/NAME)")->required();
-    c->add_option("--root", opt.root, "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)");
+    c->add_option("--root", opt.root, "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)")
+        ->type_name("DIR");
   };
   auto run = [](void (*fn)(const Options&)) {
     return [fn] {
