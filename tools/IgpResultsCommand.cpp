@@ -147,15 +147,25 @@ void watch(const Options& opt) {
   Printer printer(status.get(), opt.json);
   status->notifieeIs(&printer);
   auto control = status->resultControl();
+  // A table that is not there yet is waited for (a watch may start before its writer), but not
+  // silently, and a watch that never saw one has failed.
+  const std::string path = rootOf(opt) + "/" + IgpResultStatus::mountPath(opt.name);
+  bool attached = control->reader()->attached();
+  if (!attached) std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
   // The timeout is wall-clock time: a wait returns early whenever changes arrive.
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeout));
   for (auto now = Clock::now(); (opt.count == 0 || printer.lines < opt.count) && now < end; now = Clock::now()) {
     control->waitForChanges(std::min(0.05, std::chrono::duration<double>(end - now).count()));
     control->poll();
+    attached = attached || control->reader()->attached();
     std::fflush(stdout);
   }
   status->notifieeDel(&printer);
+  if (!attached) {
+    std::fprintf(stderr, "no table appeared at %s within --timeout\n", path.c_str());
+    tools::exitWith(tools::exitFailure);
+  }
   if (opt.count != 0 && printer.lines < opt.count) tools::exitWith(tools::exitTimedOut);
 }
 

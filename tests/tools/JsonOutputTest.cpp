@@ -38,13 +38,16 @@ TEST(JsonOutput, ValuesAndRouteTargetsParse) {
                           {"subtype", "routeTarget"}, {"global", 70000}, {"local", 5}, {"text", "1.4464:5"}}));
 }
 
-// watch --json: a line per change, each a whole object; a record deleted shows as null, and a watch
-// that runs out of time before --count changes exits 3.
+// watch --json: a line per change, each a whole object; a record deleted shows as null. A watch
+// that runs out of time before --count changes exits 3, one that never found its table 1.
 TEST(JsonOutput, WatchPrintsOneObjectPerChange) {
   using namespace Routing::BgpRedistribute;
   testing_support::TempRoot root;
   const std::string at = " --root " + root.path();
-  EXPECT_EQ(runTool("igp-results watch none --count 1 --timeout 0.2" + at).status, 3);
+  const auto none = runTool("igp-results watch none --timeout 0.2" + at, true);  // no table ever
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.err, "no table at " + root.path() + "/routing/rib/igpResultStatus/none yet: waiting for a writer\n"
+                      "no table appeared at " + root.path() + "/routing/rib/igpResultStatus/none within --timeout\n");
 
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   auto status = IgpResultStatus::createIgpResultStatusWriter("live", em, 64);
@@ -62,6 +65,8 @@ TEST(JsonOutput, WatchPrintsOneObjectPerChange) {
   }
   watcher.join();
   ASSERT_EQ(watch.status, 0) << watch.out << watch.err;
+  // The writer stays, the changes stop: fewer than --count arrive in time.
+  EXPECT_EQ(runTool("igp-results watch live --count 5 --timeout 0.3" + at).status, 3);
   std::istringstream lines(watch.out);
   std::vector<json> events;
   for (std::string line; std::getline(lines, line);) events.push_back(json::parse(line));
