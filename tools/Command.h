@@ -21,9 +21,9 @@ namespace tools {
 // argument) is the only usage error; bad text given as an argument is bad input.
 enum ExitStatus : int {
   exitOk = 0,
-  exitFailure = 1,  // bad input, or the command failed
-  exitUsage = 2,    // bad command line
-  exitTimedOut = 3, // igp-results watch: --timeout passed before --count changes arrived
+  exitFailure = 1,   // bad input, or the command failed
+  exitUsage = 2,     // bad command line
+  exitTimedOut = 3,  // igp-results watch: --timeout passed before --count changes arrived
 };
 
 // A name and what it means, as the help footer and the manual page list them.

@@ -93,7 +93,9 @@ std::string roff(const std::string& text) {
 std::string manPage(const CLI::App& app) {
   std::string m = std::string(".TH BGPCOMMON 1 \"\" \"bgpcommon ") + BGPCOMMON_VERSION + "\" \"User Commands\"\n";
   m += ".SH NAME\nbgpcommon \\- " + roff(app.get_description().substr(app.get_description().find(": ") + 2)) + "\n";
-  m += ".SH SYNOPSIS\n.B bgpcommon\n.I command\n.RI [ options ]\n.br\n.B bgpcommon\n.RB [ \\-\\-help | \\-\\-version ]\n";
+  m += ".SH SYNOPSIS\n"
+       ".B bgpcommon\n.I command\n.RI [ options ]\n.br\n"
+       ".B bgpcommon\n.RB [ \\-\\-help | \\-\\-version ]\n";
   m += ".SH DESCRIPTION\n"
        "The command\\-line tool of the bgpcommon library: values of its registered types printed and parsed, "
        "route targets taken apart, the shared\\-memory IGP result tables shown, watched and filled, and two "
@@ -105,7 +107,8 @@ std::string manPage(const CLI::App& app) {
     m += ".SS \"" + roff(synopsisOf(c)) + "\"\n" + roff(c.app->get_description()) + "\n";
     for (const CLI::Option* o : visibleOptions(c.app)) {
       if (o->get_name() == "--help") continue;
-      const std::string value = o->get_positional() || o->get_expected_min() == 0 ? "" : " \\fI" + roff(valueName(o)) + "\\fR";
+      const std::string value =
+          o->get_positional() || o->get_expected_min() == 0 ? "" : " \\fI" + roff(valueName(o)) + "\\fR";
       m += ".TP\n\\fB" + roff(o->get_name(true, true)) + "\\fR" + value + "\n" + roff(o->get_description()) + "\n";
     }
     // Notes of the command's own; subcommands inherit the top-level footer, shown once below.

@@ -131,7 +131,8 @@ ReportShown reportOf(const TestTrackleControlBase& control, U32 pathsBefore, U32
   report.summary = {summary->numVrfs(), summary->numRibOuts(), RibStampsShown::of(summary->timeStampsRib()),
                     RibOutStampsShown::of(summary->timeStampsRibOut())};
   for (const TestControlStatus::VrfInOrder& v : status->vrfsAndRibOutsInOrder()) {
-    VrfShown vrf{v.vrf->vrfId(), v.vrf->vrfName(), v.vrf->numBribPaths(), RibStampsShown::of(v.vrf->timeStampsRib()), {}};
+    VrfShown vrf{v.vrf->vrfId(), v.vrf->vrfName(), v.vrf->numBribPaths(), RibStampsShown::of(v.vrf->timeStampsRib()),
+                 {}};
     for (const Kelp::Ptr<TestControlStatusRibOut>& r : v.ribOuts) {
       vrf.ribOuts.items.push_back({r->ribOutId(), r->processedPathCnt(), RibOutStampsShown::of(r->timeStampsRibOut())});
     }
@@ -197,7 +198,9 @@ void runDemo(const DemoOptions& opt) {
   const U32 pathsBefore = 0;
 
   out.printf("$ show bgp instance internal events tracking start");
-  if (ribThreshold != 0 || ribOutThreshold != 0) out.printf(" advertise-threshold %u %u", ribThreshold, ribOutThreshold);
+  if (ribThreshold != 0 || ribOutThreshold != 0) {
+    out.printf(" advertise-threshold %u %u", ribThreshold, ribOutThreshold);
+  }
   out.printf("\n");
   control->updateEventsTracking(out, eventsTrackingStart, ribThreshold, ribOutThreshold, pathsBefore);
 

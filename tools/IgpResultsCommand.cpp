@@ -207,7 +207,8 @@ tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
   static Options opt;
   auto common = [](CLI::App* c) {
     c->add_option("NAME", opt.name, "Table name (the last component of routing/rib/igpResultStatus/NAME)")->required();
-    c->add_option("--root", opt.root, "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)")
+    c->add_option("--root", opt.root,
+                  "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)")
         ->type_name("DIR");
   };
   auto run = [](void (*fn)(const Options&)) {
@@ -228,7 +229,8 @@ tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
   s->add_flag("--json", opt.json, "Print a JSON array");
   s->callback(run(show));
 
-  auto* w = cmd->add_subcommand("watch", "Print each change as it arrives (exit 3 when --timeout passes before --count changes)");
+  auto* w = cmd->add_subcommand("watch",
+                                "Print each change as it arrives (exit 3 when --timeout passes before --count changes)");
   common(w);
   w->add_option("--count", opt.count, "Stop after this many change lines");
   w->add_option("--timeout", opt.timeout, "Stop after this many seconds (default 10)");

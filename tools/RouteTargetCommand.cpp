@@ -12,10 +12,11 @@
 //     "global":100,"local":5,"text":"100:5"},...]
 //
 // A text that does not parse prints its error on standard error, after the text itself (so that
-// among many the operator sees which one); the exit status is then 1. So does a text the library accepts but cannot hold as written: it keeps the local administrator of
-// the two-octet form in 32 bits and the halves of a dotted AS in 16 bits each without a check, so
-// 100:4294967296 would become 100:0 and 65536.0:1 would become 0L:1. The tool says so instead of
-// showing a route target the operator did not write.
+// among many the operator sees which one); the exit status is then 1. So does a text the library
+// accepts but cannot hold as written: it keeps the local administrator of the two-octet form in 32
+// bits and the halves of a dotted AS in 16 bits each without a check, so 100:4294967296 would
+// become 100:0 and 65536.0:1 would become 0L:1. The tool says so instead of showing a route target
+// the operator did not write.
 #include <cstdint>
 #include <cstdio>
 #include <exception>

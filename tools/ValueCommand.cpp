@@ -1,4 +1,5 @@
-// bgpcommon value list [--json] | parse TYPE TEXT [--json] | tour: every registered type, reachable through the registry.
+// bgpcommon value list [--json] | parse TYPE TEXT [--json] | tour: every registered type, reachable
+// through the registry.
 #include <cstdio>
 
 #include "platform/Kelp/Registry.h"
