@@ -58,7 +58,7 @@ inline void kelpJson(Kelp::String& out, const JsonStamp& s) {
   if (s.seconds == 0.0 || !std::isfinite(s.seconds)) {
     out += "null";
   } else {
-    fmt::format_to(std::back_inserter(out), "{:.6f}", s.seconds);
+    fmt::format_to(std::back_inserter(out), "{}", s.seconds);  // the shortest text that reads back exactly
   }
 }
 
