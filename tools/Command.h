@@ -7,7 +7,7 @@
 //   });
 //
 // Each setup adds its subcommand to the application and attaches callbacks; a callback that
-// wants a non-zero exit status throws CLI::RuntimeError(status).
+// wants a non-zero exit status throws CLI::RuntimeError(status) with one of the statuses below.
 
 #include <functional>
 #include <string>
@@ -16,6 +16,38 @@
 #include <CLI/CLI.hpp>
 
 namespace tools {
+
+// The tool's exit statuses. A bad command line (unknown command or option, a missing or malformed
+// argument) is the only usage error; bad text given as an argument is bad input.
+enum ExitStatus : int {
+  exitOk = 0,
+  exitFailure = 1,   // bad input, or the command failed
+  exitUsage = 2,     // bad command line
+  exitTimedOut = 3,  // igp-results watch: --timeout passed before --count changes arrived
+};
+
+// A name and what it means, as the help footer and the manual page list them.
+struct Documented {
+  const char* name;
+  const char* text;
+};
+inline constexpr Documented kExitStatuses[] = {
+    {"0", "done"},
+    {"1", "bad input, or the command failed (igp-results watch: no table appeared)"},
+    {"2", "bad command line: unknown command or option, missing or malformed argument"},
+    {"3", "igp-results watch: --timeout passed before --count changes arrived"},
+};
+inline constexpr Documented kEnvironment[] = {
+    {"BGPCOMMON_SHM_ROOT", "root of the shared-memory tables (default /dev/shm/bgpcommon)"},
+    {"BGPCOMMON_TOGGLE_DIR", "feature toggle files (default /etc/bgpcommon/toggles)"},
+    {"BGPCOMMON_TRACE", "trace levels to print, as numbers: 1,3"},
+};
+
+// The top-level help's footer: the exit statuses and the environment variables.
+std::string helpFooter();
+
+// Throws the exception that makes the tool exit with `status`.
+[[noreturn]] inline void exitWith(ExitStatus status) { throw CLI::RuntimeError(status); }
 
 using CommandSetup = std::function<void(CLI::App&)>;
 

@@ -28,6 +28,7 @@
 #include "BgpCommon/IgpResultDedupTable.h"
 #include "BgpCommon/IgpResultStatusReaderHelper.h"
 #include "tools/Command.h"
+#include "tools/Progress.h"
 #include "tools/ReaderReport.h"
 #include "tools/Support.h"
 
@@ -202,7 +203,13 @@ class Demo {
                 table_->idAllocator()->largestAllocatedId(), IgpResultStatus::mountPath(kTableName).c_str());
 
     t0 = Clock::now();
-    for (std::uint32_t i = 0; i < opt_.routes; ++i) publishRoute(i);
+    {
+      tools::Progress progress("routes published", opt_.routes);
+      for (std::uint32_t i = 0; i < opt_.routes; ++i) {
+        publishRoute(i);
+        progress.update(i + 1);
+      }
+    }
     routes_->routesProcessedIs(true);
     std::printf("   %u routes published with their identifiers in %s%s in %.1f ms\n\n", opt_.routes, kFilteredRtPrefix,
                 kTableName, msSince(t0));
@@ -320,7 +327,7 @@ void runDemo(const Options& opt) {
     code = 1;
   }
   std::fflush(stdout);
-  if (code != 0) throw CLI::RuntimeError(code);
+  if (code != 0) tools::exitWith(tools::exitFailure);
 }
 
 // ---- The reader process (demo-reader) ----------------------------------------------------
@@ -340,7 +347,7 @@ void readerMain(const ReaderOptions& opt) {
   Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusReader(opt.name, em);
   if (!status || !status->resultControl()->reader()->attached()) {
     std::printf("no IGP result table %s under %s\n", IgpResultStatus::mountPath(opt.name).c_str(), em->root().c_str());
-    throw CLI::RuntimeError(2);
+    tools::exitWith(tools::exitFailure);
   }
   status->resultControl()->corruptionHandlerIs(
       [](std::string_view m) { std::printf("corruption: %.*s\n", static_cast<int>(m.size()), m.data()); });
@@ -358,7 +365,7 @@ void readerMain(const ReaderOptions& opt) {
     }
     if (!routes->routesProcessed()) {
       std::printf("the routes were not all published within 10 s\n");
-      throw CLI::RuntimeError(3);
+      tools::exitWith(tools::exitFailure);
     }
     // The toggle is read once per process, on the first static lookup; read it before timing.
     std::printf("reader pid %d, static-route communities %s\n", static_cast<int>(getpid()),
@@ -390,7 +397,8 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
   static Options opt;
   auto* demo = app.add_subcommand("demo", "Redistribute static routes into BGP across two processes");
   demo->add_option("--routes", opt.routes, "How many static routes (default 100000)")->check(CLI::Range(1u, 1000000u));
-  demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)");
+  demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)")
+      ->type_name("DIR");
   demo->footer(
       "This process evaluates a policy over generated static routes, interns the results (one record and\n"
       "identifier per distinct outcome, published in a shared-memory table) and publishes every route with\n"
@@ -414,7 +422,7 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
       throw;
     } catch (const std::exception& e) {
       std::printf("reader failed: %s\n", e.what());
-      throw CLI::RuntimeError(1);
+      tools::exitWith(tools::exitFailure);
     }
     std::fflush(stdout);
   });

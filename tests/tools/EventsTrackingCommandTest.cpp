@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "bgpcommon/version.h"
 
@@ -38,6 +39,25 @@ TEST(EventsTrackingCommand, DemoPrintsBothReports) {
   EXPECT_NE(r.out.find("Stopping BGP Events Tracking\n"), std::string::npos);
 }
 
+// --json: the same reports as one object; each VRF's first update message comes no later than its
+// RIB's first event, and every RibOut advertised all of its VRF's paths.
+TEST(EventsTrackingCommand, JsonReports) {
+  auto r = runTool("events-tracking demo --vrfs 2 --ribouts 3 --paths 1000 --advertise-threshold 300 400 --json", true);
+  ASSERT_EQ(r.status, 0) << r.out;
+  const nlohmann::json report = nlohmann::json::parse(r.out);
+  EXPECT_EQ(report["pathsAfter"], 1000);
+  EXPECT_EQ(report["ribOutThreshold"], 400);
+  EXPECT_EQ(report["summary"]["ribOuts"], 6);
+  ASSERT_EQ(report["vrfs"].size(), 2u);
+  for (const auto& vrf : report["vrfs"]) {
+    EXPECT_LE(vrf["rib"]["firstUpdateMessage"].get<double>(), vrf["rib"]["processingStart"].get<double>());
+    EXPECT_FALSE(vrf["rib"]["thresholdReached"].is_null());
+    ASSERT_EQ(vrf["ribOuts"].size(), 3u);
+    for (const auto& ribOut : vrf["ribOuts"]) EXPECT_EQ(ribOut["paths"], 500);
+  }
+  EXPECT_EQ(report["vrfs"][1]["ribOuts"][2]["ribOutId"], 103);
+}
+
 // The run with no options: threshold times are shown, and in each VRF the first update message
 // comes no later than the RIB's first event (workers interleave, so a few runs are looked at).
 TEST(EventsTrackingCommand, DefaultRunShowsThresholdsAndKeepsTheOrder) {
@@ -54,14 +74,16 @@ TEST(EventsTrackingCommand, DefaultRunShowsThresholdsAndKeepsTheOrder) {
   }
 }
 
-// Every bad command line exits 1, whichever subcommand it reaches; help exits 0 and says how the
-// thresholds count.
-TEST(EventsTrackingCommand, BadOptionsExitOne) {
+// Every bad command line exits 2 (usage), whichever subcommand it reaches, and bad input 1; help
+// exits 0, says how the thresholds count and lists every exit status.
+TEST(EventsTrackingCommand, BadCommandLinesExitTwo) {
   for (const char* args : {"events-tracking demo --vrfs 0", "events-tracking demo --advertise-threshold 5",
                            "events-tracking demo --paths x", "events-tracking", "value parse", "route-target",
-                           "route-target --bogus 1:1", "igp-results show", "demo --routes x", "no-such-command", ""}) {
-    EXPECT_EQ(runTool(args).status, 1) << args;
+                           "route-target --bogus 1:1", "igp-results show", "igp-results write t --size 0",
+                           "value parse --json -a Routing::Bgp::MaxRoutes 1", "demo --routes x", "no-such-command", ""}) {
+    EXPECT_EQ(runTool(args).status, 2) << args;
   }
+  EXPECT_EQ(runTool("route-target 1:1 x").status, 1);
   auto help = runTool("events-tracking demo --help");
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("per VRF and per RibOut"), std::string::npos) << help.out;
@@ -69,6 +91,7 @@ TEST(EventsTrackingCommand, BadOptionsExitOne) {
   EXPECT_EQ(top.status, 0);
   EXPECT_TRUE(top.out.find("Usage: bgpcommon ") != std::string::npos && top.out.find("BGPCOMMON_SHM_ROOT") != std::string::npos)
       << top.out;
+  for (const char* status : {"\n  0  ", "\n  1  ", "\n  2  ", "\n  3  "}) EXPECT_NE(top.out.find(status), std::string::npos);
   EXPECT_EQ(runTool("--version").out, std::string("bgpcommon ") + BGPCOMMON_VERSION + "\n");
 }
 

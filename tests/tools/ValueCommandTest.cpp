@@ -17,7 +17,7 @@ TEST(ValueCommand, ParsePrintsTheLongFormBack) {
 TEST(ValueCommand, BadTextAndUnknownTypeExitOne) {
   auto r = runTool("value parse Routing::Bgp::MaxRoutes \"Value('Routing::Bgp::MaxRoutes', ** {'routes': x\"");
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "routes: expected an unsigned number at offset 47, found \"x\"\n");
+  EXPECT_EQ(r.out, "TEXT is not a Routing::Bgp::MaxRoutes: routes: expected an unsigned number at offset 47, found \"x\"\n");
   // An unknown name is shown escaped, as parse errors show text: no control byte reaches the terminal.
   const std::pair<const char*, const char*> unknown[] = {
       {"No::Such", "unknown type \"No::Such\""},
