@@ -46,6 +46,8 @@ B* repeated(B* b) {
       ->ComputeStatistics(kMaxStat, [](const std::vector<double>& v) { return *std::max_element(v.begin(), v.end()); })
       ->ReportAggregatesOnly(true);
 }
+// The same, for a BENCHMARK() chain: BENCHMARK(BM_X)->Arg(1)->Apply(bench_support::repeatedDuel).
+inline void repeatedDuel(benchmark::internal::Benchmark* b) { repeated(b); }
 
 // Sets the counters of a comparison from the two mean times (goal 0: none), each counter with
 // `flags` (kAvgThreads where every thread of a threaded benchmark reports).

@@ -37,6 +37,10 @@ constexpr std::size_t kChunkBytes = 2 * 1024 * 1024;
 constexpr std::size_t kSlabsPerChunk = kChunkBytes / kSlabBytes;
 constexpr std::size_t kSlabHeaderBytes = 64;
 constexpr std::size_t kKeptEmptyChunks = 1;
+// Empty slabs of chunks still partly in use are kept resident up to this many; the pages of any
+// more go back one slab at a time, so that a few long-lived objects scattered over many chunks do
+// not hold the rest of them.
+constexpr std::size_t kKeptEmptySlabs = 32;
 // A thread cache takes kBatch blocks at a time from the shared pool (or a slab's whole free list
 // when that holds at most kCacheLimit) and gives back kBatch when it holds more than kCacheLimit,
 // so a thread that only frees does not hoard memory.
@@ -102,10 +106,14 @@ Slab* slabOf(const void* p) {
 // A chunk of slabs, described beside it (its own pages all go back when it is returned).
 struct Chunk {
   char* base = nullptr;
-  std::uint32_t carved = 0;  // slabs cut from it since it was last resident-free
-  std::uint32_t empty = 0;   // of those, slabs in the pool's list of empty slabs
-  Chunk* nextCold = nullptr; // in the list of returned chunks
+  std::uint32_t carved = 0;     // slabs cut from it since it was last returned whole
+  std::uint32_t empty = 0;      // of those, the empty ones: in the pool's list, or returned
+  std::uint32_t returned = 0;   // mask of the empty slabs whose pages went back (no header then)
+  bool withReturned = false;    // in the pool's list of chunks with returned slabs
+  Chunk* nextCold = nullptr;    // in the list of chunks returned whole
+  Chunk* nextWithReturned = nullptr;
 };
+static_assert(kSlabsPerChunk <= 32);
 
 // A doubly-linked list of slabs through their headers.
 struct SlabList {
@@ -147,7 +155,8 @@ struct Pool {
   // Empty slabs of every class, chunks returned to the system, and the chunk being cut.
   std::mutex slabsMutex;
   SlabList empty;
-  Chunk* cold = nullptr;
+  Chunk* cold = nullptr;          // chunks returned whole
+  Chunk* withReturned = nullptr;  // chunks some of whose empty slabs were returned
   Chunk* current = nullptr;
   std::size_t emptyChunks = 0;  // chunks all of whose carved slabs are in `empty`
 
@@ -164,6 +173,12 @@ struct Pool {
         chunk = s->chunk;
         if (chunk->empty-- == chunk->carved) --emptyChunks;
         base = reinterpret_cast<char*>(s);
+      } else if ((chunk = withReturnedSlab()) != nullptr) {
+        const int i = __builtin_ctz(chunk->returned);
+        chunk->returned &= ~(1u << i);
+        if (chunk->empty-- == chunk->carved) --emptyChunks;
+        base = chunk->base + i * kSlabBytes;
+        bytesReserved.fetch_add(std::int64_t{kSlabBytes}, std::memory_order_relaxed);
       } else {
         if (current == nullptr || current->carved == kSlabsPerChunk) {
           if (cold != nullptr) {
@@ -174,6 +189,8 @@ struct Pool {
           }
         }
         chunk = current;
+        // A chunk counts as all empty while every slab cut from it is; this one no longer is.
+        if (chunk->carved != 0 && chunk->empty == chunk->carved) --emptyChunks;
         base = chunk->base + chunk->carved * kSlabBytes;
         ++chunk->carved;
         bytesReserved.fetch_add(std::int64_t{kSlabBytes}, std::memory_order_relaxed);
@@ -206,26 +223,58 @@ struct Pool {
     return chunk;
   }
 
+  // A chunk with a returned slab to cut again, or null; slabsMutex is held.
+  Chunk* withReturnedSlab() {
+    while (withReturned != nullptr && withReturned->returned == 0) {
+      Chunk* c = withReturned;
+      withReturned = c->nextWithReturned;
+      c->withReturned = false;
+    }
+    return withReturned;
+  }
+
   // A slab all of whose blocks are back leaves its class for the list of empty slabs; a chunk
-  // that becomes all empty goes back to the system unless it is the only such one. The class's
-  // mutex is held.
+  // that becomes all empty goes back to the system whole unless it is the only such one, and
+  // beyond kKeptEmptySlabs empty slabs the slab's own pages go back. The class's mutex is held.
   void retire(Slab* s) {
     std::lock_guard<std::mutex> lock(slabsMutex);
-    KELP_STASH_POISON(reinterpret_cast<char*>(s) + kSlabHeaderBytes, kSlabBytes - kSlabHeaderBytes);
-    empty.push(s);
+    char* base = reinterpret_cast<char*>(s);
+    KELP_STASH_POISON(base + kSlabHeaderBytes, kSlabBytes - kSlabHeaderBytes);
     Chunk* chunk = s->chunk;
-    if (++chunk->empty != chunk->carved) return;
-    if (++emptyChunks <= kKeptEmptyChunks) return;
-    // Its slabs leave the empty list, its pages go back, and it waits to be cut again.
+    empty.push(s);
+    if (++chunk->empty == chunk->carved) {
+      if (++emptyChunks <= kKeptEmptyChunks) return;
+      returnChunk(chunk);
+      return;
+    }
+    if (empty.count <= kKeptEmptySlabs) return;
+    empty.unlink(s);
+    KELP_STASH_UNPOISON(base, kSlabBytes);
+    ::madvise(base, kSlabBytes, MADV_DONTNEED);
+    KELP_STASH_POISON(base, kSlabBytes);
+    bytesReserved.fetch_sub(std::int64_t{kSlabBytes}, std::memory_order_relaxed);
+    chunk->returned |= 1u << ((base - chunk->base) / kSlabBytes);
+    if (!chunk->withReturned) {
+      chunk->withReturned = true;
+      chunk->nextWithReturned = withReturned;
+      withReturned = chunk;
+    }
+  }
+
+  // Gives the pages of an all-empty chunk back; it waits to be cut again. slabsMutex is held.
+  void returnChunk(Chunk* chunk) {
+    std::uint32_t resident = 0;
     for (std::uint32_t i = 0; i < chunk->carved; ++i) {
+      if ((chunk->returned & (1u << i)) != 0) continue;
       empty.unlink(reinterpret_cast<Slab*>(chunk->base + i * kSlabBytes));
+      ++resident;
     }
     KELP_STASH_UNPOISON(chunk->base, kChunkBytes);
     ::madvise(chunk->base, kChunkBytes, MADV_DONTNEED);
     KELP_STASH_POISON(chunk->base, kChunkBytes);
-    bytesReserved.fetch_sub(std::int64_t{kSlabBytes} * chunk->carved, std::memory_order_relaxed);
+    bytesReserved.fetch_sub(std::int64_t{kSlabBytes} * resident, std::memory_order_relaxed);
     --emptyChunks;
-    chunk->carved = chunk->empty = 0;
+    chunk->carved = chunk->empty = chunk->returned = 0;  // left in the returned-slab list, skipped there
     if (chunk == current) current = nullptr;
     chunk->nextCold = cold;
     cold = chunk;
