@@ -225,8 +225,8 @@ class Serialize {
   // that, on some processors, slows down three to four times when the destination lies just past
   // the source modulo the 4 KiB page: each load then waits for a store whose low address bits it
   // matches. Where the caller's run and our buffer fall like that, a plain loop of vector moves,
-  // which overlaps its loads and stores freely, is taken instead, on processors where a one-time
-  // measurement finds it faster; elsewhere (a fast string move) memcpy stays.
+  // or one that copies backward (each load then lies below the stores in flight), is taken
+  // instead, on processors where a one-time measurement finds it faster; elsewhere memcpy stays.
   static void copyRun(Octet* p, const U8* src, U32 n) {
     const std::uintptr_t ahead = (reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(src)) & 4095;
     if (n >= kAliasedRunMin && ahead - 1 < kAliasedWindow) [[unlikely]] {
@@ -240,9 +240,9 @@ class Serialize {
   static void copyAliasedRun(Octet* p, const U8* src, U32 n);
 
  public:
-  // Whether this processor copies runs placed just past their source with the vector loop (the
-  // one-time measurement, made on first use).
-  static bool aliasedRunsUseVectorLoop();
+  // The copy this processor uses for runs placed just past their source ("memcpy", "forward
+  // vector loop" or "backward vector loop"), chosen by a one-time measurement on first use.
+  static const char* aliasedRunCopy();
 
  private:
   static void putOctets(Octet* p, const U8* src, U32 n) {

@@ -132,6 +132,8 @@ def main(paths):
         peer_text = "" if peer is None else ranged(peer, peer_lo, peer_hi, ns)
         label = b.get("label", "")
         peer_name = label.split(";")[0].removeprefix("peer: ") if label.startswith("peer: ") else ""
+        if label and not peer_name and not label.startswith("goal:"):
+            other = (other + ", " if other else "") + label
         rows.append((program, name + (f" vs {peer_name}" if peer_name else ""), ours_text, peer_text,
                      ratio_text, goal_text, met, other))
         if floor is not None:

@@ -158,6 +158,7 @@ struct Pool {
   Chunk* cold = nullptr;          // chunks returned whole
   Chunk* withReturned = nullptr;  // chunks some of whose empty slabs were returned
   Chunk* current = nullptr;
+  std::vector<Chunk*> chunks;  // every chunk mapped (never unmapped: slabs point at them)
   std::size_t emptyChunks = 0;  // chunks all of whose carved slabs are in `empty`
 
   // A slab for a class, empty and ready to carve: an empty one of any class, else the next of the
@@ -206,7 +207,7 @@ struct Pool {
   }
 
   // Maps a chunk aligned on its size (so that it can be one huge page); slabsMutex is held.
-  static Chunk* mapChunk() {
+  Chunk* mapChunk() {
     void* m = ::mmap(nullptr, 2 * kChunkBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (m == MAP_FAILED) throw std::bad_alloc();
     const auto start = reinterpret_cast<std::uintptr_t>(m);
@@ -220,6 +221,7 @@ struct Pool {
     KELP_STASH_POISON(base, kChunkBytes);
     auto* chunk = new Chunk;
     chunk->base = base;
+    chunks.push_back(chunk);
     return chunk;
   }
 
