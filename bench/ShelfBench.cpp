@@ -270,7 +270,7 @@ void WriterStoreVsLmdb(benchmark::State& state) {
   mdb_txn_reset(f.readTxn);
   mdb_txn_renew(f.readTxn);
 }
-BENCHMARK(WriterStoreVsLmdb);
+BENCHMARK(WriterStoreVsLmdb)->Apply(bench_support::repeatedDuel);
 
 }  // namespace
 
