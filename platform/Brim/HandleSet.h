@@ -45,8 +45,10 @@ class HandleSet {
   bool empty() const { return size_ == 0; }
   // Allocated slots (8 octets each).
   std::size_t capacity() const { return capacity_; }
-  // Slot arrays of at least this many octets are mapped from the system rather than allocated.
-  static constexpr std::size_t kMappedBytes = std::size_t{2} << 20;
+  // Slot arrays of at least this many octets are mapped from the system rather than allocated;
+  // from kHugeBytes on they are offered huge pages.
+  static constexpr std::size_t kMappedBytes = std::size_t{256} << 10;
+  static constexpr std::size_t kHugeBytes = std::size_t{2} << 20;
 
   // The handle with this hash that `equal` accepts, or null.
   template <typename Equal>
@@ -160,7 +162,7 @@ class HandleSet {
     if (bytes < kMappedBytes) return new std::uint64_t[capacity]();
     void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) throw std::bad_alloc();
-    ::madvise(p, bytes, MADV_HUGEPAGE);
+    if (bytes >= kHugeBytes) ::madvise(p, bytes, MADV_HUGEPAGE);
     return static_cast<std::uint64_t*>(p);
   }
   static void freeSlots(std::uint64_t* slots, std::size_t capacity) {
