@@ -94,7 +94,7 @@ void BM_AllocateFree(benchmark::State& state) {
     delete sync;
   }
 }
-BENCHMARK(BM_AllocateFree)->Arg(0)->Arg(10000)->Threads(1)->Threads(2)->UseRealTime()->MinTime(0.5);
+BENCHMARK(BM_AllocateFree)->Arg(0)->Arg(10000)->Threads(1)->Threads(2)->UseRealTime()->MinTime(0.5)->Apply(bench_support::repeatedDuel);
 
 }  // namespace
 

@@ -101,6 +101,7 @@ struct PlainV4 {
         c, V4Content::hashOf(c.address, c.length), &V4Key::alloc);
   }
   static Peer peer(const Prefix& p) { return {p.addressNbo, p.length}; }
+  static void dropTable() {}
 };
 
 struct PlainV6 {
@@ -114,6 +115,7 @@ struct PlainV6 {
         c, V6Content::hashOf(c.words, c.length), &V6Key::alloc);
   }
   static Peer peer(const Prefix& p) { return {p.words, p.length}; }
+  static void dropTable() {}
 };
 
 const std::vector<bench::V4Prefix>& real2014v4() { return bench::Tables::get().real2014.v4; }

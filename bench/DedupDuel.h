@@ -1,23 +1,31 @@
 #pragma once
 // The dedup benchmarks, written once for any interned key type (a "subject"), each putting ours
 // beside its peer in the same run and reporting both and their ratio as counters:
-//   hit      interning a prefix already present, beside absl::flat_hash_set<content>::find (the
-//            answer's release is timed apart, as ratio_with_release);
+//   hit      interning a prefix already present and releasing it, beside the interning peer
+//            (absl::flat_hash_set of pointers to counted objects, found by content) and beside the
+//            floor, a bare absl::flat_hash_set<content>::find;
 //   churn    interning every prefix into an empty table, then releasing every key, beside the
 //            hand-rolled std::unordered_set of std::shared_ptr keys;
-//   memory   resident octets per interned key, the table's share included, beside a limit;
+//   memory   octets per interned key, the table's share included, beside a limit; and how much of
+//            the resident memory interning took is still held once every key is released;
 //   threads  two threads interning and releasing overlapping thirds of the prefixes on one locked
 //            table, beside the shared_ptr set under a mutex (on the wall clock; the others time
 //            the thread's CPU).
+// The duels are repeated (bench_support::repeated): each row is a median with its range.
 //
 // A subject S provides:
 //   using Prefix; using Held (a Kelp::Ptr to the key);
 //   static Kelp::Ptr<Brim::DedupHashTable> makeTable(bool multiThreaded);
 //   static Held intern(Brim::DedupHashTable&, const Prefix&);
 //   using Peer (a plain content struct with == and AbslHashValue); static Peer peer(const Prefix&);
+//   static void dropTable() (lets go of anything that keeps the last table made alive).
 
 #include <malloc.h>
+#include <unistd.h>
 
+#include <cstdio>
+
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -50,6 +58,16 @@ inline double cpuSecondsSince(double t0Ns) { return (bench_support::threadCpuNs(
 inline std::int64_t mallocInUse() {
   struct mallinfo2 m = mallinfo2();
   return static_cast<std::int64_t>(m.uordblks + m.hblkhd);
+}
+
+// The process's resident memory, in octets.
+inline double residentBytes() {
+  long pages = 0, resident = 0;
+  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(f);
+  }
+  return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
 inline void reportDuel(benchmark::State& state, double oursNs, double peerNs, double goal, const char* goalSense) {
@@ -87,43 +105,123 @@ struct SharedPtrSet {
   }
 };
 
+// The interning peer: each object holds its content and a count of references, and the set holds
+// pointers to the objects, found by content (a heterogeneous find). Interning takes a reference,
+// releasing drops one; the set holds one itself.
+template <typename Peer>
+struct CountedObject {
+  mutable std::atomic<std::uint32_t> refs{1};
+  Peer content;
+};
+
+template <typename Peer>
+struct PointerSet {
+  using Object = CountedObject<Peer>;
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(const Peer& p) const { return absl::Hash<Peer>()(p); }
+    std::size_t operator()(const Object* o) const { return absl::Hash<Peer>()(o->content); }
+  };
+  struct Eq {
+    using is_transparent = void;
+    bool operator()(const Object* a, const Object* b) const { return a == b; }
+    bool operator()(const Peer& a, const Object* b) const { return a == b->content; }
+    bool operator()(const Object* a, const Peer& b) const { return a->content == b; }
+  };
+  absl::flat_hash_set<Object*, Hash, Eq> set;
+
+  PointerSet() = default;
+  PointerSet(const PointerSet&) = delete;
+  PointerSet& operator=(const PointerSet&) = delete;
+  ~PointerSet() {
+    for (Object* o : set) delete o;
+  }
+  const Object* intern(const Peer& p) {
+    auto it = set.find(p);
+    Object* o;
+    if (it != set.end()) [[likely]] {
+      o = *it;
+    } else {
+      o = new Object{{1}, p};
+      set.insert(o);
+    }
+    o->refs.fetch_add(1, std::memory_order_relaxed);
+    return o;
+  }
+  // Drops a holder's reference; the object leaves the set when only the set still has it.
+  void release(const Object* o) {
+    if (o->refs.fetch_sub(1, std::memory_order_acq_rel) == 2) {
+      set.erase(const_cast<Object*>(o));
+      delete o;
+    }
+  }
+};
+
+// A hit: interning a prefix already present and releasing the answer, beside the interning peer
+// doing the same (find, count, release), and beside the floor: a bare find of the content in an
+// absl::flat_hash_set, which touches no object and counts nothing. The lookup without its release
+// is reported apart (lookup_only_ns).
 template <typename S>
 void hitDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
   using Peer = typename S::Peer;
   auto table = S::makeTable(false);
   std::vector<typename S::Held> held;
   held.reserve(prefixes.size());
-  absl::flat_hash_set<Peer> peerSet;
+  absl::flat_hash_set<Peer> bareSet;
+  PointerSet<Peer> pointerSet;
+  std::vector<const CountedObject<Peer>*> peerHeld;
+  peerHeld.reserve(prefixes.size());
   for (const auto& p : prefixes) {
     held.push_back(S::intern(*table, p));
-    peerSet.insert(S::peer(p));
+    peerHeld.push_back(pointerSet.intern(S::peer(p)));
+    bareSet.insert(S::peer(p));
   }
   const auto order = shuffled(prefixes, 99);
   std::vector<typename S::Held> answers;
   answers.reserve(order.size());
-  double ours = 0, roundTrip = 0, peer = 0;
+  double ours = 0, lookupOnly = 0, peer = 0, floor = 0;
   std::uint64_t ops = 0;
   std::uintptr_t sink = 0;
-  for (auto _ : state) {
-    // The lookup alone: the answers are kept and released after the clock stops.
-    double t0 = bench_support::threadCpuNs();
-    for (const auto& p : order) answers.push_back(S::intern(*table, p));
-    ours += cpuSecondsSince(t0);
-    answers.clear();
-    // The lookup and the release of its answer.
-    t0 = bench_support::threadCpuNs();
+  auto timeOurs = [&] {
+    const double t0 = bench_support::threadCpuNs();
     for (const auto& p : order) sink += reinterpret_cast<std::uintptr_t>(S::intern(*table, p).get());
-    roundTrip += cpuSecondsSince(t0);
-    t0 = bench_support::threadCpuNs();
-    for (const auto& p : order) sink += peerSet.find(S::peer(p)) != peerSet.end();
+    ours += cpuSecondsSince(t0);
+  };
+  auto timePeer = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : order) {
+      const auto* o = pointerSet.intern(S::peer(p));
+      sink += reinterpret_cast<std::uintptr_t>(o);
+      pointerSet.release(o);
+    }
     peer += cpuSecondsSince(t0);
+  };
+  auto timeFloor = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : order) sink += bareSet.find(S::peer(p)) != bareSet.end();
+    floor += cpuSecondsSince(t0);
+  };
+  int turn = 0;
+  for (auto _ : state) {
+    // The three sides take turns at going first, so none always follows the same one.
+    switch (turn++ % 3) {
+      case 0: timeOurs(), timePeer(), timeFloor(); break;
+      case 1: timePeer(), timeFloor(), timeOurs(); break;
+      default: timeFloor(), timeOurs(), timePeer(); break;
+    }
+    // The lookup alone: the answers are kept and released after the clock stops.
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : order) answers.push_back(S::intern(*table, p));
+    lookupOnly += cpuSecondsSince(t0);
+    answers.clear();
     ops += order.size();
   }
   benchmark::DoNotOptimize(sink);
+  for (const auto* o : peerHeld) pointerSet.release(o);
   state.counters["prefixes"] = static_cast<double>(prefixes.size());
-  state.counters["ours_with_release_ns"] = roundTrip * 1e9 / ops;
-  state.counters["ratio_with_release"] = roundTrip / peer;
-  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 1.3, "goal: ratio <= 1.3");
+  state.counters["lookup_only_ns"] = lookupOnly * 1e9 / ops;
+  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 1.0, "peer: absl::flat_hash_set<T*> + count; floor: bare find");
+  bench_support::floorCounters(state, ours * 1e9 / ops, floor * 1e9 / ops, 2.0);
 }
 
 template <typename S>
@@ -163,24 +261,40 @@ template <typename S>
 void memoryDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
   using Peer = typename S::Peer;
   double oursPerKey = 0, slabPerKey = 0, flatPerKey = 0, sharedPerKey = 0;
+  double rssStart = 0, rssFull = 0, rssReleased = 0;
   for (auto _ : state) {
     {
-      std::vector<typename S::Held> held;
-      held.reserve(prefixes.size());
+      // The holders' vector is touched before the first reading, so that its pages are not
+      // counted as the table's; it stays allocated until the last reading.
+      std::vector<typename S::Held> held(prefixes.size());
+      held.clear();
       // Made before the first reading, so that a table it replaces is freed outside the window
       // (its slot array is allocated at the first insert, inside it).
       auto table = S::makeTable(false);
+      malloc_trim(0);
+      rssStart = residentBytes();
       const auto stash0 = KelpStash::heapStats();
       const std::int64_t m0 = mallocInUse();
       for (const auto& p : prefixes) held.push_back(S::intern(*table, p));
       const auto stash1 = KelpStash::heapStats();
       const std::int64_t m1 = mallocInUse();
-      // What the table took from malloc (its slot array), less the stash slabs reserved meanwhile,
-      // plus the octets the keys (and the table object) occupy in the stash.
+      // What the table took from malloc, plus its slot array (mapped apart from malloc when
+      // large, so counted by its size), plus the octets the keys (and the table object) occupy
+      // in the stash; the stash's slabs are reported apart.
+      const auto& set = static_cast<const Brim::DedupHashTableUnorderedSet&>(*table);
+      const std::int64_t slotBytes = static_cast<std::int64_t>(set.capacity() * sizeof(std::uint64_t));
+      const std::int64_t mallocSlots =
+          slotBytes < static_cast<std::int64_t>(Brim::HandleSet<Brim::DedupHandleBase>::kMappedBytes) ? slotBytes : 0;
       const std::int64_t slabs = stash1.bytesReserved - stash0.bytesReserved;
       const std::int64_t inStash = stash1.bytesInUse - stash0.bytesInUse;
-      oursPerKey = static_cast<double>(m1 - m0 - slabs + inStash) / prefixes.size();
+      oursPerKey = static_cast<double>(m1 - m0 - mallocSlots + slotBytes + inStash) / prefixes.size();
       slabPerKey = static_cast<double>(slabs) / prefixes.size();
+      rssFull = residentBytes();
+      held.clear();
+      table = nullptr;
+      S::dropTable();
+      // Every key released and the table gone: what interning took should have gone back.
+      rssReleased = residentBytes();
     }
     {
       const std::int64_t m0 = mallocInUse();
@@ -202,6 +316,11 @@ void memoryDuel(benchmark::State& state, const std::vector<typename S::Prefix>& 
   state.counters["new_slabs_per_key"] = slabPerKey;
   state.counters["flat_set_bytes_per_key"] = flatPerKey;
   state.counters["shared_ptr_set_bytes_per_key"] = sharedPerKey;
+  state.counters["rss_taken_MB"] = (rssFull - rssStart) / 1e6;
+  // Resident memory once all is released, over where it started: at most 1.1.
+  state.counters["rss_released_vs_start"] = rssStart > 0 ? rssReleased / rssStart : 0;
+  // The share of what interning took that is still resident after the release.
+  state.counters["rss_kept_share"] = rssFull > rssStart ? (rssReleased - rssStart) / (rssFull - rssStart) : 0;
 }
 
 template <typename S>
@@ -264,12 +383,15 @@ void registerDuels(const char* subject, const char* tableName, const std::vector
   std::string base = std::string(subject) + "/" + tableName;
   benchmark::RegisterBenchmark((base + "/memory").c_str(), [=](benchmark::State& s) { memoryDuel<S>(s, prefixes()); })
       ->Iterations(1)->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark((base + "/hit").c_str(), [=](benchmark::State& s) { hitDuel<S>(s, prefixes()); })
-      ->Iterations(5)->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark((base + "/churn").c_str(), [=](benchmark::State& s) { churnDuel<S>(s, prefixes()); })
-      ->Iterations(3)->Unit(benchmark::kMillisecond);
-  benchmark::RegisterBenchmark((base + "/threads").c_str(), [=](benchmark::State& s) { threadsDuel<S>(s, prefixes()); })
-      ->Iterations(3)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/hit").c_str(), [=](benchmark::State& s) { hitDuel<S>(s, prefixes()); }))
+      ->Iterations(2)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/churn").c_str(), [=](benchmark::State& s) { churnDuel<S>(s, prefixes()); }))
+      ->Iterations(1)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/threads").c_str(), [=](benchmark::State& s) { threadsDuel<S>(s, prefixes()); }))
+      ->Iterations(1)->Unit(benchmark::kMillisecond);
 }
 
 }  // namespace bench

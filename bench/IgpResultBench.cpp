@@ -152,7 +152,7 @@ void Dedup_steady(benchmark::State& state) {
       });
   benchmark::DoNotOptimize(sum);
 }
-BENCHMARK(Dedup_steady);
+BENCHMARK(Dedup_steady)->Apply(bench_support::repeatedDuel);
 
 void Dedup_fresh1M(benchmark::State& state) {
   Fixture& f = fixture();
@@ -189,7 +189,7 @@ void Dedup_fresh1M(benchmark::State& state) {
   bench_support::duelCounters(state, oursNs / static_cast<double>(results), peerNs / static_cast<double>(results), 2.0);
   state.SetItemsProcessed(static_cast<std::int64_t>(results));
 }
-BENCHMARK(Dedup_fresh1M)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(Dedup_fresh1M)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5)->Apply(bench_support::repeatedDuel);
 
 // What the reader process measured.
 struct ReaderReport {
@@ -303,7 +303,7 @@ void ReaderLookup_process(benchmark::State& state) {
   state.counters["limit_ns"] = total.limitNs / static_cast<double>(total.lookups);
   state.SetItemsProcessed(static_cast<std::int64_t>(total.lookups));
 }
-BENCHMARK(ReaderLookup_process)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK(ReaderLookup_process)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3)->Apply(bench_support::repeatedDuel);
 
 }  // namespace
 

@@ -14,8 +14,10 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <vector>
 
 namespace bench_support {
 
@@ -26,6 +28,26 @@ inline constexpr const char* kRatio = "ratio";       // ours_ns / peer_ns: below
 inline constexpr const char* kGoal = "goal";         // the ratio to stay within
 inline constexpr const char* kSpeedup = "speedup";   // peer_ns / ours_ns, where the goal is a speed-up
 inline constexpr const char* kGoalMin = "goal_min";  // the speed-up to reach
+// A second yardstick in the same run, where a duel has both a peer and a physical floor.
+inline constexpr const char* kFloorNs = "floor_ns";        // mean time of one call of the floor
+inline constexpr const char* kFloorRatio = "floor_ratio";  // ours_ns / floor_ns
+inline constexpr const char* kFloorGoal = "floor_goal";    // the ratio to the floor to stay within
+// The spread of a repeated duel: the statistics computed beside Google Benchmark's median.
+inline constexpr const char* kMinStat = "min";
+inline constexpr const char* kMaxStat = "max";
+inline constexpr int kRepetitions = 5;
+
+// Repeats a duel kRepetitions times and reports only the median, mean, min and max of each
+// counter, so that a ratio that swings between runs shows as a range.
+template <typename B>
+B* repeated(B* b) {
+  return b->Repetitions(kRepetitions)
+      ->ComputeStatistics(kMinStat, [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); })
+      ->ComputeStatistics(kMaxStat, [](const std::vector<double>& v) { return *std::max_element(v.begin(), v.end()); })
+      ->ReportAggregatesOnly(true);
+}
+// The same, for a BENCHMARK() chain: BENCHMARK(BM_X)->Arg(1)->Apply(bench_support::repeatedDuel).
+inline void repeatedDuel(benchmark::internal::Benchmark* b) { repeated(b); }
 
 // Sets the counters of a comparison from the two mean times (goal 0: none), each counter with
 // `flags` (kAvgThreads where every thread of a threaded benchmark reports).
@@ -35,6 +57,13 @@ inline void duelCounters(benchmark::State& state, double oursNs, double peerNs, 
   state.counters[kPeerNs] = benchmark::Counter(peerNs, flags);
   state.counters[kRatio] = benchmark::Counter(peerNs > 0 ? oursNs / peerNs : 0, flags);
   if (goal > 0) state.counters[kGoal] = benchmark::Counter(goal, flags);
+}
+
+// The floor beside a duel's peer: its mean time, ours over it, and the goal for that ratio.
+inline void floorCounters(benchmark::State& state, double oursNs, double floorNs, double goal) {
+  state.counters[kFloorNs] = floorNs;
+  state.counters[kFloorRatio] = floorNs > 0 ? oursNs / floorNs : 0;
+  if (goal > 0) state.counters[kFloorGoal] = goal;
 }
 
 // Nanoseconds on the wall clock; a benchmark may pass another clock (thread CPU time, say).

@@ -39,6 +39,7 @@ struct Subject {
     current() = Kelp::makePtr<Table>(mt);
     return Kelp::Ptr<Brim::DedupHashTable>(current()->hashTable().get());
   }
+  static void dropTable() { current() = nullptr; }
   static Held intern(Brim::DedupHashTable&, const Prefix& p) { return Key::dedupContent(*current(), MakeContent()(p)); }
 };
 

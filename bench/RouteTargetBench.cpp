@@ -58,14 +58,14 @@ void runOn(benchmark::State& state, const std::vector<Kelp::String>& texts) {
 }
 
 void BM_ParseMix(benchmark::State& state) { runOn(state, kForms); }
-BENCHMARK(BM_ParseMix);
+BENCHMARK(BM_ParseMix)->Apply(bench_support::repeatedDuel);
 
 void BM_ParseForm(benchmark::State& state) {
   const Kelp::String& text = kForms[static_cast<std::size_t>(state.range(0))];
   state.SetLabel(text);
   runOn(state, {text});
 }
-BENCHMARK(BM_ParseForm)->DenseRange(0, static_cast<int>(kForms.size()) - 1);
+BENCHMARK(BM_ParseForm)->DenseRange(0, static_cast<int>(kForms.size()) - 1)->Apply(bench_support::repeatedDuel);
 
 // Printing, for reference (no peer goal): the canonical text of each form.
 void BM_ToStrep(benchmark::State& state) {

@@ -152,8 +152,7 @@ void DedupHashTable::adoptLocked(DedupHandleBase* handle, bool stored) {
                           (number_ << DedupHandleBase::kTableShift) |
                           static_cast<std::uint32_t>(DedupState::deduped),
                       std::memory_order_release);
-  handle->takeRef();  // the table's
-  handle->takeRef();  // the caller's
+  handle->takeTwoRefs();  // the table's and the caller's
   takeHandleRef();    // the handle's reference on its table
   if (!stored) storeInsert(handle);
   if (notifiee_ && hasNotificationActive()) notifiee_->handleInsert(Kelp::Ptr<DedupHandleBase>(handle));

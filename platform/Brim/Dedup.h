@@ -116,6 +116,14 @@ class DedupHandleBase : public Kelp::PtrInterface {
   // lock belongs to one thread, but a key it holds may still be copied and released by any thread
   // that was handed a reference, without ever touching the table.
   void takeRef() const { Kelp::PtrInterface::newRef(); }
+  // Takes the table's reference and the caller's in one step (one locked instruction, not two).
+  void takeTwoRefs() const {
+#if KELP_THREAD_SAFE_PTR
+    refs_.fetch_add(2, std::memory_order_relaxed);
+#else
+    refs_.store(refs_.load(std::memory_order_relaxed) + 2, std::memory_order_relaxed);
+#endif
+  }
   // Drops a reference that is known not to be the last one.
   void dropRefKnownNotLast() const { decrementRef(); }
   void dropRef() const {

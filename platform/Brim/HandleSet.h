@@ -23,8 +23,11 @@
 //
 // Not thread-safe: the dedup table serializes access under its lock when it has one.
 
+#include <sys/mman.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <new>
 
 #include "platform/Pico/Assert.h"
 
@@ -36,12 +39,16 @@ class HandleSet {
   HandleSet() = default;
   HandleSet(const HandleSet&) = delete;
   HandleSet& operator=(const HandleSet&) = delete;
-  ~HandleSet() { delete[] slots_; }
+  ~HandleSet() { freeSlots(slots_, capacity_); }
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
   // Allocated slots (8 octets each).
   std::size_t capacity() const { return capacity_; }
+  // Slot arrays of at least this many octets are mapped from the system rather than allocated;
+  // from kHugeBytes on they are offered huge pages.
+  static constexpr std::size_t kMappedBytes = std::size_t{256} << 10;
+  static constexpr std::size_t kHugeBytes = std::size_t{2} << 20;
 
   // The handle with this hash that `equal` accepts, or null.
   template <typename Equal>
@@ -127,7 +134,7 @@ class HandleSet {
   void rehash(std::size_t capacity) {
     std::uint64_t* old = slots_;
     const std::size_t oldCapacity = capacity_;
-    slots_ = new std::uint64_t[capacity]();
+    slots_ = allocateSlots(capacity);
     capacity_ = capacity;
     mask_ = capacity - 1;
     shift_ = 64 - static_cast<unsigned>(__builtin_ctzll(capacity));
@@ -144,7 +151,27 @@ class HandleSet {
       while (slots_[i] != kEmpty) i = (i + 1) & mask_;
       slots_[i] = s;  // same hash, same fingerprint
     }
-    delete[] old;
+    freeSlots(old, oldCapacity);
+  }
+
+  // Slot arrays of a large table are mapped from the system directly, so that their pages go back
+  // when the table shrinks or goes (malloc may keep a freed block of that size for later), and
+  // may be backed by huge pages, which spare a random probe its page-table walk. Zero-filled.
+  static std::uint64_t* allocateSlots(std::size_t capacity) {
+    const std::size_t bytes = capacity * sizeof(std::uint64_t);
+    if (bytes < kMappedBytes) return new std::uint64_t[capacity]();
+    void* p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) throw std::bad_alloc();
+    if (bytes >= kHugeBytes) ::madvise(p, bytes, MADV_HUGEPAGE);
+    return static_cast<std::uint64_t*>(p);
+  }
+  static void freeSlots(std::uint64_t* slots, std::size_t capacity) {
+    const std::size_t bytes = capacity * sizeof(std::uint64_t);
+    if (bytes < kMappedBytes) {
+      delete[] slots;
+    } else {
+      ::munmap(slots, bytes);
+    }
   }
 
   std::uint64_t* slots_ = nullptr;

@@ -68,5 +68,18 @@ TEST(KelpStash, ObjectsCrossThreads) {
   EXPECT_EQ(heapStats().objectsInUse, s0.objectsInUse);
 }
 
+// A table learnt and then lost gives its memory back: slabs whose blocks have all come back are
+// returned to the system, all but a chunk kept for the next table and what a thread cache holds.
+TEST(KelpStash, EmptiedSlabsGoBack) {
+  const HeapStats s0 = heapStats();
+  std::vector<Kelp::Ptr<Small>> v;
+  for (int i = 0; i < 300000; ++i) v.push_back(Kelp::makePtr<Small>());
+  EXPECT_GE(heapStats().bytesReserved, 300000 * 32);
+  v = {};
+  EXPECT_LE(heapStats().bytesReserved - s0.bytesReserved, 4 << 20);
+  for (int i = 0; i < 1000; ++i) v.push_back(Kelp::makePtr<Small>());  // and the pool serves again
+  EXPECT_EQ(heapStats().objectsInUse - s0.objectsInUse, 1000);
+}
+
 }  // namespace
 }  // namespace KelpStash
