@@ -21,6 +21,14 @@
 //   Key* k = set.find(hash, [&](const Key* k) { return k->equals(content); });
 //   set.erase(k, k->hash());
 //
+// Route keys come from BGP peers, and a key's hash is a fixed function of its content: a peer that
+// knows it could send prefixes chosen to land in one run of slots and turn every lookup into a
+// walk. So the slot a hash starts from is chosen by a multiplier drawn once per process from its
+// hash seed (Kelp::processHashSeed), the multiply-shift family: for any two distinct hashes, the
+// chance that they share a home is about that of random ones, whatever the peer chose. Keys with
+// the same 32-bit hash still share a home; finding many such prefixes costs about 2^32 hashings
+// each. The keys' own hash() values are not changed.
+//
 // Not thread-safe: the dedup table serializes access under its lock when it has one.
 
 #include <sys/mman.h>
@@ -29,6 +37,7 @@
 #include <cstdint>
 #include <new>
 
+#include "platform/Kelp/HashMap2018.h"
 #include "platform/Pico/Assert.h"
 
 namespace Brim {
@@ -99,6 +108,18 @@ class HandleSet {
     } while (slots_[i] == kRemoved);
   }
 
+  // How many slots past its home the handle at `p`, in the set under `hash`, sits: the extra steps
+  // a lookup of it takes.
+  std::size_t displacement(const T* p, std::uint32_t hash) const {
+    const std::uint64_t want = tagOf(hash) | reinterpret_cast<std::uintptr_t>(p);
+    std::size_t steps = 0;
+    for (std::size_t i = home(hash); slots_[i] != want; i = (i + 1) & mask_) {
+      PICO_ASSERT(slots_[i] != kEmpty);
+      ++steps;
+    }
+    return steps;
+  }
+
   template <typename F>
   void forEach(F&& f) const {
     for (std::size_t i = 0; i < capacity_; ++i) {
@@ -117,10 +138,20 @@ class HandleSet {
 
   static std::uint64_t tagOf(std::uint32_t hash) { return kLive | (std::uint64_t{hash & 0x7FFF} << 48); }
   static T* pointerOf(std::uint64_t slot) { return reinterpret_cast<T*>(slot & kPointerMask); }
-  // The first slot to probe: the top bits of the hash spread by a multiplication, so that a
-  // handle type with a weak hash (a small counter, say) still fills the table evenly.
+  // The first slot to probe: the top bits of the hash times the process's odd multiplier, which
+  // also spreads a weak hash (a small counter, say) over the whole table.
   std::size_t home(std::uint32_t hash) const {
-    return static_cast<std::size_t>((std::uint64_t{hash} * 0x9E3779B97F4A7C15ull) >> shift_);
+    return static_cast<std::size_t>((std::uint64_t{hash} * multiplier_) >> shift_);
+  }
+  // An odd 64-bit number from the process's seed (a splitmix64 step).
+  static std::uint64_t processMultiplier() {
+    static const std::uint64_t m = [] {
+      std::uint64_t z = std::uint64_t{Kelp::processHashSeed()} + 0x9E3779B97F4A7C15ull;
+      z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+      z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+      return (z ^ (z >> 31)) | 1;
+    }();
+    return m;
   }
 
   // Makes room for one more: doubles when live handles would fill more than 7/16 of the slots,
@@ -178,6 +209,7 @@ class HandleSet {
   std::size_t capacity_ = 0;  // a power of two, or 0 before the first insertion
   std::size_t mask_ = 0;
   unsigned shift_ = 64;
+  std::uint64_t multiplier_ = processMultiplier();
   std::size_t size_ = 0;      // live slots
   std::size_t used_ = 0;      // live and removed slots: what a search may have to step over
 };

@@ -116,3 +116,28 @@ TEST(HandleSetDeathTest, RefusesAddressesThatDoNotFitBesideTheFingerprint) {
 
 }  // namespace
 }  // namespace Brim
+
+namespace Brim {
+namespace {
+
+// Hashes a peer could aim at one home if the table spread them with a fixed multiplier: 1024 of
+// them all land at home 0 of 2048 slots (and so of every smaller table) under the multiplier a
+// table without a secret would use. The table's own multiplier scatters them: no member sits more
+// than a few dozen slots past its home (60 at most over 200 seeds), where the aimed layout would put
+// the last one 1023 past.
+TEST(HandleSet, HashesAimedAtOneHomeDoNotMakeARun) {
+  constexpr std::uint64_t kFixed = 0x9E3779B97F4A7C15ull;
+  std::vector<Item> items;
+  for (std::uint32_t h = 0; items.size() < 1024; ++h) {
+    if (((std::uint64_t{h} * kFixed) >> (64 - 11)) == 0) items.push_back({items.size(), h});
+  }
+  HandleSet<Item> set;
+  for (Item& i : items) set.insert(&i, i.h);
+  ASSERT_EQ(set.capacity(), 2048u);
+  std::size_t longest = 0;
+  for (const Item& i : items) longest = std::max(longest, set.displacement(&i, i.h));
+  EXPECT_LT(longest, 256u);
+}
+
+}  // namespace
+}  // namespace Brim
