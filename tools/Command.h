@@ -38,6 +38,7 @@ inline constexpr Documented kExitStatuses[] = {
     {"3", "igp-results watch: --timeout passed before --count changes arrived"},
 };
 inline constexpr Documented kEnvironment[] = {
+    {"BGPCOMMON_HASH_SEED", "the process's hash seed (a number; default random): reproducible runs"},
     {"BGPCOMMON_SHM_ROOT", "root of the shared-memory tables (default /dev/shm/bgpcommon)"},
     {"BGPCOMMON_TOGGLE_DIR", "feature toggle files (default /etc/bgpcommon/toggles)"},
     {"BGPCOMMON_TRACE", "trace levels to print, as numbers: 1,3"},

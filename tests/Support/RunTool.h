@@ -24,7 +24,8 @@ struct ToolResult {
 inline ToolResult runTool(const std::string& args, bool splitErr = false) {
   ToolResult r;
   const std::string errFile = ::testing::TempDir() + "bgpcommon-stderr-" + std::to_string(getpid()) + ".txt";
-  std::string cmd = std::string(BGPCOMMON_BIN_DIR) + "/bgpcommon " + args + (splitErr ? " 2>" + errFile : " 2>&1");
+  const std::string launcher = BGPCOMMON_TOOL_LAUNCHER;  // the emulator of a cross build, else empty
+  std::string cmd = (launcher.empty() ? "" : launcher + " ") + BGPCOMMON_BIN_DIR + "/bgpcommon " + args + (splitErr ? " 2>" + errFile : " 2>&1");
   FILE* p = popen(cmd.c_str(), "r");
   if (p == nullptr) return r;
   char buf[4096];
