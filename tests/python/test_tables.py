@@ -23,9 +23,8 @@ def test_reads_what_another_process_wrote(tmp_path):
     writer = start_writer(tmp_path, "vrf1", 50, 5)
     try:
         table = bgpcommon.IgpResultTable("vrf1", root=str(tmp_path))
-        assert table.writer_open
         records = list(table)
-        assert len(table) == len(records) == 50
+        assert table.writer_open and len(table) == len(records) == 50
         # Record for record what the tool itself reads back.
         shown = subprocess.run([str(TOOL), "igp-results", "show", "vrf1", "--root", str(tmp_path)], check=True,
                                capture_output=True, text=True).stdout.splitlines()
