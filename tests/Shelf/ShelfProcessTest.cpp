@@ -249,7 +249,8 @@ constexpr std::uint32_t kStable = 24;
 constexpr std::uint32_t kChurn = 40;
 const Shelf::Labels kLabels{"Test::Campaign", "entries", "campaign"};
 
-struct Value { std::uint64_t key, version, check; };
+// Values fill most of a slot, so that a writer spends much of its time copying slots (mid-write).
+struct Value { std::uint64_t key, version, check, fill[60]; };
 std::uint64_t checkOf(std::uint64_t key, std::uint64_t version) { return (key * 0x9E3779B97F4A7C15ull) ^ ~version; }
 Shelf::Bytes keyBytes(const std::uint64_t& key) { return {reinterpret_cast<const std::uint8_t*>(&key), 8}; }
 std::uint32_t hashOf(std::uint64_t key) { return static_cast<std::uint32_t>(key % 4); }

@@ -252,7 +252,6 @@ TEST(Shelf, AReaderFollowsATableThroughItsWriters) {
   const Shelf::Location where(root.path(), "late/table");
   Shelf::Reader reader(where, kLabels, 8, 40);
   EXPECT_FALSE(reader.attached());
-  EXPECT_EQ(findIn(reader, "k"), std::nullopt);
   EXPECT_FALSE(reader.wait(0.01));
   auto writer = Shelf::Writer::create(where, kLabels, {8, 8, 40, 4});
   auto put = [&](const std::string& v) { return writer->put(bytes("k"), poorHash("k"), bytes(v)); };
