@@ -12,9 +12,7 @@
 namespace testing_support {
 
 // A fresh directory under /dev/shm (or /tmp), removed with everything in it when it goes.
-struct TempRoot : tools::TempDir {
-  TempRoot() : TempDir({}, "bgpcommon-test") {}
-};
+struct TempRoot : tools::TempDir { TempRoot() : TempDir({}, "bgpcommon-test") {} };
 
 // Record `key` at `version`: every field is a function of both, and the community count varies,
 // so records of different versions differ in length as well as in content.

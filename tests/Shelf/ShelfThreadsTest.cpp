@@ -23,6 +23,7 @@ TEST(ShelfThreads, ReaderThreadsShareOneViewWhileTheWriterRestarts) {
   std::atomic<std::uint64_t> whole{0}, torn{0}, reports{0}, polled{0};
   view->resultControl()->corruptionHandlerIs([&](std::string_view) { ++reports; });
   std::atomic<bool> stop{false};
+  auto check = [&](const IgpResult& r) { (isWholeRecord(r) ? whole : torn) += 1; };
 
   std::vector<std::thread> threads;
   for (std::uint32_t t = 0; t < 3; ++t) {
@@ -30,8 +31,8 @@ TEST(ShelfThreads, ReaderThreadsShareOneViewWhileTheWriterRestarts) {
       std::uint32_t k = t;
       while (!stop.load()) {
         k = k % kKeys + 1;
-        if (auto r = view->result(IgpResultId(k))) (isWholeRecord(*r) ? whole : torn) += 1;
-        if (k == kKeys) view->resultForEach([&](const IgpResult& r) { (isWholeRecord(r) ? whole : torn) += 1; });
+        if (auto r = view->result(IgpResultId(k))) check(*r);
+        if (k == kKeys) view->resultForEach(check);
       }
     });
   }
@@ -50,10 +51,8 @@ TEST(ShelfThreads, ReaderThreadsShareOneViewWhileTheWriterRestarts) {
   }
   stop = true;
   for (std::thread& t : threads) t.join();
-  EXPECT_EQ(torn.load(), 0u);
-  EXPECT_EQ(reports.load(), 0u);
-  EXPECT_GT(whole.load(), 0u);
-  EXPECT_GT(polled.load(), 0u);
+  EXPECT_EQ(std::make_pair(torn.load(), reports.load()), std::make_pair(std::uint64_t{0}, std::uint64_t{0}));
+  EXPECT_GT(std::min(whole.load(), polled.load()), 0u);
   EXPECT_EQ(view->resultControl()->reader()->generation(), 4u);
 }
 

@@ -1,5 +1,4 @@
 """The shared IGP result table, written by the command-line tool in another process."""
-import os
 import pathlib
 import subprocess
 import time
@@ -12,10 +11,6 @@ TOOL = pathlib.Path(bgpcommon.__file__).resolve().parent.parent / "bin" / "bgpco
 pytestmark = pytest.mark.skipif(not TOOL.exists(), reason="the bgpcommon tool is not built beside the module")
 
 
-def tool(*args, **kw):
-    return subprocess.run([str(TOOL), "igp-results", *args], check=True, capture_output=True, text=True, **kw)
-
-
 def start_writer(root, name, records, hold, first=1):
     """Starts a writer and returns once it has written its records."""
     p = subprocess.Popen([str(TOOL), "igp-results", "write", name, "--root", str(root), "--records", str(records),
@@ -24,39 +19,32 @@ def start_writer(root, name, records, hold, first=1):
     return p
 
 
-@pytest.fixture
-def writer(tmp_path):
-    p = start_writer(tmp_path, "vrf1", 50, 5)
-    yield tmp_path
-    p.kill()
-    p.wait()
-
-
-def test_reads_what_another_process_wrote(writer):
-    table = bgpcommon.IgpResultTable("vrf1", root=str(writer))
-    assert table.writer_open
-    records = list(table)
-    assert len(table) == len(records) == 50
-    # Record for record what the tool itself reads back.
-    shown = tool("show", "vrf1", "--root", str(writer)).stdout.splitlines()
-    assert [str(r) for r in records] == shown
-    ns = bgpcommon.namespace()
-    for r in records:
-        assert table.get(r.key.value) == r
-        assert eval(str(r), ns) == r
-    assert [r.key.value for r in records] == list(range(1, 51))
-    assert records[6].community == [(65000 << 16) + 7, (65000 << 16) + 8]
-    assert table.get(51) is None
+def test_reads_what_another_process_wrote(tmp_path):
+    writer = start_writer(tmp_path, "vrf1", 50, 5)
+    try:
+        table = bgpcommon.IgpResultTable("vrf1", root=str(tmp_path))
+        records = list(table)
+        assert table.writer_open and len(table) == len(records) == 50
+        # Record for record what the tool itself reads back.
+        shown = subprocess.run([str(TOOL), "igp-results", "show", "vrf1", "--root", str(tmp_path)], check=True,
+                               capture_output=True, text=True).stdout.splitlines()
+        assert [str(r) for r in records] == shown
+        ns = bgpcommon.namespace()
+        assert all(table.get(r.key.value) == r and eval(str(r), ns) == r for r in records)
+        assert [r.key.value for r in records] == list(range(1, 51))
+        assert records[6].community == [(65000 << 16) + 7, (65000 << 16) + 8]
+        assert table.get(51) is None
+    finally:
+        writer.kill()
+        writer.wait()
 
 
 def test_changes_follow_a_writer(tmp_path):
     table = bgpcommon.IgpResultTable("vrf2", root=str(tmp_path))  # before the table exists
     assert len(table) == 0 and not table.writer_open
-    first = start_writer(tmp_path, "vrf2", 3, 0)
-    first.wait()
+    start_writer(tmp_path, "vrf2", 3, 0).wait()
     assert table.wait(5.0)
-    changes = table.changes()
-    assert changes[0] == bgpcommon.RESYNC and len(table) == 3
+    assert table.changes()[0] == bgpcommon.RESYNC and len(table) == 3
     # A second run starts empty and writes other keys; the reader follows it without reopening.
     second = start_writer(tmp_path, "vrf2", 2, 0.5, first=10)
     seen = []
@@ -83,11 +71,8 @@ def test_damaged_record_is_reported_not_fatal(tmp_path):
 
     reports = []
     table = bgpcommon.IgpResultTable("vrf3", root=str(tmp_path), on_corruption=reports.append)
-    survivors = list(table)
-    assert [r.key.value for r in survivors] == [k for k in range(2, 21)]
+    assert [r.key.value for r in table] == list(range(2, 21))
     assert reports and all(isinstance(m, str) for m in reports)
     assert table.get(1) is None and table.get(2) is not None
-
-    quiet = bgpcommon.IgpResultTable("vrf3", root=str(tmp_path))
     with pytest.raises(bgpcommon.TableCorruptionError):
-        list(quiet)
+        list(bgpcommon.IgpResultTable("vrf3", root=str(tmp_path)))
