@@ -7,14 +7,12 @@
 #include <ctime>
 #include <future>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "platform/Kelp/Registry.h"
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::Bgp {
@@ -42,15 +40,13 @@ struct AgentControl : TestTrackleControlBase {
 class EventsTracking : public testing::Test {
  protected:
   void SetUp() override {
-    if (const char* tz = std::getenv("TZ")) savedTz_ = tz;
     setenv("TZ", "CET-1", 1);
     tzset();
     Kelp::currentTimeIs(T0 + 10.0);
   }
   void TearDown() override {
     Kelp::currentTimeDel();
-    if (savedTz_) setenv("TZ", savedTz_->c_str(), 1);
-    else unsetenv("TZ");
+    unsetenv("TZ");
     tzset();
   }
 
@@ -74,18 +70,15 @@ class EventsTracking : public testing::Test {
   Kelp::Ptr<TestControlStatus> status = control->testControlStatusIs();
   std::string out;
   Brim::DumpContext ctx{out};
-  std::optional<std::string> savedTz_;
 };
 
 TEST_F(EventsTracking, ConvertTimestamp) {
   struct Row { Kelp::Seconds t; bool micro; const char* text; };
   const Row rows[] = {
-      {0.0, false, ""},  // never
-      {T0 + 0.5, false, "2023-11-14 23:13:20.500"},
-      {T0 + 0.5, true, "2023-11-14 23:13:20.500000"},
-      {T0 + 0.99951171875, false, "2023-11-14 23:13:20.999"},  // truncated, not rounded
-      {T0 + 0.99951171875, true, "2023-11-14 23:13:20.999511"},
-      {1.5, false, "1970-01-01 01:00:01.500"},
+      {0.0, false, ""},  {1.5, false, "1970-01-01 01:00:01.500"},  // never, and the epoch in CET
+      {T0 + 0.5, false, "2023-11-14 23:13:20.500"}, {T0 + 0.5, true, "2023-11-14 23:13:20.500000"},
+      // Truncated, not rounded.
+      {T0 + 0.99951171875, false, "2023-11-14 23:13:20.999"}, {T0 + 0.99951171875, true, "2023-11-14 23:13:20.999511"},
   };
   for (const Row& row : rows) EXPECT_EQ(convertTimestamp(row.t, row.micro), row.text) << row.t;
 }
@@ -239,8 +232,7 @@ TEST_F(EventsTracking, Collections) {
   EXPECT_TRUE(status->vrfData().empty());
   auto ribOut = status->findOrCreateRibOutData(9, 1, true);
   auto vrf = status->vrfData(9);
-  ASSERT_NE(vrf, nullptr);
-  EXPECT_TRUE(ribOut->timeStampsRibOut() && vrf->timeStampsRib());
+  ASSERT_TRUE(vrf && vrf->timeStampsRib() && ribOut->timeStampsRibOut());
   EXPECT_EQ(status->findOrCreateRibOutData(9, 2, false), nullptr);  // the VRF exists, the RibOut not
   EXPECT_EQ(status->findOrCreateRibOutData(9, 1, true), ribOut);
   // VRF names: at most 100 bytes; a longer one is refused and changes nothing.
