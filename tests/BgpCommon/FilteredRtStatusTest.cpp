@@ -104,6 +104,8 @@ TEST_F(FilteredRtStatusTest, ReadersSeeWhatTheWriterStores) {
 
   status->resultDelAll();
   EXPECT_EQ(writerLog.events.size(), 101u + 99u);
+  status->resultCommit(nullptr);  // the facility's word that any record may have changed
+  EXPECT_EQ(writerLog.events.back(), "mount");
   em = nullptr;
   status = nullptr;  // the writer goes
   early->resultControl()->poll();
@@ -132,9 +134,10 @@ TEST_F(FilteredRtStatusTest, ReadersDecodeStoredBytesAsDeserializeDoes) {
   EXPECT_EQ(rangeMessage([&] { view->result(IgpResultId(2)); }), "array count 5 above its limit 4");
 }
 
-// A path that holds an entity of another type gives no status table; a status table needs its
-// one collection, under its own name.
+// Both tables are registered types. A path that holds an entity of another type gives no status
+// table; a status table needs its one collection, under its own name.
 TEST_F(FilteredRtStatusTest, MountsAreCheckedByTypeAndCollection) {
+  EXPECT_TRUE(Kelp::findType(IgpResultStatus::kTypeName) && Kelp::findType(FilteredRtStatus::kTypeName));
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("../../escape", em), Kelp::RangeException);
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("", em), Kelp::RangeException);
   em->mount("routing/rib/igpResultStatus/other", FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}});
@@ -180,26 +183,6 @@ TEST_F(FilteredRtStatusTest, RoutesByPrefixAndRoutesProcessed) {
   EXPECT_FALSE(unmounted->routesProcessed());
   unmounted->routesProcessedIs(true);
   EXPECT_TRUE(unmounted->routesProcessed());
-}
-
-// Generic code finds both tables by name; the facility's hooks make a new entity for a directory,
-// tell an entity its parent and commit records.
-TEST_F(FilteredRtStatusTest, RegistryNamesAndFacilityHooks) {
-  EXPECT_TRUE(Kelp::findType(IgpResultStatus::kTypeName) && Kelp::findType(FilteredRtStatus::kTypeName));
-  auto status = IgpResultStatus::createIgpResultStatusWriter("hooks", em, 4);
-  auto fresh = IgpResultStatus::newEntityForDir("dir");
-  EXPECT_EQ(fresh->resultControl(), nullptr);
-  fresh->handleParent(status);
-  EXPECT_EQ(fresh->parent(), status);
-  Log log;
-  status->notifieeIs(&log);
-  const IgpResult r = versionedRecord(5, 1);
-  status->resultCommit(&r);
-  status->resultCommit(nullptr);
-  status->resultIs(r);
-  status->resultIs(r);  // the same record again: nothing to tell
-  EXPECT_EQ(log.take(), (Events{"key 5", "mount", "key 5"}));
-  status->notifieeDel(&log);
 }
 
 // A control outlives its entity: the entity leaves it when its last reference goes.

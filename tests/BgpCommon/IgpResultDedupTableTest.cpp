@@ -1,17 +1,14 @@
 // Interning policy results: one handle, one identifier and one published record per outcome, seen
-// by readers of the shared table in this process and in another (the bgpcommon tool).
+// by a reader of the shared table through its own mapping. (The flow across processes is the
+// bgpcommon tool's demo, tests/tools/DemoCommandTest.cpp.)
 #include "BgpCommon/IgpResultDedupTable.h"
 
-#include <stdlib.h>
-
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tests/Shelf/ShelfTestSupport.h"
 #include "tests/Support/PolicyResults.h"
-#include "tests/Support/RunTool.h"
 
 namespace Routing::Bgp {
 namespace {
@@ -48,18 +45,15 @@ class IgpResultDedupTableTest : public ::testing::Test {
 };
 
 TEST_F(IgpResultDedupTableTest, EqualResultsShareOneHandleOneIdOneRecord) {
-  EXPECT_EQ(table->lookup(fullPolicyResult()), nullptr);  // a lookup never inserts
-  EXPECT_EQ(largestId(), 0u);
+  EXPECT_EQ(table->lookup(fullPolicyResult()), nullptr);  // a lookup never inserts: no identifier taken
   auto ha = table->dedup(fullWithOwnState());
   auto hb = table->dedup(fullWithOwnState());
   EXPECT_EQ(ha.get(), hb.get());
   EXPECT_EQ(ha->id(), 1u);  // the first identifier of a fresh table
   EXPECT_EQ(table->lookup(fullPolicyResult()).get(), ha.get());
   EXPECT_EQ(ha->references(), 3u);  // ours and the table's: the lookup's reference is gone
-  EXPECT_EQ(table->size(), 1u);
   EXPECT_EQ(largestId(), 1u);
   EXPECT_EQ(status->resultCount(), 1u);
-
   // The record carries every field but dps, under the identifier.
   auto record = view->result(IgpResultId(1));
   ASSERT_TRUE(record);
@@ -114,7 +108,6 @@ TEST_F(IgpResultDedupTableTest, ALeavingResultWithdrawsItsRecordThenFreesItsId) 
   // Interning the released result again makes it new: a fresh identifier.
   auto again = table->dedup(withTag(1));
   EXPECT_EQ(again->id(), 3u);
-
   // Removed by the table while still held.
   ASSERT_TRUE(table->dedupResultStatus()->remove(const_cast<DedupIgpResult*>(b.get())));
   EXPECT_FALSE(view->result(IgpResultId(2)));
@@ -149,8 +142,8 @@ TEST_F(IgpResultDedupTableTest, ALockedSetReportsToTheSameNotifiee) {
   auto locked = table->dedupResultStatusIs(true);
   EXPECT_TRUE(table->useLock());
   EXPECT_NE(locked.get(), old->getDedupHashTable());
-  EXPECT_EQ(table->dedup(withTag(2))->id(), 2u);  // one allocator for both sets
   auto h = table->dedup(withTag(2));
+  EXPECT_EQ(h->id(), 2u);  // one allocator for both sets
   EXPECT_TRUE(view->result(IgpResultId(2)));
   old = nullptr;  // the old set still withdraws its records
   EXPECT_FALSE(view->result(IgpResultId(1)));
@@ -159,34 +152,6 @@ TEST_F(IgpResultDedupTableTest, ALockedSetReportsToTheSameNotifiee) {
   EXPECT_EQ(locked->lifeTimeNotifiee(), nullptr);
   EXPECT_EQ(table->dedup(withTag(3))->id(), 0u);  // nobody numbers or publishes it
   EXPECT_EQ(status->resultCount(), 1u);
-}
-
-// The whole flow across processes: the bgpcommon tool, started afresh, looks identifiers up with
-// the reader helper as redistribution does.
-TEST_F(IgpResultDedupTableTest, AnotherProcessSeesOneRecordPerOutcome) {
-  TempRoot toggles;  // no toggle file: static-route lookups are on
-  ASSERT_EQ(setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1), 0);
-  auto reader = [&] {
-    auto r = testing_support::runTool("demo-reader --root " + root.path() + " --name dedup --ids 1,2,3,4");
-    EXPECT_EQ(r.status, 0) << r.out;
-    return r.out;
-  };
-  auto line = [&](std::uint32_t id) {
-    auto r = status->result(IgpResultId(id));
-    return "id " + std::to_string(id) + ": " + (r ? "resultFound " + Kelp::valueToStrep(*r) : "resultNotFound") + "\n";
-  };
-  IgpResult_ b = fullPolicyResult();
-  b.ospfDomainId = 9;
-  std::vector<Kelp::Ptr<const DedupIgpResult>> routes = {table->dedup(fullPolicyResult()), table->dedup(fullWithOwnState()),
-                                                         table->dedup(b), table->dedup(withTag(7))};
-  EXPECT_EQ(reader(), line(1) + line(2) + line(3) + "id 4: resultNotFound\n");
-  routes[0] = routes[1] = nullptr;  // outcome 1 released by both its routes
-  EXPECT_EQ(reader(), "id 1: resultNotFound\n" + line(2) + line(3) + "id 4: resultNotFound\n");
-  routes.push_back(table->dedup(withTag(8)));  // takes identifier 1
-  EXPECT_EQ(routes.back()->id(), 1u);
-  EXPECT_EQ(reader(), line(1) + line(2) + line(3) + "id 4: resultNotFound\n");
-  EXPECT_NE(line(1).find("'tag': 8,"), std::string::npos);
-  unsetenv("BGPCOMMON_TOGGLE_DIR");
 }
 
 }  // namespace

@@ -118,13 +118,13 @@ TEST(IgpResultStatusReaderHelper, ToggleOffMakesStaticRoutesTagOnly) {
   });
 }
 
-// lookup takes no lock: threads share one helper while the writer keeps replacing records. Every
-// answer is a whole record of some version, or not found while its key is briefly absent.
+// lookup takes no lock: threads share one helper, its first static lookup (which reads the toggle)
+// included, while the writer keeps replacing records. Every answer is a whole record of some
+// version, or not found while its key is briefly absent.
 TEST(IgpResultStatusReaderHelper, ThreadsShareAHelperWhileTheWriterChangesRecords) {
   inFreshProcess("", [] {
     Tables t;
     auto helper = igpResultStatusReaderHelperFactory(t.reader);
-    helper->lookup(kRoute, kStatic, 7);  // the toggle is read here, once
     std::atomic<bool> stop{false};
     std::atomic<int> torn{0}, found{0};
     std::vector<std::thread> readers;
