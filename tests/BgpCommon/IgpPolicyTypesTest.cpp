@@ -205,6 +205,14 @@ TEST(IgpPolicyTypes, PolicyResultHashEqualityAndTruth) {
   EXPECT_EQ(withDps.hash(), fresh.hash());
   EXPECT_NE(withDps, fresh);
   EXPECT_TRUE(withDps);
+  // The policy library's own equality, on its part of a result, sees each of its four fields.
+  using Base = Policy::Result_;
+  for (auto change : {+[](Base& r) { r.preferenceIs(1); }, +[](Base& r) { r.tagIs(1); }, +[](Base& r) { r.metric.valueIs(0); },
+                      +[](Base& r) { r.dps = Kelp::makePtr<Kelp::PtrInterface>(); }}) {
+    Base a, b;
+    change(b);
+    EXPECT_FALSE(a == b);
+  }
 }
 
 TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {
