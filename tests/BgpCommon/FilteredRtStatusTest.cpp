@@ -163,7 +163,9 @@ TEST_F(FilteredRtStatusTest, RoutesByPrefixAndRoutesProcessed) {
   reader->filteredRouteControl()->poll();
   log.take();
   std::uint32_t id = 0;
-  for (const char* p : {"10.0.0.0/8", "10.0.0.0/16", "2001:db8::/32"}) writer->filteredRouteIs(FilteredRoute(prefix(p), IgpResultId(++id)));
+  for (const char* p : {"10.0.0.0/8", "10.0.0.0/16", "2001:db8::/32"}) {
+    writer->filteredRouteIs(FilteredRoute(prefix(p), IgpResultId(++id)));
+  }
   EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/16"))->igpResultId, IgpResultId(2));
   EXPECT_EQ(reader->filteredRoute(prefix("2001:db8::/32"))->igpResultId, IgpResultId(3));
   EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/24")), std::nullopt);
