@@ -1,28 +1,17 @@
 #include "BgpCommon/AfiSafiTriggers.h"
 
-#include <string>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 namespace Routing::Bgp {
 namespace {
 
-const AfiSafi v4(afiIpv4, safiUnicast);
-const AfiSafi v6(afiIpv6, safiUnicast);
-const AfiSafi vpn4(afiIpv4, safiMplsVpn);
-
+// Each row sets one family's trigger and states both families' triggers afterwards and the
+// references the collection holds to each trigger.
 TEST(AfiSafiTriggers, TriggerIsAddsReplacesAndRemoves) {
+  const AfiSafi v4(afiIpv4, safiUnicast), v6(afiIpv6, safiUnicast), vpn4(afiIpv4, safiMplsVpn);
   auto triggers = afiSafiTriggersFactory();
-  auto a = smTriggerFactory();
-  auto b = smTriggerFactory();
-  struct Row {
-    const char* what;
-    AfiSafi key;
-    Kelp::Ptr<SmTrigger> t;
-    Kelp::Ptr<SmTrigger> v4After, v6After;
-    std::uint32_t aRefs, bRefs;  // references the collection holds
-  };
+  auto a = smTriggerFactory(), b = smTriggerFactory();
+  struct Row { const char* what; AfiSafi key; Kelp::Ptr<SmTrigger> t, v4After, v6After; std::uint32_t aRefs, bRefs; };
   const Row rows[] = {
       {"null on a missing key: nothing", v4, nullptr, nullptr, nullptr, 0, 0},
       {"new entry", v4, a, a, nullptr, 1, 0},
@@ -41,7 +30,6 @@ TEST(AfiSafiTriggers, TriggerIsAddsReplacesAndRemoves) {
     EXPECT_EQ(b->references() - bOutside, row.bRefs);
   }
   EXPECT_EQ(triggers->triggers().size(), 1u);
-
   EXPECT_EQ(triggers->triggerDel(vpn4), nullptr);  // missing
   EXPECT_EQ(triggers->triggerDel(v4), b);
   EXPECT_EQ(triggers->trigger(v4), nullptr);
@@ -50,24 +38,6 @@ TEST(AfiSafiTriggers, TriggerIsAddsReplacesAndRemoves) {
   triggers->triggerIs(vpn4, b);
   triggers->triggerDelAll();
   EXPECT_TRUE(triggers->triggers().empty());
-}
-
-// Each family's machine is kicked on its own.
-TEST(AfiSafiTriggers, FamiliesAreKickedSeparately) {
-  auto triggers = AfiSafiTriggersIs();
-  triggers->triggerIs(v4, SmTriggerIs());
-  triggers->triggerIs(v6, SmTriggerIs());
-  std::vector<std::string> ran;
-  Kelp::FunctionNotifiee machine4([&](std::string_view) { ran.push_back("v4"); });
-  Kelp::FunctionNotifiee machine6([&](std::string_view) { ran.push_back("v6"); });
-  triggers->trigger(v4)->notifiees().notifieeIs(&machine4);
-  triggers->trigger(v6)->notifiees().notifieeIs(&machine6);
-  triggers->trigger(v6)->triggerInc(1);
-  triggers->trigger(v6)->triggerInc(0);
-  triggers->trigger(v4)->triggerIs(4294967295u);
-  triggers->trigger(v4)->triggerInc(1);
-  EXPECT_EQ(ran, (std::vector<std::string>{"v6", "v4", "v4"}));
-  EXPECT_EQ(triggers->trigger(v4)->trigger(), 0u);
 }
 
 }  // namespace

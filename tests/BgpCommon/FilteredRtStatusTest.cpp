@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <set>
-
 #include <gtest/gtest.h>
 
 #include "platform/Kelp/Registry.h"
@@ -16,8 +14,9 @@
 namespace Routing::BgpRedistribute {
 namespace {
 
-using testing_support::TempRoot;
+using testing_support::rangeMessage;
 using testing_support::versionedRecord;
+using Events = std::vector<std::string>;
 
 Netzo::IpGenPrefix prefix(const char* text) { return Netzo::IpGenPrefix::fromString(text); }
 
@@ -29,8 +28,16 @@ struct Log : IgpResultStatus::Notifiee, FilteredRtStatus::Notifiee {
   void onFilteredRoute(const Netzo::IpGenPrefix& p) override { events.push_back("route " + p.stringValue()); }
   void onFilteredRouteMountStatus() override { events.push_back("mount"); }
   void onRoutesProcessed() override { events.push_back("processed"); }
-  std::vector<std::string> take() { return std::exchange(events, {}); }
-  std::vector<std::string> events;
+  Events take() { return std::exchange(events, {}); }
+  Events events;
+};
+
+// A table root with two entity managers, as a writing and a reading process have them.
+class FilteredRtStatusTest : public ::testing::Test {
+ protected:
+  testing_support::TempRoot root;
+  Kelp::Ptr<KelpSharedMem::EntityManager> em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  Kelp::Ptr<KelpSharedMem::EntityManager> readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
 };
 
 TEST(FilteredRtStatus, FilteredRouteValue) {
@@ -42,111 +49,95 @@ TEST(FilteredRtStatus, FilteredRouteValue) {
   });
   EXPECT_EQ(Kelp::valueToStrep(FilteredRoute(prefix("10.0.0.0/8"), IgpResultId(7))),
             "Value('Routing::BgpRedistribute::FilteredRoute', ** {'key': 10.0.0.0/8, 'igpResultId': 7})");
+  // Stored packed (family, length, address octets, identifier), and exactly one record: a byte
+  // after it makes it no record.
+  const std::uint8_t v4[] = {1, 24, 192, 0, 2, 0, 1, 0, 0, 0};
+  EXPECT_EQ(FilteredRoute::deserialize(v4), FilteredRoute(prefix("192.0.2.0/24"), IgpResultId(1)));
   for (const FilteredRoute& r : {FilteredRoute(prefix("192.0.2.0/24"), IgpResultId(1)),
                                  FilteredRoute(prefix("2001:db8::1/128"), IgpResultId(2)), FilteredRoute()}) {
-    std::uint8_t buf[FilteredRoute::maxSerializedLen];
+    std::uint8_t buf[FilteredRoute::maxSerializedLen + 1] = {};
     r.serialize(buf);
-    EXPECT_EQ(FilteredRoute::deserialize(std::span(buf, r.serializeLen())), r);
+    const std::uint32_t n = r.serializeLen();
+    EXPECT_EQ(FilteredRoute::deserialize(std::span(buf, n)), r);
+    EXPECT_EQ(rangeMessage([&] { FilteredRoute::deserialize(std::span(buf, n + 1)); }),
+              "FilteredRoute record of " + std::to_string(n + 1) + " bytes is longer than " + std::to_string(n));
   }
   // Bytes that hold no prefix: a length beyond the family's, a family that does not exist.
-  const std::uint8_t badLength[] = {1, 33, 10, 0, 0, 0, 7, 0, 0, 0};
-  const std::uint8_t badFamily[] = {0x11, 0, 7, 0, 0, 0};
+  const std::uint8_t badLength[] = {1, 33, 10, 0, 0, 0, 7, 0, 0, 0}, badFamily[] = {0x11, 0, 7, 0, 0, 0};
   for (std::span<const std::uint8_t> bad : {std::span<const std::uint8_t>(badLength), std::span<const std::uint8_t>(badFamily)}) {
-    EXPECT_THROW(FilteredRoute::deserialize(bad), Kelp::RangeException);
+    EXPECT_EQ(rangeMessage([&] { FilteredRoute::deserialize(bad); }), "bytes do not hold a prefix");
     EXPECT_EQ(KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(bad.first(bad.size() - 4)), Netzo::IpGenPrefix());
   }
 }
 
-// A writer starts from an empty table, also when the process already holds the table with the
-// records of an earlier writer.
-TEST(FilteredRtStatus, AWriterStartsEmpty) {
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
-  IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64)->resultIs(versionedRecord(1, 1));
-  EXPECT_EQ(IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64)->resultCount(), 0u);
-}
-
-TEST(FilteredRtStatus, ReadersSeeWhatTheWriterStores) {
-  TempRoot root;
-  auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+TEST_F(FilteredRtStatusTest, ReadersSeeWhatTheWriterStores) {
   auto early = IgpResultStatus::createIgpResultStatusReader("vrf2", readerEm);  // before the writer
   ASSERT_TRUE(early);
   EXPECT_EQ(early->result(IgpResultId(1)), std::nullopt);
-
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  // A writer starts from an empty table, also when the process holds the records of an earlier one.
+  IgpResultStatus::createIgpResultStatusWriter("vrf2", em, 100)->resultIs(versionedRecord(1, 1));
   auto status = IgpResultStatus::createIgpResultStatusWriter("vrf2", em, 100);
+  EXPECT_EQ(status->resultCount(), 0u);
   EXPECT_EQ(em->entity("routing/rib/igpResultStatus/vrf2"), status);  // where other processes look
-  EXPECT_EQ(status->resultControl()->capacity(), 100u);
   Log writerLog, readerLog;
   status->notifieeIs(&writerLog);
   early->notifieeIs(&readerLog);
   early->resultControl()->poll();
-  EXPECT_EQ(readerLog.take(), std::vector<std::string>{"mount"});
+  EXPECT_EQ(readerLog.take(), Events{"mount"});
 
-  for (std::uint32_t k = 1; k <= 100; ++k) status->resultIs(versionedRecord(k, k * 3));
+  for (std::uint32_t k = 1; k <= 100; ++k) status->resultIs(versionedRecord(k, k * 3));  // full
   status->resultIs(versionedRecord(5, 15));  // unchanged: no notification
   status->resultDel(IgpResultId(1000));      // absent: no change, no notification
   status->resultDel(IgpResultId(100));
   EXPECT_EQ(status->resultCount(), 99u);
-  EXPECT_EQ(writerLog.events.size(), 101u);
-  EXPECT_EQ(writerLog.events.back(), "key 100");
+  EXPECT_TRUE(writerLog.events.size() == 101u && writerLog.events.back() == "key 100") << writerLog.events.size();
 
-  auto late = IgpResultStatus::createIgpResultStatusReader("vrf2", readerEm);
-  EXPECT_EQ(late, early) << "one entity per mount";
+  EXPECT_EQ(IgpResultStatus::createIgpResultStatusReader("vrf2", readerEm), early) << "one entity per mount";
   for (std::uint32_t k = 1; k < 100; ++k) EXPECT_EQ(early->result(IgpResultId(k)), versionedRecord(k, k * 3));
   EXPECT_EQ(early->result(IgpResultId(100)), std::nullopt);
   std::uint32_t listed = 0;
-  early->resultForEach([&](const IgpResult& r) {
-    EXPECT_EQ(r, versionedRecord(r.key.value, r.key.value * 3));
-    ++listed;
-  });
+  early->resultForEach([&](const IgpResult& r) { listed += r == versionedRecord(r.key.value, r.key.value * 3); });
   EXPECT_EQ(listed, 99u);
-
   early->resultControl()->poll();
-  std::vector<std::string> heard = readerLog.take();
-  ASSERT_EQ(heard.size(), 101u);
-  EXPECT_EQ(heard.front(), "key 1");
-  EXPECT_EQ(heard.back(), "key 100");
+  Events heard = readerLog.take();
+  EXPECT_TRUE(heard.size() == 101u && heard.front() == "key 1" && heard.back() == "key 100") << heard.size();
 
   status->resultDelAll();
   EXPECT_EQ(writerLog.events.size(), 101u + 99u);
+  status->resultCommit(nullptr);  // the facility's word that any record may have changed
+  EXPECT_EQ(writerLog.events.back(), "mount");
   em = nullptr;
   status = nullptr;  // the writer goes
   early->resultControl()->poll();
-  EXPECT_EQ(readerLog.take(), (std::vector<std::string>{"mount", "quiesced"}));
+  EXPECT_EQ(readerLog.take(), (Events{"mount", "quiesced"}));
   early->notifieeDel(&readerLog);
 }
 
 // Readers decode stored bytes as IgpResult::deserialize does, whichever way they read them: a
 // flag byte other than 0 and 1 reads as true, and a record deserialize refuses is refused with its
 // message.
-TEST(FilteredRtStatus, ReadersDecodeStoredBytesAsDeserializeDoes) {
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+TEST_F(FilteredRtStatusTest, ReadersDecodeStoredBytesAsDeserializeDoes) {
   auto status = IgpResultStatus::createIgpResultStatusWriter("vrf4", em, 16);
-  auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   auto view = IgpResultStatus::createIgpResultStatusReader("vrf4", readerEm);
-  Shelf::Writer* raw = status->resultControl()->writer();
-  auto store = [&](IgpResultId id, std::size_t at, std::uint8_t byte) {
-    IgpResult r = versionedRecord(id.value, 4);  // flags clear, four communities
+  auto store = [&](std::uint32_t id, std::size_t at, std::uint8_t byte) {
+    IgpResult r = versionedRecord(id, 4);  // flags clear, four communities
     std::vector<std::uint8_t> bytes(r.serializeLen());
     r.serialize(bytes.data());
     bytes[at] = byte;
-    raw->put(Shelf::Bytes(reinterpret_cast<const std::uint8_t*>(&id.value), 4), id.value, bytes);
+    status->resultControl()->writer()->put(Shelf::Bytes(reinterpret_cast<const std::uint8_t*>(&id), 4), id, bytes);
     return r;
   };
-  IgpResult flagged = store(IgpResultId(1), 5, 2);
+  IgpResult flagged = store(1, 5, 2);
   flagged.ospfBitDn = true;
-  store(IgpResultId(2), 44, 5);
+  store(2, 44, 5);
   EXPECT_EQ(view->result(IgpResultId(1)), flagged);
-  EXPECT_EQ(testing_support::rangeMessage([&] { view->result(IgpResultId(2)); }), "array count 5 above its limit 4");
+  EXPECT_EQ(rangeMessage([&] { view->result(IgpResultId(2)); }), "array count 5 above its limit 4");
 }
 
-// A path that holds an entity of another type gives no status table; a status table needs its
-// one collection, under its own name.
-TEST(FilteredRtStatus, MountsAreCheckedByTypeAndCollection) {
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+// Both tables are registered types. A path that holds an entity of another type gives no status
+// table; a status table needs its one collection, under its own name.
+TEST_F(FilteredRtStatusTest, MountsAreCheckedByTypeAndCollection) {
+  EXPECT_TRUE(Kelp::findType(IgpResultStatus::kTypeName) && Kelp::findType(FilteredRtStatus::kTypeName));
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("../../escape", em), Kelp::RangeException);
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("", em), Kelp::RangeException);
   em->mount("routing/rib/igpResultStatus/other", FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}});
@@ -160,25 +151,21 @@ TEST(FilteredRtStatus, MountsAreCheckedByTypeAndCollection) {
                Kelp::RangeException);
 }
 
-TEST(FilteredRtStatus, RoutesByPrefixAndRoutesProcessed) {
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+TEST_F(FilteredRtStatusTest, RoutesByPrefixAndRoutesProcessed) {
   const Kelp::String path = "routing/rib/filteredRtStatus/default";
   auto writer = Kelp::ptrDynamicCast<FilteredRtStatus>(
       em->mount(path, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::writer, {{"filteredRoute", 16}}}));
-  ASSERT_TRUE(writer);
-  auto readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   auto reader = Kelp::ptrDynamicCast<FilteredRtStatus>(
       readerEm->mount(path, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}}));
-  ASSERT_TRUE(reader);
+  ASSERT_TRUE(writer && reader);
   Log log;
   reader->notifieeIs(&log);
   reader->filteredRouteControl()->poll();
   log.take();
-
-  writer->filteredRouteIs(FilteredRoute(prefix("10.0.0.0/8"), IgpResultId(1)));
-  writer->filteredRouteIs(FilteredRoute(prefix("10.0.0.0/16"), IgpResultId(2)));
-  writer->filteredRouteIs(FilteredRoute(prefix("2001:db8::/32"), IgpResultId(3)));
+  std::uint32_t id = 0;
+  for (const char* p : {"10.0.0.0/8", "10.0.0.0/16", "2001:db8::/32"}) {
+    writer->filteredRouteIs(FilteredRoute(prefix(p), IgpResultId(++id)));
+  }
   EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/16"))->igpResultId, IgpResultId(2));
   EXPECT_EQ(reader->filteredRoute(prefix("2001:db8::/32"))->igpResultId, IgpResultId(3));
   EXPECT_EQ(reader->filteredRoute(prefix("10.0.0.0/24")), std::nullopt);
@@ -189,89 +176,41 @@ TEST(FilteredRtStatus, RoutesByPrefixAndRoutesProcessed) {
   writer->filteredRouteDel(prefix("10.0.0.0/8"));
   EXPECT_EQ(reader->filteredRouteCount(), 2u);
   reader->filteredRouteControl()->poll();
-  EXPECT_EQ(log.take(), (std::vector<std::string>{"route 10.0.0.0/8", "route 10.0.0.0/16", "route 2001:db8::/32",
-                                                 "processed", "route 10.0.0.0/8"}));
+  EXPECT_EQ(log.take(), (Events{"route 10.0.0.0/8", "route 10.0.0.0/16", "route 2001:db8::/32", "processed",
+                                "route 10.0.0.0/8"}));
   reader->notifieeDel(&log);
 
-  auto unmounted = filteredRtStatusFactory("loose");
-  EXPECT_FALSE(unmounted->routesProcessed());
+  auto unmounted = filteredRtStatusFactory("loose");  // no table bound: kept in the entity
   unmounted->routesProcessedIs(true);
   EXPECT_TRUE(unmounted->routesProcessed());
 }
 
-// Generic code finds both tables by name with every reflective name of the source; the facility's
-// hooks make a new entity for a directory, tell an entity its parent and commit records.
-TEST(FilteredRtStatus, RegistryNamesAndFacilityHooks) {
-  std::set<std::string_view> names;
-  for (std::string_view type : {IgpResultStatus::kTypeName, FilteredRtStatus::kTypeName}) {
-    const Kelp::TypeInfo* t = Kelp::findType(type);
-    ASSERT_NE(t, nullptr) << type;
-    EXPECT_EQ(t->attributes.front().name, "name");
-    for (const auto& a : t->attributes) names.insert(a.name);
-  }
-  EXPECT_EQ(names, (std::set<std::string_view>{
-                       "agent", "createIgpResultStatusReader", "createIgpResultStatusWriter", "deserialize",
-                       "deserializeLen", "filteredRoute", "filteredRouteControl", "name", "prefix", "result",
-                       "resultControl", "routesProcessed", "serialize", "serializeLen", "shmemEm", "size", "value"}));
-
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
-  auto status = IgpResultStatus::createIgpResultStatusWriter("hooks", em, 4);
-  auto fresh = IgpResultStatus::newEntityForDir("dir");
-  EXPECT_EQ(fresh->name(), "dir");
-  EXPECT_EQ(fresh->resultControl(), nullptr);
-  fresh->handleParent(status);
-  EXPECT_EQ(fresh->parent(), status);
-  Log log;
-  status->notifieeIs(&log);
-  const IgpResult r = versionedRecord(5, 1);
-  status->resultCommit(&r);
-  status->resultCommit(nullptr);
-  status->resultIs(r);
-  status->resultIs(r);  // the same record again: nothing to tell
-  EXPECT_EQ(log.take(), (std::vector<std::string>{"key 5", "mount", "key 5"}));
-  status->notifieeDel(&log);
-}
-
 // A control outlives its entity: the entity leaves it when its last reference goes.
-TEST(FilteredRtStatus, AControlForgetsItsEntity) {
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
-  auto status = IgpResultStatus::createIgpResultStatusReader("gone", em);
+TEST_F(FilteredRtStatusTest, AControlForgetsItsEntity) {
+  auto status = IgpResultStatus::createIgpResultStatusReader("gone", readerEm);
   Kelp::Ptr<KelpShelf::CollectionControl> control = status->resultControl();
   ASSERT_NE(control->listener(), nullptr);
-  em->unmount(IgpResultStatus::mountPath("gone"));
+  readerEm->unmount(IgpResultStatus::mountPath("gone"));
   status = nullptr;
   EXPECT_EQ(control->listener(), nullptr);
-  auto writerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
-  auto writer = IgpResultStatus::createIgpResultStatusWriter("gone", writerEm, 4);
-  writer->resultIs(versionedRecord(1, 1));
+  IgpResultStatus::createIgpResultStatusWriter("gone", em, 4)->resultIs(versionedRecord(1, 1));
   EXPECT_EQ(control->poll(), 1u);  // heard, told to no one
 }
 
 // A writer that meets a damaged table reports it and stops rather than spread the damage.
-TEST(FilteredRtStatus, AWriterStopsOnADamagedTable) {
-  TempRoot root;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+TEST_F(FilteredRtStatusTest, AWriterStopsOnADamagedTable) {
   auto status = IgpResultStatus::createIgpResultStatusWriter("hurt", em, 64);
   status->resultIs(versionedRecord(1, 1));
-  {
-    int fd = open((root.path() + "/routing/rib/igpResultStatus/hurt").c_str(), O_RDWR);
-    struct stat st;
-    fstat(fd, &st);
-    auto* base = static_cast<std::uint8_t*>(mmap(nullptr, st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    std::memset(base + 1024, 0x55, st.st_size - 1024);  // everything past the header's fixed part
-    munmap(base, st.st_size);
-    close(fd);
-  }
-  EXPECT_DEATH(
-      {
-        status->resultControl()->corruptionHandlerIs([](std::string_view m) {
-          std::fprintf(stderr, "handler: %.*s\n", static_cast<int>(m.size()), m.data());
-        });
-        status->resultIs(versionedRecord(1, 2));
-      },
-      "handler: Shelf .*hurt: link to slot .*in no man's land");
+  const int fd = open((root.path() + "/routing/rib/igpResultStatus/hurt").c_str(), O_RDWR);
+  struct stat st;
+  fstat(fd, &st);
+  auto* base = static_cast<std::uint8_t*>(mmap(nullptr, st.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  std::memset(base + 1024, 0x55, st.st_size - 1024);  // everything past the header's fixed part
+  munmap(base, st.st_size);
+  close(fd);
+  status->resultControl()->corruptionHandlerIs(
+      [](std::string_view m) { std::fprintf(stderr, "handler: %.*s\n", static_cast<int>(m.size()), m.data()); });
+  EXPECT_DEATH(status->resultIs(versionedRecord(1, 2)), "handler: Shelf .*hurt: link to slot .*in no man's land");
 }
 
 }  // namespace

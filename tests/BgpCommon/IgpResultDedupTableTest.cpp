@@ -1,37 +1,35 @@
 // Interning policy results: one handle, one identifier and one published record per outcome, seen
-// by readers of the shared table in this process and in another (the bgpcommon tool).
+// by a reader of the shared table through its own mapping. (The flow across processes is the
+// bgpcommon tool's demo, tests/tools/DemoCommandTest.cpp.)
 #include "BgpCommon/IgpResultDedupTable.h"
 
-#include <stdlib.h>
-
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tests/Shelf/ShelfTestSupport.h"
 #include "tests/Support/PolicyResults.h"
-#include "tests/Support/RunTool.h"
 
 namespace Routing::Bgp {
 namespace {
 
-using BgpRedistribute::CommunityIndex;
 using BgpRedistribute::IgpResult;
 using BgpRedistribute::IgpResultId;
 using BgpRedistribute::IgpResultStatus;
-using testing_support::TempRoot;
-
 using testing_support::fullPolicyResult;
+using testing_support::TempRoot;
 
 IgpResult_ withTag(std::uint32_t tag) {
   IgpResult_ r;
   r.tagIs(tag);
   return r;
 }
-
-// Some policy state of the policy library's own.
-struct PolicyState : Kelp::PtrInterface {};
+// The full result with some state of the policy library's own.
+IgpResult_ fullWithOwnState() {
+  IgpResult_ r = fullPolicyResult();
+  r.dps = Kelp::makePtr<Kelp::PtrInterface>();
+  return r;
+}
 
 class IgpResultDedupTableTest : public ::testing::Test {
  protected:
@@ -47,21 +45,15 @@ class IgpResultDedupTableTest : public ::testing::Test {
 };
 
 TEST_F(IgpResultDedupTableTest, EqualResultsShareOneHandleOneIdOneRecord) {
-  IgpResult_ a = fullPolicyResult();
-  a.dps = Kelp::makePtr<PolicyState>();
-  IgpResult_ b = fullPolicyResult();
-  b.dps = Kelp::makePtr<PolicyState>();  // differs only in the policy's own state
-  ASSERT_FALSE(a == b);
-  EXPECT_EQ(DedupIgpResultIs(a)->id(), 0u);  // a handle outside any table has no identifier
-
-  auto ha = table->dedup(a);
-  auto hb = table->dedup(b);
+  EXPECT_EQ(table->lookup(fullPolicyResult()), nullptr);  // a lookup never inserts: no identifier taken
+  auto ha = table->dedup(fullWithOwnState());
+  auto hb = table->dedup(fullWithOwnState());
   EXPECT_EQ(ha.get(), hb.get());
   EXPECT_EQ(ha->id(), 1u);  // the first identifier of a fresh table
-  EXPECT_EQ(table->size(), 1u);
+  EXPECT_EQ(table->lookup(fullPolicyResult()).get(), ha.get());
+  EXPECT_EQ(ha->references(), 3u);  // ours and the table's: the lookup's reference is gone
   EXPECT_EQ(largestId(), 1u);
   EXPECT_EQ(status->resultCount(), 1u);
-
   // The record carries every field but dps, under the identifier.
   auto record = view->result(IgpResultId(1));
   ASSERT_TRUE(record);
@@ -88,20 +80,19 @@ TEST_F(IgpResultDedupTableTest, EveryFieldButDpsTellsOutcomesApart) {
     EXPECT_EQ(held.back()->id(), held.size() + 1) << change.what;
   }
   EXPECT_EQ(status->resultCount(), held.size() + 1);
-
   // Unset metrics agree whatever their low bits.
   IgpResult_ r = fullPolicyResult();
   r.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 9);
   EXPECT_EQ(table->dedup(r).get(), held[2].get());
 }
 
-TEST_F(IgpResultDedupTableTest, LastReleaseWithdrawsTheRecordThenFreesTheId) {
+// A result leaves the table at its last release, or when the table removes it: either way its
+// record is withdrawn first and its identifier then freed for the next new result.
+TEST_F(IgpResultDedupTableTest, ALeavingResultWithdrawsItsRecordThenFreesItsId) {
   auto a = table->dedup(withTag(1));
   auto a2 = table->dedup(withTag(1));
   auto b = table->dedup(withTag(2));
-  ASSERT_EQ(a->id(), 1u);
   ASSERT_EQ(b->id(), 2u);
-
   a = nullptr;  // another holder remains
   EXPECT_TRUE(view->result(IgpResultId(1)));
   a2 = nullptr;  // the last one
@@ -109,33 +100,27 @@ TEST_F(IgpResultDedupTableTest, LastReleaseWithdrawsTheRecordThenFreesTheId) {
   EXPECT_EQ(status->resultCount(), 1u);
   EXPECT_EQ(table->size(), 1u);
   EXPECT_EQ(table->idAllocator()->freeIdFront(), 1u);
-
   // The next new result takes the freed identifier; its record replaces nothing of the old one.
   auto c = table->dedup(withTag(3));
   EXPECT_EQ(c->id(), 1u);
   EXPECT_EQ(view->result(IgpResultId(1))->tag.value, 3u);
   EXPECT_EQ(largestId(), 2u);
   // Interning the released result again makes it new: a fresh identifier.
-  EXPECT_EQ(table->dedup(withTag(1))->id(), 3u);
-}
-
-TEST_F(IgpResultDedupTableTest, LookupNeverInserts) {
-  EXPECT_EQ(table->lookup(fullPolicyResult()), nullptr);
-  EXPECT_EQ(table->size(), 0u);
-  EXPECT_EQ(largestId(), 0u);
-  EXPECT_EQ(status->resultCount(), 0u);
-
-  auto h = table->dedup(fullPolicyResult());
-  IgpResult_ same = fullPolicyResult();
-  same.dps = Kelp::makePtr<PolicyState>();
-  EXPECT_EQ(table->lookup(same).get(), h.get());
-  EXPECT_EQ(h->references(), 2u);  // ours and the table's: the lookup's reference is gone
-  EXPECT_EQ(largestId(), 1u);
+  auto again = table->dedup(withTag(1));
+  EXPECT_EQ(again->id(), 3u);
+  // Removed by the table while still held.
+  ASSERT_TRUE(table->dedupResultStatus()->remove(const_cast<DedupIgpResult*>(b.get())));
+  EXPECT_FALSE(view->result(IgpResultId(2)));
+  EXPECT_EQ(status->resultCount(), 2u);
+  EXPECT_EQ(table->idAllocator()->freeIdFront(), 2u);
+  auto d = table->dedup(withTag(2));
+  EXPECT_NE(d.get(), b.get());
+  EXPECT_EQ(d->id(), 2u);
+  EXPECT_EQ(view->result(IgpResultId(2))->tag.value, 2u);
 }
 
 TEST_F(IgpResultDedupTableTest, AFullStatusTableRefusesNewResultsOnly) {
-  auto small = IgpResultStatus::createIgpResultStatusWriter("full", em, 2);
-  auto t = igpResultTableFactory(small);
+  auto t = igpResultTableFactory(IgpResultStatus::createIgpResultStatusWriter("full", em, 2));
   auto a = t->dedup(withTag(1));
   auto b = t->dedup(withTag(2));
   try {
@@ -163,45 +148,10 @@ TEST_F(IgpResultDedupTableTest, ALockedSetReportsToTheSameNotifiee) {
   old = nullptr;  // the old set still withdraws its records
   EXPECT_FALSE(view->result(IgpResultId(1)));
 
-  auto n = table->igpResultTableLTNotifieeDel();
+  table->igpResultTableLTNotifieeDel();
   EXPECT_EQ(locked->lifeTimeNotifiee(), nullptr);
-  auto quiet = table->dedup(withTag(3));
-  EXPECT_EQ(quiet->id(), 0u);  // nobody numbers or publishes it
+  EXPECT_EQ(table->dedup(withTag(3))->id(), 0u);  // nobody numbers or publishes it
   EXPECT_EQ(status->resultCount(), 1u);
-}
-
-// The whole flow across processes: the bgpcommon tool, started afresh, looks identifiers up with
-// the reader helper as redistribution does.
-TEST_F(IgpResultDedupTableTest, AnotherProcessSeesOneRecordPerOutcome) {
-  TempRoot toggles;  // no toggle file: static-route lookups are on
-  auto reader = [&] {
-    auto r = testing_support::runTool("demo-reader --root " + root.path() + " --name dedup --ids 1,2,3,4");
-    EXPECT_EQ(r.status, 0) << r.out;
-    return r.out;
-  };
-  ASSERT_EQ(setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1), 0);
-
-  IgpResult_ a = fullPolicyResult();
-  IgpResult_ aOther = fullPolicyResult();
-  aOther.dps = Kelp::makePtr<PolicyState>();
-  IgpResult_ b = fullPolicyResult();
-  b.ospfDomainId = 9;
-  std::vector<Kelp::Ptr<const DedupIgpResult>> routes = {table->dedup(a), table->dedup(aOther), table->dedup(b),
-                                                         table->dedup(withTag(7))};
-  auto line = [&](std::uint32_t id) {
-    auto r = status->result(IgpResultId(id));
-    return "id " + std::to_string(id) + ": " + (r ? "resultFound " + Kelp::valueToStrep(*r) : "resultNotFound") + "\n";
-  };
-  EXPECT_EQ(reader(), line(1) + line(2) + line(3) + "id 4: resultNotFound\n");
-
-  routes[0] = routes[1] = nullptr;  // outcome 1 released by both its routes
-  EXPECT_EQ(reader(), "id 1: resultNotFound\n" + line(2) + line(3) + "id 4: resultNotFound\n");
-
-  routes.push_back(table->dedup(withTag(8)));  // takes identifier 1
-  EXPECT_EQ(routes.back()->id(), 1u);
-  EXPECT_EQ(reader(), line(1) + line(2) + line(3) + "id 4: resultNotFound\n");
-  EXPECT_NE(line(1).find("'tag': 8,"), std::string::npos);
-  unsetenv("BGPCOMMON_TOGGLE_DIR");
 }
 
 }  // namespace

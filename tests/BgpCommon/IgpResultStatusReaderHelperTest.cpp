@@ -23,11 +23,12 @@
 namespace Routing::BgpRedistribute {
 namespace {
 
-using Rib::RouteKey;
 using Rib::RoutingProtocol;
 using testing_support::TempRoot;
+using testing_support::versionedRecord;
 
-const RouteKey kRoute(Netzo::IpGenPrefix::fromString("10.1.0.0/16"));
+const Rib::RouteKey kRoute(Netzo::IpGenPrefix::fromString("10.1.0.0/16"));
+constexpr RoutingProtocol kStatic = RoutingProtocol::protocolStatic;
 
 IgpResultLookup tagOnly(std::uint32_t tag) {
   IgpResultLookup l(IgpResult(IgpResultId()), IgpResultReturnType::resultTagOnly);
@@ -42,13 +43,12 @@ void inFreshProcess(const std::string& toggleJson, const std::function<std::stri
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        std::string complaint;
-        {
+        const std::string complaint = [&] {
           TempRoot toggles;
           if (!toggleJson.empty()) std::ofstream(toggles.path() + "/Ira.json") << toggleJson;
           setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1);
-          complaint = body();
-        }
+          return body();
+        }();
         std::fputs(complaint.c_str(), stderr);
         std::fflush(stderr);
         _exit(complaint.empty() ? 0 : 1);
@@ -62,113 +62,69 @@ struct Tables {
   Kelp::Ptr<KelpSharedMem::EntityManager> em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   Kelp::Ptr<IgpResultStatus> writer = IgpResultStatus::createIgpResultStatusWriter("static", em, 16);
   Kelp::Ptr<KelpSharedMem::EntityManager> readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
-  Kelp::Ptr<IgpResultStatus> reader;
-  IgpResult seven = testing_support::versionedRecord(7, 3);
-  IgpResult nine = testing_support::versionedRecord(9, 4);
-  Tables() {
+  IgpResult seven = versionedRecord(7, 3), nine = versionedRecord(9, 4);
+  Kelp::Ptr<IgpResultStatus> reader = [this] {
     writer->resultIs(seven);
     writer->resultIs(nine);
-    reader = IgpResultStatus::createIgpResultStatusReader("static", readerEm);
-  }
+    return IgpResultStatus::createIgpResultStatusReader("static", readerEm);
+  }();
 };
 
-struct Row {
-  const char* what;
-  RoutingProtocol protocol;
-  std::uint32_t attrSetId;
-  IgpResultLookup want;
-};
+struct Row { const char* what; RoutingProtocol protocol; std::uint32_t attrSetId; IgpResultLookup want; };
 
-std::string check(const IgpResultStatusReaderHelper& helper, const std::vector<Row>& rows) {
+std::string check(const Kelp::Ptr<const IgpResultStatus>& table, const std::vector<Row>& rows) {
   std::string complaints;
   for (const Row& r : rows) {
-    IgpResultLookup got = helper.lookup(kRoute, r.protocol, r.attrSetId);
-    if (!(got == r.want)) {
-      complaints += std::string(r.what) + ":\n  got  " + Kelp::valueToStrep(got) + "\n  want " +
-                    Kelp::valueToStrep(r.want) + "\n";
-    }
+    IgpResultLookup got = igpResultStatusReaderHelperFactory(table)->lookup(kRoute, r.protocol, r.attrSetId);
+    if (!(got == r.want)) complaints += std::string(r.what) + ":\n  got  " + Kelp::valueToStrep(got) + "\n";
   }
   return complaints;
-}
-
-TEST(IgpResultLookup, TextFormEqualityAndNoHash) {
-  const char* names[] = {"resultDefault", "resultFound", "resultNotFound", "resultTagOnly"};
-  for (unsigned n = 0; n < 4; ++n) EXPECT_EQ(stringValue(static_cast<IgpResultReturnType>(n)), names[n]);
-
-  IgpResultLookup l = tagOnly(1234);
-  EXPECT_EQ(Kelp::valueToStrep(l),
-            "Value('Routing::BgpRedistribute::IgpResultLookup', ** {'igpResult': "
-            "Value('Routing::BgpRedistribute::IgpResult', ** {'key': 0, 'preference': 0, 'ospfBitDn': False, "
-            "'ospfv3BitDn': False, 'metric': None, 'isisLevel': levelUnset, 'ospfMetricType': typeUnset, "
-            "'ospfDomainId': 0, 'ospfRouteType': 0, 'tag': 1234, 'community': []}), 'returnType': resultTagOnly})");
-
-  // Equality follows the record's rule: unset metrics agree whatever their low bits.
-  IgpResultLookup other = l;
-  other.igpResult.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 5);
-  EXPECT_TRUE(other == l);
-  other.returnType = IgpResultReturnType::resultDefault;
-  EXPECT_FALSE(other == l);
-  EXPECT_THROW(Kelp::findType("Routing::BgpRedistribute::IgpResultLookup")->hash(std::any(l)),
-               Kelp::UnhashableException);
 }
 
 TEST(IgpResultStatusReaderHelper, EveryCaseWithTheToggleOn) {
   inFreshProcess("", [] {
     Tables t;
-    IgpResult seven = t.seven;
-    IgpResult nine = t.nine;
     const std::vector<Row> rows = {
         {"ospf carries its tag", RoutingProtocol::protocolOspf, 1234, tagOnly(1234)},
         {"connected, no tag", RoutingProtocol::protocolConnected, 0, tagOnly(0)},
-        {"static without an id", RoutingProtocol::protocolStatic, 0, plain(IgpResultReturnType::resultDefault)},
-        {"static, id 7", RoutingProtocol::protocolStatic, 7, IgpResultLookup(seven, IgpResultReturnType::resultFound)},
-        {"static, id 9", RoutingProtocol::protocolStatic, 9, IgpResultLookup(nine, IgpResultReturnType::resultFound)},
-        {"static, id 8 absent", RoutingProtocol::protocolStatic, 8, plain(IgpResultReturnType::resultNotFound)},
-        {"static, largest id", RoutingProtocol::protocolStatic, 0xFFFFFFFFu,
-         plain(IgpResultReturnType::resultNotFound)},
+        {"static without an id", kStatic, 0, plain(IgpResultReturnType::resultDefault)},
+        {"static, id 7", kStatic, 7, IgpResultLookup(t.seven, IgpResultReturnType::resultFound)},
+        {"static, id 9", kStatic, 9, IgpResultLookup(t.nine, IgpResultReturnType::resultFound)},
+        {"static, id 8 absent", kStatic, 8, plain(IgpResultReturnType::resultNotFound)},
+        {"static, largest id", kStatic, 0xFFFFFFFFu, plain(IgpResultReturnType::resultNotFound)},
     };
     std::string complaints;
     if (!IgpResultStatusReaderHelper::staticRouteCommunities()) complaints += "toggle read as off\n";
     // Through a reader in its own mapping, and through the writer's own entity.
-    complaints += check(*igpResultStatusReaderHelperFactory(t.reader), rows);
-    complaints += check(*IgpResultStatusReaderHelperIs(t.writer), rows);
-    // A withdrawn record is not found any more.
+    complaints += check(t.reader, rows) + check(t.writer, rows);
+    // A withdrawn record is not found any more; without a table, other protocols are still answered.
     t.writer->resultDel(IgpResultId(7));
-    complaints += check(*igpResultStatusReaderHelperFactory(t.reader),
-                        {{"static, id 7 withdrawn", RoutingProtocol::protocolStatic, 7,
-                          plain(IgpResultReturnType::resultNotFound)}});
-    // Without a table, other protocols are still answered.
-    complaints += check(*igpResultStatusReaderHelperFactory(nullptr),
-                        {{"bgp without a table", RoutingProtocol::protocolBgp, 5, tagOnly(5)}});
-    return complaints;
+    complaints += check(t.reader, {{"static, id 7 withdrawn", kStatic, 7, plain(IgpResultReturnType::resultNotFound)}});
+    return complaints + check(nullptr, {{"bgp without a table", RoutingProtocol::protocolBgp, 5, tagOnly(5)}});
   });
 }
 
 // With the toggle off every static route is tag-only, and the toggle is read once: switching it on
-// afterwards changes nothing in this process.
+// afterwards changes nothing in this process. The table is never read, so it may be missing.
 TEST(IgpResultStatusReaderHelper, ToggleOffMakesStaticRoutesTagOnly) {
   inFreshProcess(R"({"StaticRouteCommunities": false})", [] {
     Tables t;
-    const std::vector<Row> rows = {
-        {"static, id 7", RoutingProtocol::protocolStatic, 7, tagOnly(7)},
-        {"static, id 0", RoutingProtocol::protocolStatic, 0, tagOnly(0)},
-        {"ospf", RoutingProtocol::protocolOspf, 8, tagOnly(8)},
-    };
-    std::string complaints = check(*igpResultStatusReaderHelperFactory(t.reader), rows);
-    // The table is never read, so it may be missing altogether.
-    complaints += check(*igpResultStatusReaderHelperFactory(nullptr), rows);
+    const std::vector<Row> rows = {{"static, id 7", kStatic, 7, tagOnly(7)},
+                                   {"static, id 0", kStatic, 0, tagOnly(0)},
+                                   {"ospf", RoutingProtocol::protocolOspf, 8, tagOnly(8)}};
+    std::string complaints = check(t.reader, rows) + check(nullptr, rows);
     std::ofstream(std::string(getenv("BGPCOMMON_TOGGLE_DIR")) + "/Ira.json") << R"({"StaticRouteCommunities": true})";
-    return complaints + check(*igpResultStatusReaderHelperFactory(t.reader), rows);
+    return complaints + check(t.reader, rows);
   });
 }
 
-// lookup takes no lock: threads share one helper while the writer keeps replacing records. Every
-// answer is a whole record of some version, or not found while its key is briefly absent.
+// lookup takes no lock: threads share one helper, its first static lookup (which reads the toggle)
+// included, while the writer keeps replacing records. Every answer is a whole record of some
+// version, or not found while its key is briefly absent.
 TEST(IgpResultStatusReaderHelper, ThreadsShareAHelperWhileTheWriterChangesRecords) {
   inFreshProcess("", [] {
     Tables t;
     auto helper = igpResultStatusReaderHelperFactory(t.reader);
-    helper->lookup(kRoute, RoutingProtocol::protocolStatic, 7);  // the toggle is read here, once
     std::atomic<bool> stop{false};
     std::atomic<int> torn{0}, found{0};
     std::vector<std::thread> readers;
@@ -176,13 +132,11 @@ TEST(IgpResultStatusReaderHelper, ThreadsShareAHelperWhileTheWriterChangesRecord
       readers.emplace_back([&] {
         while (!stop.load()) {
           for (std::uint32_t id : {7u, 9u, 11u}) {
-            IgpResultLookup l = helper->lookup(kRoute, RoutingProtocol::protocolStatic, id);
-            if (l.returnType == IgpResultReturnType::resultFound) {
-              ++found;
-              if (!testing_support::isWholeRecord(l.igpResult) || l.igpResult.key.value != id) ++torn;
-            } else if (l.returnType != IgpResultReturnType::resultNotFound) {
-              ++torn;
-            }
+            const IgpResultLookup l = helper->lookup(kRoute, kStatic, id);
+            const bool isFound = l.returnType == IgpResultReturnType::resultFound;
+            found += isFound;
+            torn += isFound ? !testing_support::isWholeRecord(l.igpResult) || l.igpResult.key.value != id
+                            : l.returnType != IgpResultReturnType::resultNotFound;
           }
         }
       });
@@ -190,19 +144,14 @@ TEST(IgpResultStatusReaderHelper, ThreadsShareAHelperWhileTheWriterChangesRecord
     // The writer goes on until the readers have found records a while (on a loaded machine they
     // may not be scheduled at all during a fixed number of changes), within a bound.
     for (std::uint64_t v = 10; v < 20000 || (found.load() < 3000 && v < 4000000); ++v) {
-      t.writer->resultIs(testing_support::versionedRecord(7, v));
-      if (v % 2 == 0) {
-        t.writer->resultIs(testing_support::versionedRecord(11, v));
-      } else {
-        t.writer->resultDel(IgpResultId(11));
-      }
+      t.writer->resultIs(versionedRecord(7, v));
+      if (v % 2 == 0) t.writer->resultIs(versionedRecord(11, v));
+      else t.writer->resultDel(IgpResultId(11));
     }
     stop = true;
     for (auto& th : readers) th.join();
-    std::string complaints;
-    if (torn.load() != 0) complaints += std::to_string(torn.load()) + " torn or wrong answers\n";
-    if (found.load() == 0) complaints += "nothing found\n";
-    return complaints;
+    return (torn.load() != 0 ? std::to_string(torn.load()) + " torn or wrong answers\n" : std::string()) +
+           (found.load() == 0 ? "nothing found\n" : "");
   });
 }
 
@@ -212,7 +161,7 @@ TEST(IgpResultStatusReaderHelperDeathTest, StaticLookupWithoutATable) {
   EXPECT_DEATH(
       {
         setenv("BGPCOMMON_TOGGLE_DIR", "/nonexistent/bgpcommon-toggles", 1);  // no file: the toggle is on
-        helper->lookup(kRoute, RoutingProtocol::protocolStatic, 7);
+        helper->lookup(kRoute, kStatic, 7);
       },
       "staticConfigIgpResultStatus\\(\\) != nullptr");
 }

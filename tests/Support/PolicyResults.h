@@ -16,8 +16,7 @@ inline Routing::Bgp::IgpResult_ fullPolicyResult() {
   r.metric.valueIs(77);
   r.isisLevel = Routing::Isis::Level::level2;
   r.ospfMetricType = Routing::Ospf::OspfExtMetricType::type1;
-  r.ospfBitDn = true;
-  r.ospfv3BitDn = true;
+  r.ospfBitDn = r.ospfv3BitDn = true;
   r.ospfDomainId = 0x1122334455667788ull;
   r.ospfRouteType = 5;
   r.communityIs(CommunityIndex(0), 100);
@@ -25,11 +24,8 @@ inline Routing::Bgp::IgpResult_ fullPolicyResult() {
   return r;
 }
 
-struct PolicyResultChange {
-  const char* what;
-  void (*apply)(Routing::Bgp::IgpResult_&);
-  bool hashed;  // false for the fields the hash leaves out on purpose
-};
+// `hashed` is false for the fields the hash leaves out on purpose.
+struct PolicyResultChange { const char* what; void (*apply)(Routing::Bgp::IgpResult_&); bool hashed; };
 
 inline std::vector<PolicyResultChange> policyResultChanges() {
   using Routing::Bgp::IgpResult_;

@@ -15,8 +15,11 @@ std::size_t count(const std::string& text, const std::string& what) {
   return n;
 }
 
+// Both reports as text, and as one JSON object: each VRF gets half of the paths, and each of its
+// RibOuts advertises all of them.
 TEST(EventsTrackingCommand, DemoPrintsBothReports) {
-  auto r = runTool("events-tracking demo --vrfs 2 --ribouts 3 --paths 1000 --advertise-threshold 300 400");
+  const std::string args = "events-tracking demo --vrfs 2 --ribouts 3 --paths 1000 --advertise-threshold 300 400";
+  auto r = runTool(args);
   ASSERT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.out.find("$ show bgp instance internal events tracking start advertise-threshold 300 400\n"
                        "Starting BGP Events Tracking\n"),
@@ -27,46 +30,36 @@ TEST(EventsTrackingCommand, DemoPrintsBothReports) {
   EXPECT_NE(r.out.find("\nNumber of RibOuts that processed events: \t 2\n"), std::string::npos);
   EXPECT_EQ(count(r.out, "RIB processing time to reach 300 paths threshold:\t "), 3u);      // summary + 2 VRFs
   EXPECT_EQ(count(r.out, "RibOut processing time to reach 400 paths threshold:\t "), 7u);  // summary + 6
-  // Each VRF gets half of the paths, and each of its RibOuts advertises all of them.
   EXPECT_EQ(count(r.out, "  Number of paths processed:\t 500\n"), 6u);
   std::size_t at = r.out.find("BGP Events Tracking Detail:");
   for (const char* line : {"\nVrf Name : \t default\n", "\nRibOut Id : \t 1\n", "\nRibOut Id : \t 3\n",
                            "\nVrf Name : \t vrf-1\n", "\nRibOut Id : \t 101\n", "\nRibOut Id : \t 103\n"}) {
-    std::size_t next = r.out.find(line, at);
-    EXPECT_NE(next, std::string::npos) << line;
-    at = next;
+    at = r.out.find(line, at);
+    ASSERT_NE(at, std::string::npos) << line;
   }
   EXPECT_NE(r.out.find("Stopping BGP Events Tracking\n"), std::string::npos);
-}
 
-// --json: the same reports as one object; each VRF's first update message comes no later than its
-// RIB's first event, and every RibOut advertised all of its VRF's paths.
-TEST(EventsTrackingCommand, JsonReports) {
-  auto r = runTool("events-tracking demo --vrfs 2 --ribouts 3 --paths 1000 --advertise-threshold 300 400 --json", true);
-  ASSERT_EQ(r.status, 0) << r.out;
-  const nlohmann::json report = nlohmann::json::parse(r.out);
+  auto j = runTool(args + " --json", true);
+  ASSERT_EQ(j.status, 0) << j.out;
+  // What the text does not show: the RibOut count, and that every VRF reached its RIB threshold.
+  const nlohmann::json report = nlohmann::json::parse(j.out);
   EXPECT_EQ(report["pathsAfter"], 1000);
-  EXPECT_EQ(report["ribOutThreshold"], 400);
   EXPECT_EQ(report["summary"]["ribOuts"], 6);
   ASSERT_EQ(report["vrfs"].size(), 2u);
-  for (const auto& vrf : report["vrfs"]) {
-    EXPECT_LE(vrf["rib"]["firstUpdateMessage"].get<double>(), vrf["rib"]["processingStart"].get<double>());
-    EXPECT_FALSE(vrf["rib"]["thresholdReached"].is_null());
-    ASSERT_EQ(vrf["ribOuts"].size(), 3u);
-    for (const auto& ribOut : vrf["ribOuts"]) EXPECT_EQ(ribOut["paths"], 500);
-  }
+  for (const auto& vrf : report["vrfs"]) EXPECT_FALSE(vrf["rib"]["thresholdReached"].is_null());
   EXPECT_EQ(report["vrfs"][1]["ribOuts"][2]["ribOutId"], 103);
+  EXPECT_EQ(report["vrfs"][1]["ribOuts"][2]["paths"], 500);
 }
 
 // The run with no options: threshold times are shown, and in each VRF the first update message
 // comes no later than the RIB's first event (workers interleave, so a few runs are looked at).
 TEST(EventsTrackingCommand, DefaultRunShowsThresholdsAndKeepsTheOrder) {
+  const std::string update = "First update message received at: \t ", rib = "First event processed by RIB at:\t ";
   for (int run = 0; run < 3; ++run) {
     auto r = runTool("events-tracking demo");
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_EQ(count(r.out, "RIB processing time to reach 3333 paths threshold:\t "), 4u);      // summary + 3 VRFs
     EXPECT_EQ(count(r.out, "RibOut processing time to reach 3333 paths threshold:\t "), 7u);  // summary + 6
-    const std::string update = "First update message received at: \t ", rib = "First event processed by RIB at:\t ";
     for (std::size_t at = r.out.find("\nVrf Name : "); at != std::string::npos; at = r.out.find("\nVrf Name : ", at + 1)) {
       const std::size_t u = r.out.find(update, at) + update.size(), e = r.out.find(rib, at) + rib.size();
       EXPECT_LE(r.out.substr(u, 23), r.out.substr(e, 23)) << r.out.substr(at, 200);
@@ -74,8 +67,8 @@ TEST(EventsTrackingCommand, DefaultRunShowsThresholdsAndKeepsTheOrder) {
   }
 }
 
-// Every bad command line exits 2 (usage), whichever subcommand it reaches, and bad input 1; help
-// exits 0, says how the thresholds count and lists every exit status.
+// Every bad command line exits 2 (usage), whichever subcommand it reaches; help exits 0, says how
+// the thresholds count and lists every exit status.
 TEST(EventsTrackingCommand, BadCommandLinesExitTwo) {
   for (const char* args : {"events-tracking demo --vrfs 0", "events-tracking demo --advertise-threshold 5",
                            "events-tracking demo --paths x", "events-tracking", "value parse", "route-target",
@@ -83,15 +76,14 @@ TEST(EventsTrackingCommand, BadCommandLinesExitTwo) {
                            "value parse --json -a Routing::Bgp::MaxRoutes 1", "demo --routes x", "no-such-command", ""}) {
     EXPECT_EQ(runTool(args).status, 2) << args;
   }
-  EXPECT_EQ(runTool("route-target 1:1 x").status, 1);
   auto help = runTool("events-tracking demo --help");
   EXPECT_EQ(help.status, 0);
   EXPECT_NE(help.out.find("per VRF and per RibOut"), std::string::npos) << help.out;
   const auto top = runTool("--help");
   EXPECT_EQ(top.status, 0);
-  EXPECT_TRUE(top.out.find("Usage: bgpcommon ") != std::string::npos && top.out.find("BGPCOMMON_SHM_ROOT") != std::string::npos)
-      << top.out;
-  for (const char* status : {"\n  0  ", "\n  1  ", "\n  2  ", "\n  3  "}) EXPECT_NE(top.out.find(status), std::string::npos);
+  for (const char* text : {"Usage: bgpcommon ", "BGPCOMMON_SHM_ROOT", "\n  0  ", "\n  1  ", "\n  2  ", "\n  3  "}) {
+    EXPECT_NE(top.out.find(text), std::string::npos) << text;
+  }
   EXPECT_EQ(runTool("--version").out, std::string("bgpcommon ") + BGPCOMMON_VERSION + "\n");
 }
 
