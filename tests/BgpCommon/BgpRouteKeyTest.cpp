@@ -33,10 +33,8 @@ TEST(RouteKeyBase, FormattingNeverLeaksIntoTheCallersStream) {
 TEST(RouteKeyBaseDeathTest, FamilyVirtualsMustBeOverridden) {
   auto k = Kelp::makePtr<BareKey>(1);
   Trackle::RingBuf ring(16);
-  const char* expr = "0 && \"Must override in derived class\"";
-  EXPECT_DEATH(k->afi(), std::string("BgpCommon/BgpRouteKey.*") + expr);
-  EXPECT_DEATH(k->qtPut(&ring), expr);
-  EXPECT_DEATH(k->lessThan(k), expr);
+  EXPECT_DEATH(k->afi(), "BgpCommon/BgpRouteKey.*0 && \"Must override in derived class\"");
+  EXPECT_DEATH(k->qtPut(&ring), "Must override in derived class");
 }
 
 }  // namespace

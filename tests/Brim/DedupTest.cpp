@@ -56,7 +56,13 @@ class DedupTable : public ::testing::Test {
 };
 TYPED_TEST_SUITE(DedupTable, Variants);
 
+// One object per value while anyone holds it. Lookups (by content, by a like handle) never insert,
+// and the references they hand out go with them: the last outside release takes the value out.
 TYPED_TEST(DedupTable, SameValueSameObjectUntilLastRelease) {
+  NumberContent seven(7);
+  typename TestFixture::Key like(7);
+  EXPECT_EQ(this->table->find(seven, seven.hash()), nullptr);
+  EXPECT_EQ(this->table->lookup(like), nullptr);
   auto a = this->intern(7);
   auto b = this->intern(7);
   auto c = this->intern(8);
@@ -64,51 +70,34 @@ TYPED_TEST(DedupTable, SameValueSameObjectUntilLastRelease) {
   EXPECT_NE(a.get(), c.get());
   EXPECT_EQ(a->dedupState(), DedupState::deduped);
   EXPECT_EQ(a->getDedupHashTable(), this->table.get());
+  EXPECT_EQ(this->table->find(seven, seven.hash()).get(), a.get());
+  EXPECT_EQ(this->table->lookup(like).get(), a.get());
   b = nullptr;
   EXPECT_EQ(this->table->size(), 2u);
-  a = nullptr;  // only the table refers to it now: it leaves
+  a = nullptr;
   EXPECT_EQ(this->table->size(), 1u);
-  NumberContent seven(7);
   EXPECT_EQ(this->table->find(seven, seven.hash()), nullptr);
   EXPECT_TRUE(this->intern(7)->isDeduped());
 }
 
-// find and lookup never insert, and the references they hand out go with them.
-TYPED_TEST(DedupTable, LookupsNeverInsert) {
-  using Key = typename TestFixture::Key;
-  NumberContent c(42);
-  Key like(42);
-  EXPECT_EQ(this->table->find(c, c.hash()), nullptr);
-  EXPECT_EQ(this->table->lookup(like), nullptr);
-  EXPECT_EQ(this->table->size(), 0u);
-  auto k = this->intern(42);
-  EXPECT_EQ(this->table->find(c, c.hash()).get(), k.get());
-  EXPECT_EQ(this->table->lookup(like).get(), k.get());
-  k = nullptr;
-  EXPECT_EQ(this->table->size(), 0u);
-}
-
-TYPED_TEST(DedupTable, ReadyHandleIsAdoptedOrAnsweredByTheOlderOne) {
+// A ready handle is adopted, or answered by the older equal one; remove() takes a handle out but
+// leaves it alive, and interning its value again makes a new one.
+TYPED_TEST(DedupTable, ReadyHandlesAndRemoval) {
   using Key = typename TestFixture::Key;
   auto fresh = Kelp::makePtr<Key>(5);
   EXPECT_FALSE(fresh->everDeduped());
   EXPECT_EQ(this->table->dedup(fresh.get()).get(), fresh.get());
-  EXPECT_TRUE(fresh->isDeduped());
   EXPECT_EQ(this->table->dedup(fresh.get()).get(), fresh.get());  // again: itself
   auto twin = Kelp::makePtr<Key>(5);
   EXPECT_EQ(this->table->dedup(twin.get()).get(), fresh.get());
   EXPECT_EQ(twin->dedupState(), DedupState::neverDeduped);
-}
-
-TYPED_TEST(DedupTable, RemoveTakesAHandleOutButLeavesItAlive) {
-  auto k = this->intern(9);
-  EXPECT_TRUE(this->table->remove(k.get()));
-  EXPECT_FALSE(this->table->remove(k.get()));
-  EXPECT_EQ(k->dedupState(), DedupState::removedByTable);
-  EXPECT_TRUE(k->everDeduped());
-  EXPECT_EQ(k->getDedupHashTable(), nullptr);
+  EXPECT_TRUE(this->table->remove(fresh.get()));
+  EXPECT_FALSE(this->table->remove(fresh.get()));
+  EXPECT_EQ(fresh->dedupState(), DedupState::removedByTable);
+  EXPECT_TRUE(fresh->everDeduped());
+  EXPECT_EQ(fresh->getDedupHashTable(), nullptr);
   EXPECT_EQ(this->table->size(), 0u);
-  EXPECT_NE(this->intern(9).get(), k.get());
+  EXPECT_NE(this->intern(5).get(), fresh.get());
 }
 
 TYPED_TEST(DedupTable, NotifieeHearsInsertLastReleaseAndRemove) {
