@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "BgpCommon/BgpDedupTablesHelper.h"
-
 namespace Routing::Bgp {
 namespace {
 
@@ -22,42 +20,21 @@ struct BareKey final : RouteKeyBase {
   void formatWithoutVrf(std::ostream& os) const override { formatDerivedType(os); }
 };
 
-TEST(RouteKeyBase, NullKeysPrintNull) {
-  EXPECT_EQ(toStrep(nullptr), "NULL");
-  std::ostringstream os;
-  os << static_cast<const RouteKeyBase*>(nullptr);
-  EXPECT_EQ(os.str(), "NULL");
-}
-
 TEST(RouteKeyBase, FormattingNeverLeaksIntoTheCallersStream) {
   auto k = Kelp::makePtr<BareKey>(255);
   std::ostringstream os;
-  os.width(0);
-  os << static_cast<const RouteKeyBase*>(k.get()) << " " << 255 << " " << std::setw(4) << 7;
-  EXPECT_EQ(os.str(), "****ff 255    7");
+  os << static_cast<const RouteKeyBase*>(k.get()) << " " << 255 << " " << std::setw(4) << 7 << " "
+     << static_cast<const RouteKeyBase*>(nullptr);
+  EXPECT_EQ(os.str(), "****ff 255    7 NULL");
   EXPECT_EQ(k->toStrep(), "****ff");
-  EXPECT_EQ(toStrep(k.get()), "****ff");
+  EXPECT_EQ(toStrep(nullptr), "NULL");
 }
 
 TEST(RouteKeyBaseDeathTest, FamilyVirtualsMustBeOverridden) {
   auto k = Kelp::makePtr<BareKey>(1);
   Trackle::RingBuf ring(16);
-  const char* expr = "0 && \"Must override in derived class\"";
-  EXPECT_DEATH(k->afi(), std::string("BgpCommon/BgpRouteKey.*") + expr);
-  EXPECT_DEATH(k->qtPut(&ring), expr);
-  EXPECT_DEATH(k->lessThan(k), expr);
-}
-
-TEST(DedupTablesHelper, CreatesNotifyingTablesWithTheLockAsked) {
-  for (bool mt : {false, true}) {
-    auto plain = dedupTablesHelperFactory()->createDedupHashTable(mt);
-    auto stash = DedupTablesHelperIs()->createStashDedupHashTable(mt);
-    EXPECT_EQ(plain->multiThreaded(), mt);
-    EXPECT_EQ(stash->multiThreaded(), mt);
-    EXPECT_TRUE(plain->hasNotificationActive());
-    EXPECT_TRUE(stash->hasNotificationActive());
-  }
-  EXPECT_EQ(DedupTablesHelperIs().get(), DedupTablesHelperIs().get());
+  EXPECT_DEATH(k->afi(), "BgpCommon/BgpRouteKey.*0 && \"Must override in derived class\"");
+  EXPECT_DEATH(k->qtPut(&ring), "Must override in derived class");
 }
 
 }  // namespace

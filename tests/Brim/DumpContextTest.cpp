@@ -11,11 +11,16 @@ TEST(DumpContext, WritesIntoAStringOrAFile) {
   std::string text = "> ";
   Brim::DumpContext ctx(text);
   ctx.printf("%s %u\t%.3f\n", "paths", 42u, 1.5);
-  const std::string wide(300, 'x');  // longer than the first formatting attempt
-  ctx.printf("[%s]", wide.c_str());
+  std::string expected = "> paths 42\t1.500\n";
+  // Lines around the first formatting attempt's room (128 characters), and far beyond it.
+  for (std::size_t n : {127u, 128u, 129u, 130u, 300u}) {
+    const std::string row = std::string(n - 1, 'x') + "y";
+    ctx.printf("%s", row.c_str());
+    expected += row;
+  }
   ctx.write("%d stays as is");
   ctx.printf("%s", "");
-  EXPECT_EQ(text, "> paths 42\t1.500\n[" + wide + "]%d stays as is");
+  EXPECT_EQ(text, expected + "%d stays as is");
   EXPECT_EQ(ctx.bytesWritten(), text.size() - 2);
 
   std::FILE* f = std::tmpfile();

@@ -1,13 +1,13 @@
 #pragma once
 // Runs the bgpcommon tool as the shell would and captures what it prints.
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -25,18 +25,18 @@ inline ToolResult runTool(const std::string& args, bool splitErr = false) {
   ToolResult r;
   const std::string errFile = ::testing::TempDir() + "bgpcommon-stderr-" + std::to_string(getpid()) + ".txt";
   const std::string launcher = BGPCOMMON_TOOL_LAUNCHER;  // the emulator of a cross build, else empty
-  std::string cmd = (launcher.empty() ? "" : launcher + " ") + BGPCOMMON_BIN_DIR + "/bgpcommon " + args + (splitErr ? " 2>" + errFile : " 2>&1");
+  const std::string cmd = (launcher.empty() ? "" : launcher + " ") + BGPCOMMON_BIN_DIR + "/bgpcommon " + args +
+                          (splitErr ? " 2>" + errFile : " 2>&1");
   FILE* p = popen(cmd.c_str(), "r");
   if (p == nullptr) return r;
   char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  int st = pclose(p);
+  for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+  const int st = pclose(p);
   r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
   if (splitErr) {
-    std::ostringstream ss;
-    ss << std::ifstream(errFile).rdbuf();
-    r.err = ss.str();
+    std::ostringstream text;
+    text << std::ifstream(errFile).rdbuf();
+    r.err = text.str();
     std::remove(errFile.c_str());
   }
   return r;
