@@ -17,11 +17,8 @@ TEST(TextForm, UnsignedWidthsAndLimits) {
     const char* error;  // nullptr: accepted
   };
   const Row rows[] = {
-      {"0", 255, nullptr},
-      {"255", 255, nullptr},
+      {"0", 255, nullptr}, {"255", 255, nullptr}, {"65535", 65535, nullptr}, {"18446744073709551615", ~0ull, nullptr},
       {"256", 255, "number above 255 at offset 0, found \"256\""},
-      {"65535", 65535, nullptr},
-      {"18446744073709551615", ~0ull, nullptr},
       {"18446744073709551616", ~0ull, "number above 18446744073709551615 at offset 0, found \"18446744073709551616\""},
       {"", 255, "expected an unsigned number at offset 0, found \"\""},
       {"-1", 255, "expected an unsigned number at offset 0, found \"-1\""},
@@ -33,8 +30,7 @@ TEST(TextForm, UnsignedWidthsAndLimits) {
     CharRange r(row.text);
     std::uint64_t v = 0;
     EXPECT_EQ(rangeMessage([&] { v = parseUnsigned(r, row.max); }), row.error ? row.error : "(accepted)");
-    if (row.error == nullptr) EXPECT_EQ(v, std::stoull(row.text));
-    if (row.error == nullptr) EXPECT_TRUE(r.empty());
+    if (row.error == nullptr) EXPECT_TRUE(v == std::stoull(row.text) && r.empty()) << row.text;
   }
   EXPECT_EQ(strepToValue<std::uint8_t>("200"), 200);
   EXPECT_THROW(strepToValue<std::uint16_t>("65536"), RangeException);
@@ -101,7 +97,6 @@ TEST(EnumType, NamesNumbersAndLookups) {
     EXPECT_EQ(rangeMessage([&] { parsed = strepToValue<Colour>(text); }), message) << text;
     if (std::string_view(message) == "(accepted)") EXPECT_EQ(parsed, Colour::blue) << text;
   }
-  ASSERT_NE(ColourInstance(7u), nullptr);
   EXPECT_EQ(ColourInstance(7u)->name, "blue");
   EXPECT_EQ(ColourInstance(String("green"))->value, 1u);
   EXPECT_EQ(ColourInstance(3u), nullptr);

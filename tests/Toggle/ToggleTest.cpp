@@ -35,20 +35,15 @@ TEST_F(ToggleFiles, StatesAndDefaults) {
   write("Ira.json", R"({"StaticRouteCommunities": false, "On": true, "Nested": {"enabled": false},
                         "Number": 0, "NestedBad": {"enabled": "yes"}})");
   struct Row {
-    const char* toggle;
-    const char* file;
-    bool dflt;
-    bool expected;
+    const char *toggle, *file;
+    bool dflt, expected;
   };
   const Row rows[] = {
-      {"StaticRouteCommunities", "Ira.json", true, false},
-      {"On", "Ira.json", false, true},
+      {"StaticRouteCommunities", "Ira.json", true, false}, {"On", "Ira.json", false, true},
       {"Nested", "Ira.json", true, false},
-      {"Number", "Ira.json", true, true},      // not a boolean: default
-      {"NestedBad", "Ira.json", false, false},
-      {"Absent", "Ira.json", true, true},
-      {"Absent", "Ira.json", false, false},
-      {"On", "Missing.json", false, false},    // absent file
+      {"Number", "Ira.json", true, true},  // not a boolean: default
+      {"NestedBad", "Ira.json", false, false},             {"Absent", "Ira.json", true, true},
+      {"Absent", "Ira.json", false, false},                {"On", "Missing.json", false, false},  // absent file
       {"On", "../Outside.json", false, false},  // outside the directory
       {"On", "/etc/passwd", false, false},
   };
