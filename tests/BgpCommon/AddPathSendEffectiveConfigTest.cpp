@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <tuple>
+
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::Bgp {
@@ -28,12 +31,7 @@ TEST(AddPathSendEffectiveConfig, ConformanceAndOrder) {
 }
 
 TEST(AddPathSendEffectiveConfig, FromAppPathSendConfig) {
-  struct Row {
-    Kind kind;
-    std::uint32_t limit;
-    Effective expected;
-  };
-  const Row rows[] = {
+  const std::tuple<Kind, std::uint32_t, Effective> rows[] = {
       {Kind::sendAny, 7, {false, 65535, 0}},  // the limit belongs to other kinds
       {Kind::sendDisabled, 9, {false, 0, 0}},       {Kind::sendLimited, 10, {false, 10, 0}},
       {Kind::sendLimited, 70000, {false, 4464, 0}},  // low 16 bits
@@ -42,9 +40,8 @@ TEST(AddPathSendEffectiveConfig, FromAppPathSendConfig) {
       {Kind::sendEcmp, 8, {false, 0, 8}},
       {Kind::sendEcmp, 65536, {false, 0, 0}},  // low 16 bits are zero, yet not the limit-0 fallback
   };
-  for (const Row& row : rows) {
-    EXPECT_EQ(Effective::fromAppPathSendConfig(AddPathSendConfig(row.kind, row.limit, "PL")), row.expected)
-        << stringValue(row.kind) << " " << row.limit;
+  for (const auto& [kind, limit, expected] : rows) {
+    EXPECT_EQ(Effective::fromAppPathSendConfig(AddPathSendConfig(kind, limit, "PL")), expected) << kind << " " << limit;
   }
 }
 
@@ -57,10 +54,7 @@ TEST(AddPathSendEffectiveConfigDeathTest, UnknownKindStopsTheProcess) {
 }
 
 TEST(AddPathSendEffectiveConfig, Aggregate) {
-  struct Row {
-    Effective self, other, expected;
-  };
-  const Row rows[] = {
+  const std::tuple<Effective, Effective, Effective> rows[] = {  // self, other, merged
       // backup wins and the other's limits are ignored
       {{false, 3, 0}, {true, 5, 0}, {true, 3, 0}}, {{false, 0, 0}, {true, 9, 9}, {true, 0, 0}},
       // an any-limit is raised, never lowered; the other's ECMP limit is then ignored
@@ -70,27 +64,23 @@ TEST(AddPathSendEffectiveConfig, Aggregate) {
       {{false, 3, 2}, {false, 0, 7}, {false, 3, 7}}, {{false, 3, 8}, {false, 0, 7}, {false, 3, 8}},
       {{true, 4, 4}, {false, 0, 0}, {true, 4, 4}},
   };
-  for (const Row& row : rows) {
-    Effective merged = row.self;
-    merged.aggregate(row.other);
-    EXPECT_EQ(merged, row.expected) << row.self << " + " << row.other;
+  for (auto [self, other, expected] : rows) {
+    self.aggregate(other);
+    EXPECT_EQ(self, expected) << other;
   }
 }
 
 TEST(AddPathSendEffectiveConfig, PredicatesAndShortForm) {
-  struct Row {
-    Effective v;
-    bool any, noLimit, ecmp, enabled;
+  // value, then apSendAnyEnabled, apSendAnyNoLimitEnabled, apSendEcmpEnabled, enabled (and the truth test)
+  const std::pair<Effective, std::array<bool, 4>> rows[] = {
+      {{false, 0, 0}, {false, false, false, false}},  {{true, 0, 0}, {false, false, false, true}},
+      {{false, 1, 0}, {true, false, false, true}},    {{false, 65534, 0}, {true, false, false, true}},
+      {{false, 65535, 0}, {true, true, false, true}}, {{false, 0, 1}, {false, false, true, true}},
   };
-  const Row rows[] = {
-      {{false, 0, 0}, false, false, false, false},  {{true, 0, 0}, false, false, false, true},
-      {{false, 1, 0}, true, false, false, true},    {{false, 65534, 0}, true, false, false, true},
-      {{false, 65535, 0}, true, true, false, true}, {{false, 0, 1}, false, false, true, true},
-  };
-  for (const Row& row : rows) {
-    const std::array<bool, 5> got = {row.v.apSendAnyEnabled(), row.v.apSendAnyNoLimitEnabled(),
-                                     row.v.apSendEcmpEnabled(), row.v.enabled(), static_cast<bool>(row.v)};
-    EXPECT_EQ(got, (std::array<bool, 5>{row.any, row.noLimit, row.ecmp, row.enabled, row.enabled})) << row.v;
+  for (const auto& [v, expected] : rows) {
+    EXPECT_EQ((std::array<bool, 4>{v.apSendAnyEnabled(), v.apSendAnyNoLimitEnabled(), v.apSendEcmpEnabled(), v.enabled()}),
+              expected) << v;
+    EXPECT_EQ(static_cast<bool>(v), expected[3]) << v;
   }
   EXPECT_EQ(Effective::fromAppPathSendConfig(AddPathSendConfig(Kind::sendAny, 0)).toStrep(),
             "apBackupEnabled=false; apSendAnyEnabled=true; apSendEcmpEnabled=false; apSendAnyLimit=65535; "

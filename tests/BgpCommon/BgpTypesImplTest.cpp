@@ -52,14 +52,8 @@ TEST(RouteLimits, ParseErrorsNameTheFieldAtFault) {
     EXPECT_EQ(rangeMessage([&] { Kelp::strepToValue<MaxRoutes>(text); }), message) << text;
   }
   // An enumeration field's errors stand at the field's offset in the whole text.
-  const std::pair<const char*, const char*> applyRows[] = {
-      {"applyNever", "apply: expected a Routing::OutDelayApplyType enumerator at offset 57, found \"applyNever})\""},
-      {"5", "apply: no Routing::OutDelayApplyType enumerator numbered 5 at offset 57, found \"5})\""},
-  };
-  for (const auto& [apply, message] : applyRows) {
-    const std::string text = std::string("Value('Routing::Bgp::OutDelay', ** {'delay': 5, 'apply': ") + apply + "})";
-    EXPECT_EQ(rangeMessage([&] { Kelp::strepToValue<OutDelay>(text); }), message) << text;
-  }
+  EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<OutDelay>("Value('Routing::Bgp::OutDelay', ** {'delay': 5, 'apply': 5})"); }),
+            "apply: no Routing::OutDelayApplyType enumerator numbered 5 at offset 57, found \"5})\"");
 }
 
 // Reflection (MaxRoutes: 2 routes, 3 warningThreshold, 4 warningOnly, 5 toStrep): fields refuse

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <random>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -19,13 +20,8 @@ RouteTarget parse(const Kelp::String& text) {
 }
 
 TEST(RouteTarget, TextForms) {
-  struct Row {
-    const char* text;
-    std::uint64_t value;
-    const char* plain;  // toStrep(false)
-    const char* dot;    // toStrep(true)
-  };
-  const Row rows[] = {
+  // text, value, toStrep(false), toStrep(true)
+  const std::tuple<const char*, std::uint64_t, const char*, const char*> rows[] = {
       // two-octet AS: 32-bit local administrator
       {"100:5", 0x0002006400000005, "100:5", "100:5"},
       {"65535:4294967295", 0x0002FFFFFFFFFFFF, "65535:4294967295", "65535:4294967295"},
@@ -50,22 +46,17 @@ TEST(RouteTarget, TextForms) {
       {"0x000000000000001z", 0x1, "0x0000000000000001", "0x0000000000000001"},  // stops at 'z'
       {"0xg000000000000000", 0, "0x0000000000000000", "0x0000000000000000"},    // reads the "0"
   };
-  for (const Row& row : rows) {
-    RouteTarget rt = parse(row.text);
-    EXPECT_EQ(rt.value, row.value) << row.text;
-    EXPECT_EQ(rt.toStrep(false), row.plain) << row.text;
-    EXPECT_EQ(rt.toStrep(true), row.dot) << row.text;
+  for (const auto& [text, value, plain, dot] : rows) {
+    RouteTarget rt = parse(text);
+    EXPECT_EQ(std::tuple(rt.value, rt.toStrep(false), rt.toStrep(true)), std::tuple(value, plain, dot)) << text;
   }
 }
 
 TEST(RouteTarget, BadTextLeavesValueUnchanged) {
   const std::pair<const char*, const char*> rows[] = {
-      {"5L", "RouteTarget: colon not following L"},
-      {"", "RouteTarget: incorrect hex size"},
-      {"0x12", "RouteTarget: incorrect hex size"},
-      {"0x00030200000000011", "RouteTarget: incorrect hex size"},
-      {"1.2.3.4.5.6.7.8.90", "RouteTarget: missing colon"},
-      {":5", "RouteTarget: no data before colon"},
+      {"5L", "RouteTarget: colon not following L"},     {"", "RouteTarget: incorrect hex size"},
+      {"0x12", "RouteTarget: incorrect hex size"},        {"0x00030200000000011", "RouteTarget: incorrect hex size"},
+      {"1.2.3.4.5.6.7.8.90", "RouteTarget: missing colon"}, {":5", "RouteTarget: no data before colon"},
       {"5:", "RouteTarget: no data after colon"},
       {"1.2.3:4", "RouteTarget: unexpected number of dots"},
       {"70000:65536", "RouteTarget: local admin exceeds 2 bytes"},

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "platform/Kelp/EnumType.h"
 #include "tests/Support/ValueConformance.h"
 
@@ -11,12 +13,7 @@ namespace {
 using testing_support::rangeMessage;
 
 TEST(TextForm, UnsignedWidthsAndLimits) {
-  struct Row {
-    const char* text;
-    std::uint64_t max;
-    const char* error;  // nullptr: accepted
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, std::uint64_t, const char*> rows[] = {  // text, limit, error (nullptr: accepted)
       {"0", 255, nullptr}, {"255", 255, nullptr}, {"65535", 65535, nullptr}, {"18446744073709551615", ~0ull, nullptr},
       {"256", 255, "number above 255 at offset 0, found \"256\""},
       {"18446744073709551616", ~0ull, "number above 18446744073709551615 at offset 0, found \"18446744073709551616\""},
@@ -26,11 +23,11 @@ TEST(TextForm, UnsignedWidthsAndLimits) {
       {"01", 255, "leading zero in a number at offset 0, found \"01\""},
       {"00", 255, "leading zero in a number at offset 0, found \"00\""},
   };
-  for (const Row& row : rows) {
-    CharRange r(row.text);
+  for (const auto& [text, max, error] : rows) {
+    CharRange r(text);
     std::uint64_t v = 0;
-    EXPECT_EQ(rangeMessage([&] { v = parseUnsigned(r, row.max); }), row.error ? row.error : "(accepted)");
-    if (row.error == nullptr) EXPECT_TRUE(v == std::stoull(row.text) && r.empty()) << row.text;
+    EXPECT_EQ(rangeMessage([&] { v = parseUnsigned(r, max); }), error ? error : "(accepted)");
+    if (error == nullptr) EXPECT_TRUE(v == std::stoull(text) && r.empty()) << text;
   }
   EXPECT_EQ(strepToValue<std::uint8_t>("200"), 200);
   EXPECT_THROW(strepToValue<std::uint16_t>("65536"), RangeException);

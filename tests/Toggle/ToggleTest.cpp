@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -34,11 +35,7 @@ class ToggleFiles : public ::testing::Test {
 TEST_F(ToggleFiles, StatesAndDefaults) {
   write("Ira.json", R"({"StaticRouteCommunities": false, "On": true, "Nested": {"enabled": false},
                         "Number": 0, "NestedBad": {"enabled": "yes"}})");
-  struct Row {
-    const char *toggle, *file;
-    bool dflt, expected;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, const char*, bool, bool> rows[] = {  // toggle, file, default, state
       {"StaticRouteCommunities", "Ira.json", true, false}, {"On", "Ira.json", false, true},
       {"Nested", "Ira.json", true, false},
       {"Number", "Ira.json", true, true},  // not a boolean: default
@@ -47,9 +44,7 @@ TEST_F(ToggleFiles, StatesAndDefaults) {
       {"On", "../Outside.json", false, false},  // outside the directory
       {"On", "/etc/passwd", false, false},
   };
-  for (const Row& row : rows) {
-    EXPECT_EQ(getToggleState(row.toggle, row.file, row.dflt), row.expected) << row.toggle << " " << row.file;
-  }
+  for (const auto& [toggle, file, dflt, state] : rows) EXPECT_EQ(getToggleState(toggle, file, dflt), state) << file;
 }
 
 TEST_F(ToggleFiles, MalformedFilesGiveTheDefault) {

@@ -13,9 +13,7 @@ def _value_types():
         try:
             value = bgpcommon.default(name)
             text = str(bgpcommon.parse(str(value), type=name))
-        except TypeError:  # no default, or not built from text
-            continue
-        except bgpcommon.RangeError:  # an enumeration whose zero names no enumerator
+        except (TypeError, bgpcommon.RangeError):  # no default or no text; an enumeration's unnamed zero
             continue
         if text.startswith("Value('"):
             out.append(name)
@@ -63,8 +61,7 @@ def test_default_round_trips(name):
 def test_sample_round_trips(text):
     v = bgpcommon.parse(text)
     assert str(v) == text
-    again = eval(text, bgpcommon.namespace())
-    assert again == v and str(again) == text
+    assert eval(text, bgpcommon.namespace()) == v
     assert v != bgpcommon.default(v.type_name)
 
 
@@ -143,8 +140,7 @@ def test_route_target_bad_text(text, message):
 
 
 def test_route_target_from_bytes_needs_eight():
-    with pytest.raises(ValueError):
-        bgpcommon.RouteTarget.from_bytes(b"\x00" * 7)
+    pytest.raises(ValueError, bgpcommon.RouteTarget.from_bytes, b"\x00" * 7)
 
 
 def test_serialize_writes_network_order():
@@ -171,9 +167,6 @@ def test_serialize_limits():
     with pytest.raises(OverflowError):
         s.add_data(b"\x03")
     assert len(s) == 65535 and s.bytes()[-2:] == b"\x01\x02"
-    with pytest.raises(ValueError):
-        s.add_as(70000, four_octet=False)
-    with pytest.raises(bgpcommon.RangeError):
-        s.add_ipv4("192.0.2")
-    with pytest.raises(TypeError):
-        s.add_u8(256)
+    pytest.raises(ValueError, s.add_as, 70000, four_octet=False)
+    pytest.raises(bgpcommon.RangeError, s.add_ipv4, "192.0.2")
+    pytest.raises(TypeError, s.add_u8, 256)
