@@ -7,7 +7,6 @@
 namespace Routing::Bgp {
 namespace {
 
-using testing_support::attrOp;
 using testing_support::rangeMessage;
 
 // Conformance of these types runs with the tristates that wrap them (TristateTypesTest).
@@ -54,25 +53,6 @@ TEST(RouteLimits, ParseErrorsNameTheFieldAtFault) {
   // An enumeration field's errors stand at the field's offset in the whole text.
   EXPECT_EQ(rangeMessage([] { Kelp::strepToValue<OutDelay>("Value('Routing::Bgp::OutDelay', ** {'delay': 5, 'apply': 5})"); }),
             "apply: no Routing::OutDelayApplyType enumerator numbered 5 at offset 57, found \"5})\"");
-}
-
-// Reflection (MaxRoutes: 2 routes, 3 warningThreshold, 4 warningOnly, 5 toStrep): fields refuse
-// set, toStrep is callable; whole-object truth is any field non-zero or true.
-TEST(RouteLimits, Reflection) {
-  MaxRoutes m(1000, 800, true);
-  std::any result;
-  EXPECT_EQ(attrOp(result, m, 3, Kelp::attrOpSet, std::any(std::uint32_t{5})), 1);
-  EXPECT_EQ(m, MaxRoutes(1000, 800, true));
-  EXPECT_EQ(attrOp(result, m, 5, Kelp::attrOpCall), 0);
-  EXPECT_EQ(std::any_cast<Kelp::String>(result), m.toStrep());
-  auto truth = [&](auto v) {
-    EXPECT_EQ(attrOp(result, v, 0, Kelp::attrOpTruth), 0);
-    return std::any_cast<bool>(result);
-  };
-  EXPECT_EQ((std::vector<bool>{truth(MaxRoutes(0, 0, false)), truth(MaxRoutes(0, 0, true)),
-                               truth(MaxRoutes(0, 1, false)), truth(MaxAdvRoutes(1, 0)), truth(OutDelay()),
-                               truth(OutDelay(0, OutDelayApplyType::applyNew))}),
-            (std::vector<bool>{false, true, true, true, false, true}));
 }
 
 }  // namespace

@@ -68,23 +68,15 @@ TEST(RouteTarget, BadTextLeavesValueUnchanged) {
       {"99999999999999999999:1",  // too long for the quick conversion: left to the decimal reader
        "RouteTarget: expected a decimal number of at most 64 bits, found \"99999999999999999999\""},
       {"10.0.0.256:1", "invalid IPv4 address \"10.0.0.256\""},
-      // the C library's hex conversion throws its own types
-      {"zz0000000000000000", "invalid_argument stoull"},
-      {"100000000000000000", "out_of_range stoull"},
   };
   for (const auto& [text, message] : rows) {
     RouteTarget rt(0x0002006400000005);
-    std::string error;
-    try {
-      error = testing_support::rangeMessage([&] { rt.stringValueIs(text); });
-    } catch (const std::invalid_argument& e) {
-      error = std::string("invalid_argument ") + e.what();
-    } catch (const std::out_of_range& e) {
-      error = std::string("out_of_range ") + e.what();
-    }
-    EXPECT_EQ(error, message) << text;
+    EXPECT_EQ(testing_support::rangeMessage([&] { rt.stringValueIs(text); }), message) << text;
     EXPECT_EQ(rt.value, 0x0002006400000005u) << text;
   }
+  // The C library's hex conversion throws its own types.
+  EXPECT_THROW(parse("zz0000000000000000"), std::invalid_argument);
+  EXPECT_THROW(parse("100000000000000000"), std::out_of_range);
 }
 
 // Each row: the word, type, subtype, whether it is a valid route target, global and local
@@ -115,11 +107,6 @@ TEST(RouteTarget, ConstructorsAndAccessors) {
   // A constructor's word that is not a route target prints in hex.
   EXPECT_EQ(RouteTarget::fromTwoOctetAs(100, 5).toStrep(false), "0x0000006400000005");
   EXPECT_EQ(RouteTarget::fromFourOctetAs(70000, 5).toStrep(false), "1:292552709");
-  // The enumerations' numbers (256 lies outside an octet on purpose); the route-target command prints the names.
-  EXPECT_EQ(RouteTarget::ExtCommTypeInstance(256u)->name, "invalidType");
-  EXPECT_EQ(RouteTarget::ExtCommTypeInstance(Kelp::String("fourOctetAs"))->value, 2u);
-  EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(256u)->name, "invalidSubtype");
-  EXPECT_EQ(RouteTarget::ExtCommSubtypeInstance(3u), nullptr);
 }
 
 TEST(RouteTargetDeathTest, TwoOctetAsMustFit) {
@@ -132,13 +119,9 @@ TEST(RouteTarget, GeneratedRoundTrips) {
   std::mt19937_64 rng(4360);
   for (int i = 0; i < 200000; ++i) {
     std::uint64_t r = rng();
-    std::uint64_t v = r;  // case 3: anything
-    if (i % 4 == 0) v = 0x0002ull << 48 | (r & 0xFFFFFFFFFFFF);  // two-octet AS
-    if (i % 4 == 1) v = 0x0102ull << 48 | (r & 0xFFFFFFFFFFFF);  // IPv4
-    if (i % 4 == 2) {                                            // four-octet AS, small ones too
-      v = 0x0202ull << 48 | (r & 0xFFFFFFFFFFFF);
-      if (r >> 63) v &= 0xFFFF00000000FFFFull | (r & 0x00000FFF0000);
-    }
+    const std::uint64_t typeOctets[] = {0x0002, 0x0102, 0x0202};  // two-octet AS, IPv4, four-octet AS
+    std::uint64_t v = i % 4 == 3 ? r : typeOctets[i % 4] << 48 | (r & 0xFFFFFFFFFFFF);  // the last: anything
+    if (i % 4 == 2 && r >> 63) v &= 0xFFFF00000000FFFFull | (r & 0x00000FFF0000);        // small four-octet ASes
     RouteTarget rt(v);
     for (bool asDot : {false, true}) {
       RouteTarget back(0x1234);

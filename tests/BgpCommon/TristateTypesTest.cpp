@@ -34,10 +34,7 @@ TYPED_TEST(Tristates, Behaviour) {
   values.push_back(V{});
   if constexpr (!std::is_enum_v<V>) testing_support::expectValueConformance<V>(values);
   std::vector<T> members = {T{}, T::valueSet(T::valueDefault), T(T::valueDefault, false), T::valueSet(V{})};
-  for (const V& s : samples) {
-    members.push_back(T::valueSet(s));
-    members.push_back(T(s, false));
-  }
+  for (const V& s : samples) members.insert(members.end(), {T::valueSet(s), T(s, false)});
   testing_support::expectValueConformance<T>(members);
   testing_support::expectDamagedTextsRefused(T::valueSet(v));
 
@@ -50,7 +47,6 @@ TYPED_TEST(Tristates, Behaviour) {
   // Parse errors name "value" or "isSet", or the piece of the template that is missing.
   const std::pair<Kelp::String, Kelp::String> bad[] = {
       {head + "Bogus" + good.substr(isSetAt), "value: "},
-      {head + good.substr(head.size() + 1), "value: "},  // first character of the value dropped
       {head + good.substr(isSetAt), "value: "},          // no value at all
       {good.substr(0, isSetAt) + ", 'isSet': true})", "isSet: expected True or False at offset " +
                                                           std::to_string(isSetAt + 11)},
@@ -95,12 +91,10 @@ TYPED_TEST(Tristates, Behaviour) {
   EXPECT_EQ(op(0, Kelp::attrOpLess, {}, &invalid), 1);
 }
 
+// The defaults that are not the zero value; an unset tristate holds zero (its truth test is false).
 TEST(TristateTypes, ValueDefaults) {
   EXPECT_EQ(TristateMaxRoutes::valueDefault, MaxRoutes(256000, 204800, false));
   EXPECT_EQ(TristateBgpTtlSecMaxHop::valueDefault, TtlSecurityMaxHopValue(254));
-  // The default is a constant of the type, not what an unset tristate holds.
-  EXPECT_NE(TristateMaxRoutes().value, TristateMaxRoutes::valueDefault);
-  EXPECT_NE(TristateBgpTtlSecMaxHop().value, TristateBgpTtlSecMaxHop::valueDefault);
 }
 
 TEST(TristateTypes, ExactTexts) {

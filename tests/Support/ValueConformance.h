@@ -1,12 +1,10 @@
 #pragma once
-// One conformance check for every value type: given sample values, it verifies what every value
-// type promises, so each type's test states only what is particular to it.
-//   - print then parse returns an equal value, through strepToValue and through the registry;
-//   - operator<< writes exactly the long text form;
+// One conformance check for every value type, so each type's test states only what is particular to it:
+//   - print then parse (strepToValue, the registry) gives an equal value; operator<< prints the long form;
 //   - a trailing character makes strepToValue throw, while the range constructor stops before it;
-//   - values that print differently compare unequal, and equal values hash alike (when hashable);
-//   - values that differ hash differently (with seed 7), so sample sets holding pairs that differ in
-//     one field only (10.0.0.0/8 and 10.0.0.0/16) catch a hash that leaves a field out.
+//   - values compare equal exactly when they print alike; hashable ones then hash alike, and values that
+//     differ hash differently (seed 7): samples differing in one field only (10.0.0.0/8 and 10.0.0.0/16)
+//     catch a hash that leaves a field out.
 
 #include <any>
 #include <sstream>

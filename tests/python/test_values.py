@@ -33,11 +33,6 @@ SAMPLES = [
 ]
 
 
-def test_enough_types_take_part():
-    # The tristates alone are sixteen; a registry that lost its entries would pass vacuously.
-    assert len(VALUE_TYPES) >= 30
-
-
 @pytest.mark.parametrize("name", VALUE_TYPES)
 def test_default_round_trips(name):
     v = bgpcommon.default(name)
@@ -66,6 +61,7 @@ def test_sample_round_trips(text):
 
 
 def test_fields_and_equality():
+    assert len(VALUE_TYPES) >= 30  # the tristates alone are sixteen: an empty registry would pass vacuously
     v = bgpcommon.parse(SAMPLES[1])
     assert v.isSet is True
     assert v.value.delay == 30 and v.value.apply == "applyNew"
