@@ -46,11 +46,10 @@ TEST(AddPathSendEffectiveConfig, FromAppPathSendConfig) {
 }
 
 TEST(AddPathSendEffectiveConfigDeathTest, UnknownKindStopsTheProcess) {
-  const char* report =
-      "BgpCommon/AddPathSendEffectiveConfig:[0-9]+: static Routing::Bgp::AddPathSendEffectiveConfig "
-      "Routing::Bgp::AddPathSendEffectiveConfig::fromAppPathSendConfig\\(const Routing::Bgp::AddPathSendConfig&\\): "
-      "Assertion `false' failed";
-  EXPECT_DEATH(Effective::fromAppPathSendConfig(AddPathSendConfig(Kind{5}, 1)), report);
+  EXPECT_DEATH(Effective::fromAppPathSendConfig(AddPathSendConfig(Kind{5}, 1)),
+               "BgpCommon/AddPathSendEffectiveConfig:[0-9]+: static Routing::Bgp::AddPathSendEffectiveConfig "
+               "Routing::Bgp::AddPathSendEffectiveConfig::fromAppPathSendConfig\\(const Routing::Bgp::"
+               "AddPathSendConfig&\\): Assertion `false' failed");
 }
 
 TEST(AddPathSendEffectiveConfig, Aggregate) {

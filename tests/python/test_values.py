@@ -141,16 +141,12 @@ def test_route_target_from_bytes_needs_eight():
 
 def test_serialize_writes_network_order():
     s = bgpcommon.Serialize()
-    s.add_u8(0xAB)
-    s.add_u16(0x1234)
-    s.add_u32(0x12345678)
-    s.add_as(65536)
+    for add, *args in [(s.add_u8, 0xAB), (s.add_u16, 0x1234), (s.add_u32, 0x12345678), (s.add_as, 65536),
+                       (s.add_ipv4, "192.0.2.1"), (s.add_ipv6, "2001:db8::102:304"), (s.add_data, b"\xff\x00")]:
+        add(*args)
     s.add_as(65535, four_octet=False)
-    s.add_ipv4("192.0.2.1")
-    s.add_ipv6("2001:db8::102:304")
-    s.add_data(b"\xff\x00")
     assert s.bytes() == bytes.fromhex(
-        "ab" "1234" "12345678" "00010000" "ffff" "c0000201" "20010db8000000000000000001020304" "ff00")
+        "ab" "1234" "12345678" "00010000" "c0000201" "20010db8000000000000000001020304" "ff00" "ffff")
     assert len(s) == len(bytes(s)) == 35
 
 
@@ -160,8 +156,7 @@ def test_serialize_limits():
     with pytest.raises(OverflowError, match="^Serialized bytes exceed bgpMaxExtendedMessageSize$"):
         s.add_u16(1)
     s.add_u8(2)  # the last octet still fits
-    with pytest.raises(OverflowError):
-        s.add_data(b"\x03")
+    pytest.raises(OverflowError, s.add_data, b"\x03")
     assert len(s) == 65535 and s.bytes()[-2:] == b"\x01\x02"
     pytest.raises(ValueError, s.add_as, 70000, four_octet=False)
     pytest.raises(bgpcommon.RangeError, s.add_ipv4, "192.0.2")
