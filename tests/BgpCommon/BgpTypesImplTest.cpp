@@ -20,9 +20,6 @@ TEST(RouteLimits, LongAndShortForms) {
   expectForms(MaxRoutes(1000, 800, true),
               "Value('Routing::Bgp::MaxRoutes', ** {'routes': 1000, 'warningThreshold': 800, 'warningOnly': True})",
               "<routes=1000;warningOnly=yes;warningThreshold=800>");  // warningOnly before the threshold
-  expectForms(MaxRoutes(1, 2, false),
-              "Value('Routing::Bgp::MaxRoutes', ** {'routes': 1, 'warningThreshold': 2, 'warningOnly': False})",
-              "<routes=1;warningOnly=no;warningThreshold=2>");
   expectForms(MaxAcceptedRoutes(5, 4), "Value('Routing::Bgp::MaxAcceptedRoutes', ** {'routes': 5, 'warningThreshold': 4})",
               "<acceptedRoutes=5;warningThreshold=4>");
   expectForms(MaxAdvRoutes(6, 3), "Value('Routing::Bgp::MaxAdvRoutes', ** {'routes': 6, 'warningThreshold': 3})",

@@ -29,8 +29,7 @@ TEST(PicoTrace, OffByDefaultOnPerLevelWithPositionPrefix) {
   auto arg = [&] { return ++evaluated; };
   Pico::traceLevelIs(8, false);
   PICO_FMTRACE(8, " value {}", arg());
-  EXPECT_TRUE(lines.empty());
-  EXPECT_EQ(evaluated, 0);  // arguments of a disabled trace are not evaluated
+  EXPECT_TRUE(lines.empty() && evaluated == 0);  // arguments of a disabled trace are not evaluated
 
   Pico::traceLevelIs(8, true);
   PICO_FMTRACE(8, " value {:#x}", 255);
@@ -38,8 +37,9 @@ TEST(PicoTrace, OffByDefaultOnPerLevelWithPositionPrefix) {
   Pico::traceLevelIs(8, false);
   Pico::traceSinkIs(nullptr);
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(lines[0].starts_with("[8] tests/Pico/AssertTraceTest:")) << lines[0];
-  EXPECT_TRUE(lines[0].ends_with("OffByDefaultOnPerLevelWithPositionPrefix_Test::TestBody(): value 0xff")) << lines[0];
+  EXPECT_TRUE(lines[0].starts_with("[8] tests/Pico/AssertTraceTest:") &&
+              lines[0].ends_with("OffByDefaultOnPerLevelWithPositionPrefix_Test::TestBody(): value 0xff"))
+      << lines[0];
 }
 
 // The environment selects the levels; switching one off leaves the others as they were.

@@ -23,20 +23,15 @@ TEST(BgpConfigTypes, LongForms) {
        "Value('Routing::Bgp::RfdPolicyAttachment', ** {'policyName': 'damp\\xff', 'logOnly': True})"},
   };
   for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
-  testing_support::expectDamagedTextsRefused(BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "a'b", "c", 1));
-  testing_support::expectDamagedTextsRefused(AddPathSendConfig(AddPathSendConfig::Kind::sendEcmp, 4, "PL"));
 }
 
 TEST(BgpConfigTypes, DefaultsAndTruth) {
   // The remote AS defaults to "a single AS number"; everything else to zero.
-  EXPECT_EQ(AsnOrPeerFilter().type, AsnOrPeerFilter::Type::asn);
   EXPECT_FALSE(AsnOrPeerFilter());
   EXPECT_TRUE(AsnOrPeerFilter(AsnOrPeerFilter::Type::unknown, 0, ""));
   EXPECT_FALSE(BgpTcpAuthKey());
   EXPECT_FALSE(AddPathSendConfig());
   EXPECT_TRUE(RemovePrivateAs(false, false, true));
-  // Equality covers every field, texts included.
-  EXPECT_NE(BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "k", "", 0), BgpTcpAuthKey(BgpTcpAuthKey::Type::md5, "", "k", 0));
 }
 
 // The 32-bit ReflectorClient reads a number too; a number naming no enumerator never comes from
@@ -54,8 +49,6 @@ TEST(BgpConfigTypes, ParseErrorsNameTheField) {
   const std::pair<const char*, const char*> rows[] = {
       {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': sha1, 'secret': '', 'keyChain': '', 'keyId': 0})",
        "type: expected a Routing::Bgp::BgpTcpAuthKey::Type enumerator at offset 49, found \"sha1, 'secret': '', 'key...\""},
-      {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'a\\q', 'keyChain': '', 'keyId': 0})",
-       "secret: unknown escape at offset 66, found \"\\\\q', 'keyChain': '', 'ke...\""},
       // an unescaped quote ends the text early: the template, not the field, is then at fault
       {"Value('Routing::Bgp::BgpTcpAuthKey', ** {'type': md5, 'secret': 'abc, 'keyChain': '', 'keyId': 0})",
        "expected \", 'keyChain': \" at offset 71, found \"keyChain': '', 'keyId': ...\""},

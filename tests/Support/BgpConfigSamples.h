@@ -1,8 +1,6 @@
 #pragma once
-// Sample values of the configuration types that tristates wrap, for round-trip and conformance
-// tests. Each list starts with a non-default value and includes extremes; the texts are chosen to
-// trip a naive printer or parser: quotes, backslashes, braces, the tristate's own "', 'isSet':"
-// separator, control and non-ASCII bytes.
+// Samples of the types that tristates wrap: each list starts with a non-default value, includes
+// extremes, and pairs that differ in one field only.
 
 #include <algorithm>
 #include <vector>

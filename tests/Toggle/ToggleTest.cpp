@@ -39,8 +39,8 @@ TEST_F(ToggleFiles, StatesAndDefaults) {
       {"StaticRouteCommunities", "Ira.json", true, false}, {"On", "Ira.json", false, true},
       {"Nested", "Ira.json", true, false},
       {"Number", "Ira.json", true, true},  // not a boolean: default
-      {"NestedBad", "Ira.json", false, false},             {"Absent", "Ira.json", true, true},
-      {"Absent", "Ira.json", false, false},                {"On", "Missing.json", false, false},  // absent file
+      {"NestedBad", "Ira.json", false, false}, {"Absent", "Ira.json", true, true}, {"Absent", "Ira.json", false, false},
+      {"On", "Missing.json", false, false},  // absent file
       {"On", "../Outside.json", false, false},  // outside the directory
       {"On", "/etc/passwd", false, false},
   };

@@ -11,8 +11,7 @@ def _value_types():
     out = []
     for name in bgpcommon.types():
         try:
-            value = bgpcommon.default(name)
-            text = str(bgpcommon.parse(str(value), type=name))
+            text = str(bgpcommon.parse(str(bgpcommon.default(name)), type=name))
         except (TypeError, bgpcommon.RangeError):  # no default or no text; an enumeration's unnamed zero
             continue
         if text.startswith("Value('"):
@@ -79,8 +78,7 @@ def test_hash_follows_the_type():
     a = bgpcommon.parse("Value('Routing::Bgp::IpPlugin::Ipv4RouteKeyContent', ** {'addressNbo': 10, 'prefixLength': 8})")
     b = bgpcommon.Value(a.type_name, addressNbo=10, prefixLength=8)
     assert hash(a) == hash(b) and len({a, b}) == 1
-    with pytest.raises(TypeError, match="unhashable"):
-        hash(bgpcommon.default("Routing::Bgp::MaxRoutes"))
+    pytest.raises(TypeError, hash, bgpcommon.default("Routing::Bgp::MaxRoutes")).match("unhashable")
 
 
 def test_bad_text_raises_range_error():
@@ -93,7 +91,6 @@ def test_bad_text_raises_range_error():
 
 @pytest.mark.parametrize("call, error", [
     (lambda: bgpcommon.default("Routing::BgpRedistribute::IgpResult"), TypeError),  # no default
-    (lambda: bgpcommon.parse("7", type="Routing::BgpRedistribute::IgpResult"), TypeError),  # refuses text
     (lambda: bgpcommon.parse("x", type="Routing::BgpRedistribute::IgpResultLookup"), TypeError),  # holds one
     (lambda: bgpcommon.parse("7", type="Routing::Bgp::BgpIdAllocator"), TypeError),  # an entity
     (lambda: bgpcommon.parse("7"), ValueError),  # names no type
@@ -122,6 +119,7 @@ def test_route_target(text, value, plain, asdot):
     assert bytes(rt) == value.to_bytes(8, "big")
     assert bgpcommon.RouteTarget.from_bytes(bytes(rt)) == rt
     assert bgpcommon.RouteTarget(rt.text(asdot=True)) == rt and hash(bgpcommon.RouteTarget(plain)) == hash(rt)
+    pytest.raises(ValueError, bgpcommon.RouteTarget.from_bytes, bytes(rt)[:7])  # needs eight
 
 
 @pytest.mark.parametrize("text, message", [
@@ -135,8 +133,6 @@ def test_route_target_bad_text(text, message):
     assert str(e.value) == message
 
 
-def test_route_target_from_bytes_needs_eight():
-    pytest.raises(ValueError, bgpcommon.RouteTarget.from_bytes, b"\x00" * 7)
 
 
 def test_serialize_writes_network_order():
@@ -153,8 +149,7 @@ def test_serialize_writes_network_order():
 def test_serialize_limits():
     s = bgpcommon.Serialize()
     s.add_data(b"\x01" * 65534)
-    with pytest.raises(OverflowError, match="^Serialized bytes exceed bgpMaxExtendedMessageSize$"):
-        s.add_u16(1)
+    pytest.raises(OverflowError, s.add_u16, 1).match("^Serialized bytes exceed bgpMaxExtendedMessageSize$")
     s.add_u8(2)  # the last octet still fits
     pytest.raises(OverflowError, s.add_data, b"\x03")
     assert len(s) == 65535 and s.bytes()[-2:] == b"\x01\x02"
