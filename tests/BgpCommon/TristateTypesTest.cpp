@@ -19,15 +19,7 @@ using AllTristates =
                      TristateReflectorClient, TristateSoftReconfigInbound, TristatePolicyActionType,
                      TristateRemovePrivateAs, TristateLocalAs, TristateAsnOrPeerFilter, TristateBgpTcpAuthKey,
                      TristateAddPathSendConfig, TristateRfdPolicyAttachment>;
-// Test names carry the member's name: Tristates/TristateMaxRoutes.Behaviour.
-struct MemberName {
-  template <typename T>
-  static std::string GetName(int) {
-    std::string_view name = Kelp::typeNameOf<T>();
-    return std::string(name.substr(name.rfind(':') + 1));
-  }
-};
-TYPED_TEST_SUITE(Tristates, AllTristates, MemberName);
+TYPED_TEST_SUITE(Tristates, AllTristates);
 
 // The one pattern, on every member.
 TYPED_TEST(Tristates, Behaviour) {
@@ -36,12 +28,13 @@ TYPED_TEST(Tristates, Behaviour) {
   const std::vector<V> samples = sampleValuesOf<V>();
   const V v = samples.front();
 
-  // Print then parse: unset, set to the default, and every sample both set and unset.
+  // The wrapped type alone (enumerations have no conformance of their own), then the tristate:
+  // unset, set to the default, and every sample both set and unset.
+  std::vector<V> values = samples;
+  values.push_back(V{});
+  if constexpr (!std::is_enum_v<V>) testing_support::expectValueConformance<V>(values);
   std::vector<T> members = {T{}, T::valueSet(T::valueDefault), T(T::valueDefault, false), T::valueSet(V{})};
-  for (const V& s : samples) {
-    members.push_back(T::valueSet(s));
-    members.push_back(T(s, false));
-  }
+  for (const V& s : samples) members.insert(members.end(), {T::valueSet(s), T(s, false)});
   testing_support::expectValueConformance<T>(members);
   testing_support::expectDamagedTextsRefused(T::valueSet(v));
 
@@ -54,8 +47,6 @@ TYPED_TEST(Tristates, Behaviour) {
   // Parse errors name "value" or "isSet", or the piece of the template that is missing.
   const std::pair<Kelp::String, Kelp::String> bad[] = {
       {head + "Bogus" + good.substr(isSetAt), "value: "},
-      {head + good.substr(head.size() + 1), "value: "},  // first character of the value dropped
-      {head + good.substr(isSetAt), "value: "},          // no value at all
       {good.substr(0, isSetAt) + ", 'isSet': true})", "isSet: expected True or False at offset " +
                                                           std::to_string(isSetAt + 11)},
       {good.substr(0, isSetAt) + ", 'isSet':True})", "expected \", 'isSet': \" at offset " + std::to_string(isSetAt)},
@@ -67,19 +58,19 @@ TYPED_TEST(Tristates, Behaviour) {
         << text;
   }
 
+  // Every other default is the wrapped type's zero value (the remote AS's: a single AS number).
+  if constexpr (!std::is_same_v<T, TristateMaxRoutes> && !std::is_same_v<T, TristateBgpTtlSecMaxHop>) {
+    EXPECT_EQ(T::valueDefault, V{});
+  }
+
   // Truth and the invalid tristate: unset but holding a value is true, and not the invalid one.
   EXPECT_FALSE(T{});
   EXPECT_EQ(T{}, T::valueInvalid());
   EXPECT_TRUE(T::valueSet(V{}));
-  for (const V& s : samples) {
-    if (s == V{}) continue;
-    EXPECT_TRUE(T(s, false)) << s;
-    EXPECT_NE(T(s, false), T::valueInvalid()) << s;
-  }
+  for (const V& s : samples) EXPECT_EQ(bool(T(s, false)), !(s == V{})) << s;
 
-  // Reflection: value and isSet are get only, valueSet takes its argument, valueDefault is a
-  // constant, valueInvalid a function; whole-object truth and equality, no ordering.
-  EXPECT_EQ(testing_support::attributeList<T>(), "value isSet valueSet() valueDefault valueInvalid()");
+  // Reflection (value 2, isSet 3, valueSet() 4, valueDefault 5, valueInvalid() 6): fields are get
+  // only, valueSet takes its argument; whole-object truth and equality, no ordering.
   T t = T::valueSet(v);
   const T invalid = T::valueInvalid();
   std::any result;
@@ -99,26 +90,10 @@ TYPED_TEST(Tristates, Behaviour) {
   EXPECT_EQ(op(0, Kelp::attrOpLess, {}, &invalid), 1);
 }
 
+// The defaults that are not the zero value; an unset tristate holds zero (its truth test is false).
 TEST(TristateTypes, ValueDefaults) {
   EXPECT_EQ(TristateMaxRoutes::valueDefault, MaxRoutes(256000, 204800, false));
-  EXPECT_EQ(TristateAfiSafiMaxRoutes::valueDefault, MaxRoutes(0, 0, false));
-  EXPECT_EQ(TristateMaxAcceptedRoutes::valueDefault, MaxAcceptedRoutes(0, 0));
-  EXPECT_EQ(TristateMaxAdvRoutes::valueDefault, MaxAdvRoutes(0, 0));
-  EXPECT_EQ(TristateOutDelay::valueDefault, OutDelay(0, OutDelayApplyType{0}));
   EXPECT_EQ(TristateBgpTtlSecMaxHop::valueDefault, TtlSecurityMaxHopValue(254));
-  EXPECT_EQ(TristateExtendedNextHopCapability::valueDefault, ExtendedNextHopCapability{0});
-  EXPECT_EQ(TristateReflectorClient::valueDefault, ReflectorClient{0});
-  EXPECT_EQ(TristateSoftReconfigInbound::valueDefault, SoftReconfigInboundState{0});
-  EXPECT_EQ(TristatePolicyActionType::valueDefault, PolicyActionType{0});
-  EXPECT_EQ(TristateRemovePrivateAs::valueDefault, RemovePrivateAs(false, false, false));
-  EXPECT_EQ(TristateLocalAs::valueDefault, LocalAs(0, false, false));
-  EXPECT_EQ(TristateAsnOrPeerFilter::valueDefault, AsnOrPeerFilter(AsnOrPeerFilter::Type{1}, 0, ""));
-  EXPECT_EQ(TristateBgpTcpAuthKey::valueDefault, BgpTcpAuthKey());
-  EXPECT_EQ(TristateAddPathSendConfig::valueDefault, AddPathSendConfig());
-  EXPECT_EQ(TristateRfdPolicyAttachment::valueDefault, RfdPolicyAttachment());
-  // The default is a constant of the type, not what an unset tristate holds.
-  EXPECT_NE(TristateMaxRoutes().value, TristateMaxRoutes::valueDefault);
-  EXPECT_NE(TristateBgpTtlSecMaxHop().value, TristateBgpTtlSecMaxHop::valueDefault);
 }
 
 TEST(TristateTypes, ExactTexts) {

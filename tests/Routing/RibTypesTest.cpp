@@ -17,8 +17,6 @@ TEST(RibTypes, RouteKeyAndProtocol) {
   // Redistribution tells static routes by their number.
   static_assert(sizeof(RoutingProtocol) == 1);
   EXPECT_EQ(static_cast<unsigned>(RoutingProtocol::protocolStatic), 2u);
-  EXPECT_EQ(Kelp::strepToValue<RoutingProtocol>("protocolStatic"), RoutingProtocol::protocolStatic);
-  EXPECT_EQ(Kelp::valueToStrep(static_cast<RoutingProtocol>(99)), "99");
 }
 
 }  // namespace

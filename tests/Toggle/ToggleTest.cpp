@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -34,27 +35,16 @@ class ToggleFiles : public ::testing::Test {
 TEST_F(ToggleFiles, StatesAndDefaults) {
   write("Ira.json", R"({"StaticRouteCommunities": false, "On": true, "Nested": {"enabled": false},
                         "Number": 0, "NestedBad": {"enabled": "yes"}})");
-  struct Row {
-    const char* toggle;
-    const char* file;
-    bool dflt;
-    bool expected;
-  };
-  const Row rows[] = {
-      {"StaticRouteCommunities", "Ira.json", true, false},
-      {"On", "Ira.json", false, true},
+  const std::tuple<const char*, const char*, bool, bool> rows[] = {  // toggle, file, default, state
+      {"StaticRouteCommunities", "Ira.json", true, false}, {"On", "Ira.json", false, true},
       {"Nested", "Ira.json", true, false},
-      {"Number", "Ira.json", true, true},      // not a boolean: default
-      {"NestedBad", "Ira.json", false, false},
-      {"Absent", "Ira.json", true, true},
-      {"Absent", "Ira.json", false, false},
-      {"On", "Missing.json", false, false},    // absent file
+      {"Number", "Ira.json", true, true},  // not a boolean: default
+      {"NestedBad", "Ira.json", false, false}, {"Absent", "Ira.json", true, true}, {"Absent", "Ira.json", false, false},
+      {"On", "Missing.json", false, false},  // absent file
       {"On", "../Outside.json", false, false},  // outside the directory
       {"On", "/etc/passwd", false, false},
   };
-  for (const Row& row : rows) {
-    EXPECT_EQ(getToggleState(row.toggle, row.file, row.dflt), row.expected) << row.toggle << " " << row.file;
-  }
+  for (const auto& [toggle, file, dflt, state] : rows) EXPECT_EQ(getToggleState(toggle, file, dflt), state) << file;
 }
 
 TEST_F(ToggleFiles, MalformedFilesGiveTheDefault) {
@@ -64,15 +54,13 @@ TEST_F(ToggleFiles, MalformedFilesGiveTheDefault) {
     EXPECT_FALSE(getToggleState("On", "Bad.json", false)) << text;
   }
   std::filesystem::create_directory(dir_ + "/Dir.json");  // unreadable as a file
-  EXPECT_TRUE(getToggleState("On", "Dir.json", true));
   // Neither a FIFO (which would block an ordinary open until a writer came; the alarm ends the
   // test if it does) nor a symbolic link, even to a good file, is read.
   write("Good.json", R"({"On": false})");
   ASSERT_EQ(mkfifo((dir_ + "/Fifo.json").c_str(), 0644), 0);
   std::filesystem::create_symlink(dir_ + "/Good.json", dir_ + "/Link.json");
   alarm(5);
-  EXPECT_TRUE(getToggleState("On", "Fifo.json", true));
-  EXPECT_TRUE(getToggleState("On", "Link.json", true));
+  for (const char* file : {"Dir.json", "Fifo.json", "Link.json"}) EXPECT_TRUE(getToggleState("On", file, true)) << file;
   alarm(0);
   EXPECT_FALSE(getToggleState("On", "Good.json", true));
 }

@@ -11,11 +11,8 @@ def _value_types():
     out = []
     for name in bgpcommon.types():
         try:
-            value = bgpcommon.default(name)
-            text = str(bgpcommon.parse(str(value), type=name))
-        except TypeError:  # no default, or not built from text
-            continue
-        except bgpcommon.RangeError:  # an enumeration whose zero names no enumerator
+            text = str(bgpcommon.parse(str(bgpcommon.default(name)), type=name))
+        except (TypeError, bgpcommon.RangeError):  # no default or no text; an enumeration's unnamed zero
             continue
         if text.startswith("Value('"):
             out.append(name)
@@ -33,11 +30,6 @@ SAMPLES = [
     "'keyChain': 'chain', 'keyId': 7})",
     "Value('Routing::BgpRedistribute::FilteredRoute', ** {'key': None, 'igpResultId': 42})",
 ]
-
-
-def test_enough_types_take_part():
-    # The tristates alone are sixteen; a registry that lost its entries would pass vacuously.
-    assert len(VALUE_TYPES) >= 30
 
 
 @pytest.mark.parametrize("name", VALUE_TYPES)
@@ -63,12 +55,12 @@ def test_default_round_trips(name):
 def test_sample_round_trips(text):
     v = bgpcommon.parse(text)
     assert str(v) == text
-    again = eval(text, bgpcommon.namespace())
-    assert again == v and str(again) == text
+    assert eval(text, bgpcommon.namespace()) == v
     assert v != bgpcommon.default(v.type_name)
 
 
 def test_fields_and_equality():
+    assert len(VALUE_TYPES) >= 30  # the tristates alone are sixteen: an empty registry would pass vacuously
     v = bgpcommon.parse(SAMPLES[1])
     assert v.isSet is True
     assert v.value.delay == 30 and v.value.apply == "applyNew"
@@ -79,39 +71,26 @@ def test_fields_and_equality():
     assert bgpcommon.Value(key.type_name, secret=key.secret, keyChain="chain", keyId=7) == key
     assert bool(v) and not bgpcommon.default("Routing::Bgp::MaxRoutes")
     assert v != 1 and v != bgpcommon.default("Routing::Bgp::MaxRoutes")
-    assert [a for a in bgpcommon.attributes("Routing::Bgp::MaxRoutes")] == [
-        (2, "routes", "field"), (3, "warningThreshold", "field"), (4, "warningOnly", "field"),
-        (5, "toStrep", "function")]
-    assert bgpcommon.default("Routing::Bgp::MaxRoutes").toStrep() == \
-        bgpcommon.default("Routing::Bgp::MaxRoutes").toStrep()
+    assert bgpcommon.default("Routing::Bgp::MaxRoutes").toStrep() == "<routes=0;warningOnly=no;warningThreshold=0>"
 
 
 def test_hash_follows_the_type():
     a = bgpcommon.parse("Value('Routing::Bgp::IpPlugin::Ipv4RouteKeyContent', ** {'addressNbo': 10, 'prefixLength': 8})")
     b = bgpcommon.Value(a.type_name, addressNbo=10, prefixLength=8)
     assert hash(a) == hash(b) and len({a, b}) == 1
-    with pytest.raises(TypeError, match="unhashable"):
-        hash(bgpcommon.default("Routing::Bgp::MaxRoutes"))
+    pytest.raises(TypeError, hash, bgpcommon.default("Routing::Bgp::MaxRoutes")).match("unhashable")
 
 
-@pytest.mark.parametrize("text, message", [
-    ("Value('Routing::Bgp::MaxRoutes', ** {'routes':1, 'warningThreshold': 2, 'warningOnly': True})",
-     "expected \"'routes': \" at offset 37, found \"'routes':1, 'warningThre...\""),
-    ("Value('Routing::Bgp::MaxRoutes', ** {'routes': 4294967296, 'warningThreshold': 2, 'warningOnly': True})",
-     "routes: number above 4294967295 at offset 47, found \"4294967296, 'warningThre...\""),
-    ("Value('Routing::Bgp::OutDelay', ** {'delay': 1, 'apply': applyNever})",
-     "apply: expected a Routing::OutDelayApplyType enumerator at offset 57, found \"applyNever})\""),
-])
-def test_bad_text_raises_range_error(text, message):
+def test_bad_text_raises_range_error():
     with pytest.raises(bgpcommon.RangeError) as e:
-        bgpcommon.parse(text)
-    assert str(e.value) == message
+        bgpcommon.parse("Value('Routing::Bgp::MaxRoutes', ** {'routes': 4294967296, 'warningThreshold': 2, "
+                        "'warningOnly': True})")
+    assert str(e.value) == "routes: number above 4294967295 at offset 47, found \"4294967296, 'warningThre...\""
     assert isinstance(e.value, ValueError)
 
 
 @pytest.mark.parametrize("call, error", [
     (lambda: bgpcommon.default("Routing::BgpRedistribute::IgpResult"), TypeError),  # no default
-    (lambda: bgpcommon.parse("7", type="Routing::BgpRedistribute::IgpResult"), TypeError),  # refuses text
     (lambda: bgpcommon.parse("x", type="Routing::BgpRedistribute::IgpResultLookup"), TypeError),  # holds one
     (lambda: bgpcommon.parse("7", type="Routing::Bgp::BgpIdAllocator"), TypeError),  # an entity
     (lambda: bgpcommon.parse("7"), ValueError),  # names no type
@@ -130,11 +109,8 @@ def test_misuse_raises(call, error):
 # Route targets: text, value, octets (golden values of the library's own tests).
 @pytest.mark.parametrize("text, value, plain, asdot", [
     ("100:5", 0x0002006400000005, "100:5", "100:5"),
-    ("70000:5", 0x0202000111700005, "70000:5", "1.4464:5"),
     ("1.4464:5", 0x0202000111700005, "70000:5", "1.4464:5"),
-    ("100L:5", 0x0202000000640005, "100L:5", "100L:5"),
     ("10.0.0.1:7", 0x01020A0000010007, "10.0.0.1:7", "10.0.0.1:7"),
-    ("0x0003020000000001", 0x0003020000000001, "0x0003020000000001", "0x0003020000000001"),
 ])
 def test_route_target(text, value, plain, asdot):
     rt = bgpcommon.RouteTarget(text)
@@ -143,13 +119,11 @@ def test_route_target(text, value, plain, asdot):
     assert bytes(rt) == value.to_bytes(8, "big")
     assert bgpcommon.RouteTarget.from_bytes(bytes(rt)) == rt
     assert bgpcommon.RouteTarget(rt.text(asdot=True)) == rt and hash(bgpcommon.RouteTarget(plain)) == hash(rt)
+    pytest.raises(ValueError, bgpcommon.RouteTarget.from_bytes, bytes(rt)[:7])  # needs eight
 
 
 @pytest.mark.parametrize("text, message", [
-    ("5:", "RouteTarget: no data after colon"),
-    ("1.2.3:4", "RouteTarget: unexpected number of dots"),
     ("70000:65536", "RouteTarget: local admin exceeds 2 bytes"),
-    ("0x12", "RouteTarget: incorrect hex size"),
     ("zz0000000000000000", "stoull"),
     ("100000000000000000", "stoull"),
 ])
@@ -159,38 +133,26 @@ def test_route_target_bad_text(text, message):
     assert str(e.value) == message
 
 
-def test_route_target_from_bytes_needs_eight():
-    with pytest.raises(ValueError):
-        bgpcommon.RouteTarget.from_bytes(b"\x00" * 7)
 
 
 def test_serialize_writes_network_order():
     s = bgpcommon.Serialize()
-    s.add_u8(0xAB)
-    s.add_u16(0x1234)
-    s.add_u32(0x12345678)
-    s.add_as(65536)
+    for add, *args in [(s.add_u8, 0xAB), (s.add_u16, 0x1234), (s.add_u32, 0x12345678), (s.add_as, 65536),
+                       (s.add_ipv4, "192.0.2.1"), (s.add_ipv6, "2001:db8::102:304"), (s.add_data, b"\xff\x00")]:
+        add(*args)
     s.add_as(65535, four_octet=False)
-    s.add_ipv4("192.0.2.1")
-    s.add_ipv6("2001:db8::102:304")
-    s.add_data(b"\xff\x00")
     assert s.bytes() == bytes.fromhex(
-        "ab" "1234" "12345678" "00010000" "ffff" "c0000201" "20010db8000000000000000001020304" "ff00")
+        "ab" "1234" "12345678" "00010000" "c0000201" "20010db8000000000000000001020304" "ff00" "ffff")
     assert len(s) == len(bytes(s)) == 35
 
 
 def test_serialize_limits():
     s = bgpcommon.Serialize()
     s.add_data(b"\x01" * 65534)
-    with pytest.raises(OverflowError, match="^Serialized bytes exceed bgpMaxExtendedMessageSize$"):
-        s.add_u16(1)
+    pytest.raises(OverflowError, s.add_u16, 1).match("^Serialized bytes exceed bgpMaxExtendedMessageSize$")
     s.add_u8(2)  # the last octet still fits
-    with pytest.raises(OverflowError):
-        s.add_data(b"\x03")
+    pytest.raises(OverflowError, s.add_data, b"\x03")
     assert len(s) == 65535 and s.bytes()[-2:] == b"\x01\x02"
-    with pytest.raises(ValueError):
-        s.add_as(70000, four_octet=False)
-    with pytest.raises(bgpcommon.RangeError):
-        s.add_ipv4("192.0.2")
-    with pytest.raises(TypeError):
-        s.add_u8(256)
+    pytest.raises(ValueError, s.add_as, 70000, four_octet=False)
+    pytest.raises(bgpcommon.RangeError, s.add_ipv4, "192.0.2")
+    pytest.raises(TypeError, s.add_u8, 256)
