@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+
+#include <cstdio>
 #if defined(__aarch64__)
 #include <asm/hwcap.h>
 #include <sys/auxv.h>
@@ -25,14 +27,14 @@ const bool kCrcInstruction = (getauxval(AT_HWCAP) & HWCAP_CRC32) != 0;
 std::uint64_t tableChecksum(Bytes words) {
   PICO_ASSERT(words.size() % 8 == 0 && words.size() <= kMaxSlotBytes);
   alignas(8) std::uint8_t scratch[kMaxSlotBytes];
-  return copyAndSumWith<CrcTableStep>(scratch, words.data(), 0, 0, words.size());
+  return copyAndSumWith<CrcTableStep, false>(scratch, words.data(), 0, 0, words.size());
 }
 
 std::optional<std::uint64_t> instructionChecksum(Bytes words) {
   PICO_ASSERT(words.size() % 8 == 0 && words.size() <= kMaxSlotBytes);
   if (!kCrcInstruction) return std::nullopt;
   alignas(8) std::uint8_t scratch[kMaxSlotBytes];
-  return copyAndSumWith<CrcInstructionStep>(scratch, words.data(), 0, 0, words.size());
+  return copyAndSumWith<CrcInstructionStep, false>(scratch, words.data(), 0, 0, words.size());
 }
 }  // namespace Shelf::detail
 
@@ -42,13 +44,13 @@ std::string headerProblem(const FileHeader& h, std::uint64_t fileSize) {
   if (h.magic != kMagic || h.version != kVersion) return "not a table file of this version";
   if (headerChecksum(&h) != h.geometryChecksum) return "header checksum mismatch";
   if (h.capacity == 0 || h.capacity > kMaxCapacity || h.keyMax == 0 || h.keyMax > kMaxKeyBytes ||
-      slotBytesFor(h.keyMax, h.valueMax) > kMaxSlotBytes || !std::has_single_bit(h.ringCapacity)) {
+      slotBytesFor(h.keyMax, h.valueMax) > kMaxSlotBytes || !std::has_single_bit(h.ringCapacity) ||
+      h.ringCapacity > kMaxRingCapacity || (h.liveMark & 1u) == 0) {
     return "header geometry out of range";
   }
   const Layout l = layoutFor(h.capacity, h.keyMax, h.valueMax, h.ringCapacity);
-  if (l.slotCount != h.slotCount || l.bucketCount != h.bucketCount || l.slotSize != h.slotSize ||
-      l.ringEntrySize != h.ringEntrySize || l.bucketsOffset != h.bucketsOffset || l.slotsOffset != h.slotsOffset ||
-      l.ringOffset != h.ringOffset || l.fileSize != h.fileSize) {
+  if (l.slotCount != h.slotCount || l.slotSize != h.slotSize || l.ringEntrySize != h.ringEntrySize ||
+      l.slotsOffset != h.slotsOffset || l.ringOffset != h.ringOffset || l.fileSize != h.fileSize) {
     return "header geometry does not match itself";
   }
   if (h.fileSize != fileSize) {
@@ -70,8 +72,9 @@ std::string sideName(const std::string& leaf, std::string_view suffix) {
   return fmt::format(".{}~{:016x}{}", std::string_view(leaf).substr(0, keep), hash, suffix);
 }
 
-int openRegular(int dirFd, const std::string& name, int flags, std::string& why) {
-  const int fd = openat(dirFd, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+int openRegular(int dirFd, const std::string& name, int flags, std::string& why, const Location* trust,
+                struct stat* out) {
+  const int fd = openat(dirFd, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
   if (fd < 0) {
     why = errno == ELOOP ? std::string("it is a symbolic link") : std::string(std::strerror(errno));
     return -1;
@@ -88,19 +91,44 @@ int openRegular(int dirFd, const std::string& name, int flags, std::string& why)
           : S_ISSOCK(st.st_mode) ? "it is a socket"
                                  : "it is not a regular file";
     close(fd);
+    errno = EINVAL;
     return -1;
   }
+  if (trust != nullptr) {
+    why = trust->distrust(name, st.st_uid, st.st_mode);
+    if (!why.empty()) {
+      close(fd);
+      errno = EPERM;
+      return -1;
+    }
+  }
+  if (out != nullptr) *out = st;
   return fd;
 }
 
-bool writerLockHeld(int lockFd) {
-  if (lockFd < 0) return false;
+bool writerLockHeld(int fd) {
+  if (fd < 0) return false;
   struct flock probe {};
   probe.l_type = F_WRLCK;
   probe.l_whence = SEEK_SET;
   // An open file description lock, tested rather than taken: a reader never stands in a writer's way.
-  if (fcntl(lockFd, F_OFD_GETLK, &probe) != 0) return false;
-  return probe.l_type != F_UNLCK;
+  if (fcntl(fd, F_OFD_GETLK, &probe) != 0) return false;
+  return probe.l_type == F_WRLCK;
+}
+
+unsigned currentUmask() {
+  // Linux shows it in /proc/self/status; umask() itself would have to change it to read it, which
+  // races with other threads creating files.
+  if (FILE* f = std::fopen("/proc/self/status", "re")) {
+    char line[128];
+    unsigned mask = 022;
+    while (std::fgets(line, sizeof line, f) != nullptr) {
+      if (std::sscanf(line, "Umask: %o", &mask) == 1) break;
+    }
+    std::fclose(f);
+    return mask & 0777;
+  }
+  return 022;
 }
 
 }  // namespace Shelf::detail

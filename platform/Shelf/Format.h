@@ -5,11 +5,13 @@
 
 #include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cstddef>
@@ -27,9 +29,6 @@ static_assert(std::endian::native == std::endian::little, "the table format is l
 namespace Shelf::detail {
 
 inline constexpr std::uint64_t kMagic = 0x464c454853504742ull;  // "BGPSHELF"
-inline constexpr std::uint32_t kVersion = 4;
-inline constexpr std::uint32_t kNone = 0xFFFFFFFFu;        // no slot: end of a chain, empty bucket
-inline constexpr std::uint32_t kFreeBucket = 0xFFFFFFFEu;  // the bucket field of a free slot
 inline constexpr std::size_t kHeaderBytes = 4096;
 
 // Ring entry layout: stamp (position + 1 once complete), then kind, key length, scalar index, key.
@@ -50,14 +49,13 @@ struct FileHeader {
   std::uint64_t fileSize;
   std::uint64_t generation;  // one more than the table this file replaced
   std::uint32_t capacity;
-  std::uint32_t slotCount;
-  std::uint32_t bucketCount;  // a power of 2
+  std::uint32_t slotCount;    // also the number of buckets: bucket b's head is in slot b
+  std::uint32_t liveMark;     // this file's own mark, odd: `live` holds it while the file is current
   std::uint32_t keyMax;
   std::uint32_t valueMax;
   std::uint32_t slotSize;
   std::uint32_t ringCapacity;  // a power of 2
   std::uint32_t ringEntrySize;
-  std::uint64_t bucketsOffset;
   std::uint64_t slotsOffset;
   std::uint64_t ringOffset;
   char typeName[128];
@@ -65,7 +63,7 @@ struct FileHeader {
   char tableName[128];
   std::uint64_t geometryChecksum;
   // Written by the writer only, each group on its own cache line.
-  alignas(64) std::uint32_t live;  // kLiveMark until a newer file replaces this one, then 0
+  alignas(64) std::uint32_t live;  // liveMark until a newer file replaces this one, then 0
   // 1 from creation until the writer closes the table. A writer that dies leaves it set; its lock
   // (see writerLockHeld) tells readers that it is gone.
   std::uint32_t writerOpen;
@@ -108,10 +106,10 @@ inline void putRaw(std::uint8_t* p, T v) {
 // Copies `bytes` (a multiple of 8) word by word with relaxed atomic loads, the reading half of a
 // sequence-counter protocol: the copy may be torn, the counter check afterwards tells.
 inline void copyWordsIn(std::uint8_t* dst, const std::uint8_t* src, std::size_t bytes) {
-  for (std::size_t i = 0; i < bytes; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
+  for (std::size_t i = 0; i < bytes; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, kWordLoad));
 }
 inline void copyWordsOut(std::uint8_t* dst, const std::uint8_t* src, std::size_t bytes) {
-  for (std::size_t i = 0; i < bytes; i += 8) store<std::uint64_t>(dst + i, get64(src + i), __ATOMIC_RELAXED);
+  for (std::size_t i = 0; i < bytes; i += 8) store<std::uint64_t>(dst + i, get64(src + i), kWordStore);
 }
 
 inline std::uint64_t monotonicNs() {
@@ -162,7 +160,6 @@ struct Layout {
   std::uint32_t slotSize;
   std::uint32_t ringCapacity;
   std::uint32_t ringEntrySize;
-  std::uint64_t bucketsOffset;
   std::uint64_t slotsOffset;
   std::uint64_t ringOffset;
   std::uint64_t fileSize;
@@ -173,30 +170,20 @@ inline Layout layoutFor(std::uint32_t capacity, std::uint32_t keyMax, std::uint3
   // A few spare slots beyond the capacity: a replacement is written to a free slot before the old
   // one is freed, and freed slots rest a while before they are reused.
   l.slotCount = capacity + std::max<std::uint32_t>(1, capacity / 16);
-  l.bucketCount = std::bit_ceil(capacity);
   l.slotSize = static_cast<std::uint32_t>(slotBytesFor(keyMax, valueMax));
   l.ringCapacity = ringCapacity != 0 ? ringCapacity : std::bit_ceil(std::clamp<std::uint32_t>(capacity, 64, 65536));
   l.ringEntrySize = static_cast<std::uint32_t>(roundUp(kRingHeaderBytes + keyMax, 8));
-  l.bucketsOffset = kHeaderBytes;
-  l.slotsOffset = roundUp(l.bucketsOffset + 4ull * l.bucketCount, 64);
+  l.slotsOffset = kHeaderBytes;
   l.ringOffset = roundUp(l.slotsOffset + std::uint64_t{l.slotSize} * l.slotCount, 64);
   l.fileSize = roundUp(l.ringOffset + std::uint64_t{l.ringEntrySize} * l.ringCapacity, 4096);
   return l;
 }
 
-// ---- Slot checksum ----
+// ---- Checksums ----
 //
-// A slot's checksum covers everything after the checksum itself, to the end of the slot: unused
-// bytes are zero. Hashing the whole fixed-size slot rather than just the used bytes costs a few
-// more bytes but makes every lookup of a table run the same instructions, whatever its records'
-// lengths, which keeps the reader's branches predictable.
-//
-// The checksum is CRC32C (the Castagnoli polynomial) in two lanes: the 8-byte words at even
-// positions go to one lane, those at odd positions to the other, each lane being the plain CRC32C
-// of its words' bytes; lane 0 is the high half of the result. A CRC catches every burst of damage
-// up to 32 bits long within a lane, and two lanes halve the chain of dependent steps. Processors
-// with a CRC32C instruction (x86-64 with SSE4.2, aarch64 with the CRC extension) use it, checked at run time so that the build stays
-// portable; others use tables, to the same result.
+// The slot checksum is described with the slot format (Shelf.h). Processors with a CRC32C
+// instruction (x86-64 with SSE4.2, aarch64 with the CRC extension) use it, checked at run time so
+// that the build stays portable; others use tables, to the same result.
 
 struct CrcTables {
   std::uint32_t t[8][256];
@@ -241,50 +228,58 @@ using CrcInstructionStep = CrcTableStep;
 inline constexpr bool kCrcInstruction = false;
 #endif
 
-// Copies the words [from, to) of `src` to `dst` with relaxed loads (src may be shared memory the
-// writer is changing) and returns the checksum of the words [sumFrom, to), in one pass.
-template <typename Crc>
+// Copies the words [from, to) of `src` to `dst` (src may be shared memory the writer is changing)
+// and returns the two-lane checksum of `first` followed by the words [sumFrom, to), in one pass.
+template <typename Crc, bool kWithFirst>
 inline std::uint64_t copyAndSumWith(std::uint8_t* dst, const std::uint8_t* src, std::size_t from, std::size_t sumFrom,
-                                    std::size_t to) {
-  for (std::size_t i = from; i < sumFrom; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, __ATOMIC_RELAXED));
+                                    std::size_t to, std::uint64_t first = 0) {
+  for (std::size_t i = from; i < sumFrom; i += 8) putRaw(dst + i, load<std::uint64_t>(src + i, kWordLoad));
   std::uint64_t lane0 = 0xFFFFFFFFu, lane1 = 0xFFFFFFFFu;
+  if constexpr (kWithFirst) {
+    // `first` takes lane 0's first place; the words then start in lane 1.
+    lane0 = Crc::step(lane0, first);
+    std::swap(lane0, lane1);
+  }
   // The pairs are walked with one index counting up to zero from below the end of both sides, so
   // that each pair costs its loads, stores and steps and two instructions more: on a reader's path
-  // every instruction counts (see quickFind).
+  // every instruction counts.
   const std::size_t pairBytes = (to - sumFrom) & ~std::size_t{15};
   const std::uint8_t* srcEnd = src + sumFrom + pairBytes;
   std::uint8_t* dstEnd = dst + sumFrom + pairBytes;
   for (std::ptrdiff_t j = -static_cast<std::ptrdiff_t>(pairBytes); j != 0; j += 16) {
-    const std::uint64_t w0 = load<std::uint64_t>(srcEnd + j, __ATOMIC_RELAXED);
-    const std::uint64_t w1 = load<std::uint64_t>(srcEnd + j + 8, __ATOMIC_RELAXED);
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd + j, kWordLoad);
+    const std::uint64_t w1 = load<std::uint64_t>(srcEnd + j + 8, kWordLoad);
     putRaw(dstEnd + j, w0);
     putRaw(dstEnd + j + 8, w1);
     lane0 = Crc::step(lane0, w0);
     lane1 = Crc::step(lane1, w1);
   }
   if (sumFrom + pairBytes < to) {
-    const std::uint64_t w0 = load<std::uint64_t>(srcEnd, __ATOMIC_RELAXED);
+    const std::uint64_t w0 = load<std::uint64_t>(srcEnd, kWordLoad);
     putRaw(dstEnd, w0);
     lane0 = Crc::step(lane0, w0);
   }
+  if constexpr (kWithFirst) std::swap(lane0, lane1);
   return (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
 }
 
-// Copies a slot's words from the checksum on ([8, slotSize)) out of shared memory and returns the
-// checksum of what it copied after the checksum.
+// Copies a slot's words after its stamp word ([8, slotSize)) out of shared memory and returns the
+// checksum of `stampWord` and the words from the key on.
 template <typename Crc>
-inline std::uint64_t copyAndSumSlot(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
-  return copyAndSumWith<Crc>(dst, src, kChecksumAt, kReservedAt, slotSize);
+inline std::uint64_t copyAndSumSlot(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize,
+                                    std::uint64_t stampWord) {
+  return copyAndSumWith<Crc, true>(dst, src, kLinkAt, kSlotHeaderBytes, slotSize, stampWord);
 }
-inline std::uint64_t copyAndSum(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize) {
-  return kCrcInstruction ? copyAndSumSlot<CrcInstructionStep>(dst, src, slotSize)
-                         : copyAndSumSlot<CrcTableStep>(dst, src, slotSize);
+inline std::uint64_t copyAndSum(std::uint8_t* dst, const std::uint8_t* src, std::size_t slotSize,
+                                std::uint64_t stampWord) {
+  return kCrcInstruction ? copyAndSumSlot<CrcInstructionStep>(dst, src, slotSize, stampWord)
+                         : copyAndSumSlot<CrcTableStep>(dst, src, slotSize, stampWord);
 }
 
-// The checksum of a slot image in private memory.
-inline std::uint64_t slotChecksum(const std::uint8_t* img, std::size_t slotSize) {
+// The checksum of a slot image in private memory, as if its stamp word were `stampWord`.
+inline std::uint64_t slotChecksum(const std::uint8_t* img, std::size_t slotSize, std::uint64_t stampWord) {
   alignas(8) std::uint8_t scratch[kMaxSlotBytes];
-  return copyAndSum(scratch, img, slotSize);
+  return copyAndSum(scratch, img, slotSize, stampWord);
 }
 
 // The header's fixed part is summed like a slot (the portable steps: it is read once, at attach).
@@ -304,80 +299,77 @@ inline std::string_view labelOf(const char* field, std::size_t size) {
 // One mapped table file, with its geometry copied out of the header once it has been checked.
 struct Mapping {
   std::uint8_t* base = nullptr;
-  std::size_t size = 0;
+  std::size_t size = 0;       // the file's
+  std::size_t rangeSize = 0;  // the address range's, at least `size` (see Reader::refresh)
   // False once a reader has turned this retired mapping to zeros (see Reader::refresh).
   bool fileBacked = true;
+  // False once a later file was mapped into this mapping's address range (see Reader::refresh):
+  // the range is then that file's mapping's to unmap.
+  bool ownsRange = true;
+  int fd = -1;  // a reader's descriptor of the file, for testing the writer's lock on it
   FileHeader* header = nullptr;
   std::uint32_t capacity = 0;
   std::uint32_t slotCount = 0;
-  std::uint32_t bucketMask = 0;
+  std::uint64_t modMultiplier = 0;
   std::uint32_t keyMax = 0;
   std::uint32_t valueMax = 0;
   std::uint32_t slotSize = 0;
   std::uint32_t ringCapacity = 0;
   std::uint32_t ringEntrySize = 0;
+  std::uint32_t liveMark = 0;
   std::uint64_t generation = 0;
-  std::uint8_t* buckets = nullptr;
   std::uint8_t* slots = nullptr;
   std::uint8_t* ring = nullptr;
-  dev_t dev = 0;
-  ino_t ino = 0;
+  std::uint64_t identity[5] = {};  // device, inode, change time (s, ns) and size of the file
+  // A reader that found this file retired but still at its path (its successor's writer died
+  // before publishing it) looks at the path again only from this time on (monotonicNs).
+  std::atomic<std::uint64_t> recheckAtNs{0};
   LookupView view;
 
   Mapping() = default;
   Mapping(const Mapping&) = delete;
   Mapping& operator=(const Mapping&) = delete;
   ~Mapping() {
-    if (base != nullptr) munmap(base, size);
+    if (base != nullptr && ownsRange) munmap(base, std::max(size, rangeSize));
+    if (fd >= 0) close(fd);
   }
 
   void adopt(const FileHeader* h) {
     capacity = h->capacity;
     slotCount = h->slotCount;
-    bucketMask = h->bucketCount - 1;
+    modMultiplier = modMultiplierFor(slotCount);
     keyMax = h->keyMax;
     valueMax = h->valueMax;
     slotSize = h->slotSize;
     ringCapacity = h->ringCapacity;
     ringEntrySize = h->ringEntrySize;
+    liveMark = h->liveMark;
     generation = h->generation;
-    buckets = base + h->bucketsOffset;
     slots = base + h->slotsOffset;
     ring = base + h->ringOffset;
     view.live = &header->live;
+    view.mark = liveMark;
     view.slots = slots;
     view.slotCount = slotCount;
-    view.bucketMask = bucketMask;
+    view.modMultiplier = modMultiplier;
     view.shape = kCrcInstruction ? shapeOf(slotSize, keyMax, valueMax) : 0;
   }
-  std::uint8_t* bucket(std::uint32_t b) const { return buckets + 4ull * b; }
+  std::uint32_t bucketOf(std::uint32_t hash) const { return detail::bucketOf(hash, modMultiplier, slotCount); }
   std::uint8_t* slot(std::uint32_t i) const { return slots + std::uint64_t{slotSize} * i; }
   std::uint8_t* ringEntry(std::uint64_t pos) const {
     return ring + std::uint64_t{ringEntrySize} * (pos & (ringCapacity - 1));
   }
 };
 
-
-// A bucket's home: the slot the writer gives the bucket's records when it is free, and which
-// readers start fetching while they read the bucket's head, so that finding a record at home
-// takes one trip to memory rather than two in a row. There are fewer slots than buckets: the
-// buckets beyond the last slot share homes from the start again.
-inline std::uint32_t homeSlot(const Mapping& m, std::uint32_t bucket) {
-  return bucket < m.slotCount ? bucket : bucket - m.slotCount;
+// The fields of a slot's stamp word.
+inline std::uint32_t stampOf(std::uint64_t stampWord) { return static_cast<std::uint32_t>(stampWord); }
+inline std::uint16_t keyLenOf(std::uint64_t stampWord) { return static_cast<std::uint16_t>(stampWord >> 32); }
+inline std::uint16_t valueLenOf(std::uint64_t stampWord) { return static_cast<std::uint16_t>(stampWord >> 48); }
+inline std::uint64_t stampWordOf(std::uint32_t stamp, std::size_t keyLen, std::size_t valueLen) {
+  return stamp | std::uint64_t{keyLen} << 32 | std::uint64_t{valueLen} << 48;
 }
 
-
-// Whether a copy of slot `idx` whose words after the checksum sum to `sum` is whole: checksum, own
-// index and lengths as they must be. Every read path checks a slot with this (the inline typed
-// lookup with the same tests on registers, at its compile-time geometry). Branch-free.
-[[gnu::always_inline]] inline bool slotWhole(const Mapping& m, std::uint32_t idx, const std::uint8_t* buf,
-                                             std::uint64_t sum) {
-  return ((sum ^ get64(buf + kChecksumAt)) | (get32(buf + kSelfAt) ^ idx)) == 0 &&
-         (get16(buf + kKeyLenAt) <= m.keyMax) & (get16(buf + kValueLenAt) <= m.valueMax);
-}
-
-inline std::uint32_t linkOf(const std::uint8_t* slot) { return load<std::uint32_t>(slot + kLinkAt, __ATOMIC_ACQUIRE); }
-inline bool isLive(const Mapping& m) { return load<std::uint32_t>(&m.header->live, __ATOMIC_ACQUIRE) == kLiveMark; }
+inline bool isLive(const Mapping& m) { return load<std::uint32_t>(&m.header->live, __ATOMIC_ACQUIRE) == m.liveMark; }
 
 // What is wrong with a header (copied out of a file of `fileSize` bytes), or empty when it
 // describes a table of this version whose layout fills exactly that file.
@@ -391,13 +383,19 @@ std::string sideName(const std::string& leaf, std::string_view suffix);
 inline constexpr std::string_view kLockSuffix = ".lock";
 inline constexpr std::string_view kNewSuffix = ".new";
 
-// Opens a file of the table's directory for reading without blocking (a FIFO would block an open
-// for reading) and without following a symbolic link, and refuses anything but a regular file.
-// Returns the descriptor, or -1 with `why` saying what is there.
-int openRegular(int dirFd, const std::string& name, int flags, std::string& why);
+// Opens a file of the table's directory without blocking (a FIFO would block an open for reading)
+// and without following a symbolic link, and refuses anything but a regular file, and one that
+// `trust` does not trust (when given). Returns the descriptor and fills `st`, or -1 with `why`
+// saying what is there (errno EPERM for a file not trusted).
+int openRegular(int dirFd, const std::string& name, int flags, std::string& why, const Location* trust = nullptr,
+                struct stat* st = nullptr);
 
-// Whether a writer holds the table's lock; `lockFd` is the lock file opened by a reader (-1: there
-// is none, so no writer).
-bool writerLockHeld(int lockFd);
+// Whether a writer holds its lock on the table file open as `fd`: a write lock, which only a
+// process that may write the file can take. A read lock, which any reader can take, does not
+// count.
+bool writerLockHeld(int fd);
+
+// The process's file mode creation mask, read without changing it.
+unsigned currentUmask();
 
 }  // namespace Shelf::detail

@@ -23,298 +23,34 @@ using namespace detail;
 
 namespace {
 
-// How often a reader walks a chain again when the writer is changing it under its feet, and for
-// how long at most: a writer rewrites a slot in well under a microsecond, so a chain that stays
-// mid-write for milliseconds has a writer that is stopped or a damaged counter, and the lookup
-// answers absent rather than wait on.
-constexpr int kMaxWalks = 40;
-constexpr std::uint64_t kMaxWalkWaitNs = 2'000'000;
-constexpr int kSnapshotTries = 8;
+// What reading a slot under its stamp gave: the record its link names, whole (ok), another stamp or
+// one that moved during the read (moved: the writer freed or rewrote the record since the link
+// was read, or damage, which the link tells), or the named record held still and is not whole
+// (damaged).
+enum class Snap { ok, moved, damaged };
 
-}  // namespace
+[[gnu::always_inline]] inline bool wholeRecord(const Mapping& m, const std::uint8_t* buf, std::uint64_t sum) {
+  const std::uint64_t w0 = get64(buf + kStampAt);
+  return (sum == get64(buf + kChecksumAt)) & (keyLenOf(w0) != 0) & (keyLenOf(w0) <= m.keyMax) &
+         (valueLenOf(w0) <= m.valueMax);
+}
 
-namespace {
-
-enum class Snap { ok, unstable, damaged };
-
-// Copies slot `idx` into `buf` under its sequence counter and checks it; `seqOut` receives the
-// counter the copy was taken at. `damaged` means the slot held still while it was read and is
-// wrong all the same; damageOf(buf) then says how.
-Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint8_t* buf, std::uint32_t& seqOut) {
+// Copies slot `idx` into `buf` under its stamp, expecting `stamp`; `seen` receives the stamp word
+// as loaded first.
+Snap snapshot(const Mapping& m, std::uint32_t idx, std::uint32_t stamp, std::uint8_t* buf, std::uint64_t& seen) {
   const std::uint8_t* s = m.slot(idx);
-  for (int attempt = 0; attempt < kSnapshotTries; ++attempt) {
-    std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
-    if (seq & 1u) [[unlikely]] {
-      cpuRelax();
-      continue;
-    }
-    const std::uint64_t sum = copyAndSum(buf, s, m.slotSize);
-    putRaw(buf + kLinkAt, load<std::uint32_t>(s + kLinkAt, __ATOMIC_RELAXED));
-    std::atomic_thread_fence(std::memory_order_acquire);
-    if (load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED) != seq) [[unlikely]] {
-      continue;
-    }
-    seqOut = seq;
-    return slotWhole(m, idx, buf, sum) ? Snap::ok : Snap::damaged;
-  }
-  return Snap::unstable;
+  readerStep("walk: stamp");
+  const std::uint64_t w0 = load<std::uint64_t>(s + kStampAt, __ATOMIC_ACQUIRE);
+  seen = w0;
+  if (stampOf(w0) != stamp) return Snap::moved;
+  readerStep("walk: record");
+  const std::uint64_t sum = copyAndSum(buf, s, m.slotSize, w0);
+  readFence();
+  readerStep("walk: stamp again");
+  if (load<std::uint64_t>(s + kStampAt, kWordLoad) != w0) return Snap::moved;
+  putRaw(buf + kStampAt, w0);
+  return wholeRecord(m, buf, sum) ? Snap::ok : Snap::damaged;
 }
-
-std::string damageOf(const Mapping& m, std::uint32_t idx, const std::uint8_t* buf) {
-  std::uint16_t keyLen = get16(buf + kKeyLenAt);
-  std::uint16_t valueLen = get16(buf + kValueLenAt);
-  if (keyLen > m.keyMax || valueLen > m.valueMax) {
-    return fmt::format("slot {} claims a key of {} and a value of {} bytes", idx, keyLen, valueLen);
-  }
-  if (get32(buf + kSelfAt) != idx && slotChecksum(buf, m.slotSize) == get64(buf + kChecksumAt)) {
-    return fmt::format("slot {} holds the record of slot {}", idx, get32(buf + kSelfAt));
-  }
-  return fmt::format("checksum mismatch in slot {}", idx);
-}
-
-// Why a walk had to start again: the writer was busy (unstable) or the chain looped (cycle).
-enum class Restart { none, unstable, cycle };
-
-// Walks the chain of `bucket`, calling visit(buf) for every slot read whole that belongs to it;
-// visit returns true to stop. Returns false, after reporting damage, when the chain cannot be read.
-//
-// A slot of another bucket (or a free one) in the chain is either a race or damage. The writer
-// always changes the link to a slot before it frees or reuses the slot, and the reader has seen the
-// slot's new contents through an acquire of its counter, so if the link still points at the slot
-// when read again, the table is damaged; otherwise the writer moved on and the walk starts again.
-template <typename Report, typename Visit>
-bool walkChain(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, const std::function<bool()>& writerAlive,
-               Report&& report, Visit&& visit) {
-  Restart last = Restart::none;
-  std::uint64_t deadline = 0;
-  std::uint32_t stuckSlot = kNone;
-  bool writerGone = false;
-  for (int walk = 0; walk < kMaxWalks; ++walk) {
-    if (walk > 0) {
-      // Once the writer has closed the table nothing moves any more: a walk that began after its
-      // close and still finds the chain mid-write has found damage. (The walk that saw the close
-      // may have raced the writer's last change, so it does not count.)
-      bool atOnce = false;
-      if (last == Restart::unstable) {
-        if (writerGone) {
-          report(fmt::format("slot {} in the chain of bucket {} is mid-write, and no writer has the table open",
-                             stuckSlot, bucket));
-          return false;
-        }
-        writerGone = atOnce = !writerAlive();
-      }
-      if (!atOnce) {
-        const std::uint64_t now = monotonicNs();
-        if (deadline == 0) {
-          deadline = now + kMaxWalkWaitNs;
-        } else if (now > deadline) {
-          break;
-        }
-        pause(walk - 1);
-      }
-    }
-    last = Restart::none;
-    std::uint32_t idx = load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE);
-    std::uint32_t predecessor = kNone;  // kNone: the link is the bucket head
-    std::uint32_t predecessorSeq = 0;
-    std::uint32_t steps = 0;
-    while (idx != kNone) {
-      if (idx >= m.slotCount) {
-        report(fmt::format("link to slot {} beyond {} slots in bucket {}", idx, m.slotCount, bucket));
-        return false;
-      }
-      if (++steps > m.slotCount) {
-        last = Restart::cycle;
-        break;
-      }
-      std::uint32_t seq = 0;
-      Snap snap = snapshot(m, idx, buf, seq);
-      if (snap == Snap::damaged) [[unlikely]] {
-        report(damageOf(m, idx, buf));
-        return false;
-      }
-      if (snap == Snap::unstable) {
-        last = Restart::unstable;
-        stuckSlot = idx;
-        break;
-      }
-      if (std::uint32_t owner = get32(buf + kBucketAt); owner != bucket) {
-        // The predecessor still the same record (its counter has not moved) and still linking here.
-        bool linkUnchanged = predecessor == kNone
-                                 ? load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE) == idx
-                                 : load<std::uint32_t>(m.slot(predecessor) + kSeqAt, __ATOMIC_ACQUIRE) == predecessorSeq &&
-                                       linkOf(m.slot(predecessor)) == idx;
-        if (linkUnchanged) {
-          report(owner == kFreeBucket
-                     ? fmt::format("free slot {} in the chain of bucket {}", idx, bucket)
-                     : fmt::format("slot {} of bucket {} in the chain of bucket {}", idx, owner, bucket));
-          return false;
-        }
-        last = Restart::unstable;
-        stuckSlot = idx;
-        break;
-      }
-      if (visit(buf)) return true;
-      predecessor = idx;
-      predecessorSeq = seq;
-      idx = get32(buf + kLinkAt);
-    }
-    if (last == Restart::none) return true;
-  }
-  if (last == Restart::cycle) {
-    report(fmt::format("chain of bucket {} loops", bucket));
-  } else {
-    PICO_FMTRACE(Pico::kTraceLevelOperational, " bucket {} stayed mid-write; reading it as absent", bucket);
-  }
-  return false;
-}
-
-}  // namespace
-
-Reader::Reader(Location where, Labels expected, std::uint32_t keyMax, std::uint32_t valueMax, CorruptionHandler handler)
-    : where_(std::move(where)),
-      expected_(std::move(expected)),
-      keyMax_(keyMax),
-      valueMax_(valueMax),
-      handler_(std::move(handler)) {}
-
-Reader::~Reader() {
-  if (lockFd_ >= 0) close(lockFd_);
-}
-
-void Reader::corruptionHandlerIs(CorruptionHandler handler) { handler_ = std::move(handler); }
-
-void Reader::report(const std::string& message) const {
-  std::string text = fmt::format("Shelf {}: {}", where_.fullPath(), message);
-  if (handler_) {
-    handler_(text);
-  } else {
-    std::fprintf(stderr, "%s\n", text.c_str());
-  }
-}
-
-Mapping* Reader::current() const {
-  Mapping* m = current_.load(std::memory_order_acquire);
-  if (m != nullptr && isLive(*m)) [[likely]] return m;
-  return refresh();
-}
-
-// Attaches the file at the path when there is none yet, or when the attached one was replaced.
-// Failures are reported once each; the reader keeps whatever it had.
-//
-// Memory. A lookup running in another thread may still be reading the mapping just replaced, so
-// that one stays as it is. The one before it is turned to zeros in place: one mmap over the same
-// addresses, of anonymous read-only pages, which drops the file (and its memory, once the writer
-// has let go of it too) while every address a late lookup might touch stays readable. Zeros read
-// as a replaced table everywhere (the live mark is not kLiveMark, no slot is whole), so such a
-// lookup retries on the current file. A reader therefore maps at most two files of a table,
-// however often its writer restarts, and no call pays anything on its path for it.
-Mapping* Reader::refresh() const {
-  // What went wrong is reported after the lock is released: the handler may call the reader.
-  std::string problem;
-  Mapping* m = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    m = refreshLocked(problem);
-  }
-  if (!problem.empty()) report(problem);
-  return m;
-}
-
-Mapping* Reader::refreshLocked(std::string& problem) const {
-  Mapping* m = current_.load(std::memory_order_acquire);
-  if (m != nullptr && isLive(*m)) return m;
-
-  int dirFd = where_.openDirectory(false);
-  if (dirFd < 0) return m;
-  std::string why;
-  int fd = openRegular(dirFd, where_.leaf(), O_RDONLY, why);
-  if (fd < 0) {
-    const bool absent = errno == ENOENT && why == std::strerror(ENOENT);
-    close(dirFd);
-    if (!absent && why != refused_) {
-      refused_ = why;
-      problem = fmt::format("not a table file: {}", why);
-    }
-    return m;
-  }
-  refused_.clear();
-  struct stat st;
-  if (fstat(fd, &st) != 0 || (m != nullptr && st.st_dev == m->dev && st.st_ino == m->ino) ||
-      (st.st_dev == failedDev_ && st.st_ino == failedIno_)) {
-    close(fd);
-    close(dirFd);
-    return m;
-  }
-  auto fresh = std::make_unique<Mapping>();
-  auto fail = [&](const std::string& why) {
-    failedDev_ = st.st_dev;
-    failedIno_ = st.st_ino;
-    problem = why;
-    return m;
-  };
-  // The writer's lock, for telling a writer that died from one that is alive.
-  std::string lockWhy;
-  const int lockFd = openRegular(dirFd, sideName(where_.leaf(), kLockSuffix), O_RDONLY, lockWhy);
-  close(dirFd);
-  struct LockCloser {
-    int fd;
-    ~LockCloser() {
-      if (fd >= 0) close(fd);
-    }
-  } lockCloser{lockFd};
-  if (static_cast<std::uint64_t>(st.st_size) < kHeaderBytes) {
-    close(fd);
-    return fail(fmt::format("file of {} bytes is too short to hold a table", st.st_size));
-  }
-  void* base = mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
-  close(fd);
-  if (base == MAP_FAILED) return fail(fmt::format("cannot map: {}", std::strerror(errno)));
-  fresh->base = static_cast<std::uint8_t*>(base);
-  fresh->size = static_cast<std::size_t>(st.st_size);
-  fresh->dev = st.st_dev;
-  fresh->ino = st.st_ino;
-  // The header is copied before it is checked, so that what is checked is what is used.
-  FileHeader h;
-  std::memcpy(&h, fresh->base, sizeof h);
-  if (std::string problem = headerProblem(h, fresh->size); !problem.empty()) return fail(problem);
-  if (labelOf(h.typeName, sizeof h.typeName) != expected_.typeName ||
-      labelOf(h.collectionName, sizeof h.collectionName) != expected_.collectionName) {
-    return fail(fmt::format("holds {} collection '{}', not {} collection '{}'", labelOf(h.typeName, sizeof h.typeName),
-                            labelOf(h.collectionName, sizeof h.collectionName), expected_.typeName,
-                            expected_.collectionName));
-  }
-  if (h.keyMax > keyMax_ || h.valueMax > valueMax_) {
-    return fail(fmt::format("keys of {} and values of {} bytes exceed what this reader takes ({} and {})", h.keyMax,
-                            h.valueMax, keyMax_, valueMax_));
-  }
-  fresh->header = reinterpret_cast<FileHeader*>(fresh->base);
-  fresh->adopt(&h);
-  Mapping* attached = fresh.get();
-  for (const std::unique_ptr<Mapping>& old : mappings_) {
-    if (old.get() == m || !old->fileBacked) continue;
-    if (mmap(old->base, old->size, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) !=
-        MAP_FAILED) {
-      old->fileBacked = false;
-    }
-  }
-  mappings_.push_back(std::move(fresh));
-  if (lockFd_ >= 0) close(lockFd_);
-  lockFd_ = std::exchange(lockCloser.fd, -1);
-  view_.store(&attached->view, std::memory_order_release);
-  current_.store(attached, std::memory_order_release);
-  PICO_FMTRACE(Pico::kTraceLevelOperational, " attached {} generation {}", where_.fullPath(), attached->generation);
-  return attached;
-}
-
-bool Reader::attached() const { return current() != nullptr; }
-
-Bytes Reader::mappedBytes() const {
-  const Mapping* m = current();
-  return m == nullptr ? Bytes() : Bytes(m->base, m->size);
-}
-
-namespace {
 
 // The first n (1..8) bytes at p as a little-endian word, zero above them; reads no byte outside
 // [p, p + n), with at most two loads and no branch but on n.
@@ -335,105 +71,336 @@ namespace {
   return diff == 0;
 }
 
-enum class Quick { found, absent, unsure };
-
-// Copies slot `idx` into `buf` and checks the copy: true when the slot held still while it was
-// copied and is whole, in its place and a record of `bucket`. Branch-free but for the answer.
-template <typename Crc>
-[[gnu::always_inline]] inline bool readSlot(const Mapping& m, std::uint32_t idx, std::uint32_t bucket, std::uint8_t* buf) {
-  const std::uint8_t* s = m.slot(idx);
-  const std::uint32_t seq = load<std::uint32_t>(s + kSeqAt, __ATOMIC_ACQUIRE);
-  const std::uint64_t sum = copyAndSumSlot<Crc>(buf, s, m.slotSize);
-  putRaw(buf + kLinkAt, load<std::uint32_t>(s + kLinkAt, __ATOMIC_RELAXED));
-  std::atomic_thread_fence(std::memory_order_acquire);
-  const std::uint32_t seqAfter = load<std::uint32_t>(s + kSeqAt, __ATOMIC_RELAXED);
-  return (((seq & 1u) | (seqAfter ^ seq) | (get32(buf + kBucketAt) ^ bucket)) == 0) & slotWhole(m, idx, buf, sum);
-}
-
 [[gnu::always_inline]] inline bool holdsKey(const std::uint8_t* buf, Bytes key) {
-  const std::uint16_t keyLen = get16(buf + kKeyLenAt);
+  const std::uint16_t keyLen = keyLenOf(get64(buf + kStampAt));
   return keyLen == key.size() && sameKey(buf + kSlotHeaderBytes, key.data(), keyLen);
 }
 
-// The common case of a lookup, kept short and free of data-dependent branches: the processor
-// overlaps the memory accesses of consecutive lookups only as far as its window of instructions in
-// flight holds both, so every instruction here counts. The record is looked for at
-// its bucket's home first, where the writer keeps it when it can: found there, the lookup has cost
-// one slot and never reads the bucket's head. This is sound because a record at home never moves
-// elsewhere while it lives (a new value of it is written back to the home), so a whole record of
-// the key at the home is the key's current record, or, while the writer is storing a new one, that
-// new one. Otherwise the chain is walked from the bucket's head, expecting every slot stable,
-// whole and where it belongs; anything else (a slot being rewritten, a slot of another bucket,
-// damage) answers unsure, and the lookup is done again by carefulFind, which retries, tells races
-// from damage and reports. On found, `buf` holds the record.
+// The quick lookup: the home slot alone, answering when the bucket's head names the record there
+// and it holds the key. On true, `buf` holds the record.
 template <typename Crc>
-Quick quickFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) {
-  if (readSlot<Crc>(m, homeSlot(m, bucket), bucket, buf) && holdsKey(buf, key)) [[likely]] {
-    return Quick::found;
-  }
-  std::uint32_t idx = load<std::uint32_t>(m.bucket(bucket), __ATOMIC_ACQUIRE);
-  for (std::uint32_t steps = 0; idx != kNone; ++steps) {
-    if (idx >= m.slotCount || steps == m.slotCount || !readSlot<Crc>(m, idx, bucket, buf)) [[unlikely]] {
-      return Quick::unsure;
-    }
-    if (holdsKey(buf, key)) return Quick::found;
-    idx = get32(buf + kLinkAt);
-  }
-  return Quick::absent;
+[[gnu::always_inline]] inline bool atHome(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) {
+  const std::uint8_t* s = m.slot(bucket);
+  readerStep("home: stamp");
+  const std::uint64_t w0 = load<std::uint64_t>(s + kStampAt, __ATOMIC_ACQUIRE);
+  readerStep("home: head");
+  const std::uint64_t head = load<std::uint64_t>(s + kHeadAt, kWordLoad);
+  readerStep("home: record");
+  const std::uint64_t sum = copyAndSumSlot<Crc>(buf, s, m.slotSize, w0);
+  readFence();
+  readerStep("home: stamp again");
+  const std::uint64_t w0After = load<std::uint64_t>(s + kStampAt, kWordLoad);
+  putRaw(buf + kStampAt, w0);
+  return (((head ^ linkTo(bucket, stampOf(w0))) | (w0After ^ w0)) == 0) & wholeRecord(m, buf, sum) && holdsKey(buf, key);
 }
 
 }  // namespace
 
-// The lookup by walkChain, for when the quick one was unsure.
-Reader::Found Reader::carefulFind(const Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const {
-  Found found = Found::absent;
-  walkChain(m, bucket, buf, aliveTest(m), reporter(m), [&](const std::uint8_t* slot) {
-    std::uint16_t keyLen = get16(slot + kKeyLenAt);
-    if (keyLen != key.size() || std::memcmp(slot + kSlotHeaderBytes, key.data(), keyLen) != 0) return false;
-    found = Found::present;
-    return true;
-  });
-  return found;
+// Walks the chain of `bucket`, calling visit(buf) for each whole record; visit returns true to
+// stop. See Shelf.h for why a completed walk is linearizable; the cases here:
+// - a link to a slot that holds another record than the one it names: if the link has changed
+//   since it was read, the writer moved on (the walk starts again); if it has not, the file is
+//   damaged. Only the record's stamp word may have been hit: then the record is whole under the
+//   stamp the link names, and is used; otherwise the walk ends there, reported.
+// - a record whose checksum fails while its stamp holds still: damage, reported and skipped (the
+//   walk goes on through its link, so that one damaged record hides no other).
+template <typename Visit>
+Reader::Walk Reader::walk(const Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Visit&& visit) const {
+  bool looped = false;
+  for (int attempt = 0; attempt < kMaxWalks; ++attempt) {
+    if (attempt > 0) {
+      restarts_.fetch_add(1, std::memory_order_relaxed);
+      pause(attempt - 1);
+    }
+    looped = false;
+    readerStep("walk: head");
+    std::uint64_t link = load<std::uint64_t>(m.slot(bucket) + kHeadAt, __ATOMIC_ACQUIRE);
+    std::uint32_t predecessor = kNone;  // kNone: the link is the bucket's head
+    std::uint64_t predecessorSeen = 0;
+    std::uint32_t steps = 0;
+    bool again = false;
+    while (!again) {
+      const std::uint32_t idx = linkSlot(link);
+      if (idx == kNone) {
+        if (link == kEndLink) return Walk::done;
+        reportOnce(m, fmt::format("the end of the chain of bucket {} carries stamp {:#x}", bucket, linkStamp(link)));
+        return Walk::damaged;
+      }
+      if (idx >= m.slotCount) {
+        reportOnce(m, fmt::format("link to slot {} beyond {} slots in bucket {}", idx, m.slotCount, bucket));
+        return Walk::damaged;
+      }
+      if (++steps > m.slotCount) {
+        looped = again = true;
+        break;
+      }
+      std::uint64_t seen = 0;
+      Snap snap = snapshot(m, idx, linkStamp(link), buf, seen);
+      if (snap == Snap::moved) {
+        readerStep("walk: link again");
+        const bool linkStays =
+            predecessor == kNone
+                ? load<std::uint64_t>(m.slot(bucket) + kHeadAt, __ATOMIC_ACQUIRE) == link
+                : load<std::uint64_t>(m.slot(predecessor) + kStampAt, __ATOMIC_ACQUIRE) == predecessorSeen &&
+                      load<std::uint64_t>(m.slot(predecessor) + kLinkAt, __ATOMIC_ACQUIRE) == link;
+        if (!linkStays) {
+          again = true;
+          break;
+        }
+        // Damage: the writer never frees a record that a link still names.
+        const std::uint8_t* s = m.slot(idx);
+        seen = load<std::uint64_t>(s + kStampAt, __ATOMIC_ACQUIRE);
+        const std::uint64_t assumed = (seen & ~std::uint64_t{0xFFFFFFFF}) | linkStamp(link);
+        const std::uint64_t sum = copyAndSum(buf, s, m.slotSize, assumed);
+        putRaw(buf + kStampAt, assumed);
+        if (!wholeRecord(m, buf, sum)) {
+          reportOnce(m, fmt::format("a link in the chain of bucket {} names record {:#x}, which slot {} does not hold "
+                                    "(it holds {:#x})",
+                                    bucket, linkStamp(link), idx, stampOf(seen)));
+          return Walk::damaged;
+        }
+        reportOnce(m, fmt::format("the stamp of slot {} in the chain of bucket {} reads {:#x}, its record {:#x}", idx,
+                                  bucket, stampOf(seen), linkStamp(link)));
+        snap = Snap::ok;
+      }
+      if (snap == Snap::damaged) {
+        reportOnce(m, fmt::format("checksum mismatch in slot {} (bucket {})", idx, bucket));
+      } else if (visit(static_cast<const std::uint8_t*>(buf))) {
+        return Walk::stopped;
+      }
+      predecessor = idx;
+      predecessorSeen = seen;
+      link = get64(buf + kLinkAt);
+    }
+  }
+  gaveUp_.fetch_add(1, std::memory_order_relaxed);
+  if (looped) reportOnce(m, fmt::format("chain of bucket {} loops", bucket));
+  PICO_FMTRACE(Pico::kTraceLevelOperational, " bucket {} kept changing under {} walks; reading it as absent", bucket,
+               kMaxWalks);
+  return Walk::gaveUp;
+}
+
+Reader::Reader(Location where, Labels expected, std::uint32_t keyMax, std::uint32_t valueMax, CorruptionHandler handler)
+    : where_(std::move(where)),
+      expected_(std::move(expected)),
+      keyMax_(keyMax),
+      valueMax_(valueMax),
+      handler_(std::move(handler)) {}
+
+Reader::~Reader() = default;
+
+void Reader::corruptionHandlerIs(CorruptionHandler handler) { handler_ = std::move(handler); }
+
+void Reader::report(const std::string& message) const {
+  std::string text = fmt::format("Shelf {}: {}", where_.fullPath(), message);
+  if (handler_) {
+    handler_(text);
+  } else {
+    std::fprintf(stderr, "%s\n", text.c_str());
+  }
+}
+
+void Reader::reportOnce(const Mapping& m, const std::string& message) const {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Damage seen in a file that has been replaced meanwhile is not reported: the reader has moved
+    // on, and a mapping turned to zeros would read as damaged throughout.
+    if (current_.load(std::memory_order_relaxed) != &m) return;
+    if (std::find(reported_.begin(), reported_.end(), message) != reported_.end()) return;
+    if (reported_.size() < 1024) reported_.push_back(message);
+  }
+  report(message);
+}
+
+Reader::Stats Reader::stats() const {
+  return Stats{restarts_.load(std::memory_order_relaxed), gaveUp_.load(std::memory_order_relaxed)};
+}
+
+Mapping* Reader::current() const {
+  Mapping* m = current_.load(std::memory_order_acquire);
+  if (m != nullptr && isLive(*m)) [[likely]] return m;
+  if (m != nullptr && monotonicNs() < m->recheckAtNs.load(std::memory_order_relaxed)) return m;
+  return refresh();
+}
+
+// Attaches the file at the path when there is none yet, or when the attached one was replaced.
+// Failures are reported once each; the reader keeps whatever it had.
+//
+// Memory. A lookup running in another thread may still be reading the mapping just replaced, so
+// that one stays as it is. The one before it is turned to zeros in place: one mmap over the same
+// addresses, of anonymous read-only pages, which drops the file (and its memory, once the writer
+// has let go of it too) while every address a late lookup might touch stays readable. Zeros read
+// as a replaced table everywhere (the live word is not the file's mark, no record is whole), so
+// such a lookup retries on the current file. A later file is mapped into such a range when it
+// fits: a lookup still in it then reads that file, whose mark is not the one it expects (and whose
+// records, should the geometry be the same, are the table's current ones). So a reader holds at
+// most three address ranges while its writer restarts with one geometry.
+Mapping* Reader::refresh() const {
+  // What went wrong is reported after the lock is released: the handler may call the reader.
+  std::string problem;
+  Mapping* m = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    m = refreshLocked(problem);
+  }
+  if (!problem.empty()) report(problem);
+  return m;
+}
+
+Mapping* Reader::refreshLocked(std::string& problem) const {
+  Mapping* m = current_.load(std::memory_order_acquire);
+  if (m != nullptr && isLive(*m)) return m;
+  const std::uint64_t now = monotonicNs();
+  if (m != nullptr) {
+    if (now < m->recheckAtNs.load(std::memory_order_relaxed)) return m;
+    m->recheckAtNs.store(now + kLivenessIntervalNs, std::memory_order_relaxed);
+  }
+  auto refuse = [&](const std::string& why) {
+    if (why != refused_) {
+      refused_ = why;
+      problem = why;
+    }
+    return m;
+  };
+
+  std::string why;
+  const int dirFd = where_.openDirectory(false, why);
+  if (dirFd < 0) return errno == EPERM ? refuse(why) : m;
+  struct stat st;
+  int fd = openRegular(dirFd, where_.leaf(), O_RDONLY, why, &where_, &st);
+  close(dirFd);
+  if (fd < 0) return errno == ENOENT ? m : refuse(fmt::format("not a table file: {}", why));
+  refused_.clear();
+  struct FdCloser {
+    int fd;
+    ~FdCloser() {
+      if (fd >= 0) close(fd);
+    }
+  } fdCloser{fd};
+  if (m != nullptr && static_cast<std::uint64_t>(st.st_dev) == m->identity[0] &&
+      static_cast<std::uint64_t>(st.st_ino) == m->identity[1]) {
+    // Still the file at the path (the reader holds it open, so its inode cannot be another's):
+    // retired by a writer that died before it published its own, or its live word is damaged.
+    const std::uint32_t live = load<std::uint32_t>(&m->header->live, __ATOMIC_ACQUIRE);
+    if (live != 0 && live != m->liveMark) {
+      problem = fmt::format("the table's live word reads {:#x}, neither its mark {:#x} nor retired", live, m->liveMark);
+      if (std::find(reported_.begin(), reported_.end(), problem) != reported_.end()) problem.clear();
+      else reported_.push_back(problem);
+    }
+    return m;
+  }
+  const std::uint64_t identity[5] = {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+                                     static_cast<std::uint64_t>(st.st_ctim.tv_sec),
+                                     static_cast<std::uint64_t>(st.st_ctim.tv_nsec), static_cast<std::uint64_t>(st.st_size)};
+  if (std::equal(identity, identity + 5, failed_)) return m;
+  auto fail = [&](const std::string& why) {
+    std::copy(identity, identity + 5, failed_);
+    problem = why;
+    return m;
+  };
+  if (static_cast<std::uint64_t>(st.st_size) < kHeaderBytes) {
+    return fail(fmt::format("file of {} bytes is too short to hold a table", st.st_size));
+  }
+  // The header is read and checked before anything is mapped: a file of absurd geometry is
+  // refused before it costs address space.
+  FileHeader h;
+  if (pread(fd, &h, sizeof h, 0) != static_cast<ssize_t>(sizeof h)) return fail(fmt::format("cannot read: {}", std::strerror(errno)));
+  if (std::string problem = headerProblem(h, static_cast<std::uint64_t>(st.st_size)); !problem.empty()) return fail(problem);
+  if (labelOf(h.typeName, sizeof h.typeName) != expected_.typeName ||
+      labelOf(h.collectionName, sizeof h.collectionName) != expected_.collectionName) {
+    return fail(fmt::format("holds {} collection '{}', not {} collection '{}'", labelOf(h.typeName, sizeof h.typeName),
+                            labelOf(h.collectionName, sizeof h.collectionName), expected_.typeName,
+                            expected_.collectionName));
+  }
+  if (h.keyMax > keyMax_ || h.valueMax > valueMax_) {
+    return fail(fmt::format("keys of {} and values of {} bytes exceed what this reader takes ({} and {})", h.keyMax,
+                            h.valueMax, keyMax_, valueMax_));
+  }
+  // A writer writes every slot before it publishes its file; one whose slots take no storage was
+  // not made by a writer (a sparse file of a huge geometry would cost a reader a walk of millions of
+  // empty buckets).
+  if (static_cast<std::uint64_t>(st.st_blocks) * 512 < h.ringOffset) {
+    return fail(fmt::format("a file of {} bytes of which only {} are stored: its slots were never written",
+                            st.st_size, static_cast<std::uint64_t>(st.st_blocks) * 512));
+  }
+
+  // Into the smallest range of a mapping turned to zeros that holds it, or a new one.
+  Mapping* range = nullptr;
+  const std::size_t size = static_cast<std::size_t>(st.st_size);
+  for (const std::unique_ptr<Mapping>& old : mappings_) {
+    if (!old->fileBacked && old->ownsRange && std::max(old->size, old->rangeSize) >= size &&
+        (range == nullptr || std::max(old->size, old->rangeSize) < std::max(range->size, range->rangeSize))) {
+      range = old.get();
+    }
+  }
+  void* base = mmap(range != nullptr ? range->base : nullptr, size, PROT_READ,
+                    MAP_SHARED | (range != nullptr ? MAP_FIXED : 0), fd, 0);
+  if (base == MAP_FAILED) return fail(fmt::format("cannot map: {}", std::strerror(errno)));
+  auto fresh = std::make_unique<Mapping>();
+  fresh->base = static_cast<std::uint8_t*>(base);
+  fresh->size = size;
+  fresh->rangeSize = size;
+  if (range != nullptr) {
+    fresh->rangeSize = std::max(range->size, range->rangeSize);
+    range->ownsRange = false;
+  }
+  fresh->fd = std::exchange(fdCloser.fd, -1);
+  std::copy(identity, identity + 5, fresh->identity);
+  fresh->header = reinterpret_cast<FileHeader*>(fresh->base);
+  fresh->adopt(&h);
+  Mapping* attached = fresh.get();
+  for (const std::unique_ptr<Mapping>& old : mappings_) {
+    if (old.get() == m || !old->fileBacked) continue;
+    if (mmap(old->base, old->size, PROT_READ, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) !=
+        MAP_FAILED) {
+      old->fileBacked = false;
+      close(std::exchange(old->fd, -1));
+    }
+  }
+  mappings_.push_back(std::move(fresh));
+  reported_.clear();
+  view_.store(&attached->view, std::memory_order_release);
+  current_.store(attached, std::memory_order_release);
+  PICO_FMTRACE(Pico::kTraceLevelOperational, " attached {} generation {}", where_.fullPath(), attached->generation);
+  return attached;
+}
+
+bool Reader::attached() const { return current() != nullptr; }
+
+Bytes Reader::mappedBytes() const {
+  const Mapping* m = current();
+  return m == nullptr ? Bytes() : Bytes(m->base, m->size);
 }
 
 std::optional<Bytes> Reader::find(Bytes key, std::uint32_t hash, RecordCopy& copy) const {
   // current(), spelled out: a lookup should not pay for a call to learn that nothing changed.
-  const Mapping* m = current_.load(std::memory_order_acquire);
-  if (m == nullptr || !isLive(*m)) [[unlikely]] m = refresh();
+  Mapping* m = current_.load(std::memory_order_acquire);
+  if (m == nullptr || !isLive(*m)) [[unlikely]] m = current();
   std::uint8_t* buf = copy.bytes;
   // A file replaced while it was being read is read again in its successor (a few times at most:
   // each time, a writer has published a whole new table).
   for (int attempt = 0; attempt < 4; ++attempt) {
     if (m == nullptr || key.empty() || key.size() > m->keyMax) return std::nullopt;
-    const std::uint32_t bucket = hash & m->bucketMask;
-    const Quick quick = kCrcInstruction ? quickFind<CrcInstructionStep>(*m, bucket, key, buf)
-                                        : quickFind<CrcTableStep>(*m, bucket, key, buf);
-    if (quick == Quick::absent) return std::nullopt;
-    if (quick == Quick::found || carefulFind(*m, bucket, key, buf) == Found::present) [[likely]] {
-      return Bytes(buf + valueAt(get16(buf + kKeyLenAt)), get16(buf + kValueLenAt));
+    const std::uint32_t bucket = m->bucketOf(hash);
+    const bool home = kCrcInstruction ? atHome<CrcInstructionStep>(*m, bucket, key, buf)
+                                      : atHome<CrcTableStep>(*m, bucket, key, buf);
+    if (home || walk(*m, bucket, buf, [&](const std::uint8_t* record) { return holdsKey(record, key); }) ==
+                    Walk::stopped) [[likely]] {
+      const std::uint64_t w0 = get64(buf + kStampAt);
+      return Bytes(buf + valueAt(keyLenOf(w0)), valueLenOf(w0));
     }
     if (isLive(*m)) return std::nullopt;
-    m = refresh();
+    Mapping* next = current();
+    if (next == m) return std::nullopt;
+    m = next;
   }
   return std::nullopt;
-}
-
-std::function<bool()> Reader::aliveTest(const Mapping& m) const {
-  return [this, &m] { return writerAlive(m); };
-}
-
-std::function<void(const std::string&)> Reader::reporter(const Mapping& m) const {
-  // Damage seen in a file that has been replaced meanwhile is not reported: the reader has moved
-  // on, and a mapping turned to zeros would read as damaged throughout.
-  return [this, &m](const std::string& why) {
-    if (isLive(m)) report(why);
-  };
 }
 
 bool Reader::writerAlive(const Mapping& m) const {
   if (load<std::uint32_t>(&m.header->writerOpen, __ATOMIC_ACQUIRE) == 0 || !isLive(m)) return false;
   std::lock_guard<std::mutex> lock(mutex_);
-  return current_.load(std::memory_order_relaxed) == &m && writerLockHeld(lockFd_);
+  return m.fileBacked && writerLockHeld(m.fd);
 }
 
 std::optional<std::uint32_t> Reader::find(Bytes key, std::uint32_t hash, std::uint8_t* out, std::uint32_t outSize) const {
@@ -452,26 +419,24 @@ void Reader::forEach(const std::function<void(Bytes key, Bytes value)>& fn) cons
   const Mapping* m = current();
   if (m == nullptr) return;
   alignas(8) std::uint8_t buf[kMaxSlotBytes];
-  auto report = reporter(*m);
-  auto alive = aliveTest(*m);
   // Keys already handed out from the current bucket: a walk that starts again must not repeat them.
   std::vector<std::uint8_t> seen;
-  for (std::uint32_t b = 0; b <= m->bucketMask; ++b) {
+  for (std::uint32_t b = 0; b < m->slotCount; ++b) {
     seen.clear();
-    walkChain(*m, b, buf, alive, report, [&](const std::uint8_t* slot) {
-      std::uint16_t keyLen = get16(slot + kKeyLenAt);
+    walk(*m, b, buf, [&](const std::uint8_t* slot) {
+      const std::uint64_t w0 = get64(slot + kStampAt);
+      const std::uint16_t keyLen = keyLenOf(w0);
       Bytes key(slot + kSlotHeaderBytes, keyLen);
       for (std::size_t i = 0; i < seen.size(); i += 1 + seen[i]) {
         if (seen[i] == keyLen && std::memcmp(&seen[i + 1], key.data(), keyLen) == 0) return false;
       }
       seen.push_back(static_cast<std::uint8_t>(keyLen));
       seen.insert(seen.end(), key.begin(), key.end());
-      fn(key, Bytes(slot + valueAt(keyLen), get16(slot + kValueLenAt)));
+      fn(key, Bytes(slot + valueAt(keyLen), valueLenOf(w0)));
       return false;
     });
   }
 }
-
 std::uint64_t Reader::scalar(std::uint32_t index) const {
   PICO_ASSERT(index < kScalarCount);
   const Mapping* m = current();

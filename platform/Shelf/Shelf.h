@@ -9,58 +9,85 @@
 //
 // Layout of the file, in this order:
 //   header   geometry (immutable after creation, checksummed) and the writer's live counters;
-//   buckets  bucketCount 32-bit slot indices, the head of each chain (kNone for an empty chain);
-//   slots    slotCount fixed-size slots: sequence counter and chain link in the first word, then
-//            checksum, bucket, own index, key length, value length, key, value (from the next
-//            8-byte boundary), zeros to the end; the checksum (CRC32C) covers everything after it;
+//   slots    slotCount fixed-size slots (the slot format is below, in detail::);
 //   ring     the change ring: the keys the writer changed, newest last.
-// Beside the file, in the same directory, ".LEAF.lock" is the writer's lock (see below).
+// There are as many buckets as slots, and bucket b's chain starts at the head word of slot b, its
+// home: key hash h belongs to bucket h mod slotCount.
+// Beside the file, in the same directory, ".LEAF.lock" (mode 0600) keeps a second writer out.
 //
-// Homes. Each bucket has a home slot (bucket b: slot b, wrapping around where there are fewer
-// slots than buckets). The writer puts a bucket's record there when it is free, and a record at
-// home stays there until it is erased: a new value of it is written back to the home. A reader
-// therefore looks at the home first, and a whole record of its key there is the key's record; it
-// reads the bucket's head and walks the chain only when the home holds something else.
+// Links. A link (a bucket head, or a slot's link to the next record of its chain) names a slot and
+// the stamp of the record it expects there. Every time the writer writes a slot, to hold a new
+// record or to free it, the slot gets a stamp never used before in the file, so a link can name
+// only the record it was made for: a reader holding a link whose record has since been freed or
+// replaced finds another stamp, and knows it. Records are never changed in place: a new value is
+// a new record, written in full to a free slot and then linked in place of the old one with one
+// store, after which the old one is freed. Only links change in place, each with one 64-bit store.
 //
-// Concurrency. One writer, lock-free readers. Every slot carries a sequence counter that is odd
-// while the writer rewrites it; a reader copies the slot, re-reads the counter and retries (a
-// bounded number of times) when it moved. The writer never rewrites a record that readers reach
-// from a bucket: a new value goes to a free slot, which is then linked in place of the old one,
-// and the old slot is freed afterwards (free slots are reused first-in first-out, so a slot a
-// reader is still looking at is rarely reused at once). A record at home is changed the same way,
-// through a spare slot: while the spare is linked in its place the home is rewritten, then linked
-// back and the spare freed. A link (a bucket head or a slot's link word) is the one thing changed
-// in place, with a single 32-bit store.
+// Reading a slot (a seqlock). The stamp is odd while the writer rewrites the slot and even at rest.
+// A reader loads the stamp, copies the slot, and loads the stamp again: the copy is the record
+// named by its link if both loads give the link's stamp, and the record is whole if its checksum
+// (over the stamp word, key and value) holds. The writer stores the odd stamp, then the words,
+// then the even one.
 //
-// Crashes. It follows that a writer killed between any two instructions leaves every record that
-// was reachable before its last operation reachable and whole, with its old value or its new one:
-// links are single stores, and the only slot it can leave mid-write is one no chain leads to (a
-// home being rewritten while its spare stands in for it is found through the chain). Readers tell
-// a dead writer from a live one by its lock, so a slot that stays mid-write under a dead writer is
-// reported as damage at once rather than waited on.
+// Linearizability. The writer publishes each change with one store of a link (an insert sets a
+// head or a link to a new record, an erase points the predecessor past the record, an update
+// points it at the record with the new value), so the table's contents change at those stores
+// and nowhere else. A lookup walks the chain of its key's bucket, link by link, and checks at each
+// step that the slot it reached holds the record the link named (the stamp, within the seqlock
+// window). If it does not, the writer has freed that record since the link was read: when the
+// link is still in place the file is damaged (the writer always unlinks a record before it frees
+// it), otherwise the walk starts again from the head. A completed walk reads each link while it
+// named a live record or one unlinked a moment before (an unlinked record keeps its link until
+// the writer frees it, which the stamp shows), and the order of a chain never changes under a
+// walk (new records go to the front, or second behind a record at home; a new value takes the old
+// one's place), so: a value returned was the key's value when the link to its record was read; a
+// key present throughout a walk is met by it; "absent" means the key was absent when the walk read
+// the link past its place. forEach walks every chain so, and lists every key present throughout.
+// The quick path of a lookup reads only the home slot: it answers from it when the bucket's head,
+// read in the same seqlock window, names that very record (the writer puts a bucket's record at
+// home when the home is free, as the head, and keeps it the head while it lives there).
 //
-// One writer. Before it builds anything, a writer takes an open file description lock on the lock
-// file and holds it until it is destroyed; the kernel drops it when the process dies, however it
-// dies. A second writer of the same table gets Shelf::Exception naming the holder's pid. Readers
-// test the lock (without taking it) to learn that a writer is gone: writerOpen() turns false and
-// poll reports writerClosed once, after a crash as after a close.
+// Progress. Readers never wait for the writer nor take a lock on a lookup: a walk that the writer
+// moved under starts again (counted in stats().restarts), after a pause that grows with each
+// attempt; after kMaxWalks it gives up and answers absent (counted in stats().gaveUp).
 //
-// Distrust. Readers trust nothing they read: every index is bounds-checked, chains are
-// length-bounded, every slot's checksum and its own index are verified, and a slot found in the
-// wrong chain makes the walk restart. A check that fails on a stable slot calls the reader's
-// corruption handler with a message and the entry reads as absent; the reader never crashes and
-// never spins without bound. The table path must hold a regular file: readers open it without
-// blocking and without following a symbolic link, and refuse anything else, or a file whose size
-// is not what its header's geometry needs, with a report. A file truncated under an attached
-// reader is the one thing not guarded: touching a page past its new end raises SIGBUS, and
-// catching that would mean owning the process's SIGBUS handler, which a library cannot (only the
-// writer's user can write the file).
+// Crashes. A writer killed between any two stores leaves every linked record whole: it writes
+// only slots no link names, and each change is published by one store. What it had written but not
+// linked is never reached. Readers tell a dead writer from a live one by its lock on the table
+// file itself (see below), so nothing waits on it.
+//
+// Damage. Readers trust nothing they read: every index is range-checked, every link's stamp
+// compared, every record's checksum verified, chains are length-bounded. A link that names a
+// record its slot does not hold, while the link stays in place, is damage; so is a record whose
+// checksum fails while its stamp holds still. Each is reported once to the reader's corruption
+// handler; a damaged record is skipped and the walk goes on through its link, a damaged link ends
+// the walk (the keys behind it read as absent, reported). A record whose stamp word alone was hit
+// still reads, checked against the checksum. A reader never crashes and never spins without bound.
+//
+// One writer, and telling it alive. Before it builds anything, a writer takes an open file
+// description lock on ".LEAF.lock", which only the table's owner can open, and holds it while it
+// lives; a second writer gets Shelf::Exception naming the holder's pid. It also holds a write lock
+// on the table file itself, taken while the file was still private to it: readers test that lock
+// (without taking it) to learn whether the writer lives. Another user can read the file and so
+// take a read lock on it, but a read lock neither blocks the writer (it holds its lock first) nor
+// passes for the writer's (readers look for a write lock, which needs write access).
+//
+// Trust. Readers and writers trust a table only if the root, every folder below it and the file
+// belong to the expected user (by default the process's own user or root; see Location) and can be
+// written by no one else (a sticky folder such as /dev/shm is fine). Anything else is refused
+// with a message naming the path and its owner. A file truncated under an attached reader is the
+// one thing not guarded: touching a page past its new end raises SIGBUS, and catching that would
+// mean owning the process's SIGBUS handler, which a library cannot (only the owner can do it).
 //
 // Restart. A writer that mounts a path that already holds a table starts empty: it builds a new
-// file beside the old one, renames it over the path and marks the old file retired. Readers notice
-// the mark on their next call and re-open the path; they need not re-attach. A reader maps at most
-// two files of a table (the current one and the one before, which a call in another thread may
-// still be reading); older ones are turned to zeros in place (see Reader::refresh).
+// file beside the old one, marks the old one retired and renames the new one over the path.
+// Retiring first means that a writer killed in between leaves the old file at the path, retired:
+// readers go on reading it and look at the path again every kLivenessInterval until a file that is
+// not retired stands there. Readers notice the mark on their next call and re-open the path; they
+// need not re-attach. Each file carries a mark of its own, so a mapping is never mistaken for
+// another file's. A reader maps the current file and keeps the one before (a call in another
+// thread may still be reading it); older ones are turned to zeros in place, and their address
+// ranges are reused for later files, so restarts do not pile up in a reader.
 //
 // Changes. Each change appends its key to the ring in the file; a reader polls the ring (or waits
 // on it with a timeout) and learns which keys changed, or that it fell too far behind and must
@@ -115,10 +142,16 @@ class TableFullException : public Kelp::RangeException {
 
 using CorruptionHandler = std::function<void(std::string_view message)>;
 
-// Where a table lives: a root directory and a relative path below it. The path is a list of
-// non-empty components separated by "/"; absolute paths, empty components, "." and ".." are refused
-// with Kelp::RangeException, so a table never lives outside its root. Components are opened without
-// following symbolic links.
+// Where a table lives: an absolute root directory and a relative path below it. The path is a list
+// of non-empty components separated by "/"; absolute paths, empty components, ".", "..", and
+// components holding control characters are refused with Kelp::RangeException, so a table never
+// lives outside its root. Components are opened without following symbolic links.
+//
+// Trust. Every directory from the root down and the table file must belong to a trusted user and
+// be writable by no one else (a sticky directory, where others may add names but not take ours,
+// is fine): by default the process's effective user or root, or only the user `trustedOwnerIs`
+// names (or $BGPCOMMON_SHM_OWNER, a user name or number). Anything else is refused, naming the
+// path and its owner: another local user must not be able to plant or replace a table.
 class Location {
  public:
   // The root used when none is given: $BGPCOMMON_SHM_ROOT, else /dev/shm/bgpcommon.
@@ -131,14 +164,22 @@ class Location {
   std::string fullPath() const { return root_ + "/" + path_; }
   const std::string& leaf() const { return components_.back(); }
 
-  // Opens the directory that holds the leaf (creating missing directories when `create`), or -1
-  // with errno set.
-  int openDirectory(bool create) const;
+  // Trust only `uid` (the writer's user, when a reader runs as another).
+  void trustedOwnerIs(unsigned uid) { owner_ = uid; }
+  std::optional<unsigned> trustedOwner() const { return owner_; }
+  // Why a file or directory of these `st_uid` and `st_mode` must not be trusted, or empty.
+  std::string distrust(const std::string& path, unsigned uid, unsigned mode) const;
+
+  // Opens the directory that holds the leaf (creating missing directories, with mode 0755 less
+  // the umask, when `create`), checking each level's owner and mode. Returns -1 with errno set,
+  // and `why` saying what is wrong (for a trust failure errno is EPERM).
+  int openDirectory(bool create, std::string& why) const;
 
  private:
   std::string root_;
   std::string path_;
   std::vector<std::string> components_;
+  std::optional<unsigned> owner_;
 };
 
 // The names a table file carries in its header: the entity type that owns it, the collection, and a
@@ -161,6 +202,7 @@ struct Geometry {
 inline constexpr std::uint32_t kMaxKeyBytes = 255;
 inline constexpr std::uint32_t kMaxSlotBytes = 1024;
 inline constexpr std::uint32_t kMaxCapacity = 1u << 26;
+inline constexpr std::uint32_t kMaxRingCapacity = 1u << 20;
 // How many 64-bit scalars the header carries for the owning entity's plain attributes.
 inline constexpr std::uint32_t kScalarCount = 8;
 
@@ -183,19 +225,46 @@ struct Mapping;
 
 constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
 
-// Slot layout. The first word holds the sequence counter and the chain link; the checksum covers
-// bytes [16, slotSize): bucket, own index, lengths, key, value and the zero bytes after them. The
-// link stands outside the checksum and the counter because it is the one field the writer changes
-// in a slot that readers can reach: a single 32-bit store, which no crash can leave half done.
-inline constexpr std::size_t kSeqAt = 0;
-inline constexpr std::size_t kLinkAt = 4;
-inline constexpr std::size_t kChecksumAt = 8;
-inline constexpr std::size_t kReservedAt = 16;  // zero
-inline constexpr std::size_t kBucketAt = 20;
-inline constexpr std::size_t kSelfAt = 24;
-inline constexpr std::size_t kKeyLenAt = 28;
-inline constexpr std::size_t kValueLenAt = 30;
+// ---- The slot format ----
+//
+//   offset  size  field
+//   0       4     stamp       the record's stamp: even at rest, odd while the writer rewrites the
+//                             slot; every write of a slot gives it a stamp never used before
+//   4       2     keyLen      0 in a free slot (keys are never empty)
+//   6       2     valueLen
+//   8       8     link        the next record of this record's chain (a link word, below)
+//   16      8     head        the first record of the bucket whose home this slot is (a link word)
+//   24      8     checksum    two-lane CRC32C of word 0 and the words from offset 32 to the end
+//   32      ...   key, then the value from the next 8-byte boundary, zeros to the end of the slot
+//
+// A link word holds a slot index in its low half and the stamp of the record it names in its high
+// half; the end of a chain is kEndLink (no slot, stamp 0). The link and head words are the only
+// words changed in place, each with one store, and stand outside the checksum. The head word
+// belongs to the bucket, not to the record: writing a record into the slot leaves it alone.
+//
+// The checksum covers the stamp word (with the even stamp, so a record is checked against the
+// stamp its link names) and everything from the key on, unused bytes included: hashing the whole
+// fixed-size slot rather than the used bytes makes every lookup run the same instructions, which
+// keeps a reader's branches predictable. It is CRC32C (the Castagnoli polynomial) in two lanes:
+// the checksummed words, word 0 first then from offset 32 on, go alternately to lane 0 and lane 1,
+// each lane the plain CRC32C of its words' bytes; lane 0 is the high half of the result. A CRC
+// catches every burst of damage up to 32 bits long within a lane, and two lanes halve the chain of
+// dependent steps.
+inline constexpr std::size_t kStampAt = 0;
+inline constexpr std::size_t kKeyLenAt = 4;
+inline constexpr std::size_t kValueLenAt = 6;
+inline constexpr std::size_t kLinkAt = 8;
+inline constexpr std::size_t kHeadAt = 16;
+inline constexpr std::size_t kChecksumAt = 24;
 inline constexpr std::size_t kSlotHeaderBytes = 32;
+inline constexpr std::uint32_t kNone = 0xFFFFFFFFu;  // no slot
+inline constexpr std::uint64_t kEndLink = kNone;      // no slot, stamp 0
+// The table format's version, in the file's header and in the shape an inlined lookup checks.
+inline constexpr std::uint32_t kVersion = 5;
+
+constexpr std::uint64_t linkTo(std::uint32_t slot, std::uint32_t stamp) { return slot | std::uint64_t{stamp} << 32; }
+constexpr std::uint32_t linkSlot(std::uint64_t link) { return static_cast<std::uint32_t>(link); }
+constexpr std::uint32_t linkStamp(std::uint64_t link) { return static_cast<std::uint32_t>(link >> 32); }
 
 // A slot's value starts at the first 8-byte boundary after its key. Readers copy slots word by
 // word and decode values from their copies: a field read from within one copied word is forwarded
@@ -206,10 +275,53 @@ constexpr std::size_t slotBytesFor(std::size_t keyMax, std::size_t valueMax) {
 }
 
 // The record shape of a table as one word, for a typed lookup to compare with the shape it was
-// compiled for: slot size, longest key and longest value.
+// compiled for: format version, slot size, longest key and longest value.
 constexpr std::uint64_t shapeOf(std::uint64_t slotSize, std::uint64_t keyMax, std::uint64_t valueMax) {
-  return slotSize | keyMax << 16 | valueMax << 32;
+  return slotSize | keyMax << 16 | valueMax << 32 | std::uint64_t{kVersion} << 56;
 }
+
+// Bucket of a hash: hash mod slotCount, by multiplication with `modMultiplier` (2^64 / slotCount,
+// rounded up), which is exact for every 32-bit hash and count.
+inline std::uint32_t bucketOf(std::uint32_t hash, std::uint64_t modMultiplier, std::uint32_t slotCount) {
+  return static_cast<std::uint32_t>((static_cast<unsigned __int128>(modMultiplier * hash) * slotCount) >> 64);
+}
+constexpr std::uint64_t modMultiplierFor(std::uint32_t slotCount) { return ~std::uint64_t{0} / slotCount + 1; }
+
+// The seqlock's memory ordering. A reader copies a slot with relaxed loads between two loads of
+// its stamp and orders them with an acquire fence; a writer stores the odd stamp, a release fence,
+// the words, and the even stamp with release. ThreadSanitizer does not model fences, so under it
+// the words are loaded with acquire and stored with release instead: the orders it can see, the
+// same guarantees (on x86-64 the same instructions).
+#if defined(__SANITIZE_THREAD__)
+#define BGPCOMMON_SHELF_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define BGPCOMMON_SHELF_TSAN 1
+#endif
+#endif
+#if defined(BGPCOMMON_SHELF_TSAN)
+inline constexpr int kWordLoad = __ATOMIC_ACQUIRE;
+inline constexpr int kWordStore = __ATOMIC_RELEASE;
+inline void readFence() {}
+inline void writeFence() {}
+#else
+inline constexpr int kWordLoad = __ATOMIC_RELAXED;
+inline constexpr int kWordStore = __ATOMIC_RELAXED;
+inline void readFence() { std::atomic_thread_fence(std::memory_order_acquire); }
+inline void writeFence() { std::atomic_thread_fence(std::memory_order_release); }
+#endif
+
+// Test hooks: a build with BGPCOMMON_SHELF_HOOKS calls readerStep before each load a reader makes
+// of the shared file and writerStore before each store of the writer, so that a test can run the
+// writer between any two loads of a reader, or stop it at any store. Other builds compile them
+// away.
+#if defined(BGPCOMMON_SHELF_HOOKS)
+void readerStep(const char* what);
+void writerStore(const char* what);
+#else
+inline void readerStep(const char*) {}
+inline void writerStore(const char*) {}
+#endif
 
 #if defined(__x86_64__) || defined(__aarch64__)
 // One CRC32C step over a little-endian word with the processor's instruction: SSE4.2's on x86-64,
@@ -226,25 +338,22 @@ inline std::uint64_t crc32cStep(std::uint64_t crc, std::uint64_t word) {
 }
 #endif
 
-// The header's live mark holds this while the file is the table at its path. Anything else, zero
-// included, means replaced: a reader that finds a retired mapping turned to zeros under it (see
-// Reader) therefore reads it as replaced, too.
-inline constexpr std::uint32_t kLiveMark = 0x4556494Cu;  // "LIVE"
-
 // What a typed lookup inlined into its caller needs of an attached table.
 struct LookupView {
-  const std::uint32_t* live = nullptr;  // the header's mark: kLiveMark until a newer file replaces this one
+  const std::uint32_t* live = nullptr;  // the header's live word: `mark` until a newer file replaces this one
+  std::uint32_t mark = 0;
   const std::uint8_t* slots = nullptr;
   std::uint32_t slotCount = 0;
-  std::uint32_t bucketMask = 0;
+  std::uint64_t modMultiplier = 0;
   // shapeOf the table's records; 0 where the lookup cannot be done inline (no CRC32C
   // instruction), which no typed lookup expects.
   std::uint64_t shape = 0;
 };
 
 // The checksum a table keeps of each record, over `words` (a multiple of 8 bytes, up to
-// kMaxSlotBytes), as computed with tables and with the processor's CRC32C instruction (nullopt when
-// it has none). The two must agree: a table is read and written by whichever processes map it.
+// kMaxSlotBytes) taken in order, as computed with tables and with the processor's CRC32C
+// instruction (nullopt when it has none). The two must agree: a table is read and written by
+// whichever processes map it.
 std::uint64_t tableChecksum(Bytes words);
 std::optional<std::uint64_t> instructionChecksum(Bytes words);
 }  // namespace detail
@@ -287,22 +396,28 @@ class Writer {
   struct Found;
   Found locate(Bytes key, std::uint32_t bucket) const;
   std::uint32_t takeFreeSlot();
-  std::uint32_t takeSlotFor(std::uint32_t bucket);
-  void writeSlot(std::uint32_t index, std::uint32_t bucket, std::uint32_t next, Bytes key, Bytes value);
-  void relink(std::uint32_t predecessor, std::uint32_t next);
-  // Points the bucket head (predecessor kNone) or slot `predecessor` at `next`.
-  void link(std::uint32_t predecessor, std::uint32_t bucket, std::uint32_t next);
+  bool homeFree(std::uint32_t home) const { return (slotState_[home] & kSlotFree) != 0; }
+  std::uint32_t takeHome(std::uint32_t home);
+  // Writes a whole record (or, with an empty key, a free slot) into slot `index` under a new stamp,
+  // which it returns; the slot's head word is left alone.
+  std::uint32_t writeSlot(std::uint32_t index, std::uint64_t link, Bytes key, Bytes value);
+  std::uint32_t stampOf(std::uint32_t index) const;
+  std::uint64_t headOf(std::uint32_t bucket) const;
+  // Points the head of `bucket` (predecessor kNone) or slot `predecessor`'s link at `link`.
+  void link(std::uint32_t predecessor, std::uint32_t bucket, std::uint64_t link);
   void freeSlot(std::uint32_t index);
   void announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex);
   [[noreturn]] void corrupt(const std::string& what) const;
 
   std::unique_ptr<detail::Mapping> map_;
   int lockFd_ = -1;  // the writer lock, held while this object lives
+  int fileFd_ = -1;  // the table file, write-locked while this object lives (readers test it)
   std::string path_;
   Labels labels_;
   // Free slots wait in a ring, taken at the head and returned at the tail, so that a freed slot
-  // rests a while before it is reused. A slot may also be taken out of turn as a bucket's home; its
-  // ring entry then stays and is passed over. Each slot has at most one entry in the ring.
+  // rests a while before it is reused (a reader still looking at it then finds it as it left it,
+  // rather than starting its walk again). A slot may also be taken out of turn as a bucket's home;
+  // its ring entry then stays and is passed over. Each slot has at most one entry in the ring.
   static constexpr std::uint8_t kSlotFree = 1;
   static constexpr std::uint8_t kSlotQueued = 2;
   std::vector<std::uint32_t> freeFifo_;
@@ -311,6 +426,7 @@ class Writer {
   std::uint32_t queuedCount_ = 0;  // ring entries
   std::uint32_t freeCount_ = 0;
   std::uint32_t occupancy_ = 0;
+  std::uint32_t nextStamp_ = 2;  // even, never 0: the stamp the next write of a slot gets
   std::uint64_t ringHead_ = 0;
   std::uint64_t lastWakeNs_ = 0;
   std::vector<std::uint8_t> staging_;  // one slot image, built before it is published
@@ -352,11 +468,11 @@ class Reader {
   // The common case of find for tables of keys of at most 8 bytes, KeyMax and ValueMax being the
   // table's own geometry, inlined into the caller and kept short: the processor overlaps the
   // memory accesses of consecutive lookups only while its window of instructions in flight holds
-  // more than one, so every instruction counts. Reads only the key's home slot (see find), into
-  // registers, with the same checks as find: the sequence counter before and after, the checksum
-  // of the whole slot, its own index and bucket, and the key and its length (`keyWord` holds the
-  // key's `keyLen` bytes, zeros above). False when anything is not as expected, or the record is
-  // not at home: the caller then calls find, which looks further, retries and reports.
+  // more than one, so every instruction counts. Reads only the key's home slot, into registers,
+  // and answers from it when the bucket's head (in the same slot) names the record there, which
+  // holds the key (`keyWord` holds the key's `keyLen` bytes, zeros above), whole and at rest
+  // through the read. False when anything is not as expected: the caller then calls find, which
+  // walks the chain, retries and reports.
   template <std::uint32_t KeyMax, std::uint32_t ValueMax>
   [[gnu::always_inline]] inline bool findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std::uint32_t hash,
                                          ValueWords<KeyMax, ValueMax>& value) const;
@@ -367,6 +483,15 @@ class Reader {
   std::uint32_t capacity() const;
   std::uint64_t generation() const;
   bool writerOpen() const;
+  // How often walks started again because the writer changed a chain under them, and how many
+  // lookups gave up after kMaxWalks walks (answering absent). Both stay 0 unless a writer is busy
+  // on the very chains being read.
+  struct Stats {
+    std::uint64_t restarts = 0;
+    std::uint64_t gaveUp = 0;
+  };
+  Stats stats() const;
+  static constexpr int kMaxWalks = 64;
 
   // Calls fn for each change since the last poll, in order, and returns how many there were. A
   // reader that fell more than the ring's length behind, or whose table was replaced, gets one
@@ -386,12 +511,14 @@ class Reader {
   detail::Mapping* current() const;
   detail::Mapping* refresh() const;
   detail::Mapping* refreshLocked(std::string& problem) const;
-  enum class Found { absent, present };
-  Found carefulFind(const detail::Mapping& m, std::uint32_t bucket, Bytes key, std::uint8_t* buf) const;
+  enum class Walk { done, stopped, damaged, gaveUp };
+  template <typename Visit>
+  Walk walk(const detail::Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Visit&& visit) const;
   void report(const std::string& message) const;
-  std::function<void(const std::string&)> reporter(const detail::Mapping& m) const;
-  std::function<bool()> aliveTest(const detail::Mapping& m) const;
-  // Whether the writer of `m` has it open: its flag says so, and it holds the lock.
+  // Reports `message` about `m` once: damage stays until the writer rewrites it, and a reader
+  // that met it on every lookup would otherwise flood its handler.
+  void reportOnce(const detail::Mapping& m, const std::string& message) const;
+  // Whether the writer of `m` has it open: its flag says so, and it holds its lock on the file.
   bool writerAlive(const detail::Mapping& m) const;
   bool pending(detail::Mapping* m) const;
   bool writerDied(detail::Mapping* m) const;
@@ -402,18 +529,20 @@ class Reader {
   std::uint32_t valueMax_;
   CorruptionHandler handler_;
 
-  mutable std::mutex mutex_;  // guards attaching, the list of mappings and the lock file
+  mutable std::mutex mutex_;  // guards attaching, the list of mappings and what was reported
   mutable std::atomic<detail::Mapping*> current_{nullptr};
   mutable std::atomic<const detail::LookupView*> view_{nullptr};  // that of current_
-  // Every mapping ever attached, the older ones turned to zeros (see refresh): a concurrent call
-  // may still hold one. A few hundred bytes each.
+  // Every mapping attached and not yet reused, the older ones turned to zeros (see refresh): a
+  // concurrent call may still hold one.
   mutable std::vector<std::unique_ptr<detail::Mapping>> mappings_;
-  mutable int lockFd_ = -1;     // the writer lock file of the current mapping, -1 when there is none
   mutable std::string refused_;  // why the path was last refused, reported once
-  // The file that last failed to attach: it is not looked at again (a writer never changes a
-  // file's geometry; a new writer makes a new file).
-  mutable std::uint64_t failedDev_ = 0;
-  mutable std::uint64_t failedIno_ = 0;
+  mutable std::vector<std::string> reported_;  // damage reported in the current mapping
+  // The file that last failed to attach, by device, inode, change time and size: it is not looked
+  // at again until one of them changes (a writer never changes a file's geometry; a new writer
+  // makes a new file, which may get the old one's inode but not its change time).
+  mutable std::uint64_t failed_[5] = {};
+  mutable std::atomic<std::uint64_t> restarts_{0};
+  mutable std::atomic<std::uint64_t> gaveUp_{0};
 
   // Change-ring cursor (poll and wait).
   detail::Mapping* cursorMapping_ = nullptr;
@@ -436,45 +565,43 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   if (v == nullptr || v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] return false;
   // A replaced file stays mapped (or turns to zeros), so its slot may be read before the mark is
   // tested with the rest.
+  detail::readerStep("home: live mark");
   const std::uint32_t live = __atomic_load_n(v->live, __ATOMIC_ACQUIRE);
-  const std::uint32_t bucket = hash & v->bucketMask;
-  const std::uint32_t home = bucket < v->slotCount ? bucket : bucket - v->slotCount;
+  const std::uint32_t home = detail::bucketOf(hash, v->modMultiplier, v->slotCount);
   const std::uint64_t* s = reinterpret_cast<const std::uint64_t*>(v->slots + std::uint64_t{kSlotBytes} * home);
-  // The words after the counter straight into registers, each summed as it comes: the checks and
-  // the caller's decoding use these very words, so what is checked is what is decoded. The header
-  // words are checked first, which frees their registers before the value's words arrive.
-  const std::uint32_t seq = __atomic_load_n(reinterpret_cast<const std::uint32_t*>(s), __ATOMIC_ACQUIRE);
-  const std::uint64_t w2 = __atomic_load_n(s + 2, __ATOMIC_RELAXED);
-  const std::uint64_t w3 = __atomic_load_n(s + 3, __ATOMIC_RELAXED);
-  const std::uint64_t w4 = __atomic_load_n(s + 4, __ATOMIC_RELAXED);
-  // The two-lane CRC32C of find: words at even places from word 2 in one lane, odd in the other.
-  std::uint64_t lane0 = detail::crc32cStep(0xFFFFFFFFu, w2);
-  std::uint64_t lane1 = detail::crc32cStep(0xFFFFFFFFu, w3);
-  lane0 = detail::crc32cStep(lane0, w4);
-  // Word 2: zeros, bucket. Word 3: own index, key length, value length. Word 4: the key and the
-  // zeros after it.
-  const std::uint32_t valueLen = static_cast<std::uint32_t>(w3 >> 48);
-  // Index and key length as expected, rotated to the top, leave the value length alone below.
-  const std::uint64_t lengths = std::rotl(w3 ^ (home | std::uint64_t{keyLen} << 32), 16);
-  std::uint64_t differs = (live ^ detail::kLiveMark) | (seq & 1u) | (w2 ^ std::uint64_t{bucket} << 32) | (w4 ^ keyWord) |
-                          static_cast<std::uint64_t>(keyLen == 0) | static_cast<std::uint64_t>(lengths > ValueMax);
+  // The words straight into registers, each summed as it comes: the checks and the caller's
+  // decoding use these very words, so what is checked is what is decoded. The header words are
+  // checked first, which frees their registers before the value's words arrive.
+  detail::readerStep("home: stamp");
+  const std::uint64_t w0 = __atomic_load_n(s, __ATOMIC_ACQUIRE);
+  detail::readerStep("home: head");
+  const std::uint64_t head = __atomic_load_n(s + 2, detail::kWordLoad);
+  const std::uint64_t w4 = __atomic_load_n(s + 4, detail::kWordLoad);
+  // The two-lane CRC32C of the slot format: word 0, then words 4, 5, ... alternately.
+  std::uint64_t lane0 = detail::crc32cStep(0xFFFFFFFFu, w0);
+  std::uint64_t lane1 = detail::crc32cStep(0xFFFFFFFFu, w4);
+  const std::uint32_t valueLen = static_cast<std::uint32_t>(w0 >> 48);
+  std::uint64_t differs = (live ^ v->mark) | (head ^ detail::linkTo(home, static_cast<std::uint32_t>(w0))) |
+                          (w4 ^ keyWord) | (((w0 >> 32) & 0xFFFF) ^ keyLen) | static_cast<std::uint64_t>(keyLen == 0) |
+                          static_cast<std::uint64_t>(valueLen > ValueMax);
   // Computed here, not sunk below the value's loads by the compiler: the header words then need no
   // registers while the value's words are held, and nothing is spilled to the stack.
   asm("" : "+r"(differs));
 #pragma GCC unroll 128
   for (std::size_t i = 0; i < ValueWords<KeyMax, ValueMax>::kCount; ++i) {
-    value.words[i] = __atomic_load_n(s + kValueWord + i, __ATOMIC_RELAXED);
-    if (((kValueWord + i) & 1) == 0) {
+    value.words[i] = __atomic_load_n(s + kValueWord + i, detail::kWordLoad);
+    if (((kValueWord + i) & 1) == 1) {
       lane0 = detail::crc32cStep(lane0, value.words[i]);
     } else {
       lane1 = detail::crc32cStep(lane1, value.words[i]);
     }
   }
-  const std::uint64_t stored = __atomic_load_n(s + 1, __ATOMIC_RELAXED);
-  std::atomic_thread_fence(std::memory_order_acquire);
-  const std::uint32_t seqAfter = __atomic_load_n(reinterpret_cast<const std::uint32_t*>(s), __ATOMIC_RELAXED);
+  const std::uint64_t stored = __atomic_load_n(s + 3, detail::kWordLoad);
+  detail::readFence();
+  detail::readerStep("home: stamp again");
+  const std::uint64_t w0After = __atomic_load_n(s, detail::kWordLoad);
   const std::uint64_t sum = (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
-  differs |= (seqAfter ^ seq) | (sum ^ stored);
+  differs |= (w0After ^ w0) | (sum ^ stored);
   if (differs != 0) [[unlikely]] return false;
   value.length = valueLen;
   return true;
