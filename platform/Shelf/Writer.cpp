@@ -471,11 +471,23 @@ bool Writer::erase(Bytes key, std::uint32_t hash) {
 
 void Writer::clear() {
   Mapping& m = *map_;
-  // Empty every chain first, then free the slots: a reader that started before the clear finds a
-  // freed record at worst, and walks again to find the bucket empty. The slots are found by the
-  // writer's own record of them rather than through the chains, so a damaged link cannot hide one.
+  // Chain by chain: unlink the chain from its head, then free its records from the first to the
+  // last. A reader still walking the chain finds a freed record only behind one freed before it,
+  // which tells it the writer moved on (had a record been freed before the one linking to it, that
+  // link would still name it, which is damage). Slots the chains did not reach (only damage could
+  // hide one) are freed after, found by the writer's own record of them.
+  std::vector<std::uint32_t> chain;
   for (std::uint32_t b = 0; b < m.slotCount; ++b) {
-    if (headOf(b) != kEndLink) link(kNone, b, kEndLink);
+    std::uint64_t next = headOf(b);
+    if (next == kEndLink) continue;
+    chain.clear();
+    while (next != kEndLink && linkSlot(next) < m.slotCount && chain.size() < m.slotCount &&
+           (slotState_[linkSlot(next)] & kSlotFree) == 0 && stampOf(linkSlot(next)) == linkStamp(next)) {
+      chain.push_back(linkSlot(next));
+      next = load<std::uint64_t>(m.slot(linkSlot(next)) + kLinkAt, __ATOMIC_RELAXED);
+    }
+    link(kNone, b, kEndLink);
+    for (std::uint32_t i : chain) freeSlot(i);
   }
   for (std::uint32_t i = 0; i < m.slotCount; ++i) {
     if ((slotState_[i] & kSlotFree) == 0) freeSlot(i);
