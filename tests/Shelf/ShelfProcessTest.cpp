@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -237,12 +238,15 @@ TEST(ShelfProcess, ReadersNeverSeeTornRecordsUnderAFullSpeedWriter) {
 }
 
 // The kill campaign. Writers are killed with SIGKILL at random moments, one after another on one
-// table, while two reader processes look up records all along. Keys share four buckets, so chains
-// are long and every change relinks some record in the middle of one. Each writer stores the
-// stable keys first, says so, and from then on only changes their values, while it adds and
-// removes other keys among them. After each kill every stable key must read whole: a torn record
-// or a stable key that reads as absent without a report is a fault. BGPCOMMON_KILLS sets the
-// number of kills (300 by default, 100 under a sanitizer; thousands by hand).
+// near-full table (capacity 64, keys in four buckets, so chains are long and every change relinks
+// some record in the middle of one, and freed slots are soon reused), while two reader processes
+// look up records all along. Each writer stores the stable keys first, says so, and from then on
+// only changes their values, while it adds and removes other keys among them; its versions start
+// above every earlier writer's. Readers check every answer: whole (exactly what some write stored)
+// and never older than one they read before (0 torn, 0 regressions). After each kill every stable
+// key must read whole (0 silent absences), and once the next writer is ready the parent's reader
+// reads its records (0 stranded readers). BGPCOMMON_KILLS sets the number of kills (300 by default,
+// 100 under a sanitizer; thousands by hand).
 namespace campaign {
 
 constexpr std::uint32_t kStable = 24;
@@ -255,19 +259,22 @@ std::uint64_t checkOf(std::uint64_t key, std::uint64_t version) { return (key * 
 Shelf::Bytes keyBytes(const std::uint64_t& key) { return {reinterpret_cast<const std::uint8_t*>(&key), 8}; }
 std::uint32_t hashOf(std::uint64_t key) { return static_cast<std::uint32_t>(key % 4); }
 
-// What a reader made of one lookup: absent, whole or torn.
+// What a reader made of one lookup: absent, whole or torn; `version` receives a whole one's.
 enum class Read { absent, whole, torn };
-Read lookUp(const Shelf::Reader& r, std::uint64_t key) {
+Read lookUp(const Shelf::Reader& r, std::uint64_t key, std::uint64_t* version = nullptr) {
   Value v{};
   const std::optional<std::uint32_t> n = r.find(keyBytes(key), hashOf(key), reinterpret_cast<std::uint8_t*>(&v), sizeof v);
   if (!n) return Read::absent;
+  if (version != nullptr) *version = v.version;
   return *n == sizeof v && v.key == key && v.check == checkOf(key, v.version) ? Read::whole : Read::torn;
 }
 std::uint64_t randomKey(std::mt19937& rng) { return rng() % 2 ? 1 + rng() % kStable : 100 + rng() % kChurn; }
 
+std::uint64_t baseOf(std::uint32_t writer) { return std::uint64_t{writer + 1} << 32; }
+
 int writeUntilKilled(const Shelf::Location& where, Pipe& ready, std::uint32_t seed) {
   auto w = Shelf::Writer::create(where, kLabels, {kStable + kChurn, 8, sizeof(Value), 0});
-  std::uint64_t version = 0;
+  std::uint64_t version = baseOf(seed);
   auto put = [&](std::uint64_t key) {
     const Value v{key, ++version, checkOf(key, version)};
     w->put(keyBytes(key), hashOf(key), {reinterpret_cast<const std::uint8_t*>(&v), sizeof v});
@@ -292,7 +299,7 @@ TEST(ShelfProcess, KillCampaignLeavesEveryReachableRecordReadable) {
   std::uint32_t kills = 300;
 #endif
   if (const char* env = std::getenv("BGPCOMMON_KILLS")) kills = static_cast<std::uint32_t>(std::atoi(env));
-  using Counts = std::array<std::uint64_t, 4>;  // lookups by Read, then corruption reports
+  using Counts = std::array<std::uint64_t, 5>;  // lookups by Read, corruption reports, regressions
   Pipe stop, counts;
   Children readers;
   for (std::uint32_t i = 0; i < 2; ++i) {
@@ -301,8 +308,18 @@ TEST(ShelfProcess, KillCampaignLeavesEveryReachableRecordReadable) {
       Counts c{};
       Shelf::Reader r(where, kLabels, 8, sizeof(Value), [&](std::string_view) { ++c[3]; });
       std::mt19937 rng(i);
+      std::map<std::uint64_t, std::uint64_t> last;  // the newest version read of each key
       for (pollfd done{stop.fd[0], POLLIN, 0}; ::poll(&done, 1, 0) == 0;) {
-        for (int n = 0; n < 200; ++n) ++c[static_cast<int>(lookUp(r, randomKey(rng)))];
+        for (int n = 0; n < 200; ++n) {
+          const std::uint64_t key = randomKey(rng);
+          std::uint64_t version = 0;
+          const Read got = lookUp(r, key, &version);
+          ++c[static_cast<int>(got)];
+          if (got == Read::whole) {
+            c[4] += version < last[key];
+            last[key] = std::max(last[key], version);
+          }
+        }
       }
       counts.send(c);
       return 0;
@@ -321,6 +338,10 @@ TEST(ShelfProcess, KillCampaignLeavesEveryReachableRecordReadable) {
     ready.closeWrite();
     char c;
     ASSERT_TRUE(ready.receive(c)) << "writer " << kill << " ended before it stored the stable keys";
+    // The new writer's records reach the reader (at the latest within its liveness interval).
+    std::uint64_t version = 0;
+    for (int wait = 0; wait < 100 && (lookUp(r, 1, &version) != Read::whole || version < baseOf(kill)); ++wait) usleep(1000);
+    ASSERT_GE(version, baseOf(kill)) << "the reader did not follow writer " << kill;
     for (const auto at = Clock::now() + std::chrono::microseconds(rng() % 3000); Clock::now() < at;) {
     }
     ::kill(pid, SIGKILL);
@@ -339,7 +360,8 @@ TEST(ShelfProcess, KillCampaignLeavesEveryReachableRecordReadable) {
   for (std::size_t i = 0; i < 2; ++i) {
     Counts c;
     ASSERT_TRUE(counts.receive(c));
-    EXPECT_EQ(std::make_pair(c[static_cast<int>(Read::torn)], c[3]), std::make_pair(0ul, 0ul)) << "torn, reports beside " << i;
+    EXPECT_EQ(std::make_tuple(c[static_cast<int>(Read::torn)], c[3], c[4]), std::make_tuple(0ul, 0ul, 0ul))
+        << "torn, reports, regressions beside " << i;
     EXPECT_GT(c[static_cast<int>(Read::whole)], 0u) << "reader beside " << i;
   }
   for (pid_t p : std::vector<pid_t>(readers.pids)) EXPECT_EQ(readers.exitCode(p), 0);
