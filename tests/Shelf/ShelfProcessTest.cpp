@@ -3,7 +3,10 @@
 //
 // Children are forked before the parent opens a writer: a forked child would otherwise hold the
 // writer's lock on the table file for as long as it lives.
+#include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -451,6 +454,102 @@ TEST(ShelfProcess, AReaderFollowsRestartedWritersHearsOfTheirDeathsAndMapsAtMost
     EXPECT_EQ(kinds, std::vector<Kind>{Kind::writerClosed}) << restart;
     EXPECT_LE(mappedFiles(), 2u) << restart;
   }
+}
+
+}  // namespace
+}  // namespace Routing::BgpRedistribute
+
+namespace Routing::BgpRedistribute {
+namespace {
+
+// Another local user (nobody, in children that switch to it) beside a table of root's: it cannot
+// take the writer's lock file, nor block a writer or pass for a live one with a read lock on the
+// table file, nor get a table of its own read by root (in a folder it owns, or in a folder anyone
+// may write), nor have root's writer build under a root it created.
+TEST(ShelfProcess, AnotherLocalUserCanNeitherBlockNorFakeNorPlantATable) {
+  const passwd* nobody = getpwnam("nobody");
+  if (geteuid() != 0 || nobody == nullptr) GTEST_SKIP() << "needs root and a user 'nobody' to play another user";
+  const uid_t uid = nobody->pw_uid;
+  const gid_t gid = nobody->pw_gid;
+  TempRoot root;
+  ASSERT_EQ(chmod(root.path().c_str(), 0755), 0);
+  const Shelf::Labels labels{"Test::Users", "entries", "users"};
+  const Shelf::Location where(root.path(), "users/table");
+  auto k = [](const char* s) { return Shelf::Bytes(reinterpret_cast<const std::uint8_t*>(s), std::strlen(s)); };
+  Pipe go, locked;
+  Children children;
+  // Forked before any writer, as nobody: what it manages, as bits (0: all refused as they must be).
+  const pid_t other = children.fork([&] {
+    go.closeWrite(), locked.closeRead();
+    if (setgid(gid) != 0 || setuid(uid) != 0) return 98;
+    char c;
+    int wrong = 0;
+    if (!go.receive(c)) return 97;  // the writer is up
+    const std::string dir = root.path() + "/users/";
+    wrong |= open((dir + ".table.lock").c_str(), O_RDONLY) >= 0 ? 1 : 0;
+    const int fd = open((dir + "table").c_str(), O_RDONLY);
+    if (fd < 0) return 96;
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    wrong |= fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 2 : 0;  // beside the live writer's lock
+    try {
+      Shelf::Writer::create(where, labels, {8, 8, 8, 0});
+      wrong |= 4;
+    } catch (const Shelf::Exception&) {
+    }
+    // Plants: a table in a folder of its own, and one in a folder anyone may write.
+    Shelf::Writer::create(Shelf::Location(root.path(), "mine/table"), labels, {8, 8, 8, 0})->put(k("k"), 0, k("forged"));
+    const int planted = open((root.path() + "/open/table").c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
+    wrong |= planted < 0 ? 8 : 0;
+    locked.send('p');
+    if (!go.receive(c)) return 95;  // the writer has closed
+    wrong |= fcntl(fd, F_OFD_SETLK, &lock) != 0 ? 16 : 0;  // now it may take a read lock
+    locked.send('l');
+    go.receive(c);  // held until the parent has looked
+    return wrong;
+  });
+  go.closeRead(), locked.closeWrite();
+  ASSERT_EQ(mkdir((root.path() + "/mine").c_str(), 0755), 0);
+  ASSERT_EQ(chown((root.path() + "/mine").c_str(), uid, gid), 0);
+  ASSERT_EQ(mkdir((root.path() + "/open").c_str(), 0777), 0);
+  ASSERT_EQ(chmod((root.path() + "/open").c_str(), 0777), 0);
+
+  auto w = Shelf::Writer::create(where, labels, {8, 8, 8, 0});
+  w->put(k("k"), 0, k("root's"));
+  std::vector<std::string> reports;
+  Shelf::Reader r(where, labels, 8, 8, [&](std::string_view m) { reports.emplace_back(m); });
+  ASSERT_TRUE(r.writerOpen());
+  go.send('g');
+  char c;
+  ASSERT_TRUE(locked.receive(c));
+  for (const char* planted : {"mine/table", "open/table"}) {
+    std::vector<std::string> refused;
+    Shelf::Reader p(Shelf::Location(root.path(), planted), labels, 8, 8, [&](std::string_view m) { refused.emplace_back(m); });
+    EXPECT_FALSE(p.attached()) << planted;
+    ASSERT_EQ(refused.size(), 1u) << planted;
+    EXPECT_NE(refused[0].find(planted[0] == 'm' ? "belongs to user " + std::to_string(uid) : "(mode 0777) is writable by users other than its owner"),
+              std::string::npos) << refused[0];
+  }
+  // A root made by another user is refused to a writer, naming it and its owner.
+  try {
+    Shelf::Writer::create(Shelf::Location(root.path() + "/mine", "t"), labels, {8, 8, 8, 0});
+    ADD_FAILURE() << "built under another user's root";
+  } catch (const Shelf::Exception& e) {
+    EXPECT_NE(std::string(e.what()).find(root.path() + "/mine belongs to user " + std::to_string(uid)), std::string::npos)
+        << e.what();
+  }
+  w.reset();
+  go.send('g');
+  ASSERT_TRUE(locked.receive(c));
+  EXPECT_FALSE(r.writerOpen()) << "another user's read lock passed for the writer";
+  w = Shelf::Writer::create(where, labels, {8, 8, 8, 0});  // not blocked by it
+  w->put(k("k"), 0, k("again"));
+  std::uint8_t out[8];
+  EXPECT_EQ(r.find(k("k"), 0, out, sizeof out), 5u);
+  EXPECT_TRUE(r.writerOpen());
+  go.send('g');
+  EXPECT_EQ(children.exitCode(other), 0) << "bits of what the other user managed";
+  EXPECT_EQ(reports, std::vector<std::string>{});
 }
 
 }  // namespace
