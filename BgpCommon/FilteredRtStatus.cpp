@@ -76,8 +76,20 @@ FilteredRoute FilteredRoute::deserialize(std::span<const std::uint8_t> in) {
   return r;
 }
 
+namespace {
+// The table's name is the last component of its mount path: a name with a '/' would mount a table
+// somewhere else below the root.
+void checkTableName(const Kelp::String& name) {
+  if (name.find('/') != Kelp::String::npos) {
+    Pico::fmthrow<Kelp::RangeException>("IgpResultStatus name '{}' refused: it holds a '/'",
+                                        name.size() > 64 ? name.substr(0, 64) + "..." : name);
+  }
+}
+}  // namespace
+
 Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusWriter(
     const Kelp::String& name, const Kelp::Ptr<KelpSharedMem::EntityManager>& em, std::uint32_t size) {
+  checkTableName(name);
   const Kelp::String path = mountPath(name);
   em->mount(path, kTypeName, {KelpSharedMem::MountMode::writer, {{Kelp::String(kCollection), size}}});
   Kelp::Ptr<IgpResultStatus> igpResultStatus = Kelp::ptrDynamicCast<IgpResultStatus>(em->entity(path));
@@ -88,6 +100,7 @@ Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusWriter(
 
 Kelp::Ptr<IgpResultStatus> IgpResultStatus::createIgpResultStatusReader(
     const Kelp::String& name, const Kelp::Ptr<KelpSharedMem::EntityManager>& em) {
+  checkTableName(name);
   const Kelp::String path = mountPath(name);
   em->mount(path, kTypeName, {KelpSharedMem::MountMode::reader, {}});
   return Kelp::ptrDynamicCast<IgpResultStatus>(em->entity(path));

@@ -512,7 +512,7 @@ std::size_t Reader::poll(const std::function<void(const Change&)>& fn) {
     bool whole = load<std::uint64_t>(e, __ATOMIC_ACQUIRE) == p + 1;
     if (whole) {
       copyWordsIn(img, e, entryBytes);
-      std::atomic_thread_fence(std::memory_order_acquire);
+      readFence();
       whole = load<std::uint64_t>(e, __ATOMIC_RELAXED) == p + 1;
     }
     if (!whole) {  // the writer lapped us while we read

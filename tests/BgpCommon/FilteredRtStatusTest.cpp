@@ -140,6 +140,7 @@ TEST_F(FilteredRtStatusTest, MountsAreCheckedByTypeAndCollection) {
   EXPECT_TRUE(Kelp::findType(IgpResultStatus::kTypeName) && Kelp::findType(FilteredRtStatus::kTypeName));
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("../../escape", em), Kelp::RangeException);
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusReader("", em), Kelp::RangeException);
+  EXPECT_THROW(IgpResultStatus::createIgpResultStatusWriter("vrf1/deeper", em, 4), Kelp::RangeException);
   em->mount("routing/rib/igpResultStatus/other", FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}});
   EXPECT_FALSE(IgpResultStatus::createIgpResultStatusReader("other", em));
   EXPECT_THROW(IgpResultStatus::createIgpResultStatusWriter("other", em, 4), Kelp::RangeException);

@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "platform/Shelf/Format.h"
 #include "tests/Shelf/ShelfTestSupport.h"
 
 namespace {
@@ -332,6 +333,23 @@ TEST(Shelf, ANonTableAtItsPathIsRefusedAtOnce) {
          Damage(p).findText("test/table")[0] = 'X';
        },
        "header checksum mismatch"},
+      {[&](const std::string& p) {
+         std::filesystem::copy_file(table, p);
+         std::filesystem::permissions(p, std::filesystem::perms(0666));
+       },
+       "not a table file: table (mode 0666) is writable by users other than its owner"},
+      {[&](const std::string& p) {
+         // A header, checksum and all, of the largest geometry over a sparse file: refused before
+         // a reader walks millions of empty buckets.
+         Shelf::detail::FileHeader h;
+         std::ifstream(table, std::ios::binary).read(reinterpret_cast<char*>(&h), sizeof h);
+         const auto l = Shelf::detail::layoutFor(Shelf::kMaxCapacity, 8, 40, h.ringCapacity);
+         h.capacity = Shelf::kMaxCapacity, h.slotCount = l.slotCount, h.ringOffset = l.ringOffset, h.fileSize = l.fileSize;
+         h.geometryChecksum = Shelf::detail::headerChecksum(&h);
+         std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(&h), sizeof h);
+         std::filesystem::resize_file(p, l.fileSize);
+       },
+       "a file of 5704261632 bytes of which only 4096 are stored: its slots were never written"},
   };
   for (const auto& [make, message] : rows) {
     std::filesystem::remove_all(where.fullPath());
@@ -346,6 +364,13 @@ TEST(Shelf, ANonTableAtItsPathIsRefusedAtOnce) {
     alarm(0);
     EXPECT_EQ(reports, std::vector<std::string>{"Shelf " + where.fullPath() + ": " + message});
   }
+  // A refused file that then changes (as a new file may get a refused one's inode) is looked at again.
+  std::filesystem::remove_all(where.fullPath());
+  std::ofstream(where.fullPath()) << "short";
+  Shelf::Reader reader(where, kLabels, 8, 40, [](std::string_view) {});
+  EXPECT_FALSE(reader.attached());
+  std::filesystem::copy_file(table, where.fullPath(), std::filesystem::copy_options::overwrite_existing);
+  EXPECT_TRUE(reader.attached());
 }
 
 // One word of a record damaged: in its value or the zeros after it (the checksum covers the whole
