@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
@@ -410,6 +411,7 @@ TEST(ShelfProcess, OfTwoWritersStartedTogetherExactlyOneWins) {
 // reads each new writer's records and not the last one's, hears of each death once (the writer
 // could not say so itself), and maps at most two files of the table whatever the number of
 // restarts, each read-only.
+// Its address space stays bounded too: the ranges of replaced files are reused.
 TEST(ShelfProcess, AReaderFollowsRestartedWritersHearsOfTheirDeathsAndMapsAtMostTwoFiles) {
   TempRoot root;
   const Shelf::Location where(root.path(), "restarts/table");
@@ -429,11 +431,21 @@ TEST(ShelfProcess, AReaderFollowsRestartedWritersHearsOfTheirDeathsAndMapsAtMost
     std::uint64_t value = 0;
     return reader.find(campaign::keyBytes(key), 0, reinterpret_cast<std::uint8_t*>(&value), 8) ? value : 0;
   };
+  auto addressSpaceKb = [] {
+    std::ifstream status("/proc/self/status");
+    std::size_t kb = 0;
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("VmSize:")) kb = std::stoul(line.substr(7));
+    }
+    return kb;
+  };
+  std::size_t spaceAfterThree = 0;
+  std::uintmax_t fileKb = 0;
   for (std::uint64_t restart = 1; restart <= 15; ++restart) {
     Pipe ready;
     Children writer;
     const pid_t pid = writer.fork([&] {
-      auto w = Shelf::Writer::create(where, labels, {4096, 8, 8, 0});
+      auto w = Shelf::Writer::create(where, labels, {65536, 8, 8, 0});
       w->put(campaign::keyBytes(restart), 0, campaign::keyBytes(restart));
       ready.send('r');
       return pause();
@@ -453,7 +465,10 @@ TEST(ShelfProcess, AReaderFollowsRestartedWritersHearsOfTheirDeathsAndMapsAtMost
     for (int i = 0; i < 3; ++i) reader.poll([&](const Shelf::Change& ch) { kinds.push_back(ch.kind); });
     EXPECT_EQ(kinds, std::vector<Kind>{Kind::writerClosed}) << restart;
     EXPECT_LE(mappedFiles(), 2u) << restart;
+    fileKb = std::filesystem::file_size(where.fullPath()) / 1024;
+    if (restart == 3) spaceAfterThree = addressSpaceKb();
   }
+  EXPECT_LT(addressSpaceKb(), spaceAfterThree + 2 * fileKb) << "a table file is " << fileKb << " kB";
 }
 
 }  // namespace
