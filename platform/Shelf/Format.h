@@ -40,6 +40,8 @@ inline constexpr std::uint64_t kWakeIntervalNs = 100'000;
 // A waiting reader whose writer is quiet wakes this often, to look at the writer's lock too: a
 // writer that dies says nothing.
 inline constexpr std::uint64_t kLivenessIntervalNs = 20'000'000;
+// A reader whose file was retired but still stands at its path looks at the path again this often.
+inline constexpr std::uint64_t kRetiredRecheckNs = 1'000'000;
 
 struct FileHeader {
   // Fixed at creation and covered by geometryChecksum.

@@ -253,7 +253,9 @@ Mapping* Reader::refreshLocked(std::string& problem) const {
   const std::uint64_t now = monotonicNs();
   if (m != nullptr) {
     if (now < m->recheckAtNs.load(std::memory_order_relaxed)) return m;
-    m->recheckAtNs.store(now + kLivenessIntervalNs, std::memory_order_relaxed);
+    // Retired while still at the path is the moment between a new writer's retiring it and
+    // publishing its own (or that writer died there): look again soon, not on every call.
+    m->recheckAtNs.store(now + kRetiredRecheckNs, std::memory_order_relaxed);
   }
   auto refuse = [&](const std::string& why) {
     if (why != refused_) {
@@ -478,7 +480,7 @@ bool Reader::writerDied(Mapping* m) const {
   const std::uint64_t now = monotonicNs();
   if (now - lastLivenessNs_ < kLivenessIntervalNs) return false;
   lastLivenessNs_ = now;
-  died_ = !writerAlive(*m) && isLive(*m);
+  died_ = !writerAlive(*m);
   return died_;
 }
 

@@ -82,7 +82,7 @@
 // Restart. A writer that mounts a path that already holds a table starts empty: it builds a new
 // file beside the old one, marks the old one retired and renames the new one over the path.
 // Retiring first means that a writer killed in between leaves the old file at the path, retired:
-// readers go on reading it and look at the path again every kLivenessInterval until a file that is
+// readers go on reading it and look at the path again every millisecond until a file that is
 // not retired stands there. Readers notice the mark on their next call and re-open the path; they
 // need not re-attach. Each file carries a mark of its own, so a mapping is never mistaken for
 // another file's. A reader maps the current file and keeps the one before (a call in another
