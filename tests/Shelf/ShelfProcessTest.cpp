@@ -36,7 +36,6 @@
 namespace Routing::BgpRedistribute {
 namespace {
 
-using testing_support::isWholeRecord;
 using testing_support::runTool;
 using testing_support::TempRoot;
 using testing_support::versionedRecord;
@@ -165,80 +164,6 @@ TEST(ShelfProcess, TheToolBesideALiveWriter) {
   EXPECT_EQ(timed.status, 0);
   EXPECT_GE(seconds, 1.0);
   EXPECT_LT(seconds, 10.0);
-}
-
-// A writer rewrites records as fast as it can while two reader processes check every record they
-// read, by lookup and by iteration, for ten seconds: each must be whole (exactly what some write
-// stored) and no older than one read before. A writer that throws, or readers that do not finish,
-// fail the test at once (the readers are killed) rather than leave it to the test runner's timeout.
-TEST(ShelfProcess, ReadersNeverSeeTornRecordsUnderAFullSpeedWriter) {
-  TempRoot root;
-  constexpr std::uint32_t kKeys = 2000;
-  struct Report { std::uint64_t whole = 0, torn = 0, regressions = 0, listed = 0, reports = 0; };
-  Pipe go, reports;
-  Children readers;
-  for (std::uint32_t i = 0; i < 2; ++i) {
-    readers.fork([&, i] {
-      go.closeWrite();  // a parent that fails before it says go ends the wait
-      char g;
-      if (!go.receive(g)) return 10;
-      Report rep;
-      auto em = manager(root);
-      auto view = IgpResultStatus::createIgpResultStatusReader("stress", em);
-      view->resultControl()->corruptionHandlerIs([&](std::string_view) { ++rep.reports; });
-      std::vector<std::uint64_t> last(kKeys + 1, 0);
-      std::mt19937 rng(100 + i);
-      const auto end = Clock::now() + std::chrono::seconds(10);
-      for (std::uint32_t round = 0; Clock::now() < end; ++round) {
-        try {
-          for (int n = 0; n < 2000; ++n) {
-            const std::uint32_t k = 1 + rng() % kKeys;
-            const std::optional<IgpResult> r = view->result(IgpResultId(k));
-            if (!r) continue;  // allowed, and rare
-            const bool whole = r->key.value == k && isWholeRecord(*r);
-            (whole ? rep.whole : rep.torn) += 1;
-            rep.regressions += whole && r->metric.value() < last[k];
-            if (whole) last[k] = r->metric.value();
-          }
-          if (round % 16 == 0) {
-            view->resultForEach([&](const IgpResult& r) {
-              ++rep.listed;
-              rep.torn += r.key.value == 0 || r.key.value > kKeys || !isWholeRecord(r);
-            });
-          }
-        } catch (const Kelp::RangeException&) {  // bytes that are no record at all
-          ++rep.torn;
-        }
-      }
-      reports.send(rep);
-      return 0;
-    });
-  }
-  go.closeRead(), reports.closeWrite();
-
-  std::uint64_t version = 0;
-  bool running = true;
-  const auto deadline = Clock::now() + std::chrono::seconds(70);
-  try {
-    auto em = manager(root);
-    auto status = IgpResultStatus::createIgpResultStatusWriter("stress", em, kKeys);
-    for (std::uint32_t k = 1; k <= kKeys; ++k) status->resultIs(versionedRecord(k, ++version));
-    go.send('g'), go.send('g');
-    std::mt19937 rng(5);
-    auto stillRunning = [](pid_t p) { return waitpid(p, nullptr, WNOHANG) == 0; };
-    while ((running = std::any_of(readers.pids.begin(), readers.pids.end(), stillRunning)) && Clock::now() < deadline) {
-      for (int i = 0; i < 4096; ++i) status->resultIs(versionedRecord(1 + rng() % kKeys, ++version));
-    }
-  } catch (const std::exception& e) {
-    FAIL() << "the writer threw after " << version << " writes: " << e.what();
-  }
-  ASSERT_FALSE(running) << "the readers did not finish within 70 s";
-  for (std::size_t i = 0; i < 2; ++i) {
-    Report rep;
-    ASSERT_TRUE(reports.receive(rep)) << "reader " << i << " did not report";
-    EXPECT_EQ(std::make_tuple(rep.torn, rep.regressions, rep.reports), std::make_tuple(0u, 0u, 0u)) << "reader " << i;
-    EXPECT_GT(std::min(rep.whole, rep.listed), 0u) << "reader " << i << " read and listed";
-  }
 }
 
 // The kill campaign. Writers are killed with SIGKILL at random moments, one after another on one
