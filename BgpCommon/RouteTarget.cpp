@@ -285,6 +285,8 @@ Kelp::String RouteTarget::toStrep(bool asDot) const {
   }
 }
 
+void kelpJson(Kelp::String& out, const RouteTarget& rt) { out += fmt::format("\"0x{:016x}\"", rt.value); }
+
 namespace {
 const Kelp::TypeModule module("RouteTarget", {Kelp::typeInfo<RouteTarget>(), Kelp::typeInfo<RouteTarget::ExtCommType>(),
                                               Kelp::typeInfo<RouteTarget::ExtCommSubtype>()});

@@ -28,6 +28,8 @@
 //   rt.toStrep(true);              // "1.4464:5"
 //   rt.value;                      // 0x0202000111700005
 //
+// In JSON a RouteTarget is the hex form as a string, "0x0202000111700005".
+//
 // As a framework value type a RouteTarget is its bare number: valueToStrep gives the decimal
 // value, operator<< streams the number with the stream's own formatting, and the text constructor
 // reads an unsigned 64-bit number. The route-target notation is only toStrep()/stringValue() and
@@ -38,6 +40,7 @@
 #include <string_view>
 
 #include "platform/Kelp/EnumType.h"
+#include "platform/Kelp/Json.h"
 #include "platform/Kelp/TextForm.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/AutonomousSystem.h"
@@ -139,6 +142,10 @@ class RouteTarget {
         Kelp::function("stringValueIs", &RouteTarget::stringValueIs));
   }
 };
+
+// In JSON (Kelp/Json.h): the whole community as "0x" and 16 hex digits, a string whatever its size
+// so that readers holding numbers as doubles lose nothing and every value has one form.
+void kelpJson(Kelp::String& out, const RouteTarget& rt);
 
 }  // namespace Routing::Bgp
 
