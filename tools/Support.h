@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -88,7 +89,13 @@ class RemoveOnSignal {
       }
       if (done_) return;
       if (const pid_t child = runningChild.load(); child > 0) kill(child, SIGTERM);
-      if (!path_.empty()) removeTree(path_);
+      // The other threads run on meanwhile and may create a file just removed a directory
+      // from: remove until nothing is left, bounded.
+      struct stat st;
+      for (int i = 0; i < 100 && !path_.empty() && lstat(path_.c_str(), &st) == 0; ++i) {
+        removeTree(path_);
+        if (lstat(path_.c_str(), &st) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
       if (pipeSeen()) sig = SIGPIPE;
       signal(sig, SIG_DFL);
       sigset_t one;
