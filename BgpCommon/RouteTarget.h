@@ -28,6 +28,8 @@
 //   rt.toStrep(true);              // "1.4464:5"
 //   rt.value;                      // 0x0202000111700005
 //
+// In JSON a RouteTarget is the hex form as a string, "0x0202000111700005".
+//
 // As a framework value type a RouteTarget is its bare number: valueToStrep gives the decimal
 // value, operator<< streams the number with the stream's own formatting, and the text constructor
 // reads an unsigned 64-bit number. The route-target notation is only toStrep()/stringValue() and
@@ -35,8 +37,10 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string_view>
 
 #include "platform/Kelp/EnumType.h"
+#include "platform/Kelp/Json.h"
 #include "platform/Kelp/TextForm.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/AutonomousSystem.h"
@@ -106,6 +110,14 @@ class RouteTarget {
   // a "RouteTarget: " message (or the decimal reader's or address reader's own), or, for the hex
   // form, std::invalid_argument / std::out_of_range "stoull"; `value` is then unchanged.
   void stringValueIs(const Kelp::String& text);
+  // The strict reading for text an operator typed (a command line, a configuration file): the
+  // text must be exactly one of the forms above, every number in decimal without sign or leading
+  // zero and within what its form holds, so that it names the value it reads and prints back to
+  // it in the same notation. Where stringValueIs() would quietly drop bits or stop early
+  // (100:4294967296, 65536.0:1, 0x02020001117000zz, a leading blank) this throws
+  // Kelp::RangeException "RouteTarget: "<text>": <what is wrong>", the text escaped and cut to 64
+  // bytes. What it accepts it reads exactly as stringValueIs() does.
+  static RouteTarget fromOperatorText(std::string_view text);
   // The operator's text; AS numbers of 65536 and more in asdot notation when `asDot`.
   Kelp::String toStrep(bool asDot) const;
   Kelp::String stringValue() const { return toStrep(false); }
@@ -130,6 +142,10 @@ class RouteTarget {
         Kelp::function("stringValueIs", &RouteTarget::stringValueIs));
   }
 };
+
+// In JSON (Kelp/Json.h): the whole community as "0x" and 16 hex digits, a string whatever its size
+// so that readers holding numbers as doubles lose nothing and every value has one form.
+void kelpJson(Kelp::String& out, const RouteTarget& rt);
 
 }  // namespace Routing::Bgp
 

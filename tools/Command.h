@@ -50,6 +50,18 @@ std::string helpFooter();
 // Throws the exception that makes the tool exit with `status`.
 [[noreturn]] inline void exitWith(ExitStatus status) { throw CLI::RuntimeError(status); }
 
+// Option checks shared by the commands: a text that is not empty (a --root of "" would mean the
+// current directory by accident), and a duration in seconds, not negative, not NaN, possibly inf.
+inline const CLI::Validator nonEmpty(
+    [](std::string& s) { return s.empty() ? std::string("must not be empty") : std::string(); }, "", "nonEmpty");
+inline const CLI::Validator seconds(
+    [](std::string& s) {
+      double v = 0;
+      if (!CLI::detail::lexical_cast(s, v) || !(v >= 0)) return std::string("seconds (0 or more, or inf) expected");
+      return std::string();
+    },
+    "", "seconds");
+
 using CommandSetup = std::function<void(CLI::App&)>;
 
 struct CommandRegistration {

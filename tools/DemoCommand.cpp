@@ -321,6 +321,7 @@ void runDemo(const Options& opt) {
   int code = 0;
   try {
     tools::TempDir root(opt.root, "bgpcommon-demo");
+    tools::RemoveOnSignal removeOnSignal(root);  // interrupted (Ctrl-C, kill, a closed pipe): no tables left
     code = Demo(opt, root).run();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "demo failed: %s\n", e.what());

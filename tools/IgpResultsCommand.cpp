@@ -1,12 +1,15 @@
 // bgpcommon igp-results show | watch | write: the shared-memory IGP result table from the shell.
 //
 //   bgpcommon igp-results show vrf1 [--root DIR] [--json]     every record, sorted by key
-//   bgpcommon igp-results watch vrf1 [--count N] [--timeout S] [--json]
-//                                                          each change as it arrives
+//   bgpcommon igp-results watch vrf1 [--count N] [--timeout S|inf] [--json]
+//                                                          each change as it arrives, until
+//                                                          interrupted (SIGINT, SIGTERM: exit 0)
 //   bgpcommon igp-results write vrf1 --records N [--size N] [--hold S]
 //                                                          fill a table with sample records
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <thread>
 #include <vector>
@@ -28,7 +31,7 @@ struct Options {
   std::string root;
   bool json = false;
   std::uint32_t count = 0;
-  double timeout = 10.0;
+  double timeout = HUGE_VAL;  // seconds; infinite: until interrupted
   std::uint32_t records = 0;
   std::uint32_t size = 1024;
   std::uint32_t first = 1;
@@ -112,6 +115,7 @@ class Printer : public IgpResultStatus::Notifiee {
  public:
   Printer(IgpResultStatus* s, bool json) : status_(s), json_(json) {}
   void onResult(IgpResultId key) override {
+    if (full()) return;
     std::optional<IgpResult> r = status_->result(key);
     if (json_) {
       std::printf("%s\n", Kelp::valueToJson(ResultEvent{.key = key.value, .result = {r}}).c_str());
@@ -121,6 +125,7 @@ class Printer : public IgpResultStatus::Notifiee {
     ++lines;
   }
   void onResultMountStatus() override {
+    if (full()) return;
     if (json_) {
       std::printf("%s\n", Kelp::valueToJson(ResyncEvent{.count = status_->resultCount()}).c_str());
     } else {
@@ -129,22 +134,35 @@ class Printer : public IgpResultStatus::Notifiee {
     ++lines;
   }
   void onResultQuiesced(bool quiesced) override {
+    if (full()) return;
     if (json_) {
       std::printf("%s\n", Kelp::valueToJson(WriterEvent{.open = !quiesced}).c_str());
     } else {
       std::printf("writer %s\n", quiesced ? "closed" : "open");
     }
+    ++lines;
   }
+  // Lines printed: every line counts, for --count (changes that arrive after the last are dropped).
   std::uint32_t lines = 0;
+  std::uint32_t limit = 0;  // 0: none
+  bool full() const { return limit != 0 && lines >= limit; }
 
  private:
   IgpResultStatus* status_;
   bool json_;
 };
 
+// Set by SIGINT and SIGTERM while watch runs: it ends at the next poll, flushing what it printed.
+volatile std::sig_atomic_t interrupted = 0;
+
 void watch(const Options& opt) {
   Kelp::Ptr<IgpResultStatus> status = attach(opt);
   Printer printer(status.get(), opt.json);
+  printer.limit = opt.count;
+  struct sigaction stop {};
+  stop.sa_handler = [](int) { interrupted = 1; };
+  sigaction(SIGINT, &stop, nullptr);
+  sigaction(SIGTERM, &stop, nullptr);
   status->notifieeIs(&printer);
   auto control = status->resultControl();
   // A table that is not there yet is waited for (a watch may start before its writer), but not
@@ -152,16 +170,22 @@ void watch(const Options& opt) {
   const std::string path = rootOf(opt) + "/" + IgpResultStatus::mountPath(opt.name);
   bool attached = control->reader()->attached();
   if (!attached) std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
-  // The timeout is wall-clock time: a wait returns early whenever changes arrive.
+  // The timeout is wall-clock time: a wait returns early whenever changes arrive. Beyond a century
+  // it is no limit (and would overflow the clock).
   using Clock = std::chrono::steady_clock;
-  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeout));
-  for (auto now = Clock::now(); (opt.count == 0 || printer.lines < opt.count) && now < end; now = Clock::now()) {
+  const bool forever = opt.timeout > 3.2e9;
+  const auto end = forever ? Clock::time_point::max()
+                           : Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                std::chrono::duration<double>(opt.timeout));
+  for (auto now = Clock::now(); !printer.full() && now < end && !interrupted; now = Clock::now()) {
     control->waitForChanges(std::min(0.05, std::chrono::duration<double>(end - now).count()));
     control->poll();
     attached = attached || control->reader()->attached();
     std::fflush(stdout);
   }
+  std::fflush(stdout);
   status->notifieeDel(&printer);
+  if (interrupted) return;
   if (!attached) {
     std::fprintf(stderr, "no table appeared at %s within --timeout\n", path.c_str());
     tools::exitWith(tools::exitFailure);
@@ -183,6 +207,10 @@ IgpResult sample(std::uint32_t key) {
 }
 
 void write(const Options& opt) {
+  if (opt.records != 0 && opt.first > UINT32_MAX - (opt.records - 1)) {
+    std::fprintf(stderr, "--first %u --records %u: keys beyond %u\n", opt.first, opt.records, UINT32_MAX);
+    tools::exitWith(tools::exitUsage);
+  }
   if (opt.records > opt.size) {
     std::fprintf(stderr, "--records %u do not fit a table of --size %u\n", opt.records, opt.size);
     tools::exitWith(tools::exitFailure);
@@ -209,7 +237,8 @@ tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
     c->add_option("NAME", opt.name, "Table name (the last component of routing/rib/igpResultStatus/NAME)")->required();
     c->add_option("--root", opt.root,
                   "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)")
-        ->type_name("DIR");
+        ->type_name("DIR")
+        ->check(tools::nonEmpty);
   };
   auto run = [](void (*fn)(const Options&)) {
     return [fn] {
@@ -232,17 +261,21 @@ tools::CommandRegistration reg("igp-results", [](CLI::App& app) {
   auto* w = cmd->add_subcommand("watch",
                                 "Print each change as it arrives (exit 3 when --timeout passes before --count changes)");
   common(w);
-  w->add_option("--count", opt.count, "Stop after this many change lines");
-  w->add_option("--timeout", opt.timeout, "Stop after this many seconds (default 10)");
+  w->add_option("--count", opt.count,
+                "Stop after this many lines (every line counts: records, deletions, resyncs, writer open/close)");
+  w->add_option("--timeout", opt.timeout, "Stop after this many seconds, or inf (default: until interrupted)")
+      ->type_name("S|inf")
+      ->check(tools::seconds);
   w->add_flag("--json", opt.json, "Print each change as a JSON object, one a line");
   w->callback(run(watch));
 
   auto* f = cmd->add_subcommand("write", "Create the table (empty) and store sample records 1..N");
   common(f);
-  f->add_option("--records", opt.records, "How many sample records");
+  f->add_option("--records", opt.records, "How many sample records")->required();
   f->add_option("--size", opt.size, "Capacity of the table (default 1024)")->check(CLI::Range(1u, Shelf::kMaxCapacity));
-  f->add_option("--first", opt.first, "Key of the first record (default 1)");
-  f->add_option("--hold", opt.hold, "Keep the table open this many seconds after writing (default 0)");
+  f->add_option("--first", opt.first, "Key of the first record (default 1)")->check(CLI::Range(1u, UINT32_MAX));
+  f->add_option("--hold", opt.hold, "Keep the table open this many seconds after writing (default 0)")
+      ->check(tools::seconds);
   f->callback(run(write));
 });
 

@@ -7,10 +7,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -21,6 +25,16 @@
 #include <vector>
 
 namespace tools {
+
+// Removes `path` and everything under it, not following links.
+inline void removeTree(const std::string& path) {
+  nftw(
+      path.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+      FTW_DEPTH | FTW_PHYS);
+}
+
+// The child runChild is running, if any, so that an interrupted command can end it too.
+inline std::atomic<pid_t> runningChild{0};
 
 // A directory for shared-memory tables: the one given (kept), or a fresh one under /dev/shm (under
 // /tmp where /dev/shm is not writable) removed with everything in it when this goes.
@@ -39,11 +53,7 @@ class TempDir {
     throw std::runtime_error("cannot create a temporary directory");
   }
   ~TempDir() {
-    if (temporary_) {
-      nftw(
-          path_.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-          FTW_DEPTH | FTW_PHYS);
-    }
+    if (temporary_) removeTree(path_);
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -54,6 +64,74 @@ class TempDir {
  private:
   std::string path_;
   bool temporary_ = false;
+};
+
+// While it lives, a process ended by SIGINT, SIGTERM or SIGPIPE first ends the child runChild runs
+// and removes a temporary directory, then ends by that signal as it would have. Create it before
+// any other thread: SIGINT and SIGTERM are blocked in this thread and those it starts, and one
+// thread of its own waits for them, so the removal runs in no signal handler. SIGPIPE goes to the
+// thread whose write failed; its handler passes it on to that thread.
+class RemoveOnSignal {
+ public:
+  explicit RemoveOnSignal(const TempDir& dir) : path_(dir.temporary() ? dir.path() : std::string()) {
+    sigset_t set = waited();
+    pthread_sigmask(SIG_BLOCK, &set, &oldMask_);
+    struct sigaction pipe {};
+    pipe.sa_handler = [](int) {
+      pipeSeen() = 1;
+      kill(getpid(), SIGTERM);
+    };
+    sigaction(SIGPIPE, &pipe, &oldPipe_);
+    waiter_ = std::thread([this] {
+      int sig = 0;
+      sigset_t set = waited();
+      while (sigwait(&set, &sig) == 0 && sig == SIGUSR2 && !done_) {
+      }
+      if (done_) return;
+      if (const pid_t child = runningChild.load(); child > 0) kill(child, SIGTERM);
+      // The other threads run on meanwhile and may create a file just removed a directory
+      // from: remove until nothing is left, bounded.
+      struct stat st;
+      for (int i = 0; i < 100 && !path_.empty() && lstat(path_.c_str(), &st) == 0; ++i) {
+        removeTree(path_);
+        if (lstat(path_.c_str(), &st) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      if (pipeSeen()) sig = SIGPIPE;
+      signal(sig, SIG_DFL);
+      sigset_t one;
+      sigemptyset(&one);
+      sigaddset(&one, sig);
+      pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+      raise(sig);
+    });
+  }
+  ~RemoveOnSignal() {
+    done_ = true;
+    pthread_kill(waiter_.native_handle(), SIGUSR2);
+    waiter_.join();
+    sigaction(SIGPIPE, &oldPipe_, nullptr);
+    pthread_sigmask(SIG_SETMASK, &oldMask_, nullptr);
+  }
+  RemoveOnSignal(const RemoveOnSignal&) = delete;
+  RemoveOnSignal& operator=(const RemoveOnSignal&) = delete;
+
+ private:
+  static sigset_t waited() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGUSR2}) sigaddset(&set, sig);
+    return set;
+  }
+  static volatile sig_atomic_t& pipeSeen() {
+    static volatile sig_atomic_t seen = 0;
+    return seen;
+  }
+
+  std::string path_;
+  std::atomic<bool> done_ = false;
+  sigset_t oldMask_;
+  struct sigaction oldPipe_ {};
+  std::thread waiter_;
 };
 
 // The path of the running program, so that it can start itself again.
@@ -87,6 +165,9 @@ inline ChildResult runChild(const std::string& exe, const std::vector<std::strin
     throw std::runtime_error("fork failed");
   }
   if (pid == 0) {
+    sigset_t none;  // the child starts with no signal blocked, whatever its parent blocked
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
     dup2(fds[1], STDOUT_FILENO);
     dup2(fds[1], STDERR_FILENO);
     std::vector<char*> argv;
@@ -97,6 +178,7 @@ inline ChildResult runChild(const std::string& exe, const std::vector<std::strin
     _exit(127);
   }
   close(fds[1]);
+  runningChild = pid;
   ChildResult result;
   std::string pending;
   const auto deadline = Clock::now() + std::chrono::duration<double>(timeoutSeconds);
@@ -130,6 +212,7 @@ inline ChildResult runChild(const std::string& exe, const std::vector<std::strin
     waitpid(pid, &status, 0);
     result.timedOut = true;
   }
+  runningChild = 0;
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;
 }

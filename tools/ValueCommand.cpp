@@ -75,7 +75,7 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
     if (t == nullptr) {
       // Shown as parse errors show text, so that control bytes in the name reach no terminal.
       std::fprintf(stderr, "unknown type \"%s\" (see 'bgpcommon value list')\n",
-                   Kelp::quoteExcerpt(opt.type, opt.type.size()).c_str());
+                   Kelp::quoteExcerpt(opt.type, 64).c_str());
       tools::exitWith(tools::exitFailure);
     }
     if (t->strepToValue == nullptr) {

@@ -14,6 +14,7 @@
 
 #include "platform/Kelp/ByteForm.h"
 #include "platform/Kelp/Hash.h"
+#include "platform/Kelp/Json.h"
 #include "platform/Kelp/TextForm.h"
 
 namespace Brim {
@@ -59,8 +60,14 @@ class MaybeU63 {
   std::uint64_t raw_ = kUnsetBit;
 };
 
-// In JSON (Kelp/Json.h): the number, or null when unset.
-inline void kelpJson(std::string& out, const MaybeU63& m) { out += m.isSet() ? std::to_string(m.value()) : "null"; }
+// In JSON (Kelp/Json.h): the number (a string beyond 2^53, as for every integer), or null when unset.
+inline void kelpJson(std::string& out, const MaybeU63& m) {
+  if (m.isSet()) {
+    Kelp::jsonNumber(out, m.value());
+  } else {
+    out += "null";
+  }
+}
 
 }  // namespace Brim
 

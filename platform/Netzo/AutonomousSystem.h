@@ -22,6 +22,7 @@
 #include <utility>
 #include <string_view>
 
+#include "platform/Kelp/Json.h"
 #include "platform/Kelp/TextForm.h"
 #include "platform/Kelp/ValueType.h"
 
@@ -69,6 +70,9 @@ class AutonomousSystem {
  private:
   std::uint32_t value_ = 0;
 };
+
+// In JSON (Kelp/Json.h): the number, as the long text form has it.
+inline void kelpJson(Kelp::String& out, AutonomousSystem a) { Kelp::jsonNumber(out, std::uint64_t{a.value()}); }
 
 }  // namespace Netzo
 

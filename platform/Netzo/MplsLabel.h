@@ -28,6 +28,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Kelp/Json.h"
 #include "platform/Kelp/TextForm.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/NetU32.h"
@@ -72,6 +73,9 @@ class MplsLabel {
  private:
   std::uint32_t value_ = 0;
 };
+
+// In JSON (Kelp/Json.h): the label number.
+inline void kelpJson(Kelp::String& out, MplsLabel l) { Kelp::jsonNumber(out, std::uint64_t{l.value()}); }
 
 class MplsLabelStack {
  public:

@@ -54,7 +54,7 @@ TEST(DocsCommand, CompletionOffersCommandsOptionsAndTypeNames) {
 // The page formats without a warning, with each command's synopsis and every exit status.
 TEST(DocsCommand, ManualPage) {
   const std::string page = written("man");
-  EXPECT_NE(page.find(".SS \"bgpcommon igp\\-results watch [\\-\\-root DIR] [\\-\\-count UINT] [\\-\\-timeout FLOAT] "
+  EXPECT_NE(page.find(".SS \"bgpcommon igp\\-results watch [\\-\\-root DIR] [\\-\\-count UINT] [\\-\\-timeout S|inf] "
                       "[\\-\\-json] NAME\"\n"),
             std::string::npos)
       << page;

@@ -9,6 +9,7 @@
 
 #include "BgpCommon/FilteredRtStatus.h"
 #include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/JsonCheck.h"
 #include "tests/Support/RunTool.h"
 
 namespace {
@@ -33,9 +34,24 @@ TEST(JsonOutput, ValuesAndRouteTargetsParse) {
   EXPECT_EQ(r.status, 1);
   const json rts = json::parse(r.out);
   ASSERT_EQ(rts.size(), 2u) << r.out;
-  EXPECT_EQ(rts[0]["value"].get<std::uint64_t>(), 0x0002006400000005u);
-  EXPECT_EQ(rts[1], json({{"input", "1.4464:5"}, {"value", 0x0202000111700005u}, {"type", "fourOctetAs"},
+  EXPECT_EQ(rts[0]["value"], "0x0002006400000005");
+  EXPECT_EQ(rts[1], json({{"input", "1.4464:5"}, {"value", "0x0202000111700005"}, {"type", "fourOctetAs"},
                           {"subtype", "routeTarget"}, {"global", 70000}, {"local", 5}, {"text", "1.4464:5"}}));
+}
+
+// What the tool prints with --json, read as a reader holding numbers as doubles reads it, loses
+// nothing: 64-bit values come as strings.
+TEST(JsonOutput, ExactInADouble) {
+  const char* commands[] = {
+      "route-target --json 4294967295:65535 0xffffffffffffffff",
+      "value parse --json Routing::BgpRedistribute::FilteredRoute "
+      "\"Value('Routing::BgpRedistribute::FilteredRoute', ** {'key': 2001:db8::/32, 'igpResultId': 4294967295})\"",
+  };
+  for (const char* command : commands) {
+    const auto r = runTool(command, true);
+    ASSERT_EQ(r.status, 0) << command << r.err;
+    EXPECT_EQ(testing_support::inexactInDouble(json::parse(r.out)), "") << command << ": " << r.out;
+  }
 }
 
 // watch --json: a line per change, each a whole object; a record deleted shows as null. A watch

@@ -1,0 +1,57 @@
+// The tool's command-line conventions: what a mistyped or malformed command line says and how it
+// exits, write errors on standard output, and an interrupted demo leaving nothing behind.
+#include <gtest/gtest.h>
+
+#include "tests/Support/RunTool.h"
+
+namespace {
+
+using testing_support::runTool;
+
+TEST(CommandLine, MistakesAreNamedWithTheirStatus) {
+  const std::string longWord(300, 'x');
+  // arguments, exit status, the first line on standard error
+  const std::tuple<std::string, int, std::string> rows[] = {
+      {"shwo", 2, "bgpcommon: unknown command \"shwo\" (see bgpcommon --help)"},
+      {"igp-results shwo t", 2,
+       "bgpcommon: unknown command \"igp-results shwo\"; did you mean \"igp-results show\"? (see bgpcommon "
+       "igp-results --help)"},
+      {"vlaue list", 2, "bgpcommon: unknown command \"vlaue\"; did you mean \"value\"? (see bgpcommon --help)"},
+      {"value list >/dev/full", 1, "bgpcommon: write error on standard output: No space left on device"},
+      {"igp-results write t --root /nonexistent", 2, "--records is required"},
+      {"igp-results write t --root ''", 2, "--root: must not be empty"},
+      {"igp-results write t --records 5 --first 4294967295 --root /nonexistent", 2,
+       "--first 4294967295 --records 5: keys beyond 4294967295"},
+      {"igp-results write t --records 5 --hold -5 --root /nonexistent", 2, "--hold: seconds (0 or more, or inf) expected"},
+      {"igp-results write t --records 5 --hold nan --root /nonexistent", 2, "--hold: seconds (0 or more, or inf) expected"},
+      {"igp-results watch t --timeout -1 --root /nonexistent", 2, "--timeout: seconds (0 or more, or inf) expected"},
+      {"value parse " + longWord + " y", 1, "unknown type \"" + longWord.substr(0, 64) + "...\" (see 'bgpcommon value list')"},
+  };
+  for (const auto& [args, status, err] : rows) {
+    const auto r = runTool(args, true);
+    EXPECT_EQ(r.status, status) << args;
+    EXPECT_EQ(r.err.substr(0, r.err.find('\n')), err) << args;
+  }
+}
+
+// Interrupted mid-run, or cut off by a reader that stops reading, the demo removes its tables.
+TEST(CommandLine, InterruptedDemoLeavesNoTables) {
+  const std::string tool = std::string(BGPCOMMON_BIN_DIR) + "/bgpcommon";
+  const std::string out = ::testing::TempDir() + "demo-interrupted.txt";
+  const std::string script =
+      tool + " demo --routes 1000000 >" + out + " 2>&1 & p=$!; until grep -q '^Tables under' " + out +
+      "; do sleep 0.05; done; kill -INT $p; wait $p; echo status=$?; "
+      "d=$(sed -n 's/^Tables under \\(.*\\) (temporary)$/\\1/p' " + out + "); test -e \"$d\" && echo left $d; " +
+      "d=$(" + tool + " demo --routes 1000 | sed -n 's/^Tables under \\(.*\\) (temporary)$/\\1/p;2q'); " +
+      "test -e \"$d\" && echo left $d; echo done";
+  FILE* p = popen(script.c_str(), "r");
+  ASSERT_NE(p, nullptr);
+  std::string text;
+  char buf[512];
+  for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
+  pclose(p);
+  EXPECT_EQ(text, "status=130\ndone\n");
+  std::remove(out.c_str());
+}
+
+}  // namespace
