@@ -271,7 +271,11 @@ Mapping* Reader::refreshLocked(std::string& problem) const {
   struct stat st;
   int fd = openRegular(dirFd, where_.leaf(), O_RDONLY, why, &where_, &st);
   close(dirFd);
-  if (fd < 0) return errno == ENOENT ? m : refuse(fmt::format("not a table file: {}", why));
+  if (fd < 0) {
+    if (errno == ENOENT) return m;
+    // Not allowed to read it is not damage: say which.
+    return refuse((errno == EACCES ? "cannot open it: " : "not a table file: ") + why);
+  }
   refused_.clear();
   struct FdCloser {
     int fd;

@@ -124,6 +124,17 @@ TEST(Shelf, MountPathsThatWouldLeaveTheRootAreRefusedAndEveryOtherLeafHoldsATabl
     EXPECT_EQ(findIn(Shelf::Reader(where, kLabels, 8, 8), "k"), "v") << length;
     EXPECT_THROW(Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}), Shelf::Exception) << length;
   }
+  // What a writer that died left where it builds goes, an empty folder too; anything else is named.
+  const Shelf::Location where(root.path(), "names/new");
+  std::filesystem::create_directories(root.path() + "/names/.new.new");
+  EXPECT_NO_THROW(Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}));
+  std::filesystem::create_directories(root.path() + "/names/.new.new/inside");
+  EXPECT_THROW(
+      try { Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}); } catch (const Shelf::Exception& e) {
+        EXPECT_NE(std::string(e.what()).find("cannot create .new.new: File exists"), std::string::npos) << e.what();
+        throw;
+      },
+      Shelf::Exception);
   // The root, when none is given.
   const char* saved = std::getenv("BGPCOMMON_SHM_ROOT");
   const std::string keep = saved != nullptr ? saved : "";
