@@ -419,6 +419,15 @@ TEST(Shelf, ADamagedWordIsReportedOnceAndServesNothingWrong) {
     EXPECT_NE(t.reports[0].find(row.message), std::string::npos) << t.reports[0];
     EXPECT_TRUE(t.reports[0].starts_with("Shelf " + t.where.fullPath() + ": ")) << t.reports[0];
   }
+  // The live word damaged: the file is still the one at the path, so lookups read on, and the
+  // damage is reported once (the path is looked at again at most once a millisecond).
+  TempRoot root;
+  Table t(root);
+  t.put("k1", "v1");
+  Damage(t.where.fullPath()).base[448] ^= 4;
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(t.find("k1"), "v1");
+  ASSERT_EQ(t.reports.size(), 1u);
+  EXPECT_NE(t.reports[0].find("the table's live word reads 0x"), std::string::npos) << t.reports[0];
 }
 
 // One bit flipped in every word of the file in turn (header, records' stamps, links, heads,
