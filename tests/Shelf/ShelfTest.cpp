@@ -147,9 +147,8 @@ TEST(Shelf, MountPathsThatWouldLeaveTheRootAreRefusedAndEveryOtherLeafHoldsATabl
 
 // Long random sequences of puts, erases and clears against a plain map, with fixed seeds, in two
 // shapes: string keys under the poor hash (long chains, links changing in the middle of them), and
-// small integer keys hashed to themselves, as result identifiers are, over more buckets than slots
-// (64 buckets, 42 slots: records move in and out of their homes, and buckets 42..63 share homes
-// 0..21). Lookups, both iterations, the change ring and the writer's return values agree with the
+// small integer keys hashed to themselves, as result identifiers are (42 slots and buckets, 128
+// keys: records move in and out of their homes). Lookups, both iterations, the change ring and the writer's return values agree with the
 // model throughout, in a full table too (a new key is refused, changing nothing); afterwards every
 // slot is usable again: the table takes exactly its capacity.
 TEST(Shelf, AgreesWithAPlainMapOverRandomOperations) {
