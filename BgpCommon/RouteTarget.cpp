@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "platform/Kelp/CharRange.h"
 #include "platform/Kelp/Registry.h"
 #include "platform/Pico/Assert.h"
 
@@ -39,6 +40,27 @@ U64 decimal(std::string_view digits) {
     return v;
   }
   return Kelp::dectol(digits, "RouteTarget");
+}
+
+// The strict reader's refusal: the text as typed (escaped, at most 64 bytes) and what is wrong.
+[[noreturn]] void refuse(std::string_view text, std::string_view what) {
+  throw Kelp::RangeException(fmt::format("RouteTarget: \"{}\": {}", Kelp::quoteExcerpt(text, 64), what));
+}
+
+constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+
+// The decimal number in text[begin, end), which holds digits only: present, without a leading zero
+// (which some readers take for octal) and at most `max`. `what` names it in a refusal.
+U64 strictNumber(std::string_view text, std::size_t begin, std::size_t end, U64 max, std::string_view what) {
+  if (begin == end) refuse(text, fmt::format("missing {} at offset {}", what, begin));
+  if (text[begin] == '0' && end - begin > 1) refuse(text, fmt::format("{} with a leading zero at offset {}", what, begin));
+  U64 v = 0;
+  for (std::size_t i = begin; i < end; ++i) {
+    v = v * 10 + static_cast<unsigned>(text[i] - '0');  // max < 2^32: no overflow before the check
+    if (v > max) refuse(text, fmt::format("{} above {} at offset {}", what, max, begin));
+  }
+  return v;
 }
 
 }  // namespace
@@ -184,6 +206,68 @@ void RouteTarget::stringValueIs(const Kelp::String& text) {
   const U64 localValue = decimal(local);
   if (localValue > 0xFFFF) fail("RouteTarget: local admin exceeds 2 bytes");
   value = makeWide(type, globalValue, localValue);
+}
+
+// Checks the text against the operator forms, most basic fault first (characters, then the colon
+// and the L, then the numbers left to right), and hands what passes to stringValueIs(), which then
+// cannot lose a bit: every number is within its field and nothing follows the last digit.
+RouteTarget RouteTarget::fromOperatorText(std::string_view text) {
+  const std::size_t n = text.size();
+  if (n == 0) refuse(text, "empty");
+  RouteTarget rt;
+  if (n >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    for (std::size_t i = 2; i < n; ++i) {
+      if (!isHexDigit(text[i])) refuse(text, fmt::format("not a hex digit at offset {}", i));
+    }
+    if (n != 18) refuse(text, fmt::format("{} hex digits after 0x, expected 16", n - 2));
+    rt.stringValueIs(Kelp::String(text));
+    return rt;
+  }
+
+  // Before the colon digits and dots, and an L right before it; after it digits only.
+  const std::size_t colon = text.find(':');
+  const std::size_t globalLimit = colon == std::string_view::npos ? n : colon;
+  for (std::size_t i = 0; i < n; ++i) {
+    const char c = text[i];
+    if (isDigit(c) || i == colon) continue;
+    if (i < globalLimit && (c == '.' || (c == 'L' && i + 1 == globalLimit))) continue;
+    if (c == ':') refuse(text, "more than one colon");
+    refuse(text, fmt::format("unexpected \"{}\" at offset {}", Kelp::quoteExcerpt(text.substr(i, 1)), i));
+  }
+  if (colon == std::string_view::npos) refuse(text, "missing colon");
+  const bool fourOctetForced = colon > 0 && text[colon - 1] == 'L';
+  const std::size_t globalEnd = fourOctetForced ? colon - 1 : colon;
+  if (globalEnd == 0) refuse(text, fourOctetForced ? "nothing before the L" : "nothing before the colon");
+  if (colon + 1 == n) refuse(text, "nothing after the colon");
+
+  std::size_t dotAt[3];
+  std::size_t dots = 0;
+  for (std::size_t i = 0; i < globalEnd; ++i) {
+    if (text[i] == '.' && dots++ < 3) dotAt[dots - 1] = i;
+  }
+  if (dots != 0 && fourOctetForced) refuse(text, "L follows only a plain AS number");
+  U64 localMax = 0xFFFF;
+  switch (dots) {
+    case 0:
+      if (strictNumber(text, 0, globalEnd, 0xFFFFFFFF, "AS number") < 65536 && !fourOctetForced) localMax = 0xFFFFFFFF;
+      break;
+    case 1:  // asdot: two 16-bit halves
+      strictNumber(text, 0, dotAt[0], 0xFFFF, "high half of the AS number");
+      strictNumber(text, dotAt[0] + 1, globalEnd, 0xFFFF, "low half of the AS number");
+      break;
+    case 3: {
+      const std::size_t bounds[] = {0, dotAt[0] + 1, dotAt[1] + 1, dotAt[2] + 1, globalEnd + 1};
+      for (int i = 0; i < 4; ++i) strictNumber(text, bounds[i], bounds[i + 1] - 1, 255, "address octet");
+      break;
+    }
+    default:
+      refuse(text, fmt::format("{} dots before the colon: expected none (AS number), one (high.low AS number) or "
+                               "three (IPv4 address)",
+                               dots));
+  }
+  strictNumber(text, colon + 1, n, localMax, "local administrator");
+  rt.stringValueIs(Kelp::String(text));
+  return rt;
 }
 
 Kelp::String RouteTarget::toStrep(bool asDot) const {

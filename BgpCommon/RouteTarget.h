@@ -35,6 +35,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string_view>
 
 #include "platform/Kelp/EnumType.h"
 #include "platform/Kelp/TextForm.h"
@@ -106,6 +107,14 @@ class RouteTarget {
   // a "RouteTarget: " message (or the decimal reader's or address reader's own), or, for the hex
   // form, std::invalid_argument / std::out_of_range "stoull"; `value` is then unchanged.
   void stringValueIs(const Kelp::String& text);
+  // The strict reading for text an operator typed (a command line, a configuration file): the
+  // text must be exactly one of the forms above, every number in decimal without sign or leading
+  // zero and within what its form holds, so that it names the value it reads and prints back to
+  // it in the same notation. Where stringValueIs() would quietly drop bits or stop early
+  // (100:4294967296, 65536.0:1, 0x02020001117000zz, a leading blank) this throws
+  // Kelp::RangeException "RouteTarget: "<text>": <what is wrong>", the text escaped and cut to 64
+  // bytes. What it accepts it reads exactly as stringValueIs() does.
+  static RouteTarget fromOperatorText(std::string_view text);
   // The operator's text; AS numbers of 65536 and more in asdot notation when `asDot`.
   Kelp::String toStrep(bool asDot) const;
   Kelp::String stringValue() const { return toStrep(false); }

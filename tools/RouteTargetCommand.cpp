@@ -11,46 +11,21 @@
 //   [{"input":"100:5","value":563379450150917,"type":"twoOctetAs","subtype":"routeTarget",
 //     "global":100,"local":5,"text":"100:5"},...]
 //
-// A text that does not parse prints its error on standard error, after the text itself (so that
-// among many the operator sees which one); the exit status is then 1. So does a text the library
-// accepts but cannot hold as written: it keeps the local administrator of the two-octet form in 32
-// bits and the halves of a dotted AS in 16 bits each without a check, so 100:4294967296 would
-// become 100:0 and 65536.0:1 would become 0L:1. The tool says so instead of showing a route target
-// the operator did not write.
+// Texts are read strictly (RouteTarget::fromOperatorText): a text that is not exactly one of the
+// operator forms, or names a number its form cannot hold, is refused with the library's message,
+// which names the text (escaped, cut to 64 bytes), on standard error; the exit status is then 1.
+// The others are still shown, so among many texts the operator sees which ones failed.
 #include <cstdint>
 #include <cstdio>
-#include <exception>
-#include <optional>
-#include <stdexcept>
-#include <string_view>
 
 #include <fmt/format.h>
 
 #include "BgpCommon/RouteTarget.h"
-#include "platform/Kelp/CharRange.h"
 #include "platform/Kelp/TextForm.h"
 #include "tools/Command.h"
 #include "tools/JsonSupport.h"
 
 namespace {
-
-// Why the text, which the library accepted as `rt`, names numbers `rt` does not hold; none when it
-// holds them all (the hex and IPv4 forms always do).
-std::optional<std::string> numberLost(std::string_view text, const Routing::Bgp::RouteTarget& rt) {
-  const std::size_t colon = text.find(':');
-  if (colon == std::string_view::npos) return std::nullopt;
-  std::string_view global = text.substr(0, colon);
-  if (!global.empty() && global.back() == 'L') global.remove_suffix(1);
-  if (Kelp::dectol(text.substr(colon + 1), "RouteTarget") != rt.localAdmin()) return "local administrator";
-  const std::size_t dot = global.find('.');
-  if (dot != std::string_view::npos && global.find('.', dot + 1) == std::string_view::npos) {
-    if (Kelp::dectol(global.substr(0, dot), "RouteTarget") > UINT16_MAX ||
-        Kelp::dectol(global.substr(dot + 1), "RouteTarget") > UINT16_MAX) {
-      return "half of the dotted AS number";
-    }
-  }
-  return std::nullopt;
-}
 
 struct RouteTargetOptions {
   std::vector<std::string> texts;
@@ -77,33 +52,15 @@ struct Shown {
   }
 };
 
-// Says why `text` is refused, naming it (escaped: it may hold anything).
-void refuse(const std::string& text, const std::string& why) {
-  std::fprintf(stderr, "\"%s\": %s\n", Kelp::quoteExcerpt(text, 64).c_str(), why.c_str());
-}
-
 int showRouteTargets(const RouteTargetOptions& opt) {
   int status = 0;
   tools::JsonList<Shown> shown;
   for (const std::string& text : opt.texts) {
     Routing::Bgp::RouteTarget rt;
     try {
-      rt.stringValueIs(text);
-    } catch (const std::invalid_argument&) {  // the hex form's conversion, saying only "stoull"
-      refuse(text, "RouteTarget: not 0x and 16 hex digits");
-      status = 1;
-      continue;
-    } catch (const std::out_of_range&) {
-      refuse(text, "RouteTarget: not 0x and 16 hex digits");
-      status = 1;
-      continue;
-    } catch (const std::exception& e) {
-      refuse(text, e.what());
-      status = 1;
-      continue;
-    }
-    if (auto lost = numberLost(text, rt)) {
-      refuse(text, fmt::format("{} out of range; the library would store {}", *lost, rt.toStrep(opt.asDot)));
+      rt = Routing::Bgp::RouteTarget::fromOperatorText(text);
+    } catch (const Kelp::RangeException& e) {
+      std::fprintf(stderr, "%s\n", e.what());
       status = 1;
       continue;
     }

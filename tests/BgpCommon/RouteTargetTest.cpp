@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
+#include <fstream>
 #include <random>
 #include <tuple>
 
@@ -74,6 +76,47 @@ TEST(RouteTarget, BadTextLeavesValueUnchanged) {
   EXPECT_THROW(parse("100000000000000000"), std::out_of_range);
 }
 
+// tests/data/route-target-rows.tsv, which the tool's and the Python module's tests read too: each
+// accepted text gives its value and prints as the row says, and reads back to the same value from
+// both of its notations; each refused text gives its exact message.
+TEST(RouteTarget, OperatorTextRows) {
+  std::ifstream in(std::filesystem::path(__FILE__).parent_path().parent_path() / "data/route-target-rows.tsv");
+  ASSERT_TRUE(in) << "tests/data/route-target-rows.tsv";
+  int accepted = 0;
+  int refused = 0;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    const std::size_t tab1 = line.find('\t');
+    const std::size_t tab2 = line.find('\t', tab1 + 1);
+    ASSERT_NE(tab2, std::string::npos) << line;
+    std::string input;  // the first column, unescaped
+    for (std::size_t i = 0; i < tab1; ++i) {
+      if (line[i] != '\\') {
+        input.push_back(line[i]);
+      } else if (line[++i] == 'x') {
+        input.push_back(static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16)));
+        i += 2;
+      } else {
+        input.push_back(line[i] == 't' ? '\t' : line[i] == 'n' ? '\n' : line[i]);
+      }
+    }
+    const std::string expect = line.substr(tab1 + 1, tab2 - tab1 - 1);
+    const std::string text = line.substr(tab2 + 1);
+    if (expect == "error") {
+      ++refused;
+      EXPECT_EQ(testing_support::rangeMessage([&] { RouteTarget::fromOperatorText(input); }), text) << line;
+      continue;
+    }
+    ++accepted;
+    RouteTarget rt;
+    ASSERT_NO_THROW(rt = RouteTarget::fromOperatorText(input)) << line;
+    EXPECT_EQ(fmt::format("{:#018x} {}", rt.value, rt.toStrep(false)), expect + " " + text) << line;
+    for (bool asDot : {false, true}) EXPECT_EQ(RouteTarget::fromOperatorText(rt.toStrep(asDot)), rt) << line;
+  }
+  EXPECT_GE(accepted, 20);
+  EXPECT_GE(refused, 25);
+}
+
 // Each row: the word, type, subtype, whether it is a valid route target, global and local
 // administrator, AS and IPv4 address.
 TEST(RouteTarget, ConstructorsAndAccessors) {
@@ -105,8 +148,8 @@ TEST(RouteTargetDeathTest, TwoOctetAsMustFit) {
   EXPECT_DEATH(RouteTarget::fromTwoOctetAs(65536, 1), "BgpCommon/RouteTarget:.*asn.value\\(\\) <= 0xffff");
 }
 
-// Values of all three types and of neither, drawn at random, survive toStrep then stringValueIs in
-// both AS notations.
+// Values of all three types and of neither, drawn at random, survive toStrep then stringValueIs, and
+// the strict operator reading, in both AS notations.
 TEST(RouteTarget, GeneratedRoundTrips) {
   std::mt19937_64 rng(4360);
   for (int i = 0; i < 200000; ++i) {
@@ -119,6 +162,7 @@ TEST(RouteTarget, GeneratedRoundTrips) {
       RouteTarget back(0x1234);
       back.stringValueIs(rt.toStrep(asDot));
       ASSERT_EQ(back.value, v) << rt.toStrep(asDot);
+      ASSERT_EQ(RouteTarget::fromOperatorText(rt.toStrep(asDot)).value, v) << rt.toStrep(asDot);  // strict too
     }
   }
 }
