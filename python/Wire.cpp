@@ -16,17 +16,15 @@ namespace {
 using Routing::Bgp::RouteTarget;
 using Routing::Bgp::Serialize;
 
-// The operator's text, the way the tool reads it; a refusal names the input.
-RouteTarget routeTargetFromText(const std::string& text) {
-  RouteTarget rt;
-  try {
-    rt.stringValueIs(text);
-  } catch (const std::exception& e) {
-    // The hex form's number reader throws std::invalid_argument / std::out_of_range ("stoull").
-    std::string message = dynamic_cast<const Kelp::RangeException*>(&e) != nullptr ? e.what() : "RouteTarget: bad hex number";
-    raise(rangeError(), py::repr(py::str(text)).cast<std::string>() + ": " + message);
+// The operator's text, read strictly as the tool reads it (one character per byte, as text fields
+// are); a refusal is RangeError naming the text.
+RouteTarget routeTargetFromText(py::handle text) {
+  PyObject* b = PyUnicode_AsLatin1String(text.ptr());
+  if (b == nullptr) {
+    PyErr_Clear();
+    raise(rangeError(), "RouteTarget: " + py::repr(text).cast<std::string>() + ": not an operator's text");
   }
-  return rt;
+  return RouteTarget::fromOperatorText(std::string(py::reinterpret_steal<py::bytes>(b)));
 }
 
 RouteTarget routeTargetFromNumber(py::handle n) {
@@ -43,7 +41,7 @@ RouteTarget routeTargetFromPair(py::handle global, py::handle local) {
                                  std::string(Py_TYPE(part.ptr())->tp_name));
     }
   }
-  return routeTargetFromText(py::str(global).cast<std::string>() + ":" + py::str(local).cast<std::string>());
+  return routeTargetFromText(py::str(py::str(global).cast<std::string>() + ":" + py::str(local).cast<std::string>()));
 }
 
 py::bytes routeTargetOctets(const RouteTarget& rt) {
@@ -129,13 +127,14 @@ void bindWire(py::module_& m) {
   py::class_<RouteTarget>(m, "RouteTarget", R"(The route-target extended community (RFC 4360, RFC 5668).
 
 RouteTarget(text) reads the operator's forms ("100:5", "70000:5", "1.4464:5", "100L:5",
-"10.0.0.1:7", "0x" and 16 hex digits); bad text raises RangeError naming the text.
+"10.0.0.1:7", "0x" and 16 hex digits) strictly, as the bgpcommon tool does: every number decimal,
+without sign, blank or leading zero, and within its field. Bad text raises RangeError naming it.
 RouteTarget(number) takes the 64-bit value, RouteTarget(asn, local) and
 RouteTarget(IPv4Address, local) the two administrators, as the text "GLOBAL:LOCAL" would.
 int(rt) is the value, bytes(rt) the eight octets as they travel (RouteTarget.from_bytes() reads
 them back from any bytes-like object); route targets compare and sort by value.)")
       .def(py::init([](py::handle v) {
-             if (PyUnicode_Check(v.ptr())) return routeTargetFromText(v.cast<std::string>());
+             if (PyUnicode_Check(v.ptr())) return routeTargetFromText(v);
              if (PyLong_Check(v.ptr()) && !PyBool_Check(v.ptr())) return routeTargetFromNumber(v);
              raise(PyExc_TypeError, std::string("RouteTarget() takes a text or an int, not ") + Py_TYPE(v.ptr())->tp_name);
            }),

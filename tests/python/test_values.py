@@ -1,10 +1,12 @@
 """Values of the registered types, route targets and the serializer, seen from Python."""
 import copy
+import os
 import ipaddress
 import pathlib
 import pickle
 import re
 import subprocess
+import sys
 
 import pytest
 
@@ -209,3 +211,42 @@ def test_serialize_limits():
     s.add_u8(2)  # the last octet still fits
     pytest.raises(OverflowError, s.add_data, b"\x03")
     assert len(s) == 65535 and s.bytes()[-2:] == b"\x01\x02"
+
+
+def _rows():
+    """The route-target rows every reader shares: (input bytes, (value, text) or message)."""
+    path = pathlib.Path(__file__).resolve().parents[1] / "data" / "route-target-rows.tsv"
+    for line in path.read_text(encoding="ascii").splitlines():
+        if line and not line.startswith("#"):
+            text, value, shown = line.split("\t")
+            raw = text.encode("ascii").decode("unicode_escape").encode("latin-1")
+            yield raw, (shown if value == "error" else (int(value, 16), shown))
+
+
+@pytest.mark.skipif(not TOOL.exists(), reason="the bgpcommon tool is not built beside the module")
+def test_route_target_rows_read_alike_by_module_and_tool():
+    rows = list(_rows())
+    assert len(rows) > 50
+    for raw, expected in rows:
+        try:
+            rt = bgpcommon.RouteTarget(raw.decode("latin-1"))
+            got = (rt.value, rt.text())
+        except bgpcommon.RangeError as e:
+            got = str(e)
+        assert got == expected, raw
+        if b"\0" in raw:
+            continue  # a command line cannot carry it
+        tool = subprocess.run([str(TOOL), "route-target", "--", raw], capture_output=True)
+        shown = tool.stdout.decode("latin-1").split()
+        tool_got = (int(shown[0], 16), shown[-1]) if tool.returncode == 0 else tool.stderr.decode("latin-1").strip()
+        assert tool_got == got, raw
+
+
+def test_update_example():
+    example = pathlib.Path(__file__).resolve().parents[2] / "examples" / "python" / "build_update.py"
+    out = subprocess.run([sys.executable, str(example), "10.1.0.0/16", "192.168.0.0/24"], check=True,
+                         capture_output=True, text=True, env=dict(os.environ, PYTHONPATH=str(TOOL.parents[1] / "python")))
+    # marker, length 50, UPDATE, no withdrawals, 20 octets of attributes: ORIGIN IGP, AS_PATH (AS 65001),
+    # NEXT_HOP 192.0.2.1; then the two prefixes.
+    assert out.stdout.strip() == ("ff" * 16 + "0032" "02" "0000" "0014" "40010100" "400206020100" "00fde9"
+                                  "400304c0000201" "100a01" "18c0a800")
