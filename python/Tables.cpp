@@ -439,16 +439,16 @@ void bindTables(py::module_& m) {
       .def("__contains__", &Table::contains, py::arg("key"))
       .def("__iter__", [](Table& t) { return py::iter(t.keys()); })
       .def("get", &Table::get, py::arg("key"), py::arg("default") = py::none(),
-           "get(key, default=None) -> object\n\nThe record under key, or default.")
-      .def("keys", &Table::keys, "keys() -> list\n\nThe keys of the records, sorted.")
-      .def("values", &Table::values, "values() -> list\n\nThe records, sorted by key.")
-      .def("items", &Table::items, "items() -> list[tuple]\n\n(key, record) pairs, sorted by key.")
+           "The record under key, or default.")
+      .def("keys", &Table::keys, "The keys of the records, sorted.")
+      .def("values", &Table::values, "The records, sorted by key.")
+      .def("items", &Table::items, "(key, record) pairs, sorted by key.")
       .def_property_readonly("writer_open", &Table::writerOpen, "Whether a writer has the table open.")
       .def("wait", &Table::wait, py::arg("timeout") = py::none(),
-           "wait(timeout: float | None = None) -> bool\n\n"
+           ""
            "Blocks until something changed (True) or timeout seconds passed (False); None waits for ever.")
-      .def("changes", &Table::changes, "changes() -> list\n\nWhat changed since the last call, oldest first.")
-      .def("close", &Table::close, "close() -> None\n\nLets go of the table.")
+      .def("changes", &Table::changes, "What changed since the last call, oldest first.")
+      .def("close", &Table::close, "Lets go of the table.")
       .def("__enter__", [](py::object self) { return self; })
       .def("__exit__", [](Table& t, py::args) { t.close(); });
 

@@ -829,11 +829,11 @@ give the JSON of the tool's --json. Values pickle and copy.)");
       .def_property_readonly("type_name", [](const Value& v) { return std::string(v.type->name); },
                              "The registered name of the value's type.")
       .def("replace", [](const Value& v, const py::kwargs& fields) { return Value{v.type, buildValue(*v.type, fields, &v.value)}; },
-           "replace(**fields) -> Value\n\nA copy with the given fields changed.")
+           "A copy with the given fields changed.")
       .def("to_json", [](const Value& v) { return v.type->valueToJson(v.value); },
-           "to_json() -> str\n\nThe value's JSON, as the tool's --json prints it.")
+           "The value's JSON, as the tool's --json prints it.")
       .def("to_dict", [](const Value& v) { return py::module_::import("json").attr("loads")(v.type->valueToJson(v.value)); },
-           "to_dict() -> object\n\nThe value's JSON as Python objects (a dict for a type of several fields).")
+           "The value's JSON as Python objects (a dict for a type of several fields).")
       .def("__str__", [](const Value& v) { return latin1(v.type->valueToStrep(v.value)); })
       .def("__repr__", &reprOf)
       .def("__dir__", [](const Value& v) {
@@ -907,23 +907,23 @@ give the JSON of the tool's --json. Values pickle and copy.)");
     std::vector<std::string> names;
     for (const Kelp::TypeInfo* t : Kelp::registeredTypes()) names.emplace_back(t->name);
     return names;
-  }, "types() -> list[str]\n\nThe names of the registered types, sorted.");
+  }, "The names of the registered types, sorted.");
 
   m.def("default", [](const std::string& name) {
     const Kelp::TypeInfo& t = typeNamed(name);
     if (t.defaultValue == nullptr) throw py::type_error(name + " has no default value");
     return toPython(t.defaultValue());
-  }, py::arg("type_name"), "default(type_name: str) -> object\n\nA default-constructed value of the type, in its Python form.");
+  }, py::arg("type_name"), "A default-constructed value of the type, in its Python form.");
 
   m.def("parse", &parse, py::arg("text"), py::kw_only(), py::arg("type") = py::none(),
-        "parse(text: str, *, type: str | None = None) -> object\n\n"
+        ""
         "The value a long text form describes, in its Python form; its type is read from the text unless given.");
 
   m.def("attributes", [](const std::string& name) {
     std::vector<py::tuple> out;
     for (const Kelp::AttrInfo& a : typeNamed(name).attributes) out.push_back(py::make_tuple(a.id, a.name, kindName(a.kind)));
     return out;
-  }, py::arg("type_name"), "attributes(type_name: str) -> list[tuple[int, str, str]]\n\n"
+  }, py::arg("type_name"), ""
                            "The type's reflective attributes as (number, name, kind) tuples.");
 
   m.def("python_type", [](const std::string& name) -> py::object {
@@ -932,7 +932,7 @@ give the JSON of the tool's --json. Values pickle and copy.)");
     const Conversion& c = conversionFor(*t.cppType);
     if (c.pyClass != nullptr) return py::reinterpret_borrow<py::object>(c.pyClass);
     return py::none();
-  }, py::arg("type_name"), "python_type(type_name: str) -> type | None\n\n"
+  }, py::arg("type_name"), ""
                            "The Number or Enum subclass values of a number-like type or enumeration read as.");
 
   m.def("_python_types", [] {
@@ -978,7 +978,7 @@ give the JSON of the tool's --json. Values pickle and copy.)");
     ns["Community"] = py::reinterpret_borrow<py::object>(pythonTypes().community);
     if (py::hasattr(m, "RouteTarget")) ns["RouteTarget"] = m.attr("RouteTarget");
     return ns;
-  }, "namespace() -> dict[str, object]\n\n"
+  }, ""
      "A dict in which eval() of a long text form, or of a repr, gives the value it describes.");
 }
 

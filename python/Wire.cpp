@@ -141,7 +141,7 @@ them back from any bytes-like object); route targets compare and sort by value.)
            py::arg("value"))
       .def(py::init(&routeTargetFromPair), py::arg("global_admin"), py::arg("local_admin"))
       .def_static("from_bytes", &routeTargetFromOctets, py::arg("octets"),
-                  "from_bytes(octets: bytes-like) -> RouteTarget\n\nThe route target of eight octets as they travel.")
+                  "The route target of eight octets as they travel.")
       .def_property_readonly("value", [](const RouteTarget& rt) { return rt.value; }, "The 64-bit value.")
       .def_property_readonly("type", [](const RouteTarget& rt) { return static_cast<unsigned>(rt.value >> 56); },
                              "The type octet: 0 two-octet AS, 1 IPv4 address, 2 four-octet AS.")
@@ -154,7 +154,7 @@ them back from any bytes-like object); route targets compare and sort by value.)
       .def_property_readonly("local_admin", [](const RouteTarget& rt) { return rt.localAdmin(); },
                              "The local administrator.")
       .def("text", [](const RouteTarget& rt, bool asdot) { return rt.toStrep(asdot); }, py::arg("asdot") = false,
-           "text(asdot: bool = False) -> str\n\n"
+           ""
            "The operator's text; AS numbers of 65536 and more in asdot notation when asdot.")
       .def("__bytes__", &routeTargetOctets)
       .def("__int__", [](const RouteTarget& rt) { return rt.value; })
@@ -209,49 +209,49 @@ Addresses are ipaddress objects or their text. Lengths written before what they 
       .def("add_u8", [](Writer& w, py::handle v) {
         auto n = unsignedArg(v, typeid(std::uint8_t), "add_u8()");
         add(w, [&](Serialize& s) { s.addU8(static_cast<std::uint8_t>(n)); });
-      }, py::arg("value"), "add_u8(value: int) -> None")
+      }, py::arg("value"))
       .def("add_u16", [](Writer& w, py::handle v) {
         auto n = unsignedArg(v, typeid(std::uint16_t), "add_u16()");
         add(w, [&](Serialize& s) { s.addU16hton(static_cast<std::uint16_t>(n)); });
-      }, py::arg("value"), "add_u16(value: int) -> None")
+      }, py::arg("value"))
       .def("add_u32", [](Writer& w, py::handle v) {
         auto n = unsignedArg(v, typeid(std::uint32_t), "add_u32()");
         add(w, [&](Serialize& s) { s.addU32hton(static_cast<std::uint32_t>(n)); });
-      }, py::arg("value"), "add_u32(value: int) -> None")
+      }, py::arg("value"))
       .def("add_as", [](Writer& w, py::handle v, bool fourOctet) {
         auto asn = unsignedArg(v, typeid(std::uint32_t), "add_as()");
         if (!fourOctet && asn > 0xFFFF) {
           raise(PyExc_OverflowError, "AS " + std::to_string(asn) + " does not fit in two octets (use AS_TRANS, 23456)");
         }
         add(w, [&](Serialize& s) { s.addAutonomousSystem(Netzo::AutonomousSystem(static_cast<std::uint32_t>(asn)), fourOctet); });
-      }, py::arg("asn"), py::arg("four_octet") = true, "add_as(asn: int, four_octet: bool = True) -> None")
+      }, py::arg("asn"), py::arg("four_octet") = true)
       .def("add_ipv4", [](Writer& w, py::handle a) {
         auto addr = addressArg<Netzo::IpAddr>(a, "add_ipv4()");
         add(w, [&](Serialize& s) { s.addIpv4Addr(addr); });
-      }, py::arg("address"), "add_ipv4(address: IPv4Address | str) -> None")
+      }, py::arg("address"))
       .def("add_ipv6", [](Writer& w, py::handle a) {
         auto addr = addressArg<Netzo::Ip6Addr>(a, "add_ipv6()");
         add(w, [&](Serialize& s) { s.addIpv6Addr(addr); });
-      }, py::arg("address"), "add_ipv6(address: IPv6Address | str) -> None")
+      }, py::arg("address"))
       .def("add_data", [](Writer& w, py::handle data) {
         std::string d = bytesLike(data, "add_data()");
         if (d.size() > 0xFFFFFFFFu) raise(PyExc_OverflowError, "Serialized bytes exceed bgpMaxExtendedMessageSize");
         add(w, [&](Serialize& s) { s.addData(reinterpret_cast<const std::uint8_t*>(d.data()), static_cast<std::uint32_t>(d.size())); });
-      }, py::arg("data"), "add_data(data: bytes-like) -> None")
+      }, py::arg("data"))
       .def("patch_u8", [](Writer& w, std::uint32_t offset, py::handle v) {
         w.patch(offset, unsignedArg(v, typeid(std::uint8_t), "patch_u8()"), 1);
-      }, py::arg("offset"), py::arg("value"), "patch_u8(offset: int, value: int) -> None\n\nOverwrites an octet already written.")
+      }, py::arg("offset"), py::arg("value"), "Overwrites an octet already written.")
       .def("patch_u16", [](Writer& w, std::uint32_t offset, py::handle v) {
         w.patch(offset, unsignedArg(v, typeid(std::uint16_t), "patch_u16()"), 2);
-      }, py::arg("offset"), py::arg("value"), "patch_u16(offset: int, value: int) -> None\n\nOverwrites two octets already written.")
+      }, py::arg("offset"), py::arg("value"), "Overwrites two octets already written.")
       .def("length", [](py::object self, unsigned octets) {
         if (octets != 1 && octets != 2) throw py::value_error("a length is 1 or 2 octets");
         return LengthScope{self, &self.cast<Writer&>(), octets};
       }, py::arg("octets") = 2,
-         "length(octets: int = 2) -> context manager\n\n"
+         ""
          "Writes a length of 1 or 2 octets and, when the block ends, fills in the octets the block wrote; "
          "__enter__ returns the length's offset.")
-      .def("bytes", &Writer::bytes, "bytes() -> bytes\n\nEverything written so far.")
+      .def("bytes", &Writer::bytes, "Everything written so far.")
       .def("__bytes__", &Writer::bytes)
       .def("__len__", [](const Writer& w) { return w.s.writeOffset(); })
       .def_property_readonly("offset", [](const Writer& w) { return w.s.writeOffset(); }, "Octets written so far.");

@@ -8,12 +8,15 @@
 - The shared-memory tables, read-only: `IgpResultTable` and `FilteredRouteTable`, mappings from a
   record's key to its record that can wait for the writer's changes.
 """
+import collections.abc
+
 from bgpcommon._bgpcommon import (
     FilteredRouteTable,
     IgpResultTable,
     RangeError,
     RouteTarget,
     Serialize,
+    Table,
     TableCorruptionError,
     Value,
     RESYNC,
@@ -29,6 +32,8 @@ from bgpcommon._bgpcommon import (
 )
 from bgpcommon._native import Community, Enum, Number
 
+collections.abc.Mapping.register(Table)
+
 __all__ = [
     "Community",
     "Enum",
@@ -39,6 +44,7 @@ __all__ = [
     "RangeError",
     "RouteTarget",
     "Serialize",
+    "Table",
     "TableCorruptionError",
     "Value",
     "WRITER_CLOSED",

@@ -27,7 +27,7 @@ class Number(int):
     __slots__ = ()
     type_name = ""
 
-    def __new__(cls, value=0):
+    def __new__(cls, value: int = 0) -> "Number":
         if isinstance(value, bool) or not isinstance(value, int):
             raise TypeError(f"{cls.__name__}() takes an int, not {type(value).__name__}")
         return _core()._number_check(cls.type_name, value)
@@ -62,7 +62,7 @@ class Enum(str):
     _by_name = {}
     _by_number = {}
 
-    def __new__(cls, value):
+    def __new__(cls, value: "int | str") -> "Enum":
         if isinstance(value, Enum) and type(value) is cls:
             return value
         key = cls._by_number if isinstance(value, int) and not isinstance(value, bool) else cls._by_name
@@ -74,10 +74,10 @@ class Enum(str):
         return found
 
     @property
-    def name(self):
+    def name(self) -> str:
         return str.__str__(self)
 
-    def __int__(self):
+    def __int__(self) -> int:
         return self._number
 
     def __index__(self):
@@ -121,7 +121,7 @@ class Community(int):
 
     __slots__ = ()
 
-    def __new__(cls, value):
+    def __new__(cls, value: "int | str") -> "Community":
         if isinstance(value, str):
             high, sep, low = value.partition(":")
             if not sep or not high.isdigit() or not low.isdigit() or int(high) > 0xFFFF or int(low) > 0xFFFF:
@@ -134,11 +134,11 @@ class Community(int):
         return int.__new__(cls, value)
 
     @property
-    def high(self):
+    def high(self) -> int:
         return int(self) >> 16
 
     @property
-    def low(self):
+    def low(self) -> int:
         return int(self) & 0xFFFF
 
     def __str__(self):

@@ -1,4 +1,5 @@
 """Values of the registered types, route targets and the serializer, seen from Python."""
+import ast
 import copy
 import os
 import ipaddress
@@ -250,3 +251,19 @@ def test_update_example():
     # NEXT_HOP 192.0.2.1; then the two prefixes.
     assert out.stdout.strip() == ("ff" * 16 + "0032" "02" "0000" "0014" "40010100" "400206020100" "00fde9"
                                   "400304c0000201" "100a01" "18c0a800")
+
+
+def test_stubs_name_what_the_package_has():
+    stub = ast.parse((pathlib.Path(bgpcommon.__file__).parent / "__init__.pyi").read_text())
+    assert (pathlib.Path(bgpcommon.__file__).parent / "py.typed").exists()
+    named = set()
+    for node in stub.body:
+        name = getattr(node, "name", None) or getattr(getattr(node, "target", None), "id", None)
+        if name is None:
+            continue  # the docstring, the imports
+        named.add(name)
+        assert name == "__getattr__" or hasattr(bgpcommon, name), name
+        for member in getattr(node, "body", []) if isinstance(node, ast.ClassDef) else []:
+            assert not isinstance(member, ast.FunctionDef) or hasattr(getattr(bgpcommon, name), member.name)
+    assert set(bgpcommon.__all__) <= named and bgpcommon.__version__ in subprocess.run(
+        [str(TOOL), "--version"], capture_output=True, text=True).stdout
