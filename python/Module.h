@@ -2,6 +2,9 @@
 // The pieces of the bgpcommon Python module, one per source file, and what they share.
 
 #include <any>
+#include <string>
+#include <string_view>
+#include <typeinfo>
 
 #include <pybind11/pybind11.h>
 
@@ -11,17 +14,41 @@ namespace bgpcommon_python {
 
 namespace py = pybind11;
 
-// A value of any registered type, as Python holds it: the registry entry and the value itself.
+// A value of any registered type that has no Python type of its own, as Python holds it: the
+// registry entry and the value itself.
 struct Value {
   const Kelp::TypeInfo* type;
   std::any value;
 };
 
-// The Python object for a value of a registered type.
-py::object wrapValue(const Kelp::TypeInfo* type, std::any value);
+// How values of one C++ type cross into Python and back (Values.cpp): built once per type and
+// kept for the life of the process.
+struct Conversion;
+const Conversion& conversionFor(const std::type_info& cppType);
+
+// The Python object for a C++ value (its own type's conversion, or the given one).
+py::object toPython(const std::any& v);
+py::object toPython(const std::any& v, const Conversion& c);
+// The C++ value of `c`'s type that a Python object stands for. Errors name `what` (the field or
+// argument): TypeError for an object of the wrong type, OverflowError for a number out of range,
+// ValueError (RangeError) for text that does not parse.
+std::any fromPython(py::handle obj, const Conversion& c, std::string_view what);
+
+// A C++ type with a Python class of its own (the route target): how its values cross. Set before
+// the first conversion of a value of that type.
+using NativeToPython = py::object (*)(const std::any& v);
+using NativeFromPython = std::any (*)(py::handle obj, std::string_view what);
+void nativeConversionIs(const std::type_info& cppType, NativeToPython to, NativeFromPython from);
 
 // Raises the Python exception `pythonType` with the message `what`.
 [[noreturn]] void raise(PyObject* pythonType, const char* what);
+[[noreturn]] void raise(PyObject* pythonType, const std::string& what);
+// bgpcommon.RangeError.
+PyObject* rangeError();
+
+// A copy of the bytes of any object with the buffer protocol (bytes, bytearray, memoryview, ...);
+// TypeError naming `what` otherwise (a str included).
+std::string bytesLike(py::handle obj, std::string_view what);
 
 void bindValues(py::module_& m);
 void bindWire(py::module_& m);

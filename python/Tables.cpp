@@ -1,25 +1,42 @@
-// The shared-memory IGP result table, read from Python.
+// The shared-memory status tables, read from Python.
 //
-// An IgpResultTable is a reader: it never changes the table. Changes are collected as they are
-// polled and handed out by changes():
+// One implementation, the Python class Table, serves every table entity of the library
+// (KelpSharedMem::TableEntity: a collection of records keyed by their field `key`); each entity
+// adds only its traits below and a Python name: IgpResultTable (IGP results by identifier) and
+// FilteredRouteTable (filtered routes by prefix). A Table is a reader: it never changes the table.
+// It is a read-only mapping from a record's key to the record, and collects changes as they are
+// polled:
 //
-//   table = bgpcommon.IgpResultTable("vrf1")
-//   while True:
-//       table.wait(1.0)                      # blocks (without the GIL) until something changed
-//       for change in table.changes():
-//           if change == bgpcommon.RESYNC:   # read everything again
-//               ...
-//           elif change in (bgpcommon.WRITER_CLOSED, bgpcommon.WRITER_OPEN):
-//               ...
-//           else:                            # a record's key: table.get(change) is its record or None
-//               ...
+//   with bgpcommon.IgpResultTable("vrf1") as table:   # FileNotFoundError when there is none
+//       record = table[7]                            # KeyError when absent; table.get(7) is None
+//       while True:
+//           table.wait()                             # until something changes; Ctrl-C ends it
+//           for change in table.changes():
+//               if change == bgpcommon.RESYNC:       # read everything again
+//                   ...
+//               elif change in (bgpcommon.WRITER_CLOSED, bgpcommon.WRITER_OPEN):
+//                   ...
+//               else:                                # a record's key: table.get(change) is its
+//                   ...                              # record, or None once deleted
+//
+// Threads: lookups, len(), iteration and keys()/values()/items() read the table without a lock
+// (the reader allows it) and may run while another thread waits in wait(); polling for changes
+// is one thread at a time. close() waits for the operations in flight.
 //
 // Corruption found while reading (a damaged record reads as absent) goes to on_corruption(message)
 // when given; otherwise the operation that met it raises TableCorruptionError once it is done.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <deque>
+#include <limits>
 #include <mutex>
+#include <optional>
+#include <shared_mutex>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include <pybind11/stl.h>
@@ -31,15 +48,11 @@ namespace bgpcommon_python {
 
 namespace {
 
+using Routing::BgpRedistribute::FilteredRoute;
+using Routing::BgpRedistribute::FilteredRtStatus;
 using Routing::BgpRedistribute::IgpResult;
 using Routing::BgpRedistribute::IgpResultId;
 using Routing::BgpRedistribute::IgpResultStatus;
-
-// The registry's own entry (the module holds a copy of the template's of its own).
-const Kelp::TypeInfo* recordType() {
-  static const Kelp::TypeInfo* t = Kelp::findType(Kelp::typeNameOf<IgpResult>());
-  return t;
-}
 
 constexpr const char* kResync = "resync";
 constexpr const char* kWriterClosed = "writer closed";
@@ -47,109 +60,263 @@ constexpr const char* kWriterOpen = "writer open";
 
 PyObject* corruptionError = nullptr;
 
-class IgpResultTable : public IgpResultStatus::Notifiee {
+// What a table's notifiee hears, whatever the table: a key changed, the writer closed or opened,
+// everything must be read again.
+class ChangeSink {
  public:
-  IgpResultTable(const std::string& name, const std::optional<std::string>& root, py::object onCorruption)
-      : onCorruption_(std::move(onCorruption)) {
-    auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.value_or(""));
-    status_ = IgpResultStatus::createIgpResultStatusReader(name, em);
-    if (!status_) throw py::value_error(IgpResultStatus::mountPath(name) + " holds no IGP result table");
-    // Runs inside the reader, possibly without the GIL: it only queues the message.
-    status_->resultControl()->corruptionHandlerIs([this](std::string_view message) {
-      std::lock_guard<std::mutex> lock(reportsMutex_);
-      reports_.emplace_back(message);
-    });
-    status_->notifieeIs(this);
+  virtual ~ChangeSink() = default;
+  virtual void changedKey(std::any key) = 0;
+  virtual void quiesced(bool closed) = 0;
+  virtual void resync() = 0;
+};
+
+// ---- Traits of each table entity: the names its members carry ------------------------------
+
+template <typename Entity>
+struct TableTraits;
+
+template <>
+struct TableTraits<IgpResultStatus> {
+  static Kelp::String mountPath(const std::string& name) { return IgpResultStatus::mountPath(name); }
+  static std::optional<IgpResult> find(const IgpResultStatus& e, IgpResultId key) { return e.result(key); }
+  template <typename F>
+  static void forEach(const IgpResultStatus& e, F&& fn) {
+    e.resultForEach(fn);
   }
-  ~IgpResultTable() override {
-    // The entity may outlive this reader object (the entity manager holds it too): leave it with
-    // nothing pointing back here.
-    status_->notifieeDel(this);
-    status_->resultControl()->corruptionHandlerIs([](std::string_view) {});
+  static std::uint32_t count(const IgpResultStatus& e) { return e.resultCount(); }
+  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const IgpResultStatus& e) { return e.resultControl(); }
+  static bool keyLess(IgpResultId a, IgpResultId b) { return a.value < b.value; }
+  struct Notifiee : IgpResultStatus::Notifiee {
+    ChangeSink* sink;
+    void onResult(IgpResultId key) override { sink->changedKey(key); }
+    void onResultQuiesced(bool closed) override { sink->quiesced(closed); }
+    void onResultMountStatus() override { sink->resync(); }
+  };
+};
+
+// The library leaves the mount of filtered routes to its users; the agent and the tool's demo
+// mount them here.
+template <>
+struct TableTraits<FilteredRtStatus> {
+  static Kelp::String mountPath(const std::string& name) { return "routing/rib/filteredRtStatus/" + name; }
+  static std::optional<FilteredRoute> find(const FilteredRtStatus& e, const Netzo::IpGenPrefix& key) {
+    return e.filteredRoute(key);
   }
-  IgpResultTable(const IgpResultTable&) = delete;
-  IgpResultTable& operator=(const IgpResultTable&) = delete;
+  template <typename F>
+  static void forEach(const FilteredRtStatus& e, F&& fn) {
+    e.filteredRouteForEach(fn);
+  }
+  static std::uint32_t count(const FilteredRtStatus& e) { return e.filteredRouteCount(); }
+  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const FilteredRtStatus& e) {
+    return e.filteredRouteControl();
+  }
+  static bool keyLess(const Netzo::IpGenPrefix& a, const Netzo::IpGenPrefix& b) { return a < b; }
+  struct Notifiee : FilteredRtStatus::Notifiee {
+    ChangeSink* sink;
+    void onFilteredRoute(const Netzo::IpGenPrefix& key) override { sink->changedKey(key); }
+    void onFilteredRouteQuiesced(bool closed) override { sink->quiesced(closed); }
+    void onFilteredRouteMountStatus() override { sink->resync(); }
+  };
+};
+
+// ---- Opening -------------------------------------------------------------------------------
+
+[[noreturn]] void raiseOsError(PyObject* type, int error, const std::string& message, const std::string& path) {
+  py::object e = py::reinterpret_borrow<py::object>(type)(error, message, path);
+  PyErr_SetObject(type, e.ptr());
+  throw py::error_already_set();
+}
+
+// FileNotFoundError / NotADirectoryError when the root or the table file is not there.
+void checkTableExists(const std::string& root, const std::string& path) {
+  struct stat st;
+  if (::stat(root.c_str(), &st) != 0) {
+    if (errno == ENOTDIR) raiseOsError(PyExc_NotADirectoryError, ENOTDIR, "the table root is not a folder", root);
+    raiseOsError(PyExc_FileNotFoundError, ENOENT, "no table root", root);
+  }
+  if (!S_ISDIR(st.st_mode)) raiseOsError(PyExc_NotADirectoryError, ENOTDIR, "the table root is not a folder", root);
+  const std::string file = root + "/" + path;
+  if (::stat(file.c_str(), &st) != 0) {
+    if (errno == ENOTDIR) raiseOsError(PyExc_NotADirectoryError, ENOTDIR, "a folder of the table's path is a file", file);
+    raiseOsError(PyExc_FileNotFoundError, ENOENT, "no table (pass missing_ok=True to wait for its writer)", file);
+  }
+}
+
+// ---- The table -----------------------------------------------------------------------------
+
+class Table : public ChangeSink {
+ public:
+  ~Table() override = default;
 
   std::size_t size() {
-    auto lock = lockReader();
-    std::size_t n = status_->resultCount();
+    auto life = alive();
+    std::size_t n = count();
     report();
     return n;
   }
 
   bool writerOpen() {
-    auto lock = lockReader();
-    return status_->resultControl()->reader()->writerOpen();
+    auto life = alive();
+    return control()->reader()->writerOpen();
   }
 
-  py::object get(std::uint32_t id) {
-    auto lock = lockReader();
-    std::optional<IgpResult> r = status_->result(IgpResultId(id));
+  // The record under `key`, or none; a key of the wrong type is absent.
+  std::optional<py::object> lookup(py::handle key) {
+    std::any k;
+    try {
+      k = fromPython(key, conversionFor(keyType()), "key");
+    } catch (const py::error_already_set& e) {
+      if (!e.matches(PyExc_TypeError) && !e.matches(PyExc_ValueError) && !e.matches(PyExc_OverflowError)) throw;
+      return std::nullopt;
+    }
+    std::optional<std::any> r;
+    {
+      auto life = alive();
+      r = find(k);
+    }
     report();
-    if (!r) return py::none();
-    return wrapValue(recordType(), *r);
+    if (!r) return std::nullopt;
+    return toPython(*r);
   }
 
-  py::list records() {
-    auto lock = lockReader();
-    std::vector<IgpResult> all;
-    status_->resultForEach([&](const IgpResult& r) { all.push_back(r); });
-    std::sort(all.begin(), all.end(), [](const IgpResult& a, const IgpResult& b) { return a.key.value < b.key.value; });
+  py::object getItem(py::handle key) {
+    if (auto r = lookup(key)) return *r;
+    PyErr_SetObject(PyExc_KeyError, key.ptr());
+    throw py::error_already_set();
+  }
+  py::object get(py::handle key, py::object otherwise) { return lookup(key).value_or(otherwise); }
+  bool contains(py::handle key) { return lookup(key).has_value(); }
+
+  // Every record, sorted by key, as (key, record) pairs.
+  std::vector<std::pair<py::object, py::object>> entries() {
+    std::vector<std::any> all;
+    {
+      auto life = alive();
+      all = sortedRecords();
+    }
+    report();
+    std::vector<std::pair<py::object, py::object>> out;
+    out.reserve(all.size());
+    for (const std::any& r : all) out.emplace_back(toPython(keyOf(r)), toPython(r));
+    return out;
+  }
+  py::list keys() {
     py::list out;
-    for (const IgpResult& r : all) out.append(wrapValue(recordType(), r));
-    report();
+    for (auto& [k, r] : entries()) out.append(k);
+    return out;
+  }
+  py::list values() {
+    py::list out;
+    for (auto& [k, r] : entries()) out.append(r);
+    return out;
+  }
+  py::list items() {
+    py::list out;
+    for (auto& [k, r] : entries()) out.append(py::make_tuple(k, r));
     return out;
   }
 
-  // Waits up to `timeout` seconds for a change, without the GIL, and collects what arrived.
-  bool wait(double timeout) {
-    if (timeout < 0) throw py::value_error("timeout must not be negative");
+  // Waits for a change, in slices short enough for Ctrl-C to end the wait at once, without the
+  // GIL and without keeping other threads from reading.
+  bool wait(std::optional<double> timeout) {
+    const double limit = timeout.value_or(std::numeric_limits<double>::infinity());
+    if (std::isnan(limit)) throw py::value_error("timeout must be a number of seconds, not NaN");
+    if (limit < 0) throw py::value_error("timeout must not be negative");
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+      pollChanges();
+      if (!changes_.empty()) return true;
+      const double left = limit - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      if (left <= 0) return false;
+      {
+        py::gil_scoped_release release;
+        std::shared_lock life(lifeMutex_);
+        std::lock_guard poll(pollMutex_);
+        if (entityGone()) break;
+        control()->waitForChanges(std::min(kWaitSlice, left));
+      }
+      if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+    }
+    throw py::value_error("the table is closed");
+  }
+
+  // The changes since the last call, oldest first; polls first, so it never blocks for long.
+  py::list changes() {
+    pollChanges();
+    py::list out;
+    for (const py::object& c : changes_) out.append(c);
+    changes_.clear();
+    return out;
+  }
+
+  void close() {
     {
       py::gil_scoped_release release;
-      std::lock_guard<std::mutex> lock(readerMutex_);
-      status_->resultControl()->waitForChanges(timeout);
-      status_->resultControl()->poll();
-    }
-    report();
-    return !changes_.empty();
-  }
-
-  // The changes since the last call, oldest first; polls first, so it never blocks.
-  py::list changes() {
-    {
-      auto lock = lockReader();
-      status_->resultControl()->poll();
-    }
-    report();
-    py::list out;
-    for (const Change& c : changes_) {
-      if (const auto* key = std::get_if<std::uint32_t>(&c)) {
-        out.append(*key);
-      } else {
-        out.append(std::get<const char*>(c));
-      }
+      std::unique_lock life(lifeMutex_);
+      std::lock_guard poll(pollMutex_);
+      detach();
     }
     changes_.clear();
-    return out;
   }
 
-  // Notifiee: called from poll(), with the reader's lock held and perhaps without the GIL.
-  void onResult(IgpResultId key) override { changes_.emplace_back(key.value); }
-  void onResultQuiesced(bool quiesced) override { changes_.emplace_back(quiesced ? kWriterClosed : kWriterOpen); }
-  void onResultMountStatus() override {
+  // ChangeSink: called from poll(), which runs with the GIL held.
+  void changedKey(std::any key) override { changes_.push_back(toPython(key)); }
+  void quiesced(bool closed) override { changes_.push_back(py::str(closed ? kWriterClosed : kWriterOpen)); }
+  void resync() override {
     // Everything is read again: the keys before it say nothing more.
     changes_.clear();
-    changes_.emplace_back(kResync);
+    changes_.push_back(py::str(kResync));
   }
 
- private:
-  using Change = std::variant<std::uint32_t, const char*>;
+ protected:
+  explicit Table(py::object onCorruption) : onCorruption_(std::move(onCorruption)) {}
 
-  // The reader is used by one thread at a time; a thread waits for it without holding the GIL, so
-  // that one in wait() can take the GIL back when it is done.
-  std::unique_lock<std::mutex> lockReader() {
-    py::gil_scoped_release release;
-    return std::unique_lock<std::mutex>(readerMutex_);
+  // The entity's corruption reports go to the queue that report() empties. Runs inside the
+  // reader, possibly without the GIL: it only queues the message.
+  void listenForCorruption(KelpShelf::CollectionControl& c) {
+    c.corruptionHandlerIs([this](std::string_view message) {
+      std::lock_guard<std::mutex> lock(reportsMutex_);
+      reports_.emplace_back(message);
+    });
+  }
+
+  virtual bool entityGone() const = 0;
+  virtual std::optional<std::any> find(const std::any& key) const = 0;
+  virtual std::vector<std::any> sortedRecords() const = 0;
+  virtual std::size_t count() const = 0;
+  virtual const std::type_info& keyType() const = 0;
+  virtual std::any keyOf(const std::any& record) const = 0;
+  virtual KelpShelf::CollectionControl* control() const = 0;
+  // Lets go of the entity (called once no other thread uses it).
+  virtual void detach() = 0;
+
+ private:
+  static constexpr double kWaitSlice = 0.05;
+
+  // Holds off close() while an operation reads the table; ValueError once closed.
+  std::shared_lock<std::shared_mutex> alive() {
+    std::shared_lock<std::shared_mutex> lock(lifeMutex_, std::try_to_lock);
+    if (!lock.owns_lock()) {
+      py::gil_scoped_release release;  // a close() in progress
+      lock.lock();
+    }
+    if (entityGone()) throw py::value_error("the table is closed");
+    return lock;
+  }
+
+  void pollChanges() {
+    {
+      auto life = alive();
+      std::unique_lock poll(pollMutex_, std::try_to_lock);
+      if (!poll.owns_lock()) {
+        // Another thread waits: the changes are its to collect.
+        life.unlock();
+        report();
+        return;
+      }
+      control()->poll();
+    }
+    report();
   }
 
   // Hands the corruption queued since the last call to on_corruption, or raises it.
@@ -166,16 +333,94 @@ class IgpResultTable : public IgpResultStatus::Notifiee {
     }
     std::string all = reports.front();
     if (reports.size() > 1) all += " (and " + std::to_string(reports.size() - 1) + " more)";
-    raise(corruptionError, all.c_str());
+    raise(corruptionError, all);
   }
 
   py::object onCorruption_;
-  Kelp::Ptr<IgpResultStatus> status_;
-  std::mutex readerMutex_;
-  std::deque<Change> changes_;  // guarded by readerMutex_ while polling, by the GIL otherwise
+  std::shared_mutex lifeMutex_;  // shared by operations, exclusive for close()
+  std::mutex pollMutex_;         // poll and wait, one thread at a time
+  std::deque<py::object> changes_;  // guarded by the GIL
   std::mutex reportsMutex_;
   std::vector<std::string> reports_;
 };
+
+template <typename Entity>
+class TableOf : public Table {
+ public:
+  using Traits = TableTraits<Entity>;
+  using Key = typename Entity::KeyType;
+  using Record = typename Entity::RecordType;
+
+  TableOf(const std::string& name, const std::optional<std::string>& root, bool missingOk, py::object onCorruption)
+      : Table(std::move(onCorruption)) {
+    auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.value_or(""));
+    const Kelp::String path = Traits::mountPath(name);
+    if (!missingOk) checkTableExists(em->root(), path);
+    em->mount(path, Entity::kTypeName, {KelpSharedMem::MountMode::reader, {}});
+    entity_ = Kelp::ptrDynamicCast<Entity>(em->entity(path));
+    if (!entity_) throw py::value_error(path + " holds no table of type " + std::string(Entity::kTypeName));
+    listenForCorruption(*Traits::control(*entity_));
+    notifiee_.sink = this;
+    entity_->notifieeIs(&notifiee_);
+  }
+  ~TableOf() override { detach(); }
+
+ protected:
+  bool entityGone() const override { return !entity_; }
+  std::optional<std::any> find(const std::any& key) const override {
+    std::optional<Record> r = Traits::find(*entity_, std::any_cast<const Key&>(key));
+    if (!r) return std::nullopt;
+    return std::any(std::move(*r));
+  }
+  std::vector<std::any> sortedRecords() const override {
+    std::vector<Record> all;
+    Traits::forEach(*entity_, [&](const Record& r) { all.push_back(r); });
+    std::sort(all.begin(), all.end(), [](const Record& a, const Record& b) { return Traits::keyLess(a.key, b.key); });
+    return std::vector<std::any>(all.begin(), all.end());
+  }
+  std::size_t count() const override { return Traits::count(*entity_); }
+  const std::type_info& keyType() const override { return typeid(Key); }
+  std::any keyOf(const std::any& record) const override { return std::any_cast<const Record&>(record).key; }
+  KelpShelf::CollectionControl* control() const override { return Traits::control(*entity_).get(); }
+  void detach() override {
+    if (!entity_) return;
+    // The entity may outlive this object (its entity manager holds it too): leave it with nothing
+    // pointing back here.
+    entity_->notifieeDel(&notifiee_);
+    Traits::control(*entity_)->corruptionHandlerIs([](std::string_view) {});
+    entity_ = nullptr;
+  }
+
+ private:
+  Kelp::Ptr<Entity> entity_;
+  typename Traits::Notifiee notifiee_;
+};
+
+constexpr const char* kTableDoc = R"(A shared-memory table, opened read-only: a mapping from a record's key to the record.
+
+t[key] is the record (KeyError when absent), t.get(key, default=None), key in t, len(t),
+iter(t) and t.keys() give the keys sorted, t.values() the records, t.items() (key, record) pairs.
+A key is a record's own key or its plain Python form (an int for an identifier, an ipaddress
+network or its text for a prefix).
+
+wait(timeout=None) blocks until something changed (True) or the timeout passed (False); None
+waits for ever; Ctrl-C ends it with KeyboardInterrupt. Other threads may read the table
+meanwhile. changes() returns what changed since its last call, oldest first: keys, RESYNC when
+everything must be read again (keys before it are dropped), WRITER_CLOSED and WRITER_OPEN.
+writer_open tells whether a writer has the table open.
+
+close() lets go of the table (also at the end of a with block); using it afterwards is ValueError.
+A damaged record reads as absent and is reported to on_corruption(message), or, without one,
+raised as TableCorruptionError when the operation is done.)";
+
+template <typename Entity>
+void bindTable(py::module_& m, py::handle base, const char* name, const char* doc) {
+  py::class_<TableOf<Entity>, Table>(m, name, doc)
+      .def(py::init<const std::string&, const std::optional<std::string>&, bool, py::object>(), py::arg("name"),
+           py::arg("root") = py::none(), py::kw_only(), py::arg("missing_ok") = false,
+           py::arg("on_corruption") = py::none());
+  (void)base;
+}
 
 }  // namespace
 
@@ -188,24 +433,36 @@ void bindTables(py::module_& m) {
   m.attr("WRITER_CLOSED") = kWriterClosed;
   m.attr("WRITER_OPEN") = kWriterOpen;
 
-  py::class_<IgpResultTable>(m, "IgpResultTable", R"(A shared-memory IGP result table, opened read-only.
+  py::class_<Table> table(m, "Table", kTableDoc);
+  table.def("__len__", &Table::size)
+      .def("__getitem__", &Table::getItem, py::arg("key"))
+      .def("__contains__", &Table::contains, py::arg("key"))
+      .def("__iter__", [](Table& t) { return py::iter(t.keys()); })
+      .def("get", &Table::get, py::arg("key"), py::arg("default") = py::none(),
+           "The record under key, or default.")
+      .def("keys", &Table::keys, "The keys of the records, sorted.")
+      .def("values", &Table::values, "The records, sorted by key.")
+      .def("items", &Table::items, "(key, record) pairs, sorted by key.")
+      .def_property_readonly("writer_open", &Table::writerOpen, "Whether a writer has the table open.")
+      .def("wait", &Table::wait, py::arg("timeout") = py::none(),
+           ""
+           "Blocks until something changed (True) or timeout seconds passed (False); None waits for ever.")
+      .def("changes", &Table::changes, "What changed since the last call, oldest first.")
+      .def("close", &Table::close, "Lets go of the table.")
+      .def("__enter__", [](py::object self) { return self; })
+      .def("__exit__", [](Table& t, py::args) { t.close(); });
 
-IgpResultTable(name, root=None, on_corruption=None) attaches to routing/rib/igpResultStatus/<name>
-under root (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon); the writer may come later.
-len() counts the records, iteration gives them sorted by key, get(id) gives one or None.
-wait(timeout) blocks until something changed (True) or the timeout passed (False); changes()
-returns what changed since its last call, oldest first: record keys (int), RESYNC when everything
-must be read again (keys before it are dropped), WRITER_CLOSED and WRITER_OPEN.
-A damaged record reads as absent and is reported to on_corruption(message), or, without one,
-raised as TableCorruptionError when the operation is done.)")
-      .def(py::init<const std::string&, const std::optional<std::string>&, py::object>(), py::arg("name"),
-           py::arg("root") = py::none(), py::kw_only(), py::arg("on_corruption") = py::none())
-      .def("__len__", &IgpResultTable::size)
-      .def("__iter__", [](IgpResultTable& t) { return py::iter(t.records()); })
-      .def("get", &IgpResultTable::get, py::arg("id"))
-      .def_property_readonly("writer_open", &IgpResultTable::writerOpen)
-      .def("wait", &IgpResultTable::wait, py::arg("timeout"))
-      .def("changes", &IgpResultTable::changes);
+  bindTable<IgpResultStatus>(m, table, "IgpResultTable",
+                             "IgpResultTable(name, root=None, *, missing_ok=False, on_corruption=None)\n\n"
+                             "The IGP results of routing/rib/igpResultStatus/<name> under root (default "
+                             "$BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon), by identifier (see Table).\n"
+                             "A missing root or table raises FileNotFoundError (NotADirectoryError for a "
+                             "root that is not a folder) unless missing_ok, which attaches to a table its "
+                             "writer has yet to create.");
+  bindTable<FilteredRtStatus>(m, table, "FilteredRouteTable",
+                              "FilteredRouteTable(name, root=None, *, missing_ok=False, on_corruption=None)\n\n"
+                              "The filtered routes of routing/rib/filteredRtStatus/<name> under root, by "
+                              "prefix (see Table and IgpResultTable).");
 }
 
 }  // namespace bgpcommon_python

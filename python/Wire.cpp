@@ -1,5 +1,9 @@
 // What travels in BGP messages: route targets and the message serializer.
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <pybind11/stl.h>
 
 #include "BgpCommon/BgpSerialize.h"
 #include "BgpCommon/RouteTarget.h"
@@ -12,97 +16,245 @@ namespace {
 using Routing::Bgp::RouteTarget;
 using Routing::Bgp::Serialize;
 
-RouteTarget routeTargetFromText(const std::string& text) {
-  RouteTarget rt;
-  try {
-    rt.stringValueIs(text);
-  } catch (const std::invalid_argument& e) {
-    // The hex form's number reader ("0x..." that is not a number): bad text like any other.
-    throw Kelp::RangeException(e.what());
-  } catch (const std::out_of_range& e) {
-    throw Kelp::RangeException(e.what());
+// The operator's text, read strictly as the tool reads it (one character per byte, as text fields
+// are); a refusal is RangeError naming the text.
+RouteTarget routeTargetFromText(py::handle text) {
+  PyObject* b = PyUnicode_AsLatin1String(text.ptr());
+  if (b == nullptr) {
+    PyErr_Clear();
+    raise(rangeError(), "RouteTarget: " + py::repr(text).cast<std::string>() + ": not an operator's text");
   }
-  return rt;
+  return RouteTarget::fromOperatorText(std::string(py::reinterpret_steal<py::bytes>(b)));
 }
 
-// The eight octets as they travel: most significant first.
+RouteTarget routeTargetFromNumber(py::handle n) {
+  static const Conversion& u64 = conversionFor(typeid(std::uint64_t));
+  return RouteTarget(std::any_cast<std::uint64_t>(fromPython(n, u64, "RouteTarget")));
+}
+
+// (AS number or IPv4Address, local administrator): the operator's "GLOBAL:LOCAL" in one.
+RouteTarget routeTargetFromPair(py::handle global, py::handle local) {
+  const bool address = py::isinstance(global, py::module_::import("ipaddress").attr("IPv4Address"));
+  for (py::handle part : {global, local}) {
+    if (!(address && part.is(global)) && (!PyLong_Check(part.ptr()) || PyBool_Check(part.ptr()))) {
+      raise(PyExc_TypeError, "RouteTarget(global, local) takes an AS number or an IPv4Address, and an int; not " +
+                                 std::string(Py_TYPE(part.ptr())->tp_name));
+    }
+  }
+  return routeTargetFromText(py::str(py::str(global).cast<std::string>() + ":" + py::str(local).cast<std::string>()));
+}
+
 py::bytes routeTargetOctets(const RouteTarget& rt) {
   char octets[8];
   for (int i = 0; i < 8; ++i) octets[i] = static_cast<char>(rt.value >> (56 - 8 * i));
   return py::bytes(octets, 8);
 }
 
-RouteTarget routeTargetFromOctets(const py::bytes& b) {
-  std::string octets = b;
+RouteTarget routeTargetFromOctets(py::handle b) {
+  std::string octets = bytesLike(b, "RouteTarget.from_bytes()");
   if (octets.size() != 8) throw py::value_error("a route target is 8 octets, not " + std::to_string(octets.size()));
   std::uint64_t v = 0;
   for (unsigned char c : octets) v = v << 8 | c;
   return RouteTarget(v);
 }
 
+// A Serialize with lengths to fill in: the library's writer only appends, so the octets patched
+// after the fact are kept here and laid over its bytes when they are read.
+struct Writer {
+  Serialize s;
+  std::vector<std::pair<std::uint32_t, std::uint8_t>> patches;
+
+  py::bytes bytes() const {
+    std::string out(reinterpret_cast<const char*>(s.data()), s.writeOffset());
+    for (auto [at, octet] : patches) out[at] = static_cast<char>(octet);
+    return py::bytes(out);
+  }
+  void patch(std::uint32_t offset, std::uint64_t value, unsigned octets) {
+    if (static_cast<std::uint64_t>(offset) + octets > s.writeOffset()) {
+      raise(PyExc_IndexError, "patch at " + std::to_string(offset) + " of " + std::to_string(octets) +
+                                  " octets is past the " + std::to_string(s.writeOffset()) + " written");
+    }
+    for (unsigned i = 0; i < octets; ++i) {
+      patches.emplace_back(offset + i, static_cast<std::uint8_t>(value >> (8 * (octets - 1 - i))));
+    }
+  }
+};
+
 // Runs one add; the serializer's limit becomes OverflowError (nothing was written).
 template <typename F>
-void add(Serialize& s, F&& f) {
+void add(Writer& w, F&& f) {
   try {
-    f(s);
+    f(w.s);
   } catch (const Kelp::RangeException& e) {
     if (std::string_view(e.what()).starts_with("Serialized bytes exceed")) raise(PyExc_OverflowError, e.what());
     throw;
   }
 }
 
+// An unsigned argument of `bits` bits; OverflowError naming the method otherwise.
+std::uint64_t unsignedArg(py::handle v, const std::type_info& type, const char* method) {
+  const Conversion& c = conversionFor(type);
+  std::any a = fromPython(v, c, method);
+  return toPython(a).cast<std::uint64_t>();
+}
+
+template <typename T>
+T addressArg(py::handle v, const char* method) {
+  return std::any_cast<T>(fromPython(v, conversionFor(typeid(T)), method));
+}
+
+// Writes a placeholder length of `octets` octets where it is entered and, on a clean exit, the
+// number of octets written after it.
+struct LengthScope {
+  py::object owner;  // keeps the Serialize alive
+  Writer* w;
+  unsigned octets;
+  std::uint32_t at = 0;
+};
+
 }  // namespace
 
 void bindWire(py::module_& m) {
-  py::class_<RouteTarget>(m, "RouteTarget", R"(The route-target extended community.
+  nativeConversionIs(
+      typeid(RouteTarget), [](const std::any& v) { return py::cast(std::any_cast<RouteTarget>(v)); },
+      [](py::handle obj, std::string_view what) -> std::any {
+        if (!py::isinstance<RouteTarget>(obj)) {
+          raise(PyExc_TypeError, std::string(what) + ": expected a RouteTarget, not " + Py_TYPE(obj.ptr())->tp_name);
+        }
+        return obj.cast<RouteTarget>();
+      });
+
+  py::class_<RouteTarget>(m, "RouteTarget", R"(The route-target extended community (RFC 4360, RFC 5668).
 
 RouteTarget(text) reads the operator's forms ("100:5", "70000:5", "1.4464:5", "100L:5",
-"10.0.0.1:7", "0x" and 16 hex digits); bad text raises RangeError with the library's message.
-bytes(rt) gives the eight octets as they travel, RouteTarget.from_bytes() reads them back.)")
-      .def(py::init(&routeTargetFromText), py::arg("text"))
-      .def_static("from_bytes", &routeTargetFromOctets, py::arg("octets"))
-      .def_property_readonly("value", [](const RouteTarget& rt) { return rt.value; })
+"10.0.0.1:7", "0x" and 16 hex digits) strictly, as the bgpcommon tool does: every number decimal,
+without sign, blank or leading zero, and within its field. Bad text raises RangeError naming it.
+RouteTarget(number) takes the 64-bit value, RouteTarget(asn, local) and
+RouteTarget(IPv4Address, local) the two administrators, as the text "GLOBAL:LOCAL" would.
+int(rt) is the value, bytes(rt) the eight octets as they travel (RouteTarget.from_bytes() reads
+them back from any bytes-like object); route targets compare and sort by value.)")
+      .def(py::init([](py::handle v) {
+             if (PyUnicode_Check(v.ptr())) return routeTargetFromText(v);
+             if (PyLong_Check(v.ptr()) && !PyBool_Check(v.ptr())) return routeTargetFromNumber(v);
+             raise(PyExc_TypeError, std::string("RouteTarget() takes a text or an int, not ") + Py_TYPE(v.ptr())->tp_name);
+           }),
+           py::arg("value"))
+      .def(py::init(&routeTargetFromPair), py::arg("global_admin"), py::arg("local_admin"))
+      .def_static("from_bytes", &routeTargetFromOctets, py::arg("octets"),
+                  "The route target of eight octets as they travel.")
+      .def_property_readonly("value", [](const RouteTarget& rt) { return rt.value; }, "The 64-bit value.")
+      .def_property_readonly("type", [](const RouteTarget& rt) { return static_cast<unsigned>(rt.value >> 56); },
+                             "The type octet: 0 two-octet AS, 1 IPv4 address, 2 four-octet AS.")
+      .def_property_readonly("subtype", [](const RouteTarget& rt) { return static_cast<unsigned>(rt.value >> 48 & 0xFF); },
+                             "The subtype octet: 2 for a route target.")
+      .def_property_readonly("global_admin", [](const RouteTarget& rt) -> py::object {
+        if (rt.extCommType() == RouteTarget::ExtCommType::ipv4Address) return toPython(std::any(rt.ipv4Addr()));
+        return py::int_(rt.globalAdmin());
+      }, "The global administrator: an AS number (int) or an IPv4Address.")
+      .def_property_readonly("local_admin", [](const RouteTarget& rt) { return rt.localAdmin(); },
+                             "The local administrator.")
       .def("text", [](const RouteTarget& rt, bool asdot) { return rt.toStrep(asdot); }, py::arg("asdot") = false,
+           ""
            "The operator's text; AS numbers of 65536 and more in asdot notation when asdot.")
       .def("__bytes__", &routeTargetOctets)
+      .def("__int__", [](const RouteTarget& rt) { return rt.value; })
       .def("__str__", [](const RouteTarget& rt) { return rt.toStrep(false); })
       .def("__repr__", [](const RouteTarget& rt) { return "RouteTarget('" + rt.toStrep(false) + "')"; })
-      .def("__eq__", [](const RouteTarget& a, const RouteTarget& b) { return a == b; })
-      .def("__hash__", [](const RouteTarget& rt) { return rt.hash(0); });
+      .def("__eq__", [](const RouteTarget& a, py::handle b) -> py::object {
+        if (!py::isinstance<RouteTarget>(b)) return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+        return py::bool_(a.value == b.cast<const RouteTarget&>().value);
+      })
+      .def("__ne__", [](const RouteTarget& a, py::handle b) -> py::object {
+        if (!py::isinstance<RouteTarget>(b)) return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+        return py::bool_(a.value != b.cast<const RouteTarget&>().value);
+      })
+      .def("__lt__", [](const RouteTarget& a, const RouteTarget& b) { return a.value < b.value; })
+      .def("__le__", [](const RouteTarget& a, const RouteTarget& b) { return a.value <= b.value; })
+      .def("__gt__", [](const RouteTarget& a, const RouteTarget& b) { return a.value > b.value; })
+      .def("__ge__", [](const RouteTarget& a, const RouteTarget& b) { return a.value >= b.value; })
+      .def("__hash__", [](const RouteTarget& rt) { return rt.hash(0); })
+      .def("__reduce__", [](py::handle self) {
+        return py::make_tuple(self.get_type(), py::make_tuple(self.cast<const RouteTarget&>().value));
+      })
+      .def("__copy__", [](py::handle self) { return py::reinterpret_borrow<py::object>(self); })
+      .def("__deepcopy__", [](py::handle self, py::handle) { return py::reinterpret_borrow<py::object>(self); });
 
-  py::class_<Serialize>(m, "Serialize", R"(The BGP message serializer: appends fields in network order.
+  py::class_<LengthScope>(m, "_LengthScope")
+      .def("__enter__", [](LengthScope& l) {
+        l.at = l.w->s.writeOffset();
+        add(*l.w, [&](Serialize& s) { l.octets == 1 ? s.addU8(0) : s.addU16hton(0); });
+        return l.at;
+      })
+      .def("__exit__", [](LengthScope& l, py::handle type, py::handle, py::handle) {
+        if (!type.is_none()) return false;
+        const std::uint64_t n = l.w->s.writeOffset() - l.at - l.octets;
+        if (n >> (8 * l.octets) != 0) {
+          raise(PyExc_OverflowError, std::to_string(n) + " octets do not fit a length of " + std::to_string(l.octets) +
+                                         " octet(s)");
+        }
+        l.w->patch(l.at, n, l.octets);
+        return false;
+      });
+
+  py::class_<Writer>(m, "Serialize", R"(The BGP message serializer: appends fields in network order.
 
 Each add past the 65535-octet limit of a BGP message raises OverflowError and writes nothing;
-what was written before stays.)")
+what was written before stays. An integer that does not fit its field raises OverflowError.
+Addresses are ipaddress objects or their text. Lengths written before what they measure:
+
+    with s.length(2):         # two octets, filled in with the length of what the block writes
+        s.add_u8(...)
+    s.patch_u16(offset, n)    # or by hand, over octets already written)")
       .def(py::init<>())
-      .def("add_u8", [](Serialize& s, std::uint8_t v) { add(s, [&](Serialize& w) { w.addU8(v); }); }, py::arg("value"))
-      .def("add_u16", [](Serialize& s, std::uint16_t v) { add(s, [&](Serialize& w) { w.addU16hton(v); }); },
-           py::arg("value"))
-      .def("add_u32", [](Serialize& s, std::uint32_t v) { add(s, [&](Serialize& w) { w.addU32hton(v); }); },
-           py::arg("value"))
-      .def("add_as", [](Serialize& s, std::uint32_t asn, bool fourOctet) {
+      .def("add_u8", [](Writer& w, py::handle v) {
+        auto n = unsignedArg(v, typeid(std::uint8_t), "add_u8()");
+        add(w, [&](Serialize& s) { s.addU8(static_cast<std::uint8_t>(n)); });
+      }, py::arg("value"))
+      .def("add_u16", [](Writer& w, py::handle v) {
+        auto n = unsignedArg(v, typeid(std::uint16_t), "add_u16()");
+        add(w, [&](Serialize& s) { s.addU16hton(static_cast<std::uint16_t>(n)); });
+      }, py::arg("value"))
+      .def("add_u32", [](Writer& w, py::handle v) {
+        auto n = unsignedArg(v, typeid(std::uint32_t), "add_u32()");
+        add(w, [&](Serialize& s) { s.addU32hton(static_cast<std::uint32_t>(n)); });
+      }, py::arg("value"))
+      .def("add_as", [](Writer& w, py::handle v, bool fourOctet) {
+        auto asn = unsignedArg(v, typeid(std::uint32_t), "add_as()");
         if (!fourOctet && asn > 0xFFFF) {
-          throw py::value_error("AS " + std::to_string(asn) + " does not fit in two octets (use AS_TRANS, 23456)");
+          raise(PyExc_OverflowError, "AS " + std::to_string(asn) + " does not fit in two octets (use AS_TRANS, 23456)");
         }
-        add(s, [&](Serialize& w) { w.addAutonomousSystem(Netzo::AutonomousSystem(asn), fourOctet); });
+        add(w, [&](Serialize& s) { s.addAutonomousSystem(Netzo::AutonomousSystem(static_cast<std::uint32_t>(asn)), fourOctet); });
       }, py::arg("asn"), py::arg("four_octet") = true)
-      .def("add_ipv4", [](Serialize& s, const std::string& text) {
-        Netzo::IpAddr a = Netzo::IpAddr::fromString(text);
-        add(s, [&](Serialize& w) { w.addIpv4Addr(a); });
-      }, py::arg("text"))
-      .def("add_ipv6", [](Serialize& s, const std::string& text) {
-        Netzo::Ip6Addr a = Netzo::Ip6Addr::fromString(text);
-        add(s, [&](Serialize& w) { w.addIpv6Addr(a); });
-      }, py::arg("text"))
-      .def("add_data", [](Serialize& s, const py::bytes& data) {
-        std::string_view d = data;
+      .def("add_ipv4", [](Writer& w, py::handle a) {
+        auto addr = addressArg<Netzo::IpAddr>(a, "add_ipv4()");
+        add(w, [&](Serialize& s) { s.addIpv4Addr(addr); });
+      }, py::arg("address"))
+      .def("add_ipv6", [](Writer& w, py::handle a) {
+        auto addr = addressArg<Netzo::Ip6Addr>(a, "add_ipv6()");
+        add(w, [&](Serialize& s) { s.addIpv6Addr(addr); });
+      }, py::arg("address"))
+      .def("add_data", [](Writer& w, py::handle data) {
+        std::string d = bytesLike(data, "add_data()");
         if (d.size() > 0xFFFFFFFFu) raise(PyExc_OverflowError, "Serialized bytes exceed bgpMaxExtendedMessageSize");
-        add(s, [&](Serialize& w) { w.addData(reinterpret_cast<const std::uint8_t*>(d.data()), static_cast<std::uint32_t>(d.size())); });
+        add(w, [&](Serialize& s) { s.addData(reinterpret_cast<const std::uint8_t*>(d.data()), static_cast<std::uint32_t>(d.size())); });
       }, py::arg("data"))
-      .def("bytes", [](const Serialize& s) { return py::bytes(reinterpret_cast<const char*>(s.data()), s.writeOffset()); },
-           "Everything written so far.")
-      .def("__bytes__", [](const Serialize& s) { return py::bytes(reinterpret_cast<const char*>(s.data()), s.writeOffset()); })
-      .def("__len__", &Serialize::writeOffset);
+      .def("patch_u8", [](Writer& w, std::uint32_t offset, py::handle v) {
+        w.patch(offset, unsignedArg(v, typeid(std::uint8_t), "patch_u8()"), 1);
+      }, py::arg("offset"), py::arg("value"), "Overwrites an octet already written.")
+      .def("patch_u16", [](Writer& w, std::uint32_t offset, py::handle v) {
+        w.patch(offset, unsignedArg(v, typeid(std::uint16_t), "patch_u16()"), 2);
+      }, py::arg("offset"), py::arg("value"), "Overwrites two octets already written.")
+      .def("length", [](py::object self, unsigned octets) {
+        if (octets != 1 && octets != 2) throw py::value_error("a length is 1 or 2 octets");
+        return LengthScope{self, &self.cast<Writer&>(), octets};
+      }, py::arg("octets") = 2,
+         ""
+         "Writes a length of 1 or 2 octets and, when the block ends, fills in the octets the block wrote; "
+         "__enter__ returns the length's offset.")
+      .def("bytes", &Writer::bytes, "Everything written so far.")
+      .def("__bytes__", &Writer::bytes)
+      .def("__len__", [](const Writer& w) { return w.s.writeOffset(); })
+      .def_property_readonly("offset", [](const Writer& w) { return w.s.writeOffset(); }, "Octets written so far.");
 }
 
 }  // namespace bgpcommon_python

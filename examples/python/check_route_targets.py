@@ -21,7 +21,7 @@ def main():
             try:
                 rt = bgpcommon.RouteTarget(text)
             except bgpcommon.RangeError as e:
-                print(f"{number}: {text}: {e}")
+                print(f"{number}: {e}")
                 bad += 1
                 continue
             print(f"{number}: {text} = {rt.text()} (asdot {rt.text(asdot=True)}) "

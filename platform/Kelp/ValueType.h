@@ -38,7 +38,9 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
+#include <vector>
 
 #include "platform/Kelp/EnumType.h"
 #include "platform/Kelp/Hash.h"
@@ -303,19 +305,16 @@ struct AttrInfo {
   int id;
   std::string_view name;
   AttrKind kind;
+  // A function's parameter types in order and its result type (void for none), and whether it
+  // changes the value it is called on (a non-const member function), so that generic code can
+  // convert arguments before the call and tell a query from an update.
+  std::vector<const std::type_info*> parameterTypes = {};
+  const std::type_info* resultType = nullptr;
+  bool changesValue = false;
 };
 
 // Attribute numbers start here, in declaration order: 0 and 1 belong to the framework itself.
 inline constexpr int kFirstAttributeId = 2;
-
-template <Described T>
-std::vector<AttrInfo> attributesOf() {
-  std::vector<AttrInfo> out;
-  forEachAttr(typeDescOf<T>, [&](const auto& item, std::size_t i) {
-    out.push_back({static_cast<int>(i) + kFirstAttributeId, item.name, std::decay_t<decltype(item)>::kind});
-  });
-  return out;
-}
 
 template <Described T>
 const KelpAttrBase* attributeNamed(std::string_view name);
@@ -329,19 +328,27 @@ struct FnTraits<R (C::*)(A...) const> {
   using Ret = R;
   using Args = std::tuple<std::decay_t<A>...>;
   static constexpr bool member = true;
+  static constexpr bool changesObject = false;
 };
 template <typename R, typename C, typename... A>
 struct FnTraits<R (C::*)(A...)> {
   using Ret = R;
   using Args = std::tuple<std::decay_t<A>...>;
   static constexpr bool member = true;
+  static constexpr bool changesObject = true;
 };
 template <typename R, typename... A>
 struct FnTraits<R (*)(A...)> {
   using Ret = R;
   using Args = std::tuple<std::decay_t<A>...>;
   static constexpr bool member = false;
+  static constexpr bool changesObject = false;
 };
+
+template <typename Tuple, std::size_t... I>
+std::vector<const std::type_info*> typeIdsOf(std::index_sequence<I...>) {
+  return {&typeid(std::tuple_element_t<I, Tuple>)...};
+}
 
 [[noreturn]] void throwArgumentCount(std::string_view function, std::size_t expected, std::size_t given);
 [[noreturn]] void throwArgumentType(std::string_view function, std::size_t index);
@@ -376,6 +383,24 @@ void invoke(std::any* result, T* obj, const FunctionDesc<F>& fd, std::span<const
 }
 
 }  // namespace detail
+
+template <Described T>
+std::vector<AttrInfo> attributesOf() {
+  std::vector<AttrInfo> out;
+  forEachAttr(typeDescOf<T>, [&](const auto& item, std::size_t i) {
+    using Item = std::decay_t<decltype(item)>;
+    AttrInfo a{static_cast<int>(i) + kFirstAttributeId, item.name, Item::kind};
+    if constexpr (Item::kind == AttrKind::function) {
+      using Traits = detail::FnTraits<decltype(item.fn)>;
+      a.parameterTypes = detail::typeIdsOf<typename Traits::Args>(
+          std::make_index_sequence<std::tuple_size_v<typename Traits::Args>>{});
+      a.resultType = &typeid(typename Traits::Ret);
+      a.changesValue = Traits::changesObject;
+    }
+    out.push_back(std::move(a));
+  });
+  return out;
+}
 
 // The reflective interface. With an attribute: op 0 gets a field or constant, op 1 sets a settable
 // field from args[0], op 10 calls a function with args. Without one (attr == nullptr): op 11 is the
