@@ -53,15 +53,12 @@ struct Died {};
 // The table the writer changes, and every state it passed through (its contents after each change
 // it published, the last one possibly published by a store at which it then died).
 struct World {
-  std::string root;
   Shelf::Location where;
   std::unique_ptr<Shelf::Writer> writer;
   State state;
   std::vector<State> states;
-  int storesLeft = -1;  // the writer dies at this store (-1: never)
-  int stores = 0;
 
-  explicit World(const std::string& r) : root(r), where(r, "explore") {
+  explicit World(const std::string& root) : where(root, "explore") {
     writer = Shelf::Writer::create(where, kLabels, kGeometry);
     for (const char* k : {"a0", "a1", "a2", "a3", "b0", "b1"}) put(k, std::string(k) + "v0");
     states = {state};
@@ -78,7 +75,6 @@ struct World {
   // change may or may not have been published.
   template <typename F>
   void change(F&& f) {
-    State before = state;
     try {
       f();
     } catch (...) {
