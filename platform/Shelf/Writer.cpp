@@ -437,9 +437,10 @@ bool Writer::put(Bytes key, std::uint32_t hash, Bytes value) {
     }
     const std::uint64_t head = headOf(bucket);
     if (homeFree(home)) {
-      // At home, as the head: where the quick lookup finds it.
+      // At home, as the head: where the quick lookup finds it. Written whole, then linked.
       takeHome(home);
-      link(kNone, bucket, linkTo(home, writeSlot(home, head, key, value)));
+      const std::uint32_t stamp = writeSlot(home, head, key, value);
+      link(kNone, bucket, linkTo(home, stamp));
     } else if (head == linkTo(home, stampOf(home))) {
       // Behind the record at home, which stays the head.
       const std::uint32_t n = takeFreeSlot();
