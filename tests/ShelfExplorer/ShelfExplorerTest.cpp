@@ -51,7 +51,7 @@ std::uint32_t hashOf(const std::string& key) { return static_cast<std::uint32_t>
 struct Died {};
 
 // The table the writer changes, and every state it passed through (its contents after each change
-// it published, the last one possibly published by a store at which it then died).
+// it published).
 struct World {
   Shelf::Location where;
   std::unique_ptr<Shelf::Writer> writer;
@@ -71,14 +71,16 @@ struct World {
     state.erase(k);
     writer->erase(bytes(k), hashOf(k));
   }
-  // Runs one change, noting the state it leads to first: if the writer dies within it, the
-  // change may or may not have been published.
+  // Runs one change. If the writer dies within it, the state it leads to counts only if one of
+  // its publishing stores (a link, or the rename of a new file) was made.
+  bool published = false;
   template <typename F>
   void change(F&& f) {
+    published = false;
     try {
       f();
     } catch (...) {
-      states.push_back(state);
+      if (published) states.push_back(state);
       throw;
     }
     states.push_back(state);
@@ -218,8 +220,9 @@ struct Explorer {
     Shelf::detail::readerHook = [&](const char*) {
       if (step++ != k || fired) return;
       fired = true;
-      Shelf::detail::writerHook = [&](const char*) {
+      Shelf::detail::writerHook = [&](const char* what) {
         if (stores++ == death) throw Died{};
+        w.published |= std::string_view(what).starts_with("link") || std::string_view(what) == "create: publish";
       };
       try {
         action.run(w);
