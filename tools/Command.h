@@ -33,7 +33,8 @@ struct Documented {
 };
 inline constexpr Documented kExitStatuses[] = {
     {"0", "done"},
-    {"1", "bad input, or the command failed (igp-results watch: no table appeared)"},
+    {"1", "bad input, or the command failed (show: a record damaged or a KEY without one; watch: no table "
+          "appeared)"},
     {"2", "bad command line: unknown command or option, missing or malformed argument"},
     {"3", "igp-results watch: --timeout passed before --count changes arrived"},
 };

@@ -22,9 +22,9 @@ std::string written(const std::string& kind) {
 // What bash offers after each command line, as a user pressing Tab sees it.
 TEST(DocsCommand, CompletionOffersCommandsOptionsAndTypeNames) {
   const std::pair<const char*, const char*> cases[] = {
-      {"bgpcommon ", "demo events-tracking igp-results route-target value --help -h --version"},
+      {"bgpcommon ", "demo events-tracking filtered-routes igp-results route-target value --help -h --version"},
       {"bgpcommon igp-results w", "watch write"},
-      {"bgpcommon igp-results watch t --", "--help --root --count --timeout --json"},
+      {"bgpcommon igp-results watch t --", "--help --root --current --count --timeout --json"},
       {"bgpcommon igp-results watch t --count ", ""},
       {"bgpcommon events-tracking demo --advertise-threshold 1 ", ""},
       {"bgpcommon events-tracking demo --advertise-threshold 1 2 --j", "--json"},
@@ -54,8 +54,8 @@ TEST(DocsCommand, CompletionOffersCommandsOptionsAndTypeNames) {
 // The page formats without a warning, with each command's synopsis and every exit status.
 TEST(DocsCommand, ManualPage) {
   const std::string page = written("man");
-  EXPECT_NE(page.find(".SS \"bgpcommon igp\\-results watch [\\-\\-root DIR] [\\-\\-count UINT] [\\-\\-timeout S|inf] "
-                      "[\\-\\-json] NAME\"\n"),
+  EXPECT_NE(page.find(".SS \"bgpcommon igp\\-results watch [\\-\\-root DIR] [\\-\\-current] [\\-\\-count UINT] "
+                      "[\\-\\-timeout S|inf] [\\-\\-json] NAME\"\n"),
             std::string::npos)
       << page;
   EXPECT_NE(page.find(".SS \"bgpcommon route\\-target [\\-\\-asdot] [\\-\\-json] TEXT...\"\n"), std::string::npos);
