@@ -44,6 +44,19 @@ inline constexpr Documented kEnvironment[] = {
     {"BGPCOMMON_TOGGLE_DIR", "feature toggle files (default /etc/bgpcommon/toggles)"},
     {"BGPCOMMON_TRACE", "trace levels to print, as numbers: 1,3"},
 };
+// Where the tables live (the manual page's FILES).
+inline constexpr Documented kFiles[] = {
+    {"/dev/shm/bgpcommon",
+     "the root of the shared-memory tables, unless $BGPCOMMON_SHM_ROOT or --root names another; it, every "
+     "directory below it and every table file must belong to the table's owner (or root) and be writable by no "
+     "one else (a sticky directory such as /dev/shm is fine)"},
+    {"ROOT/routing/rib/igpResultStatus/NAME", "IGP result table NAME (igp-results), one file, mapped by its readers"},
+    {"ROOT/routing/rib/filteredRtStatus/NAME", "filtered-route table NAME (filtered-routes)"},
+    {".NAME.lock",
+     "beside each table, in its directory, mode 0600: the lock its writer holds while it lives; a second writer "
+     "is refused, naming the holder's pid"},
+    {".NAME.new", "beside each table: the file a starting writer builds before it takes the table's place"},
+};
 
 // The top-level help's footer: the exit statuses and the environment variables.
 std::string helpFooter();

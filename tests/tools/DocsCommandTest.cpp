@@ -60,6 +60,7 @@ TEST(DocsCommand, ManualPage) {
       << page;
   EXPECT_NE(page.find(".SS \"bgpcommon route\\-target [\\-\\-asdot] [\\-\\-json] TEXT...\"\n"), std::string::npos);
   EXPECT_NE(page.find(".SH \"EXIT STATUS\"\n.TP\n.B 0\n"), std::string::npos);
+  EXPECT_NE(page.find(".TP\n.I \\&.NAME.lock\nbeside each table, in its directory, mode 0600"), std::string::npos);
   EXPECT_NE(page.find(".TP\n.B 3\nigp\\-results watch"), std::string::npos);
   EXPECT_EQ(page.find("demo\\-reader"), std::string::npos);
   if (system("command -v groff >/dev/null") != 0) GTEST_SKIP() << "groff (package groff-base) is not installed";

@@ -37,6 +37,8 @@ TEST(JsonOutput, ValuesAndRouteTargetsParse) {
 TEST(JsonOutput, ExactInADouble) {
   const char* commands[] = {
       "route-target --json 4294967295:65535 0xffffffffffffffff",
+      "value tour --json",
+      "demo --routes 100 --json",
       "value parse --json Routing::BgpRedistribute::FilteredRoute "
       "\"Value('Routing::BgpRedistribute::FilteredRoute', ** {'key': 2001:db8::/32, 'igpResultId': 4294967295})\"",
   };
