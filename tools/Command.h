@@ -33,7 +33,8 @@ struct Documented {
 };
 inline constexpr Documented kExitStatuses[] = {
     {"0", "done"},
-    {"1", "bad input, or the command failed (igp-results watch: no table appeared)"},
+    {"1", "bad input, or the command failed (show: a record damaged or a KEY without one; watch: no table "
+          "appeared)"},
     {"2", "bad command line: unknown command or option, missing or malformed argument"},
     {"3", "igp-results watch: --timeout passed before --count changes arrived"},
 };
@@ -42,6 +43,19 @@ inline constexpr Documented kEnvironment[] = {
     {"BGPCOMMON_SHM_ROOT", "root of the shared-memory tables (default /dev/shm/bgpcommon)"},
     {"BGPCOMMON_TOGGLE_DIR", "feature toggle files (default /etc/bgpcommon/toggles)"},
     {"BGPCOMMON_TRACE", "trace levels to print, as numbers: 1,3"},
+};
+// Where the tables live (the manual page's FILES).
+inline constexpr Documented kFiles[] = {
+    {"/dev/shm/bgpcommon",
+     "the root of the shared-memory tables, unless $BGPCOMMON_SHM_ROOT or --root names another; it, every "
+     "directory below it and every table file must belong to the table's owner (or root) and be writable by no "
+     "one else (a sticky directory such as /dev/shm is fine)"},
+    {"ROOT/routing/rib/igpResultStatus/NAME", "IGP result table NAME (igp-results), one file, mapped by its readers"},
+    {"ROOT/routing/rib/filteredRtStatus/NAME", "filtered-route table NAME (filtered-routes)"},
+    {".NAME.lock",
+     "beside each table, in its directory, mode 0600: the lock its writer holds while it lives; a second writer "
+     "is refused, naming the holder's pid"},
+    {".NAME.new", "beside each table: the file a starting writer builds before it takes the table's place"},
 };
 
 // The top-level help's footer: the exit statuses and the environment variables.

@@ -28,6 +28,7 @@
 #include "BgpCommon/IgpResultDedupTable.h"
 #include "BgpCommon/IgpResultStatusReaderHelper.h"
 #include "tools/Command.h"
+#include "tools/JsonSupport.h"
 #include "tools/Progress.h"
 #include "tools/ReaderReport.h"
 #include "tools/Support.h"
@@ -54,6 +55,10 @@ constexpr std::uint32_t kReplaced[] = {5, 12, 30};  // clauses the operator late
 constexpr double kReaderTimeoutSeconds = 30;
 
 double msSince(Clock::time_point t0) { return std::chrono::duration<double, std::milli>(Clock::now() - t0).count(); }
+
+// Where the demo tells what it does: standard output, or standard error when standard output
+// carries the summary as JSON.
+FILE* narrative = stdout;
 
 // ---- The policy --------------------------------------------------------------------------
 
@@ -89,17 +94,17 @@ std::optional<tools::ReaderReport> runReader(const std::vector<std::string>& arg
   std::vector<std::string> argv = {"demo-reader"};
   argv.insert(argv.end(), args.begin(), args.end());
   tools::ReaderReport report;
-  const tools::ChildResult r = tools::runChild(tools::selfExecutable(), argv, kReaderTimeoutSeconds,
-                                               [&](const std::string& line) {
-                                                 std::printf("    | %s\n", line.c_str());
-                                                 report.absorb(line);
-                                               });
+  const tools::ChildResult r =
+      tools::runChild(tools::selfExecutable(), argv, kReaderTimeoutSeconds, [&](const std::string& line) {
+        std::fprintf(narrative, "    | %s\n", line.c_str());
+        report.absorb(line);
+      });
   if (r.timedOut) {
-    std::printf("    reader did not finish within %.0f s: stopped\n", kReaderTimeoutSeconds);
+    std::fprintf(narrative, "    reader did not finish within %.0f s: stopped\n", kReaderTimeoutSeconds);
     return std::nullopt;
   }
   if (r.status != 0) {
-    std::printf("    reader failed (status %d)\n", r.status);
+    std::fprintf(narrative, "    reader failed (status %d)\n", r.status);
     return std::nullopt;
   }
   return report;
@@ -110,6 +115,39 @@ std::optional<tools::ReaderReport> runReader(const std::vector<std::string>& arg
 struct Options {
   std::uint32_t routes = 100000;
   std::string root;
+  bool json = false;
+};
+
+// The demo's summary as demo --json prints it: what was published and released, and each pass of
+// the reader with its answers by return type.
+struct PassShown {
+  std::uint64_t resultFound = 0, resultDefault = 0, resultNotFound = 0, resultTagOnly = 0;
+  bool agreed = false;
+  friend constexpr auto kelpType(Kelp::Tag<PassShown>) {
+    return Kelp::valueType<PassShown>("tools::PassShown", Kelp::field("resultFound", &PassShown::resultFound),
+                                      Kelp::field("resultDefault", &PassShown::resultDefault),
+                                      Kelp::field("resultNotFound", &PassShown::resultNotFound),
+                                      Kelp::field("resultTagOnly", &PassShown::resultTagOnly),
+                                      Kelp::field("agreed", &PassShown::agreed));
+  }
+};
+struct DemoSummary {
+  std::uint32_t routes = 0;
+  std::uint32_t outcomes = 0;            // distinct, published as records 1..outcomes
+  tools::JsonList<std::uint32_t> freed;  // identifiers of the released outcomes, in the order freed
+  bool freedReused = false;              // the new outcomes took exactly those, first freed first
+  tools::JsonList<PassShown> passes;     // the reader's, a route lookup each
+  std::uint64_t milliseconds = 0;
+  Kelp::String root;
+  bool temporary = false;  // the root is the demo's own, removed at the end
+  friend constexpr auto kelpType(Kelp::Tag<DemoSummary>) {
+    return Kelp::valueType<DemoSummary>(
+        "tools::DemoSummary", Kelp::field("routes", &DemoSummary::routes),
+        Kelp::field("outcomes", &DemoSummary::outcomes), Kelp::field("freed", &DemoSummary::freed),
+        Kelp::field("freedReused", &DemoSummary::freedReused), Kelp::field("passes", &DemoSummary::passes),
+        Kelp::field("milliseconds", &DemoSummary::milliseconds), Kelp::field("root", &DemoSummary::root),
+        Kelp::field("temporary", &DemoSummary::temporary));
+  }
 };
 
 std::string joinIds(const std::vector<std::uint32_t>& ids) {
@@ -124,13 +162,13 @@ class Demo {
 
   int run() {
     const auto start = Clock::now();
-    std::printf("Redistributing %u static routes into BGP, across two processes.\n", opt_.routes);
-    std::printf("Tables under %s%s\n", root_.path().c_str(), root_.temporary() ? " (temporary)" : "");
+    std::fprintf(narrative, "Redistributing %u static routes into BGP, across two processes.\n", opt_.routes);
+    std::fprintf(narrative, "Tables under %s%s\n", root_.path().c_str(), root_.temporary() ? " (temporary)" : "");
     if (!root_.temporary()) {
-      std::printf("(watch the records come and go: bgpcommon igp-results watch %s --root %s)\n", kTableName,
-                  root_.path().c_str());
+      std::fprintf(narrative, "(watch the records come and go: bgpcommon igp-results watch %s --root %s)\n", kTableName,
+                   root_.path().c_str());
     }
-    std::printf("\n");
+    std::fprintf(narrative, "\n");
     {
       setUp();
       evaluateAndPublish();
@@ -139,18 +177,28 @@ class Demo {
       reuseIdentifiers();
       tearDown();
     }
-    std::printf("Summary: %u routes; %u distinct outcomes published as records 1..%u; %zu released (records\n"
-                "withdrawn, identifiers %s freed) and their identifiers taken by %zu new outcomes; the reader\n"
-                "agreed in %u of %u passes. Total %.0f ms.\n",
-                opt_.routes, distinctOutcomes_, distinctOutcomes_, releasedIds_.size(), joinIds(freedOrder_).c_str(),
-                releasedIds_.size(), agreed_, passes_, msSince(start));
+    std::fprintf(narrative,
+                 "Summary: %u routes; %u distinct outcomes published as records 1..%u; %zu released (records\n"
+                 "withdrawn, identifiers %s freed) and their identifiers taken by %zu new outcomes; the reader\n"
+                 "agreed in %u of %zu passes. Total %.0f ms.\n",
+                 opt_.routes, distinctOutcomes_, distinctOutcomes_, releasedIds_.size(), joinIds(freedOrder_).c_str(),
+                 releasedIds_.size(), agreed_, passes_.items.size(), msSince(start));
+    summary_ = {.routes = opt_.routes,
+                .outcomes = distinctOutcomes_,
+                .freed = {freedOrder_},
+                .freedReused = reused_,
+                .passes = passes_,
+                .milliseconds = static_cast<std::uint64_t>(msSince(start)),
+                .root = root_.path(),
+                .temporary = root_.temporary()};
     if (root_.temporary()) {
-      std::printf("Temporary tables removed.\n");
+      std::fprintf(narrative, "Temporary tables removed.\n");
     } else {
-      std::printf("Tables left under %s.\n", root_.path().c_str());
+      std::fprintf(narrative, "Tables left under %s.\n", root_.path().c_str());
     }
-    return agreed_ == passes_ && checksFailed_ == 0 ? 0 : 1;
+    return agreed_ == passes_.items.size() && checksFailed_ == 0 ? 0 : 1;
   }
+  const DemoSummary& summary() const { return summary_; }
 
  private:
   void setUp() {
@@ -167,8 +215,8 @@ class Demo {
 
   void tearDown() {
     handles_.clear();
-    std::printf("5. Shutting down: the routes let go of their results; %u records left in the table\n\n",
-                status_->resultCount());
+    std::fprintf(narrative, "5. Shutting down: the routes let go of their results; %u records left in the table\n\n",
+                 status_->resultCount());
     if (status_->resultCount() != 0) ++checksFailed_;
     table_ = nullptr;
     routes_ = nullptr;
@@ -182,8 +230,8 @@ class Demo {
   }
 
   void evaluateAndPublish() {
-    std::printf("1. Policy over %u static routes (%u clauses; one route in %u matches none)\n", opt_.routes, kClauses,
-                kUnmatchedEvery);
+    std::fprintf(narrative, "1. Policy over %u static routes (%u clauses; one route in %u matches none)\n", opt_.routes,
+                 kClauses, kUnmatchedEvery);
     auto t0 = Clock::now();
     std::uint32_t results = 0;
     for (std::uint32_t i = 0; i < opt_.routes; ++i) {
@@ -197,10 +245,10 @@ class Demo {
     const double dedupMs = msSince(t0);
     distinctOutcomes_ = static_cast<std::uint32_t>(table_->size());
     expectedFound_ = results;
-    std::printf("   %u results interned into %u distinct outcomes in %.1f ms (%.1f M results/s)\n", results,
-                distinctOutcomes_, dedupMs, results / dedupMs / 1e3);
-    std::printf("   %u records published under identifiers %u..%u in %s\n", status_->resultCount(), 1u,
-                table_->idAllocator()->largestAllocatedId(), IgpResultStatus::mountPath(kTableName).c_str());
+    std::fprintf(narrative, "   %u results interned into %u distinct outcomes in %.1f ms (%.1f M results/s)\n", results,
+                 distinctOutcomes_, dedupMs, results / dedupMs / 1e3);
+    std::fprintf(narrative, "   %u records published under identifiers %u..%u in %s\n", status_->resultCount(), 1u,
+                 table_->idAllocator()->largestAllocatedId(), IgpResultStatus::mountPath(kTableName).c_str());
 
     t0 = Clock::now();
     {
@@ -211,13 +259,13 @@ class Demo {
       }
     }
     routes_->routesProcessedIs(true);
-    std::printf("   %u routes published with their identifiers in %s%s in %.1f ms\n\n", opt_.routes, kFilteredRtPrefix,
-                kTableName, msSince(t0));
+    std::fprintf(narrative, "   %u routes published with their identifiers in %s%s in %.1f ms\n\n", opt_.routes,
+                 kFilteredRtPrefix, kTableName, msSince(t0));
   }
 
   // Runs the reader over every route (and the identifiers in `probe`) and checks its counts.
   void readAll(const char* title, const std::map<std::uint32_t, IgpResultReturnType>& probe) {
-    std::printf("%s\n", title);
+    std::fprintf(narrative, "%s\n", title);
     std::vector<std::string> args = {"--root", root_.path(), "--name", kTableName, "--routes"};
     std::vector<std::uint32_t> ids;
     for (const auto& [id, type] : probe) ids.push_back(id);
@@ -225,7 +273,7 @@ class Demo {
       args.push_back("--ids");
       args.push_back(joinIds(ids));
     }
-    ++passes_;
+    passes_.items.emplace_back();
     std::optional<tools::ReaderReport> report = runReader(args);
     if (!report) return;
     // What every lookup must answer: with static-route communities off (the toggle, read here as
@@ -243,15 +291,18 @@ class Demo {
       const auto it = report->probes.find(id);
       ok = ok && it != report->probes.end() && it->second == (tagOnly ? RT::resultTagOnly : type);
     }
-    std::printf("   %s\n\n", ok ? "the reader's answers match what was published"
-                                  : "MISMATCH: the reader's answers differ from what was published");
+    std::fprintf(narrative, "   %s\n\n",
+                 ok ? "the reader's answers match what was published"
+                    : "MISMATCH: the reader's answers differ from what was published");
     if (ok) ++agreed_;
+    passes_.items.back() = {report->count(RT::resultFound), report->count(RT::resultDefault),
+                            report->count(RT::resultNotFound), report->count(RT::resultTagOnly), ok};
   }
 
   void releaseOutcomes() {
-    std::printf("3. The operator deletes clauses");
-    for (std::uint32_t c : kReplaced) std::printf(" %u", c);
-    std::printf(": their routes now match no clause\n");
+    std::fprintf(narrative, "3. The operator deletes clauses");
+    for (std::uint32_t c : kReplaced) std::fprintf(narrative, " %u", c);
+    std::fprintf(narrative, ": their routes now match no clause\n");
     std::set<std::uint32_t> replaced(std::begin(kReplaced), std::end(kReplaced));
     auto t0 = Clock::now();
     std::uint32_t released = 0;
@@ -267,18 +318,19 @@ class Demo {
     }
     freedOrder_.clear();
     for (const auto& e : table_->idAllocator()->freeId()) freedOrder_.push_back(e.value);
-    std::printf("   %u routes let go of their results (and were republished without one) in %.1f ms\n", released,
-                msSince(t0));
-    std::printf("   %zu outcomes left the table: records withdrawn and identifiers freed, in this order: %s;\n"
-                "   %u records remain\n\n",
-                releasedIds_.size(), joinIds(freedOrder_).c_str(), status_->resultCount());
+    std::fprintf(narrative, "   %u routes let go of their results (and were republished without one) in %.1f ms\n",
+                 released, msSince(t0));
+    std::fprintf(narrative,
+                 "   %zu outcomes left the table: records withdrawn and identifiers freed, in this order: %s;\n"
+                 "   %u records remain\n\n",
+                 releasedIds_.size(), joinIds(freedOrder_).c_str(), status_->resultCount());
     std::map<std::uint32_t, IgpResultReturnType> probe;
     for (std::uint32_t id : releasedIds_) probe[id] = IgpResultReturnType::resultNotFound;
     readAll("   The reader again, also asking for the withdrawn identifiers:", probe);
   }
 
   void reuseIdentifiers() {
-    std::printf("4. New clauses replace them (new tags), matched by the same routes\n");
+    std::fprintf(narrative, "4. New clauses replace them (new tags), matched by the same routes\n");
     std::set<std::uint32_t> replaced(std::begin(kReplaced), std::end(kReplaced));
     std::vector<std::uint32_t> newIds;
     for (std::uint32_t i = 0; i < opt_.routes; ++i) {
@@ -286,15 +338,17 @@ class Demo {
       if (!c || replaced.count(*c) == 0) continue;
       IgpResult_ r = clauseResult(*c, 1);
       handles_[i] = table_->dedup(r);
-      if (std::find(newIds.begin(), newIds.end(), handles_[i]->id()) == newIds.end()) newIds.push_back(handles_[i]->id());
+      if (std::find(newIds.begin(), newIds.end(), handles_[i]->id()) == newIds.end())
+        newIds.push_back(handles_[i]->id());
       publishRoute(i);
       ++expectedFound_;
     }
-    const bool reused = newIds == freedOrder_;
-    std::printf("   the new outcomes received identifiers %s: %s\n", joinIds(newIds).c_str(),
-                reused ? "the freed ones, freed first reused first" : "NOT the freed ones");
-    std::printf("   largest identifier ever allocated is still %u; %u records in the table\n\n",
-                table_->idAllocator()->largestAllocatedId(), status_->resultCount());
+    reused_ = newIds == freedOrder_;
+    const bool reused = reused_;
+    std::fprintf(narrative, "   the new outcomes received identifiers %s: %s\n", joinIds(newIds).c_str(),
+                 reused ? "the freed ones, freed first reused first" : "NOT the freed ones");
+    std::fprintf(narrative, "   largest identifier ever allocated is still %u; %u records in the table\n\n",
+                 table_->idAllocator()->largestAllocatedId(), status_->resultCount());
     std::map<std::uint32_t, IgpResultReturnType> probe;
     for (std::uint32_t id : newIds) probe[id] = IgpResultReturnType::resultFound;
     readAll("   The reader once more: the reused identifiers name the new records", probe);
@@ -312,21 +366,28 @@ class Demo {
   std::uint64_t expectedFound_ = 0;
   std::set<std::uint32_t> releasedIds_;
   std::vector<std::uint32_t> freedOrder_;
-  std::uint32_t passes_ = 0;
+  tools::JsonList<PassShown> passes_;
   std::uint32_t agreed_ = 0;
+  bool reused_ = false;
+  DemoSummary summary_;
   std::uint32_t checksFailed_ = 0;  // checks of this process's own (identifier reuse)
 };
 
 void runDemo(const Options& opt) {
   int code = 0;
+  std::optional<DemoSummary> summary;
+  narrative = opt.json ? stderr : stdout;
   try {
     tools::TempDir root(opt.root, "bgpcommon-demo");
     tools::RemoveOnSignal removeOnSignal(root);  // interrupted (Ctrl-C, kill, a closed pipe): no tables left
-    code = Demo(opt, root).run();
+    Demo demo(opt, root);
+    code = demo.run();
+    summary = demo.summary();
   } catch (const std::exception& e) {
     std::fprintf(stderr, "demo failed: %s\n", e.what());
     code = 1;
   }
+  if (opt.json && summary) std::printf("%s\n", Kelp::valueToJson(*summary).c_str());
   std::fflush(stdout);
   if (code != 0) tools::exitWith(tools::exitFailure);
 }
@@ -400,6 +461,7 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
   demo->add_option("--routes", opt.routes, "How many static routes (default 100000)")->check(CLI::Range(1u, 1000000u));
   demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)")
       ->type_name("DIR");
+  demo->add_flag("--json", opt.json, "Print the summary as one JSON object (the steps go to standard error)");
   demo->footer(
       "This process evaluates a policy over generated static routes, interns the results (one record and\n"
       "identifier per distinct outcome, published in a shared-memory table) and publishes every route with\n"

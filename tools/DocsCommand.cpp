@@ -98,7 +98,8 @@ std::string manPage(const CLI::App& app) {
        ".B bgpcommon\n.RB [ \\-\\-help | \\-\\-version ]\n";
   m += ".SH DESCRIPTION\n"
        "The command\\-line tool of the bgpcommon library: values of its registered types printed and parsed, "
-       "route targets taken apart, the shared\\-memory IGP result tables shown, watched and filled, and two "
+       "route targets taken apart, the shared\\-memory IGP result and filtered\\-route tables listed, shown, "
+       "watched and filled, and two "
        "demonstrations of the library at work. Every command also takes \\fB\\-\\-help\\fR.\n";
   m += ".SH COMMANDS\n";
   std::vector<Command> commands;
@@ -120,11 +121,15 @@ std::string manPage(const CLI::App& app) {
   for (const tools::Documented& d : tools::kExitStatuses) m += ".TP\n.B " + roff(d.name) + "\n" + roff(d.text) + "\n";
   m += ".SH ENVIRONMENT\n";
   for (const tools::Documented& d : tools::kEnvironment) m += ".TP\n.B " + roff(d.name) + "\n" + roff(d.text) + "\n";
+  m += ".SH FILES\n";
+  for (const tools::Documented& d : tools::kFiles) m += ".TP\n.I " + roff(d.name) + "\n" + roff(d.text) + "\n";
   m += ".SH EXAMPLES\n.nf\n"
        "bgpcommon route\\-target 100:5 1.4464:5 10.0.0.1:7\n"
        "bgpcommon value parse \\-\\-json Routing::Bgp::OutDelay \\e\n"
        "  \"Value('Routing::Bgp::OutDelay', ** {'delay': 30, 'apply': applyChanged})\"\n"
-       "bgpcommon igp\\-results watch vrf1 \\-\\-json \\-\\-count 10 \\-\\-timeout 60\n"
+       "bgpcommon igp\\-results list\n"
+       "bgpcommon igp\\-results show vrf1 7 12\n"
+       "bgpcommon igp\\-results watch vrf1 \\-\\-current \\-\\-json\n"
        ".fi\n";
   return m;
 }

@@ -49,6 +49,12 @@ void kelpJson(Kelp::String& out, const JsonMaybe<T>& m) {
   }
 }
 
+// JSON already written (a value's own, from Kelp::valueToJson), placed as it stands.
+struct JsonRaw {
+  Kelp::String text;
+};
+inline void kelpJson(Kelp::String& out, const JsonRaw& r) { out += r.text; }
+
 // A time stamp as seconds since 1970-01-01 UTC (fractional), or null for 0.0, which the events
 // tracking stamps use for "never".
 struct JsonStamp {

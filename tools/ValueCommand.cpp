@@ -59,8 +59,11 @@ tools::CommandRegistration reg("value", [](CLI::App& app) {
     if (listJson) std::printf("%s\n", Kelp::valueToJson(shown).c_str());
   });
 
-  value->add_subcommand("tour", "A short tour of the configuration value types")->callback([] {
-    if (!tools::valueTour()) tools::exitWith(tools::exitFailure);
+  auto* tour = value->add_subcommand("tour", "A short tour of the configuration value types");
+  static bool tourJson = false;
+  tour->add_flag("--json", tourJson, "Print the tour as one JSON object");
+  tour->callback([] {
+    if (!tools::valueTour(tourJson)) tools::exitWith(tools::exitFailure);
   });
 
   static ValueOptions opt;

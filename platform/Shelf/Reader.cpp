@@ -579,5 +579,28 @@ bool Reader::wait(double seconds) {
   }
 }
 
+std::uint32_t Reader::formatVersion() const {
+  const Mapping* m = current();
+  return m == nullptr ? 0 : m->header->version;
+}
+
+std::uint32_t Reader::writerPid() const {
+  const Mapping* m = current();
+  return m == nullptr ? 0 : m->header->writerPid;
+}
+
+std::uint64_t Reader::changeCount() const {
+  const Mapping* m = current();
+  return m == nullptr ? 0 : load<std::uint64_t>(&m->header->ringHead, __ATOMIC_ACQUIRE);
+}
+
+double Reader::createdAt() const {
+  const Mapping* m = current();
+  struct statx st {};
+  if (m == nullptr || statx(m->fd, "", AT_EMPTY_PATH, STATX_BTIME | STATX_CTIME, &st) != 0) return 0;
+  const statx_timestamp& t = (st.stx_mask & STATX_BTIME) != 0 ? st.stx_btime : st.stx_ctime;
+  return static_cast<double>(t.tv_sec) + t.tv_nsec * 1e-9;
+}
+
 }  // namespace Shelf
 

@@ -506,6 +506,16 @@ class Reader {
   // The attached file's bytes as this process maps them (read-only); empty when unattached. For
   // diagnostics and tests.
   Bytes mappedBytes() const;
+  // Of the attached file, for operators' listings (0 when unattached): its format version; the
+  // pid of the writer that created it (writerOpen says whether that writer still holds it); the
+  // changes its writer has published in it; and when it was created, in seconds since 1970 (its
+  // birth time, else its change time where the file system keeps none). The file records no
+  // time of its last change, and its modification time cannot stand for one: a write through a
+  // shared mapping of a tmpfs file updates it only the first time it touches a page.
+  std::uint32_t formatVersion() const;
+  std::uint32_t writerPid() const;
+  std::uint64_t changeCount() const;
+  double createdAt() const;
 
  private:
   detail::Mapping* current() const;

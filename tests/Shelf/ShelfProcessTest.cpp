@@ -99,7 +99,7 @@ TEST(ShelfProcess, TheToolBesideALiveWriter) {
     expected = Kelp::valueToStrep(versionedRecord(k, k * 11)) + "\n" + expected;
   }
   const std::string at = " --root " + root.path();
-  const auto text = runTool("igp-results show tool" + at);
+  const auto text = runTool("igp-results show tool --long" + at);
   EXPECT_EQ(std::make_pair(text.status, text.out), std::make_pair(0, expected));
   const auto json = runTool("igp-results show tool --json" + at);
   ASSERT_EQ(json.status, 0) << json.out;
@@ -125,7 +125,7 @@ TEST(ShelfProcess, TheToolBesideALiveWriter) {
   const std::uint32_t id = 999;
   const std::uint8_t junk[3] = {0xFF, 0xFF, 0xFF};
   status->resultControl()->writer()->put({reinterpret_cast<const std::uint8_t*>(&id), 4}, 0, {junk, 3});
-  const auto show = runTool("igp-results show tool" + at, true);
+  const auto show = runTool("igp-results show tool --long" + at, true);
   EXPECT_EQ(show.status, 1);
   EXPECT_EQ(show.out, expected);
   EXPECT_TRUE(show.err.starts_with("corruption: Shelf ")) << show.err;

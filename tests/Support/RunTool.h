@@ -1,13 +1,17 @@
 #pragma once
 // Runs the bgpcommon tool as the shell would and captures what it prints.
 
+#include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -40,6 +44,30 @@ inline ToolResult runTool(const std::string& args, bool splitErr = false) {
     std::remove(errFile.c_str());
   }
   return r;
+}
+
+// Starts the tool in the background as runTool runs it, standard output and error going to
+// `outFile`, and returns its pid for waitTool.
+inline pid_t startTool(const std::string& args, const std::string& outFile) {
+  const std::string launcher = BGPCOMMON_TOOL_LAUNCHER;
+  const std::string cmd = "exec " + (launcher.empty() ? "" : launcher + " ") + BGPCOMMON_BIN_DIR + "/bgpcommon " +
+                          args + " >" + outFile + " 2>&1";
+  const char* argv[] = {"/bin/sh", "-c", cmd.c_str(), nullptr};
+  pid_t pid = -1;
+  return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : -1;
+}
+
+// The exit status of a tool startTool started, or 128 + the signal that ended it; -1 when it had
+// not ended after a minute (it is then killed).
+inline int waitTool(pid_t pid) {
+  int st = 0;
+  for (int i = 0; i < 6000; ++i) {
+    if (waitpid(pid, &st, WNOHANG) == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, &st, 0);
+  return -1;
 }
 
 }  // namespace testing_support

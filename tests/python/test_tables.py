@@ -32,8 +32,8 @@ def test_reads_what_another_process_wrote(tmp_path):
         records = table.values()
         assert table.writer_open and len(table) == len(records) == 50
         # Record for record what the tool itself reads back.
-        shown = subprocess.run([str(TOOL), "igp-results", "show", "vrf1", "--root", str(tmp_path)], check=True,
-                               capture_output=True, text=True).stdout.splitlines()
+        shown = subprocess.run([str(TOOL), "igp-results", "show", "vrf1", "--long", "--root", str(tmp_path)],
+                               check=True, capture_output=True, text=True).stdout.splitlines()
         assert [str(r) for r in records] == shown
         ns = bgpcommon.namespace()
         assert all(table.get(r.key) == table[r.key] == r and r.key in table and eval(repr(r), ns) == r

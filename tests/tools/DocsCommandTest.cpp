@@ -22,9 +22,9 @@ std::string written(const std::string& kind) {
 // What bash offers after each command line, as a user pressing Tab sees it.
 TEST(DocsCommand, CompletionOffersCommandsOptionsAndTypeNames) {
   const std::pair<const char*, const char*> cases[] = {
-      {"bgpcommon ", "demo events-tracking igp-results route-target value --help -h --version"},
+      {"bgpcommon ", "demo events-tracking filtered-routes igp-results route-target value --help -h --version"},
       {"bgpcommon igp-results w", "watch write"},
-      {"bgpcommon igp-results watch t --", "--help --root --count --timeout --json"},
+      {"bgpcommon igp-results watch t --", "--help --root --current --count --timeout --json"},
       {"bgpcommon igp-results watch t --count ", ""},
       {"bgpcommon events-tracking demo --advertise-threshold 1 ", ""},
       {"bgpcommon events-tracking demo --advertise-threshold 1 2 --j", "--json"},
@@ -54,12 +54,13 @@ TEST(DocsCommand, CompletionOffersCommandsOptionsAndTypeNames) {
 // The page formats without a warning, with each command's synopsis and every exit status.
 TEST(DocsCommand, ManualPage) {
   const std::string page = written("man");
-  EXPECT_NE(page.find(".SS \"bgpcommon igp\\-results watch [\\-\\-root DIR] [\\-\\-count UINT] [\\-\\-timeout S|inf] "
-                      "[\\-\\-json] NAME\"\n"),
+  EXPECT_NE(page.find(".SS \"bgpcommon igp\\-results watch [\\-\\-root DIR] [\\-\\-current] [\\-\\-count UINT] "
+                      "[\\-\\-timeout S|inf] [\\-\\-json] NAME\"\n"),
             std::string::npos)
       << page;
   EXPECT_NE(page.find(".SS \"bgpcommon route\\-target [\\-\\-asdot] [\\-\\-json] TEXT...\"\n"), std::string::npos);
   EXPECT_NE(page.find(".SH \"EXIT STATUS\"\n.TP\n.B 0\n"), std::string::npos);
+  EXPECT_NE(page.find(".TP\n.I \\&.NAME.lock\nbeside each table, in its directory, mode 0600"), std::string::npos);
   EXPECT_NE(page.find(".TP\n.B 3\nigp\\-results watch"), std::string::npos);
   EXPECT_EQ(page.find("demo\\-reader"), std::string::npos);
   if (system("command -v groff >/dev/null") != 0) GTEST_SKIP() << "groff (package groff-base) is not installed";

@@ -73,7 +73,8 @@ TEST(EventsTrackingCommand, BadCommandLinesExitTwo) {
   for (const char* args : {"events-tracking demo --vrfs 0", "events-tracking demo --advertise-threshold 5",
                            "events-tracking demo --paths x", "events-tracking", "value parse", "route-target",
                            "route-target --bogus 1:1", "igp-results show", "igp-results write t --size 0",
-                           "value parse --json -a Routing::Bgp::MaxRoutes 1", "demo --routes x", "no-such-command", ""}) {
+                           "value parse --json -a Routing::Bgp::MaxRoutes 1", "demo --routes x", "demo --routes 0",
+                           "demo --routes 1000001", "no-such-command", ""}) {
     EXPECT_EQ(runTool(args).status, 2) << args;
   }
   auto help = runTool("events-tracking demo --help");

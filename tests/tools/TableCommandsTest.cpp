@@ -1,0 +1,123 @@
+// The shared-memory table commands (igp-results, filtered-routes) as an operator runs them against
+// tables a writer in this process fills.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "BgpCommon/FilteredRtStatus.h"
+#include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/RunTool.h"
+
+namespace {
+
+using namespace Routing::BgpRedistribute;
+using nlohmann::json;
+using testing_support::runTool;
+using testing_support::versionedRecord;
+
+std::string fileText(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// Each row a command, its exit status, what it prints and what it says on standard error.
+TEST(TableCommands, ListShowAndWatchCurrent) {
+  testing_support::TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto results = IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64);
+  auto empty = IgpResultStatus::createIgpResultStatusWriter("empty", em, 8);
+  IgpResult a{IgpResultId(7)}, b{IgpResultId(12)};
+  a.preference = 110, a.metric.valueIs(20), a.tag = 5, a.isisLevel = Routing::Isis::Level::level2;
+  a.communityIs(CommunityIndex(0), 65000u << 16 | 1), a.communityIs(CommunityIndex(1), 65000u << 16 | 2);
+  results->resultIs(b), results->resultIs(a);
+  const std::string routesPath = "routing/rib/filteredRtStatus/static";
+  em->mount(routesPath, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::writer, {{"filteredRoute", 16}}});
+  auto routes = Kelp::ptrDynamicCast<FilteredRtStatus>(em->entity(routesPath));
+  routes->filteredRouteIs(FilteredRoute(Netzo::IpGenPrefix::fromString("2001:db8::/32"), IgpResultId(12)));
+  routes->filteredRouteIs(FilteredRoute(Netzo::IpGenPrefix::fromString("10.0.1.0/24"), IgpResultId(7)));
+  const std::string header =
+      "key  preference  ospfBitDn  ospfv3BitDn  metric  isisLevel   ospfMetricType  ospfDomainId  ospfRouteType  "
+      "tag  community\n";
+  const std::string rowA =
+      "7    110         false      false        20      level2      typeUnset       0             0"
+      "              5    65000:1,65000:2\n";
+  const std::string rowB =
+      "12   0           false      false        -       levelUnset  typeUnset       0             0"
+      "              0    -\n";
+  const std::tuple<std::string, int, std::string, std::string> rows[] = {
+      {"igp-results show vrf1", 0, header + rowA + rowB + "2 records\n", ""},
+      {"igp-results show vrf1 12 99", 1, header + rowB + "1 record\n", "no record with key 99\n"},
+      {"igp-results show empty", 0, "no records: the table is empty\n", ""},
+      {"filtered-routes show static 10.0.1.0/24", 0, "key          igpResultId\n10.0.1.0/24  7\n1 record\n", ""},
+      {"igp-results watch vrf1 --current --count 3", 0,
+       "resync 2\n7 " + Kelp::valueToStrep(a) + "\n12 " + Kelp::valueToStrep(b) + "\n", ""},
+      {"filtered-routes watch static --current --json --count 2", 0,
+       "{\"event\":\"resync\",\"count\":2}\n"
+       "{\"event\":\"result\",\"key\":\"10.0.1.0/24\",\"result\":{\"key\":\"10.0.1.0/24\",\"igpResultId\":7}}\n",
+       ""},
+      {"igp-results watch vrf1 --count 2 --timeout 0.2", 3, "resync 2\n", ""},
+      {"igp-results watch none --timeout 0.2", 1, "",
+       "no table at " + root.path() +
+           "/routing/rib/igpResultStatus/none yet: waiting for a writer\nno table appeared at " + root.path() +
+           "/routing/rib/igpResultStatus/none within --timeout\n"},
+  };
+  for (const auto& [args, status, out, err] : rows) {
+    const auto r = runTool(args + " --root " + root.path(), true);
+    EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(status, out, err)) << args;
+  }
+
+  em->unmount("routing/rib/igpResultStatus/empty");
+  empty = nullptr;  // its writer closes
+  const json tables = json::parse(runTool("igp-results list --json --root " + root.path(), true).out);
+  ASSERT_EQ(tables.size(), 3u) << tables;
+  // kind, name, records, writer open, changes
+  const std::tuple<std::string, std::string, int, bool, int> want[] = {{"igp-results", "empty", 0, false, 2},
+                                                                       {"igp-results", "vrf1", 2, true, 3},
+                                                                       {"filtered-routes", "static", 2, true, 2}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    const json& t = tables[i];
+    EXPECT_EQ(std::make_tuple(t["kind"], t["name"], t["records"], t["writerOpen"], t["changes"]), want[i]) << t;
+    EXPECT_EQ(std::make_tuple(t["version"], t["writerPid"]), std::make_tuple(Shelf::detail::kVersion, getpid())) << t;
+    EXPECT_GT(t["created"].get<double>(), 1.7e9) << t;
+  }
+  EXPECT_TRUE(runTool("igp-results list --root " + root.path())
+                  .out.starts_with("kind             name    records  capacity  version  writer"));
+}
+
+// Started with neither --timeout nor --count, watch follows the table until SIGINT ends it: exit
+// 0, and every change it saw printed, down to a whole last line.
+TEST(TableCommands, WatchRunsUntilInterrupted) {
+  testing_support::TempRoot root;
+  auto status =
+      IgpResultStatus::createIgpResultStatusWriter("t", Kelp::makePtr<KelpSharedMem::EntityManager>(root.path()), 64);
+  status->resultIs(versionedRecord(1, 1));
+  const std::string out = ::testing::TempDir() + "bgpcommon-watch-interrupted.txt";
+  const pid_t pid = testing_support::startTool("igp-results watch t --json --root " + root.path(), out);
+  ASSERT_GT(pid, 0);
+  std::string expected = "{\"event\":\"resync\",\"count\":1}\n";
+  // Each change is made once the one before it was printed, so that each line shows the value its
+  // change stored (watch prints the value a key holds when it hears of the change).
+  auto untilPrinted = [&](std::uint32_t key, const std::string& result) {
+    if (key != 0) expected += "{\"event\":\"result\",\"key\":" + std::to_string(key) + ",\"result\":" + result + "}\n";
+    for (int i = 0; i < 3000 && fileText(out).size() < expected.size(); ++i) usleep(10'000);
+  };
+  untilPrinted(0, "");
+  for (std::uint32_t v : {1, 2}) {
+    for (std::uint32_t key : {2, 3}) {
+      status->resultIs(versionedRecord(key, v));
+      untilPrinted(key, Kelp::valueToJson(versionedRecord(key, v)));
+    }
+  }
+  status->resultDel(IgpResultId(1));
+  untilPrinted(1, "null");
+  kill(pid, SIGINT);
+  EXPECT_EQ(testing_support::waitTool(pid), 0);
+  EXPECT_EQ(fileText(out), expected);
+  std::remove(out.c_str());
+}
+
+}  // namespace

@@ -1,0 +1,552 @@
+// bgpcommon igp-results list | show | watch | write, and filtered-routes show | watch: the
+// shared-memory status tables of redistribution from the shell.
+//
+//   bgpcommon igp-results list [--root DIR] [--json]          every table under the root
+//   bgpcommon igp-results show vrf1 [KEY...] [--long | --json] the records as an aligned table
+//   bgpcommon igp-results watch vrf1 [--current] [--count N] [--timeout S|inf] [--json]
+//                                                             each change as it arrives, until
+//                                                             interrupted (SIGINT, SIGTERM: exit 0)
+//   bgpcommon igp-results write vrf1 --records N [--size N] [--hold S]
+//                                                             fill a table with sample records
+//   bgpcommon filtered-routes show|watch static ...           the same for the filtered routes
+//
+// IGP result tables live at routing/rib/igpResultStatus/NAME below the root, filtered-route tables
+// at routing/rib/filteredRtStatus/NAME (where the demo and the agents put them).
+#include <dirent.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "BgpCommon/FilteredRtStatus.h"
+#include "platform/Kelp/Json.h"
+#include "platform/Pico/Format.h"
+#include "tools/Command.h"
+#include "tools/JsonSupport.h"
+#include "tools/Progress.h"
+
+namespace {
+
+using Routing::BgpRedistribute::FilteredRoute;
+using Routing::BgpRedistribute::FilteredRtStatus;
+using Routing::BgpRedistribute::IgpResult;
+using Routing::BgpRedistribute::IgpResultId;
+using Routing::BgpRedistribute::IgpResultStatus;
+
+// What the commands know of a kind of table: its entity and records, where its tables live, how
+// an operator writes a key, and the entity's notifiee calls (passed on to a printer `P`).
+struct IgpResults {
+  using Status = IgpResultStatus;
+  using Record = IgpResult;
+  using Key = IgpResultId;
+  static constexpr const char* kCommand = "igp-results";
+  static constexpr std::string_view kPrefix = IgpResultStatus::kMountPrefix;
+  static Key keyOf(const std::string& text) { return Kelp::strepToValue<IgpResultId>(text); }
+  static std::string keyText(const Key& k) { return std::to_string(k.value); }
+  static bool less(const Record& a, const Record& b) { return a.key.value < b.key.value; }
+  static std::optional<Record> find(const Status& s, const Key& k) { return s.result(k); }
+  template <typename F>
+  static void forEach(const Status& s, F&& fn) {
+    s.resultForEach(fn);
+  }
+  static std::uint32_t count(const Status& s) { return s.resultCount(); }
+  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const Status& s) { return s.resultControl(); }
+  template <typename P>
+  struct Listener : Status::Notifiee {
+    P* p;
+    explicit Listener(P* printer) : p(printer) {}
+    void onResult(IgpResultId k) override { p->changed(k); }
+    void onResultQuiesced(bool quiesced) override { p->writer(quiesced); }
+    void onResultMountStatus() override { p->resync(); }
+  };
+};
+
+struct FilteredRoutes {
+  using Status = FilteredRtStatus;
+  using Record = FilteredRoute;
+  using Key = Netzo::IpGenPrefix;
+  static constexpr const char* kCommand = "filtered-routes";
+  static constexpr std::string_view kPrefix = "routing/rib/filteredRtStatus/";
+  static Key keyOf(const std::string& text) { return Netzo::IpGenPrefix::fromString(text); }
+  static std::string keyText(const Key& k) { return k.stringValue(); }
+  static bool less(const Record& a, const Record& b) { return a.key < b.key; }
+  static std::optional<Record> find(const Status& s, const Key& k) { return s.filteredRoute(k); }
+  template <typename F>
+  static void forEach(const Status& s, F&& fn) {
+    s.filteredRouteForEach(fn);
+  }
+  static std::uint32_t count(const Status& s) { return s.filteredRouteCount(); }
+  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const Status& s) { return s.filteredRouteControl(); }
+  template <typename P>
+  struct Listener : Status::Notifiee {
+    P* p;
+    explicit Listener(P* printer) : p(printer) {}
+    void onFilteredRoute(const Netzo::IpGenPrefix& k) override { p->changed(k); }
+    void onFilteredRouteQuiesced(bool quiesced) override { p->writer(quiesced); }
+    void onFilteredRouteMountStatus() override { p->resync(); }
+  };
+};
+
+struct Options {
+  std::string name;
+  std::string root;
+  std::vector<std::string> keys;
+  bool json = false;
+  bool longForm = false;
+  bool current = false;
+  std::uint32_t count = 0;
+  double timeout = HUGE_VAL;  // seconds; infinite: until interrupted
+  std::uint32_t records = 0;
+  std::uint32_t size = 1024;
+  std::uint32_t first = 1;
+  double hold = 0;
+};
+
+// Corruption reports seen while reading; each is printed on stderr as it comes.
+std::uint32_t damaged = 0;
+
+std::string rootOf(const Options& opt) { return opt.root.empty() ? Shelf::Location::defaultRoot() : opt.root; }
+
+// Mounts table `name` of kind K for reading; corruption found while reading is reported on stderr.
+template <typename K>
+Kelp::Ptr<typename K::Status> mount(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, const std::string& name) {
+  if (name.find('/') != std::string::npos) {
+    Pico::fmthrow<Kelp::RangeException>("table name \"{}\" refused: it holds a '/'", Kelp::quoteExcerpt(name, 64));
+  }
+  const Kelp::String path = Kelp::String(K::kPrefix) + name;
+  em->mount(path, K::Status::kTypeName, {KelpSharedMem::MountMode::reader, {}});
+  auto status = Kelp::ptrDynamicCast<typename K::Status>(em->entity(path));
+  if (!status) Pico::fmthrow<Kelp::RangeException>("{} holds no {} table", path, K::kCommand);
+  K::control(*status)->corruptionHandlerIs([](std::string_view m) {
+    ++damaged;
+    std::fprintf(stderr, "corruption: %.*s\n", static_cast<int>(m.size()), m.data());
+  });
+  return status;
+}
+
+template <typename K>
+Kelp::Ptr<typename K::Status> attach(const Options& opt) {
+  return mount<K>(Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root), opt.name);
+}
+
+// ---- Tables for the terminal ---------------------------------------------------------------
+
+// Rows aligned in columns, each as wide as its widest cell, two blanks apart; the first row is
+// the header.
+void printAligned(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<std::size_t> width;
+  for (const auto& row : rows) {
+    width.resize(std::max(width.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i) width[i] = std::max(width[i], row[i].size());
+  }
+  for (const auto& row : rows) {
+    std::string line;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      line += i + 1 < row.size() ? fmt::format("{:<{}}  ", row[i], width[i]) : row[i];
+    }
+    std::printf("%s\n", line.c_str());
+  }
+}
+
+// A field as a table cell: its JSON without the quotes and brackets JSON needs (communities as
+// "65000:1,65000:2", "-" for null or an empty list). Text holding an escape keeps its JSON form,
+// so that no control byte reaches the terminal.
+std::string cellOf(const Kelp::String& json) {
+  if (json == "null" || json == "[]") return "-";
+  if (json.find('\\') != Kelp::String::npos) return json;
+  std::string cell;
+  for (char c : json) {
+    if (c != '"') cell += c;
+  }
+  return cell.front() == '[' ? cell.substr(1, cell.size() - 2) : cell;
+}
+
+// A header of the record type's field names, then a row of its fields for each record.
+template <typename R>
+std::vector<std::vector<std::string>> recordRows(const std::vector<R>& records) {
+  std::vector<std::vector<std::string>> rows(1);
+  Kelp::forEachField(Kelp::typeDescOf<R>, [&](const auto& f) { rows[0].push_back(f.name); });
+  for (const R& r : records) {
+    rows.emplace_back();
+    Kelp::forEachField(Kelp::typeDescOf<R>,
+                       [&](const auto& f) { rows.back().push_back(cellOf(Kelp::valueToJson(r.*(f.member)))); });
+  }
+  return rows;
+}
+
+std::string plural(std::size_t n, const char* word) { return fmt::format("{} {}{}", n, word, n == 1 ? "" : "s"); }
+
+// ---- list ----------------------------------------------------------------------------------
+
+// A table as list shows it.
+struct TableShown {
+  Kelp::String kind;  // the command that shows it
+  Kelp::String name;
+  std::uint32_t records = 0;
+  std::uint32_t capacity = 0;
+  std::uint32_t version = 0;  // of the file's format
+  bool writerOpen = false;
+  std::uint32_t writerPid = 0;  // of the writer that created the file, open or not
+  std::uint64_t changes = 0;    // published by that writer
+  tools::JsonStamp created;     // when that writer created the file
+  friend constexpr auto kelpType(Kelp::Tag<TableShown>) {
+    return Kelp::valueType<TableShown>(
+        "tools::TableShown", Kelp::field("kind", &TableShown::kind), Kelp::field("name", &TableShown::name),
+        Kelp::field("records", &TableShown::records), Kelp::field("capacity", &TableShown::capacity),
+        Kelp::field("version", &TableShown::version), Kelp::field("writerOpen", &TableShown::writerOpen),
+        Kelp::field("writerPid", &TableShown::writerPid), Kelp::field("changes", &TableShown::changes),
+        Kelp::field("created", &TableShown::created));
+  }
+};
+
+// The names of the table files in `dir` (a directory below the root), sorted; none when it is
+// not there. Names starting with a dot are the writers' lock and work files.
+std::vector<std::string> tableFiles(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) {
+      if (e->d_name[0] != '.' && (e->d_type == DT_REG || e->d_type == DT_UNKNOWN)) names.emplace_back(e->d_name);
+    }
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+template <typename K>
+void listKind(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, tools::JsonList<TableShown>& out) {
+  for (const std::string& name : tableFiles(em->root() + "/" + std::string(K::kPrefix))) {
+    auto status = mount<K>(em, name);
+    const Shelf::Reader* r = K::control(*status)->reader();
+    if (!r->attached()) continue;  // refused: the reason went to stderr as corruption
+    out.items.push_back({K::kCommand,
+                         name,
+                         K::count(*status),
+                         r->capacity(),
+                         r->formatVersion(),
+                         r->writerOpen(),
+                         r->writerPid(),
+                         r->changeCount(),
+                         {r->createdAt()}});
+  }
+}
+
+void list(const Options& opt) {
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
+  tools::JsonList<TableShown> tables;
+  listKind<IgpResults>(em, tables);
+  listKind<FilteredRoutes>(em, tables);
+  if (opt.json) {
+    std::printf("%s\n", Kelp::valueToJson(tables).c_str());
+  } else if (tables.items.empty()) {
+    std::printf("no tables under %s\n", em->root().c_str());
+  } else {
+    std::vector<std::vector<std::string>> rows = {
+        {"kind", "name", "records", "capacity", "version", "writer", "changes", "created"}};
+    for (const TableShown& t : tables.items) {
+      const Kelp::LocalTime c = Kelp::localTime(static_cast<std::int64_t>(t.created.seconds));
+      rows.push_back(
+          {t.kind, t.name, std::to_string(t.records), std::to_string(t.capacity), std::to_string(t.version),
+           t.writerOpen ? fmt::format("pid {}", t.writerPid) : "closed", std::to_string(t.changes),
+           fmt::format("{}-{:02}-{:02} {:02}:{:02}:{:02}", c.year, c.month, c.day, c.hour, c.minute, c.second)});
+    }
+    printAligned(rows);
+  }
+  if (damaged != 0) tools::exitWith(tools::exitFailure);
+}
+
+// ---- show ----------------------------------------------------------------------------------
+
+template <typename K>
+void show(const Options& opt) {
+  Kelp::Ptr<typename K::Status> status = attach<K>(opt);
+  if (!K::control(*status)->reader()->attached()) {
+    std::fprintf(stderr, "no table at %s/%.*s%s\n", rootOf(opt).c_str(), static_cast<int>(K::kPrefix.size()),
+                 K::kPrefix.data(), opt.name.c_str());
+    tools::exitWith(tools::exitFailure);
+  }
+  std::vector<typename K::Record> records;
+  bool absent = false;
+  for (const std::string& text : opt.keys) {
+    std::optional<typename K::Record> r;
+    try {
+      r = K::find(*status, K::keyOf(text));
+    } catch (const Kelp::RangeException& e) {
+      std::fprintf(stderr, "KEY \"%s\": %s\n", Kelp::quoteExcerpt(text, 64).c_str(), e.what());
+      tools::exitWith(tools::exitFailure);
+    }
+    if (r) {
+      records.push_back(*r);
+    } else {
+      std::fprintf(stderr, "no record with key %s\n", Kelp::quoteExcerpt(text, 64).c_str());
+      absent = true;
+    }
+  }
+  if (opt.keys.empty()) K::forEach(*status, [&](const typename K::Record& r) { records.push_back(r); });
+  std::sort(records.begin(), records.end(), K::less);
+  if (opt.json) {
+    std::printf("%s\n", Kelp::valueToJson(tools::JsonList<typename K::Record>{std::move(records)}).c_str());
+  } else if (opt.longForm) {
+    for (const auto& r : records) std::printf("%s\n", Kelp::valueToStrep(r).c_str());
+  } else if (records.empty() && opt.keys.empty()) {
+    std::printf("no records: the table is empty\n");
+  } else {
+    printAligned(recordRows(records));
+    std::printf("%s\n", plural(records.size(), "record").c_str());
+  }
+  // Every record that could be read was printed; those that could not were reported one by one.
+  if (damaged != 0) tools::exitWith(tools::exitFailure);
+  if (absent) tools::exitWith(tools::exitFailure);
+}
+
+// ---- watch ---------------------------------------------------------------------------------
+
+// One change as watch --json prints it, a JSON object a line:
+//   {"event":"result","key":7,"result":{...}}    record 7 written; "result":null: deleted
+//   {"event":"resync","count":50}               read the whole table again (first attach, new
+//                                               writer, clear, or a lost change)
+//   {"event":"writer","open":false}             the writer closed (true: one opened)
+template <typename K>
+struct ResultEvent {
+  Kelp::String event = "result";
+  typename K::Key key;
+  tools::JsonMaybe<typename K::Record> result;
+  friend constexpr auto kelpType(Kelp::Tag<ResultEvent>) {
+    return Kelp::valueType<ResultEvent>("tools::ResultEvent", Kelp::field("event", &ResultEvent::event),
+                                        Kelp::field("key", &ResultEvent::key),
+                                        Kelp::field("result", &ResultEvent::result));
+  }
+};
+struct ResyncEvent {
+  Kelp::String event = "resync";
+  std::uint32_t count = 0;
+  friend constexpr auto kelpType(Kelp::Tag<ResyncEvent>) {
+    return Kelp::valueType<ResyncEvent>("tools::ResyncEvent", Kelp::field("event", &ResyncEvent::event),
+                                        Kelp::field("count", &ResyncEvent::count));
+  }
+};
+struct WriterEvent {
+  Kelp::String event = "writer";
+  bool open = false;
+  friend constexpr auto kelpType(Kelp::Tag<WriterEvent>) {
+    return Kelp::valueType<WriterEvent>("tools::WriterEvent", Kelp::field("event", &WriterEvent::event),
+                                        Kelp::field("open", &WriterEvent::open));
+  }
+};
+
+// Prints one line per change: "KEY <long form>" or "KEY deleted", "resync N" when the whole table
+// must be read again (with --current followed by every record, as changes), and "writer
+// open|closed"; with --json the objects above.
+template <typename K>
+class Printer {
+ public:
+  Printer(typename K::Status* s, const Options& opt) : status_(s), opt_(opt) {}
+  void changed(const typename K::Key& key) {
+    if (full()) return;
+    print(key, K::find(*status_, key));
+  }
+  void resync() {
+    if (full()) return;
+    const std::uint32_t n = K::count(*status_);
+    line(opt_.json ? Kelp::valueToJson(ResyncEvent{.count = n}) : fmt::format("resync {}", n));
+    if (!opt_.current) return;
+    std::vector<typename K::Record> records;
+    K::forEach(*status_, [&](const typename K::Record& r) { records.push_back(r); });
+    std::sort(records.begin(), records.end(), K::less);
+    for (const auto& r : records) {
+      if (!full()) print(r.key, r);
+    }
+  }
+  void writer(bool quiesced) {
+    if (full()) return;
+    line(opt_.json ? Kelp::valueToJson(WriterEvent{.open = !quiesced})
+                   : fmt::format("writer {}", quiesced ? "closed" : "open"));
+  }
+  // Lines printed: every line counts, for --count (changes that arrive after the last are dropped).
+  std::uint32_t lines = 0;
+  bool full() const { return opt_.count != 0 && lines >= opt_.count; }
+
+ private:
+  void print(const typename K::Key& key, const std::optional<typename K::Record>& r) {
+    line(opt_.json ? Kelp::valueToJson(ResultEvent<K>{.key = key, .result = {r}})
+                   : K::keyText(key) + " " + (r ? Kelp::valueToStrep(*r) : "deleted"));
+  }
+  void line(const std::string& text) {
+    std::printf("%s\n", text.c_str());
+    ++lines;
+  }
+  typename K::Status* status_;
+  const Options& opt_;
+};
+
+// Set by SIGINT and SIGTERM while watch runs: it ends at the next poll, flushing what it printed.
+volatile std::sig_atomic_t interrupted = 0;
+
+template <typename K>
+void watch(const Options& opt) {
+  Kelp::Ptr<typename K::Status> status = attach<K>(opt);
+  Printer<K> printer(status.get(), opt);
+  typename K::template Listener<Printer<K>> listener(&printer);
+  struct sigaction stop {};
+  stop.sa_handler = [](int) { interrupted = 1; };
+  sigaction(SIGINT, &stop, nullptr);
+  sigaction(SIGTERM, &stop, nullptr);
+  status->notifieeIs(&listener);
+  auto control = K::control(*status);
+  // A table that is not there yet is waited for (a watch may start before its writer), but not
+  // silently, and a watch that never saw one has failed.
+  const std::string path = rootOf(opt) + "/" + std::string(K::kPrefix) + opt.name;
+  bool attached = control->reader()->attached();
+  if (!attached) std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
+  // The timeout is wall-clock time: a wait returns early whenever changes arrive. Beyond a century
+  // it is no limit (and would overflow the clock).
+  using Clock = std::chrono::steady_clock;
+  const bool forever = opt.timeout > 3.2e9;
+  const auto end =
+      forever ? Clock::time_point::max()
+              : Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeout));
+  for (auto now = Clock::now(); !printer.full() && now < end && !interrupted; now = Clock::now()) {
+    control->waitForChanges(std::min(0.05, std::chrono::duration<double>(end - now).count()));
+    control->poll();
+    attached = attached || control->reader()->attached();
+    std::fflush(stdout);
+  }
+  std::fflush(stdout);
+  status->notifieeDel(&listener);
+  if (interrupted) return;
+  if (!attached) {
+    std::fprintf(stderr, "no table appeared at %s within --timeout\n", path.c_str());
+    tools::exitWith(tools::exitFailure);
+  }
+  if (opt.count != 0 && printer.lines < opt.count) tools::exitWith(tools::exitTimedOut);
+}
+
+// ---- write ---------------------------------------------------------------------------------
+
+// Sample record `key`, every field derived from the key so that readers can check it.
+IgpResult sample(std::uint32_t key) {
+  IgpResult r{IgpResultId(key)};
+  r.preference = static_cast<std::uint8_t>(key % 200 + 1);
+  r.tag = key * 10;
+  r.metric.valueIs(key * 3);
+  r.ospfDomainId = key;
+  for (std::uint32_t i = 0; i < key % 5; ++i) {
+    r.communityIs(Routing::BgpRedistribute::CommunityIndex(i), (65000u << 16) + key + i);
+  }
+  return r;
+}
+
+void write(const Options& opt) {
+  if (opt.records != 0 && opt.first > UINT32_MAX - (opt.records - 1)) {
+    std::fprintf(stderr, "--first %u --records %u: keys beyond %u\n", opt.first, opt.records, UINT32_MAX);
+    tools::exitWith(tools::exitUsage);
+  }
+  if (opt.records > opt.size) {
+    std::fprintf(stderr, "--records %u do not fit a table of --size %u\n", opt.records, opt.size);
+    tools::exitWith(tools::exitFailure);
+  }
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
+  Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusWriter(opt.name, em, opt.size);
+  {
+    tools::Progress progress("records written", opt.records);
+    for (std::uint32_t i = 0; i < opt.records; ++i) {
+      status->resultIs(sample(opt.first + i));
+      progress.update(i + 1);
+    }
+  }
+  std::printf("wrote %u records to %s\n", opt.records, IgpResultStatus::mountPath(opt.name).c_str());
+  std::fflush(stdout);
+  if (opt.hold > 0) std::this_thread::sleep_for(std::chrono::duration<double>(opt.hold));
+}
+
+// ---- The command line ----------------------------------------------------------------------
+
+Options opt;
+
+void rootOption(CLI::App* c) {
+  c->add_option("--root", opt.root, "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)")
+      ->type_name("DIR")
+      ->check(tools::nonEmpty);
+}
+
+// Runs a command; what it throws is its failure (exit 1), said on stderr.
+std::function<void()> guarded(void (*fn)(const Options&)) {
+  return [fn] {
+    try {
+      fn(opt);
+    } catch (const CLI::RuntimeError&) {
+      throw;
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "%s\n", e.what());
+      tools::exitWith(tools::exitFailure);
+    }
+  };
+}
+
+template <typename K>
+CLI::App* tableCommand(CLI::App* parent, const char* name, const char* what, void (*fn)(const Options&)) {
+  auto* c = parent->add_subcommand(name, what);
+  c->add_option("NAME", opt.name, fmt::format("Table name (the last component of {}NAME)", K::kPrefix))->required();
+  rootOption(c);
+  c->callback(guarded(fn));
+  return c;
+}
+
+// show and watch, for either kind of table.
+template <typename K>
+void readCommands(CLI::App* cmd, const char* keyName) {
+  auto* s = tableCommand<K>(cmd, "show",
+                            "Print the records as a table (or one long form a line, or JSON); "
+                            "exit 1 if a record was damaged or a KEY has none",
+                            show<K>);
+  s->add_option("KEY", opt.keys, fmt::format("Show only the records of these keys ({})", keyName));
+  auto* longForm = s->add_flag("--long", opt.longForm, "One record a line, in its long text form");
+  s->add_flag("--json", opt.json, "Print a JSON array")->excludes(longForm);
+
+  auto* w = tableCommand<K>(cmd, "watch",
+                            "Print each change as it arrives, until interrupted (exit 3 when "
+                            "--timeout passes before --count lines)",
+                            watch<K>);
+  w->add_flag("--current", opt.current,
+              "Print every record as it stands first (and again after each resync), then the changes");
+  w->add_option("--count", opt.count,
+                "Stop after this many lines (every line counts: records, deletions, resyncs, writer open/close)");
+  w->add_option("--timeout", opt.timeout, "Stop after this many seconds, or inf (default: until interrupted)")
+      ->type_name("S|inf")
+      ->check(tools::seconds);
+  w->add_flag("--json", opt.json, "Print each change as a JSON object, one a line");
+}
+
+tools::CommandRegistration igpResults("igp-results", [](CLI::App& app) {
+  auto* cmd =
+      app.add_subcommand("igp-results", "List the tables; show, watch or fill a shared-memory IGP result table");
+  cmd->require_subcommand(1);
+
+  auto* l = cmd->add_subcommand("list", "List every table under the root (IGP results and filtered routes)");
+  rootOption(l);
+  l->add_flag("--json", opt.json, "Print a JSON array");
+  l->callback(guarded(list));
+
+  readCommands<IgpResults>(cmd, "result identifiers: 7");
+
+  auto* f = tableCommand<IgpResults>(cmd, "write", "Create the table (empty) and store sample records 1..N", write);
+  f->add_option("--records", opt.records, "How many sample records")->required();
+  f->add_option("--size", opt.size, "Capacity of the table (default 1024)")->check(CLI::Range(1u, Shelf::kMaxCapacity));
+  f->add_option("--first", opt.first, "Key of the first record (default 1)")->check(CLI::Range(1u, UINT32_MAX));
+  f->add_option("--hold", opt.hold, "Keep the table open this many seconds after writing (default 0)")
+      ->check(tools::seconds);
+});
+
+tools::CommandRegistration filteredRoutes("filtered-routes", [](CLI::App& app) {
+  auto* cmd = app.add_subcommand("filtered-routes",
+                                 "Show or watch a shared-memory filtered-route table (listed by igp-results list)");
+  cmd->require_subcommand(1);
+  readCommands<FilteredRoutes>(cmd, "prefixes: 10.0.0.0/24");
+});
+
+}  // namespace
