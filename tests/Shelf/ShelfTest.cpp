@@ -545,7 +545,9 @@ TEST(Shelf, TheFileFormatIsPinned) {
   EXPECT_NE(reports[0].find("a link in the chain of bucket 1 names record 0x2c, which slot 1 does not hold"),
             std::string::npos) << reports[0];
 
-  // Once a new writer has replaced the file, the inline lookup no longer answers from it.
+  // Mended, the record serves again; once a new writer has replaced the file, no longer.
+  Damage(where.fullPath()).base[4096 + 48 + 16 + 4] ^= 0x20;
+  EXPECT_EQ((r.findAtHome<8, 8>)('k', 1, 1, value), instruction);
   w.reset();
   w = Shelf::Writer::create(where, {"Pin::Type", "rows", "pin"}, {4, 8, 8, 0});
   EXPECT_FALSE((r.findAtHome<8, 8>)('k', 1, 1, value));
