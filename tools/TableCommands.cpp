@@ -194,13 +194,14 @@ struct TableShown {
   std::uint32_t writerPid = 0;  // of the writer that created the file, open or not
   std::uint64_t changes = 0;    // published by that writer
   tools::JsonStamp created;     // when that writer created the file
+  tools::JsonStamp lastChange;  // when it last published a change (its creation, until the first)
   friend constexpr auto kelpType(Kelp::Tag<TableShown>) {
     return Kelp::valueType<TableShown>(
         "tools::TableShown", Kelp::field("kind", &TableShown::kind), Kelp::field("name", &TableShown::name),
         Kelp::field("records", &TableShown::records), Kelp::field("capacity", &TableShown::capacity),
         Kelp::field("version", &TableShown::version), Kelp::field("writerOpen", &TableShown::writerOpen),
         Kelp::field("writerPid", &TableShown::writerPid), Kelp::field("changes", &TableShown::changes),
-        Kelp::field("created", &TableShown::created));
+        Kelp::field("created", &TableShown::created), Kelp::field("lastChange", &TableShown::lastChange));
   }
 };
 
@@ -232,7 +233,8 @@ void listKind(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, tools::JsonList
                          r->writerOpen(),
                          r->writerPid(),
                          r->changeCount(),
-                         {r->createdAt()}});
+                         {r->createdAt()},
+                         {r->lastChangeAt()}});
   }
 }
 
@@ -247,13 +249,15 @@ void list(const Options& opt) {
     std::printf("no tables under %s\n", em->root().c_str());
   } else {
     std::vector<std::vector<std::string>> rows = {
-        {"kind", "name", "records", "capacity", "version", "writer", "changes", "created"}};
+        {"kind", "name", "records", "capacity", "version", "writer", "changes", "created", "last change"}};
+    auto local = [](const tools::JsonStamp& s) {
+      const Kelp::LocalTime c = Kelp::localTime(static_cast<std::int64_t>(s.seconds));
+      return fmt::format("{}-{:02}-{:02} {:02}:{:02}:{:02}", c.year, c.month, c.day, c.hour, c.minute, c.second);
+    };
     for (const TableShown& t : tables.items) {
-      const Kelp::LocalTime c = Kelp::localTime(static_cast<std::int64_t>(t.created.seconds));
-      rows.push_back(
-          {t.kind, t.name, std::to_string(t.records), std::to_string(t.capacity), std::to_string(t.version),
-           t.writerOpen ? fmt::format("pid {}", t.writerPid) : "closed", std::to_string(t.changes),
-           fmt::format("{}-{:02}-{:02} {:02}:{:02}:{:02}", c.year, c.month, c.day, c.hour, c.minute, c.second)});
+      rows.push_back({t.kind, t.name, std::to_string(t.records), std::to_string(t.capacity),
+                      std::to_string(t.version), t.writerOpen ? fmt::format("pid {}", t.writerPid) : "closed",
+                      std::to_string(t.changes), local(t.created), local(t.lastChange)});
     }
     printAligned(rows);
   }

@@ -73,6 +73,10 @@ struct FileHeader {
   std::uint32_t wakeWord;             // bumped on every change; readers futex-wait on it
   std::uint32_t occupancy;
   alignas(64) std::uint64_t scalars[kScalarCount];
+  // Wall-clock times, nanoseconds since 1970, for operators' listings: when the writer created the
+  // file and when it last announced a change (creation, until the first).
+  alignas(64) std::uint64_t createdNs;
+  std::uint64_t lastChangeNs;
 };
 static_assert(sizeof(FileHeader) <= kHeaderBytes);
 static_assert(offsetof(FileHeader, geometryChecksum) % 8 == 0);
@@ -112,6 +116,12 @@ inline void copyWordsIn(std::uint8_t* dst, const std::uint8_t* src, std::size_t 
 }
 inline void copyWordsOut(std::uint8_t* dst, const std::uint8_t* src, std::size_t bytes) {
   for (std::size_t i = 0; i < bytes; i += 8) store<std::uint64_t>(dst + i, get64(src + i), kWordStore);
+}
+
+inline std::uint64_t realtimeNs() {
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  return static_cast<std::uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
 inline std::uint64_t monotonicNs() {

@@ -596,10 +596,12 @@ std::uint64_t Reader::changeCount() const {
 
 double Reader::createdAt() const {
   const Mapping* m = current();
-  struct statx st {};
-  if (m == nullptr || statx(m->fd, "", AT_EMPTY_PATH, STATX_BTIME | STATX_CTIME, &st) != 0) return 0;
-  const statx_timestamp& t = (st.stx_mask & STATX_BTIME) != 0 ? st.stx_btime : st.stx_ctime;
-  return static_cast<double>(t.tv_sec) + t.tv_nsec * 1e-9;
+  return m == nullptr ? 0 : static_cast<double>(load<std::uint64_t>(&m->header->createdNs, __ATOMIC_RELAXED)) * 1e-9;
+}
+
+double Reader::lastChangeAt() const {
+  const Mapping* m = current();
+  return m == nullptr ? 0 : static_cast<double>(load<std::uint64_t>(&m->header->lastChangeNs, __ATOMIC_RELAXED)) * 1e-9;
 }
 
 }  // namespace Shelf

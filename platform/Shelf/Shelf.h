@@ -508,14 +508,15 @@ class Reader {
   Bytes mappedBytes() const;
   // Of the attached file, for operators' listings (0 when unattached): its format version; the
   // pid of the writer that created it (writerOpen says whether that writer still holds it); the
-  // changes its writer has published in it; and when it was created, in seconds since 1970 (its
-  // birth time, else its change time where the file system keeps none). The file records no
-  // time of its last change, and its modification time cannot stand for one: a write through a
-  // shared mapping of a tmpfs file updates it only the first time it touches a page.
+  // changes its writer has published in it; when it was created and when its writer last
+  // announced a change, in seconds since 1970 (the writer notes both in the file: a file's own
+  // modification time cannot stand for them, as a write through a shared mapping of a tmpfs file
+  // updates it only the first time it touches a page).
   std::uint32_t formatVersion() const;
   std::uint32_t writerPid() const;
   std::uint64_t changeCount() const;
   double createdAt() const;
+  double lastChangeAt() const;
 
  private:
   detail::Mapping* current() const;

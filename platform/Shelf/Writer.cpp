@@ -201,6 +201,7 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
   h->geometryChecksum = headerChecksum(h);
   h->live = h->liveMark;
   h->writerOpen = 1;
+  h->createdNs = h->lastChangeNs = realtimeNs();
   map->header = h;
   map->adopt(h);
 
@@ -388,6 +389,7 @@ void Writer::announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex) {
   store<std::uint64_t>(&m.header->ringHead, ringHead_, __ATOMIC_RELEASE);
   store<std::uint32_t>(&m.header->wakeWord, load<std::uint32_t>(&m.header->wakeWord, __ATOMIC_RELAXED) + 1,
                        __ATOMIC_RELEASE);
+  store<std::uint64_t>(&m.header->lastChangeNs, realtimeNs(), __ATOMIC_RELAXED);
   // A wake-up is a system call; during a burst readers are awake and polling anyway, so one per
   // interval is enough.
   std::uint64_t now = monotonicNs();

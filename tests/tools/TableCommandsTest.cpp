@@ -83,6 +83,7 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
     EXPECT_EQ(std::make_tuple(t["kind"], t["name"], t["records"], t["writerOpen"], t["changes"]), want[i]) << t;
     EXPECT_EQ(std::make_tuple(t["version"], t["writerPid"]), std::make_tuple(Shelf::detail::kVersion, getpid())) << t;
     EXPECT_GT(t["created"].get<double>(), 1.7e9) << t;
+    EXPECT_GE(t["lastChange"].get<double>(), t["created"].get<double>()) << t;
   }
   EXPECT_TRUE(runTool("igp-results list --root " + root.path())
                   .out.starts_with("kind             name    records  capacity  version  writer"));
