@@ -444,8 +444,10 @@ TEST(ShelfProcess, AnotherLocalUserCanNeitherBlockNorFakeNorPlantATable) {
     const int planted = open((root.path() + "/open/table").c_str(), O_RDWR | O_CREAT | O_EXCL, 0644);
     wrong |= planted < 0 ? 8 : 0;
     locked.send('p');
-    if (!go.receive(c)) return 95;  // the writer has closed
-    wrong |= fcntl(fd, F_OFD_SETLK, &lock) != 0 ? 16 : 0;  // now it may take a read lock
+    if (!go.receive(c)) return 95;  // the next writer was killed
+    close(fd);
+    const int dead = open((dir + "table").c_str(), O_RDONLY);
+    wrong |= fcntl(dead, F_OFD_SETLK, &lock) != 0 ? 16 : 0;  // now it may take a read lock
     locked.send('l');
     go.receive(c);  // held until the parent has looked
     return wrong;
@@ -480,13 +482,27 @@ TEST(ShelfProcess, AnotherLocalUserCanNeitherBlockNorFakeNorPlantATable) {
     EXPECT_NE(std::string(e.what()).find(root.path() + "/mine belongs to user " + std::to_string(uid)), std::string::npos)
         << e.what();
   }
+  // A writer killed (its file still says open), and the other user's read lock on its file.
   w.reset();
+  Pipe up;
+  Children writers;
+  const pid_t killed = writers.fork([&] {
+    auto dying = Shelf::Writer::create(where, labels, {8, 8, 8, 0});
+    dying->put(k("k"), 0, k("dead"));
+    up.send('u');
+    return pause();
+  });
+  up.closeWrite();
+  ASSERT_TRUE(up.receive(c));
+  ::kill(killed, SIGKILL);
+  ASSERT_EQ(writers.exitCode(killed), 128 + SIGKILL);
   go.send('g');
   ASSERT_TRUE(locked.receive(c));
+  std::uint8_t out[8];
+  ASSERT_EQ(r.find(k("k"), 0, out, sizeof out), 4u);  // the dead writer's file
   EXPECT_FALSE(r.writerOpen()) << "another user's read lock passed for the writer";
   w = Shelf::Writer::create(where, labels, {8, 8, 8, 0});  // not blocked by it
   w->put(k("k"), 0, k("again"));
-  std::uint8_t out[8];
   EXPECT_EQ(r.find(k("k"), 0, out, sizeof out), 5u);
   EXPECT_TRUE(r.writerOpen());
   go.send('g');
