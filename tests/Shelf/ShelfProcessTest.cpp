@@ -26,6 +26,7 @@
 #include <tuple>
 
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -475,13 +476,9 @@ TEST(ShelfProcess, AnotherLocalUserCanNeitherBlockNorFakeNorPlantATable) {
               std::string::npos) << refused[0];
   }
   // A root made by another user is refused to a writer, naming it and its owner.
-  try {
-    Shelf::Writer::create(Shelf::Location(root.path() + "/mine", "t"), labels, {8, 8, 8, 0});
-    ADD_FAILURE() << "built under another user's root";
-  } catch (const Shelf::Exception& e) {
-    EXPECT_NE(std::string(e.what()).find(root.path() + "/mine belongs to user " + std::to_string(uid)), std::string::npos)
-        << e.what();
-  }
+  EXPECT_THAT([&] { Shelf::Writer::create(Shelf::Location(root.path() + "/mine", "t"), labels, {8, 8, 8, 0}); },
+              testing::ThrowsMessage<Shelf::Exception>(
+                  testing::HasSubstr(root.path() + "/mine belongs to user " + std::to_string(uid))));
   // A writer killed (its file still says open), and the other user's read lock on its file.
   w.reset();
   Pipe up;

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/Shelf/Format.h"
@@ -129,12 +130,8 @@ TEST(Shelf, MountPathsThatWouldLeaveTheRootAreRefusedAndEveryOtherLeafHoldsATabl
   std::filesystem::create_directories(root.path() + "/names/.new.new");
   EXPECT_NO_THROW(Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}));
   std::filesystem::create_directories(root.path() + "/names/.new.new/inside");
-  EXPECT_THROW(
-      try { Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}); } catch (const Shelf::Exception& e) {
-        EXPECT_NE(std::string(e.what()).find("cannot create .new.new: File exists"), std::string::npos) << e.what();
-        throw;
-      },
-      Shelf::Exception);
+  EXPECT_THAT([&] { Shelf::Writer::create(where, kLabels, {8, 8, 8, 0}); },
+              testing::ThrowsMessage<Shelf::Exception>(testing::HasSubstr("cannot create .new.new: File exists")));
   // The root, when none is given.
   const char* saved = std::getenv("BGPCOMMON_SHM_ROOT");
   const std::string keep = saved != nullptr ? saved : "";
