@@ -453,14 +453,12 @@ void bindTables(py::module_& m) {
       .def("__exit__", [](Table& t, py::args) { t.close(); });
 
   bindTable<IgpResultStatus>(m, table, "IgpResultTable",
-                             "IgpResultTable(name, root=None, *, missing_ok=False, on_corruption=None)\n\n"
                              "The IGP results of routing/rib/igpResultStatus/<name> under root (default "
                              "$BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon), by identifier (see Table).\n"
                              "A missing root or table raises FileNotFoundError (NotADirectoryError for a "
                              "root that is not a folder) unless missing_ok, which attaches to a table its "
                              "writer has yet to create.");
   bindTable<FilteredRtStatus>(m, table, "FilteredRouteTable",
-                              "FilteredRouteTable(name, root=None, *, missing_ok=False, on_corruption=None)\n\n"
                               "The filtered routes of routing/rib/filteredRtStatus/<name> under root, by "
                               "prefix (see Table and IgpResultTable).");
 }

@@ -129,17 +129,17 @@ void bindWire(py::module_& m) {
 RouteTarget(text) reads the operator's forms ("100:5", "70000:5", "1.4464:5", "100L:5",
 "10.0.0.1:7", "0x" and 16 hex digits) strictly, as the bgpcommon tool does: every number decimal,
 without sign, blank or leading zero, and within its field. Bad text raises RangeError naming it.
-RouteTarget(number) takes the 64-bit value, RouteTarget(asn, local) and
-RouteTarget(IPv4Address, local) the two administrators, as the text "GLOBAL:LOCAL" would.
+RouteTarget(number) takes the 64-bit value; RouteTarget(asn, local_admin) and
+RouteTarget(IPv4Address, local_admin) the two administrators, as the text "GLOBAL:LOCAL" would.
 int(rt) is the value, bytes(rt) the eight octets as they travel (RouteTarget.from_bytes() reads
 them back from any bytes-like object); route targets compare and sort by value.)")
-      .def(py::init([](py::handle v) {
+      .def(py::init([](py::handle v, py::handle local) {
+             if (!local.is_none()) return routeTargetFromPair(v, local);
              if (PyUnicode_Check(v.ptr())) return routeTargetFromText(v);
              if (PyLong_Check(v.ptr()) && !PyBool_Check(v.ptr())) return routeTargetFromNumber(v);
              raise(PyExc_TypeError, std::string("RouteTarget() takes a text or an int, not ") + Py_TYPE(v.ptr())->tp_name);
            }),
-           py::arg("value"))
-      .def(py::init(&routeTargetFromPair), py::arg("global_admin"), py::arg("local_admin"))
+           py::arg("value"), py::arg("local_admin") = py::none())
       .def_static("from_bytes", &routeTargetFromOctets, py::arg("octets"),
                   "The route target of eight octets as they travel.")
       .def_property_readonly("value", [](const RouteTarget& rt) { return rt.value; }, "The 64-bit value.")
