@@ -189,6 +189,7 @@ def test_route_target(text, value, plain, asdot, parts):
     assert bgpcommon.RouteTarget(value) == bgpcommon.RouteTarget(parts[2], parts[3]) == rt
     assert hash(bgpcommon.RouteTarget(plain)) == hash(rt) and pickle.loads(pickle.dumps(rt)) == rt
     assert rt != None and rt not in ["x", 1] and rt != value  # noqa: E711
+    pytest.raises(TypeError, sorted, [rt, value]).match("not supported between")  # Python's own refusal
     pytest.raises(ValueError, bgpcommon.RouteTarget.from_bytes, octets[:7])  # needs eight
 
 
@@ -221,6 +222,7 @@ def test_serialize_writes_network_order():
     (lambda s: s.add_ipv4(ipaddress.IPv6Address("::1")), TypeError),
     (lambda s: s.add_data("text"), TypeError),
     (lambda s: s.patch_u16(0, 1), IndexError),
+    (lambda s: s.patch_u8(-1, 0), IndexError),
 ])
 def test_serialize_refuses(call, error):
     with pytest.raises(error):
