@@ -2,6 +2,7 @@
 // The pieces of the bgpcommon Python module, one per source file, and what they share.
 
 #include <any>
+#include <exception>
 #include <string>
 #include <string_view>
 #include <typeinfo>
@@ -49,6 +50,23 @@ PyObject* rangeError();
 // A copy of the bytes of any object with the buffer protocol (bytes, bytearray, memoryview, ...);
 // TypeError naming `what` otherwise (a str included).
 std::string bytesLike(py::handle obj, std::string_view what);
+
+// Runs f() without the GIL, then takes the GIL back. Not py::gil_scoped_release: once the
+// interpreter is exiting, taking the GIL back ends a daemon thread by unwinding its stack, which
+// that class's destructor (noexcept) turns into std::terminate, so a program that follows a table
+// from a daemon thread would abort at exit.
+template <typename F>
+void withoutGil(F&& f) {
+  PyThreadState* state = PyEval_SaveThread();
+  std::exception_ptr error;
+  try {
+    f();
+  } catch (...) {
+    error = std::current_exception();
+  }
+  PyEval_RestoreThread(state);
+  if (error) std::rethrow_exception(error);
+}
 
 void bindValues(py::module_& m);
 void bindWire(py::module_& m);

@@ -228,13 +228,14 @@ class Table : public ChangeSink {
       if (!changes_.empty()) return true;
       const double left = limit - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       if (left <= 0) return false;
-      {
-        py::gil_scoped_release release;
+      bool closed = false;
+      withoutGil([&] {
         std::shared_lock life(lifeMutex_);
         std::lock_guard poll(pollMutex_);
-        if (entityGone()) break;
-        control()->waitForChanges(std::min(kWaitSlice, left));
-      }
+        closed = entityGone();
+        if (!closed) control()->waitForChanges(std::min(kWaitSlice, left));
+      });
+      if (closed) break;
       if (PyErr_CheckSignals() != 0) throw py::error_already_set();
     }
     throw py::value_error("the table is closed");
@@ -250,12 +251,11 @@ class Table : public ChangeSink {
   }
 
   void close() {
-    {
-      py::gil_scoped_release release;
+    withoutGil([&] {
       std::unique_lock life(lifeMutex_);
       std::lock_guard poll(pollMutex_);
       detach();
-    }
+    });
     changes_.clear();
   }
 
@@ -297,8 +297,7 @@ class Table : public ChangeSink {
   std::shared_lock<std::shared_mutex> alive() {
     std::shared_lock<std::shared_mutex> lock(lifeMutex_, std::try_to_lock);
     if (!lock.owns_lock()) {
-      py::gil_scoped_release release;  // a close() in progress
-      lock.lock();
+      withoutGil([&] { lock.lock(); });  // a close() in progress
     }
     if (entityGone()) throw py::value_error("the table is closed");
     return lock;
@@ -453,14 +452,12 @@ void bindTables(py::module_& m) {
       .def("__exit__", [](Table& t, py::args) { t.close(); });
 
   bindTable<IgpResultStatus>(m, table, "IgpResultTable",
-                             "IgpResultTable(name, root=None, *, missing_ok=False, on_corruption=None)\n\n"
                              "The IGP results of routing/rib/igpResultStatus/<name> under root (default "
                              "$BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon), by identifier (see Table).\n"
                              "A missing root or table raises FileNotFoundError (NotADirectoryError for a "
                              "root that is not a folder) unless missing_ok, which attaches to a table its "
                              "writer has yet to create.");
   bindTable<FilteredRtStatus>(m, table, "FilteredRouteTable",
-                              "FilteredRouteTable(name, root=None, *, missing_ok=False, on_corruption=None)\n\n"
                               "The filtered routes of routing/rib/filteredRtStatus/<name> under root, by "
                               "prefix (see Table and IgpResultTable).");
 }

@@ -78,6 +78,11 @@ struct Conversion {
   // number, numberText, enumeration: the Python class; enumeration: the enumerators by name.
   PyObject* pyClass = nullptr;
   std::unordered_map<std::string, PyObject*> enumerators;
+  // enumeration whose default value has no name (a zero left unnamed): that value, in Python (as
+  // Level(0) gives it) and in C++. Null and empty otherwise.
+  PyObject* unnamedDefault = nullptr;
+  PyObject* unnamedNumber = nullptr;
+  std::any defaultValue;
   NativeToPython toNative = nullptr;
   NativeFromPython fromNative = nullptr;
   // Text form and parser, where the type has them.
@@ -181,9 +186,17 @@ void fillFromRegistry(Conversion& c, const Kelp::TypeInfo& t) {
     c.kind = Kind::enumeration;
     py::list entries;
     for (const Kelp::EnumEntryInfo& e : t.enumerators) entries.append(py::make_tuple(std::string(e.name), e.value));
-    py::object cls = pythonTypes().native.attr("enum_type")(std::string(t.name), pythonNameOf(t), entries);
+    py::object unnamed = py::none();
+    std::any byDefault = t.defaultValue != nullptr ? t.defaultValue() : std::any();
+    if (byDefault.has_value() && isDecimal(t.valueToStrep(byDefault))) unnamed = py::int_(std::stoull(t.valueToStrep(byDefault)));
+    py::object cls = pythonTypes().native.attr("enum_type")(std::string(t.name), pythonNameOf(t), entries, unnamed);
     py::dict byName = cls.attr("_by_name");
     for (auto item : byName) c.enumerators.emplace(item.first.cast<std::string>(), item.second.ptr());
+    if (!unnamed.is_none()) {
+      c.unnamedDefault = py::dict(cls.attr("_by_number"))[unnamed].ptr();  // the class holds both
+      c.unnamedNumber = unnamed.release().ptr();
+      c.defaultValue = std::move(byDefault);
+    }
     c.pyClass = cls.release().ptr();
     return;
   }
@@ -340,6 +353,7 @@ py::object toPython(const std::any& v, const Conversion& c) {
       Kelp::String name = c.print(v);
       auto it = c.enumerators.find(name);
       if (it != c.enumerators.end()) return py::reinterpret_borrow<py::object>(it->second);
+      if (c.unnamedDefault != nullptr && name == c.print(c.defaultValue)) return py::reinterpret_borrow<py::object>(c.unnamedDefault);
       return py.native.attr("unnamed_enumerator")(py::handle(c.pyClass), std::stoull(name));
     }
     case Kind::number:
@@ -444,6 +458,11 @@ std::any fromPython(py::handle obj, const Conversion& c, std::string_view what) 
       return Brim::MaybeU63(v);
     }
     case Kind::enumeration: {
+      // The unnamed default is no text the parser reads, but a value of the type all the same.
+      if (c.unnamedDefault != nullptr &&
+          (o == c.unnamedDefault || (isInt && PyObject_RichCompareBool(o, c.unnamedNumber, Py_EQ) == 1))) {
+        return c.defaultValue;
+      }
       if (PyUnicode_Check(o)) return parseAs(c, std::string(py::str(obj)), what, rangeError());
       if (isInt) return parseAs(c, decimal(obj), what, rangeError());
       wrongType(what, "an enumerator name or number", obj);
@@ -795,6 +814,29 @@ const char* kindName(Kelp::AttrKind k) {
   return "?";
 }
 
+// (name, default) of each field of `t`, the default in its Python form (Ellipsis when it has none);
+// (name,) alone when the type has no default value, since every field is then needed.
+py::list fieldDefaults(const Kelp::TypeInfo& t) {
+  const TypeCache& c = cacheOf(&t);
+  py::list out;
+  for (std::size_t i = 0; i < c.fieldCount; ++i) {
+    const Attribute& a = c.attributes[i];
+    py::str name(std::string(a.info->name));
+    if (!c.defaultValue.has_value()) {
+      out.append(py::make_tuple(name));
+      continue;
+    }
+    py::object d = py::ellipsis();
+    try {
+      d = toPython(attributeOp(t, const_cast<std::any&>(c.defaultValue), &a.base, Kelp::attrOpGet), *a.conversion);
+    } catch (const std::exception&) {
+      // a field Python cannot hold (a pointer): left at its default unless given
+    }
+    out.append(py::make_tuple(name, d));
+  }
+  return out;
+}
+
 // A value of a number-like type from a Python int.
 std::any numberFrom(const std::string& typeName, py::handle n) {
   const Kelp::TypeInfo& t = typeNamed(typeName);
@@ -947,12 +989,8 @@ give the JSON of the tool's --json. Values pickle and copy.)");
         if (c.pyClass != nullptr) {
           (*ns)[py::str(name)] = py::reinterpret_borrow<py::object>(c.pyClass);
         } else if (c.kind == Kind::value) {
-          const Kelp::TypeInfo* type = t;
-          (*ns)[py::str(name)] = py::cpp_function([type](py::args args, const py::kwargs& fields) {
-            if (args.size() == 1 && fields.size() == 0) return toPython(parseText(*type, latin1Bytes(args[0], type->name)));
-            if (args.size() != 0) throw py::type_error(std::string(type->name) + "() takes fields by name, or one text");
-            return toPython(buildValue(*type, fields, nullptr));
-          }, py::name(name.c_str()));
+          (*ns)[py::str(name)] = pythonTypes().native.attr("value_constructor")(
+              name, std::string(t->name), t->strepToValue != nullptr, fieldDefaults(*t));
         }
       }
       return ns;

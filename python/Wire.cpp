@@ -1,4 +1,5 @@
 // What travels in BGP messages: route targets and the message serializer.
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,6 +59,14 @@ RouteTarget routeTargetFromOctets(py::handle b) {
   return RouteTarget(v);
 }
 
+// a OP b by value for two route targets; NotImplemented for any other b, so that Python asks b and
+// then answers as it does for unrelated types (== False, < TypeError).
+template <typename Op>
+py::object compared(const RouteTarget& a, py::handle b) {
+  if (!py::isinstance<RouteTarget>(b)) return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+  return py::bool_(Op{}(a.value, b.cast<const RouteTarget&>().value));
+}
+
 // A Serialize with lengths to fill in: the library's writer only appends, so the octets patched
 // after the fact are kept here and laid over its bytes when they are read.
 struct Writer {
@@ -98,6 +107,21 @@ std::uint64_t unsignedArg(py::handle v, const std::type_info& type, const char* 
   return toPython(a).cast<std::uint64_t>();
 }
 
+// The offset of octets already written; IndexError for one that is not (a negative one included),
+// TypeError for anything but an int.
+std::uint32_t offsetArg(const Writer& w, py::handle offset, const char* method) {
+  if (!PyLong_Check(offset.ptr()) || PyBool_Check(offset.ptr())) {
+    raise(PyExc_TypeError, std::string(method) + " offset: expected an int, not " + Py_TYPE(offset.ptr())->tp_name);
+  }
+  int overflow = 0;
+  const long long at = PyLong_AsLongLongAndOverflow(offset.ptr(), &overflow);
+  if (overflow != 0 || at < 0 || at >= w.s.writeOffset()) {
+    raise(PyExc_IndexError, std::string(method) + " offset " + py::str(offset).cast<std::string>() +
+                                " is not within the " + std::to_string(w.s.writeOffset()) + " octets written");
+  }
+  return static_cast<std::uint32_t>(at);
+}
+
 template <typename T>
 T addressArg(py::handle v, const char* method) {
   return std::any_cast<T>(fromPython(v, conversionFor(typeid(T)), method));
@@ -129,17 +153,17 @@ void bindWire(py::module_& m) {
 RouteTarget(text) reads the operator's forms ("100:5", "70000:5", "1.4464:5", "100L:5",
 "10.0.0.1:7", "0x" and 16 hex digits) strictly, as the bgpcommon tool does: every number decimal,
 without sign, blank or leading zero, and within its field. Bad text raises RangeError naming it.
-RouteTarget(number) takes the 64-bit value, RouteTarget(asn, local) and
-RouteTarget(IPv4Address, local) the two administrators, as the text "GLOBAL:LOCAL" would.
+RouteTarget(number) takes the 64-bit value; RouteTarget(asn, local_admin) and
+RouteTarget(IPv4Address, local_admin) the two administrators, as the text "GLOBAL:LOCAL" would.
 int(rt) is the value, bytes(rt) the eight octets as they travel (RouteTarget.from_bytes() reads
 them back from any bytes-like object); route targets compare and sort by value.)")
-      .def(py::init([](py::handle v) {
+      .def(py::init([](py::handle v, py::handle local) {
+             if (!local.is_none()) return routeTargetFromPair(v, local);
              if (PyUnicode_Check(v.ptr())) return routeTargetFromText(v);
              if (PyLong_Check(v.ptr()) && !PyBool_Check(v.ptr())) return routeTargetFromNumber(v);
              raise(PyExc_TypeError, std::string("RouteTarget() takes a text or an int, not ") + Py_TYPE(v.ptr())->tp_name);
            }),
-           py::arg("value"))
-      .def(py::init(&routeTargetFromPair), py::arg("global_admin"), py::arg("local_admin"))
+           py::arg("value"), py::arg("local_admin") = py::none())
       .def_static("from_bytes", &routeTargetFromOctets, py::arg("octets"),
                   "The route target of eight octets as they travel.")
       .def_property_readonly("value", [](const RouteTarget& rt) { return rt.value; }, "The 64-bit value.")
@@ -160,18 +184,12 @@ them back from any bytes-like object); route targets compare and sort by value.)
       .def("__int__", [](const RouteTarget& rt) { return rt.value; })
       .def("__str__", [](const RouteTarget& rt) { return rt.toStrep(false); })
       .def("__repr__", [](const RouteTarget& rt) { return "RouteTarget('" + rt.toStrep(false) + "')"; })
-      .def("__eq__", [](const RouteTarget& a, py::handle b) -> py::object {
-        if (!py::isinstance<RouteTarget>(b)) return py::reinterpret_borrow<py::object>(Py_NotImplemented);
-        return py::bool_(a.value == b.cast<const RouteTarget&>().value);
-      })
-      .def("__ne__", [](const RouteTarget& a, py::handle b) -> py::object {
-        if (!py::isinstance<RouteTarget>(b)) return py::reinterpret_borrow<py::object>(Py_NotImplemented);
-        return py::bool_(a.value != b.cast<const RouteTarget&>().value);
-      })
-      .def("__lt__", [](const RouteTarget& a, const RouteTarget& b) { return a.value < b.value; })
-      .def("__le__", [](const RouteTarget& a, const RouteTarget& b) { return a.value <= b.value; })
-      .def("__gt__", [](const RouteTarget& a, const RouteTarget& b) { return a.value > b.value; })
-      .def("__ge__", [](const RouteTarget& a, const RouteTarget& b) { return a.value >= b.value; })
+      .def("__eq__", compared<std::equal_to<>>)
+      .def("__ne__", compared<std::not_equal_to<>>)
+      .def("__lt__", compared<std::less<>>)
+      .def("__le__", compared<std::less_equal<>>)
+      .def("__gt__", compared<std::greater<>>)
+      .def("__ge__", compared<std::greater_equal<>>)
       .def("__hash__", [](const RouteTarget& rt) { return rt.hash(0); })
       .def("__reduce__", [](py::handle self) {
         return py::make_tuple(self.get_type(), py::make_tuple(self.cast<const RouteTarget&>().value));
@@ -238,13 +256,14 @@ Addresses are ipaddress objects or their text. Lengths written before what they 
         if (d.size() > 0xFFFFFFFFu) raise(PyExc_OverflowError, "Serialized bytes exceed bgpMaxExtendedMessageSize");
         add(w, [&](Serialize& s) { s.addData(reinterpret_cast<const std::uint8_t*>(d.data()), static_cast<std::uint32_t>(d.size())); });
       }, py::arg("data"))
-      .def("patch_u8", [](Writer& w, std::uint32_t offset, py::handle v) {
-        w.patch(offset, unsignedArg(v, typeid(std::uint8_t), "patch_u8()"), 1);
+      .def("patch_u8", [](Writer& w, py::handle offset, py::handle v) {
+        w.patch(offsetArg(w, offset, "patch_u8()"), unsignedArg(v, typeid(std::uint8_t), "patch_u8()"), 1);
       }, py::arg("offset"), py::arg("value"), "Overwrites an octet already written.")
-      .def("patch_u16", [](Writer& w, std::uint32_t offset, py::handle v) {
-        w.patch(offset, unsignedArg(v, typeid(std::uint16_t), "patch_u16()"), 2);
+      .def("patch_u16", [](Writer& w, py::handle offset, py::handle v) {
+        w.patch(offsetArg(w, offset, "patch_u16()"), unsignedArg(v, typeid(std::uint16_t), "patch_u16()"), 2);
       }, py::arg("offset"), py::arg("value"), "Overwrites two octets already written.")
-      .def("length", [](py::object self, unsigned octets) {
+      .def("length", [](py::object self, py::handle size) {
+        const auto octets = static_cast<unsigned>(unsignedArg(size, typeid(std::uint8_t), "length()"));
         if (octets != 1 && octets != 2) throw py::value_error("a length is 1 or 2 octets");
         return LengthScope{self, &self.cast<Writer&>(), octets};
       }, py::arg("octets") = 2,

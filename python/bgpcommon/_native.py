@@ -56,6 +56,8 @@ class Enum(str):
 
     `.name` is the name (the number's decimal text for a value without one), int() the number.
     Built from a name or a number: `Level('level1')`, `Level(1)`; anything else is ValueError.
+    A value without a name reads back from its number: the default of an enumeration whose zero
+    has no name is `Level(0)`, and so is its repr.
     """
 
     type_name = ""
@@ -84,6 +86,8 @@ class Enum(str):
         return self._number
 
     def __repr__(self):
+        if str.isdigit(self):  # no name: names are identifiers
+            return f"{type(self).__name__}({self._number})"
         return f"{type(self).__name__}({str.__repr__(self)})"
 
     def __str__(self):
@@ -161,8 +165,11 @@ def number_type(type_name, short_name):
     return cls
 
 
-def enum_type(type_name, short_name, entries):
-    """The Enum subclass of a registered enumeration; entries are (name, number) pairs."""
+def enum_type(type_name, short_name, entries, unnamed_default=None):
+    """The Enum subclass of a registered enumeration; entries are (name, number) pairs.
+
+    unnamed_default is the number of the type's default value where no enumerator names it.
+    """
     cls = _enums.get(type_name)
     if cls is None:
         cls = type(short_name, (Enum,), {"type_name": type_name, "__module__": "bgpcommon",
@@ -173,8 +180,40 @@ def enum_type(type_name, short_name, entries):
             e = _make_enumerator(cls, name, number)
             cls._by_name[name] = e
             cls._by_number.setdefault(number, e)
+        if unnamed_default is not None:
+            cls._by_number[unnamed_default] = _make_enumerator(cls, str(unnamed_default), unnamed_default)
         _enums[type_name] = cls
     return cls
+
+
+def value_constructor(name, type_name, reads_text, fields):
+    """The constructor of a registered value type that reads as a Value: `MaxRoutes(routes=1000)`
+    builds one from its fields (those left out keep the type's default) and, where the type has a
+    long text form, `MaxRoutes(text)` reads that. fields are (name, default) pairs, or (name,)
+    alone for a type without a default value, whose fields must all be given.
+    """
+    import inspect
+
+    def build(text=None, /, **values):
+        if text is None:
+            return from_fields(type_name, values)
+        if not reads_text:
+            raise TypeError(f"{name}() takes fields by name: {type_name} is not read from text")
+        if values:
+            raise TypeError(f"{name}() takes a text or fields, not both")
+        if not isinstance(text, str):
+            raise TypeError(f"{name}() takes the long text form as a str, not {type(text).__name__}")
+        return from_text(type_name, text)
+
+    p = inspect.Parameter
+    params = [p("text", p.POSITIONAL_ONLY, default=None)] if reads_text else []
+    params += [p(f[0], p.KEYWORD_ONLY, default=f[1] if len(f) > 1 else p.empty) for f in fields]
+    build.__signature__ = inspect.Signature(params)
+    build.__name__ = build.__qualname__ = name
+    build.__module__ = "bgpcommon"
+    build.__doc__ = f"A {type_name} value (a bgpcommon.Value): from its fields by name" + (
+        ", or from its long text form." if reads_text else ".")
+    return build
 
 
 def unnamed_enumerator(cls, number):

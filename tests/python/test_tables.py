@@ -101,8 +101,11 @@ def test_wait_lets_other_threads_read_and_ends_as_asked(tmp_path):
 
 def test_ctrl_c_ends_a_wait(tmp_path):
     start_writer(tmp_path, "vrf5", 1, 0).wait()
-    code = ("import bgpcommon, sys\n"
+    code = ("import bgpcommon, time, threading\n"
             f"t = bgpcommon.IgpResultTable('vrf5', root={str(tmp_path)!r}); t.changes()\n"
+            # A thread still waiting while the process exits (slowly: longer than a slice of the wait).
+            "threading.Thread(target=t.wait, daemon=True).start()\n"
+            "class SlowExit:\n    def __del__(self): time.sleep(0.2)\nslow = SlowExit()\n"
             "print('waiting', flush=True)\n"
             "try:\n    t.wait(float('inf'))\nexcept KeyboardInterrupt:\n    print('interrupted')\n")
     p = subprocess.Popen([sys.executable, "-c", code], stdout=subprocess.PIPE, text=True)
@@ -110,6 +113,7 @@ def test_ctrl_c_ends_a_wait(tmp_path):
     time.sleep(0.2)
     p.send_signal(signal.SIGINT)
     assert p.communicate(timeout=10)[0] == "interrupted\n"  # a generous cap: an endless wait hangs here
+    assert p.returncode == 0
 
 
 def test_damaged_record_is_reported_not_fatal(tmp_path):
