@@ -341,7 +341,15 @@ Mapping* Reader::refreshLocked(std::string& problem) const {
   }
   void* base = mmap(range != nullptr ? range->base : nullptr, size, PROT_READ,
                     MAP_SHARED | (range != nullptr ? MAP_FIXED : 0), fd, 0);
-  if (base == MAP_FAILED) return fail(fmt::format("cannot map: {}", std::strerror(errno)));
+  if (base == MAP_FAILED) {
+    const int saved = errno;
+    // A failed fixed mapping may have dropped the range: zeros again, for a lookup still in it.
+    if (range != nullptr) {
+      mmap(range->base, std::max(range->size, range->rangeSize), PROT_READ,
+           MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    }
+    return fail(fmt::format("cannot map: {}", std::strerror(saved)));
+  }
   auto fresh = std::make_unique<Mapping>();
   fresh->base = static_cast<std::uint8_t*>(base);
   fresh->size = size;
