@@ -252,51 +252,44 @@ py::object intOf(PyObject* cls, py::object number) {
 
 std::any fieldOf(const Kelp::TypeInfo& t, const std::any& v, std::size_t index);
 
+template <Kind K>
+void setKind(Conversion& c) {
+  c.kind = K;
+}
+
+// How a value of each C++ type a field, argument or result may have meets Python, by type.
+const std::unordered_map<std::type_index, void (*)(Conversion&)>& setters() {
+  static const std::unordered_map<std::type_index, void (*)(Conversion&)> table = {
+      {typeid(void), &setKind<Kind::empty>},
+      {typeid(bool), &setKind<Kind::boolean>},
+      {typeid(std::uint8_t), &setUnsigned<std::uint8_t>},
+      {typeid(std::uint16_t), &setUnsigned<std::uint16_t>},
+      {typeid(std::uint32_t), &setUnsigned<std::uint32_t>},
+      {typeid(unsigned long), &setUnsigned<unsigned long>},
+      {typeid(unsigned long long), &setUnsigned<unsigned long long>},
+      {typeid(int), &setSigned<int>},
+      {typeid(long), &setSigned<long>},
+      {typeid(long long), &setSigned<long long>},
+      {typeid(double), &setKind<Kind::floating>},
+      {typeid(Kelp::String), &setKind<Kind::text>},
+      {typeid(Kelp::Bytes), &setKind<Kind::bytes>},
+      {typeid(Brim::MaybeU63), &setKind<Kind::maybeU63>},
+      {typeid(Routing::BgpRedistribute::CommunityArray), &setKind<Kind::communities>},
+      {typeid(Netzo::IpAddr), &setKind<Kind::ipv4>},
+      {typeid(Netzo::Ip6Addr), &setKind<Kind::ipv6>},
+      {typeid(Netzo::IpGenAddr), &setKind<Kind::ipAny>},
+      {typeid(Netzo::IpGenPrefix), &setKind<Kind::prefix>},
+  };
+  return table;
+}
+
 }  // namespace
 
 const Conversion& conversionFor(const std::type_info& cppType) {
   auto it = conversions().find(std::type_index(cppType));
   if (it != conversions().end()) return *it->second;
   Conversion& c = newConversion(cppType);
-  if (cppType == typeid(void)) {
-    c.kind = Kind::empty;
-  } else if (cppType == typeid(bool)) {
-    c.kind = Kind::boolean;
-  } else if (cppType == typeid(std::uint8_t)) {
-    setUnsigned<std::uint8_t>(c);
-  } else if (cppType == typeid(std::uint16_t)) {
-    setUnsigned<std::uint16_t>(c);
-  } else if (cppType == typeid(std::uint32_t)) {
-    setUnsigned<std::uint32_t>(c);
-  } else if (cppType == typeid(unsigned long)) {
-    setUnsigned<unsigned long>(c);
-  } else if (cppType == typeid(unsigned long long)) {
-    setUnsigned<unsigned long long>(c);
-  } else if (cppType == typeid(int)) {
-    setSigned<int>(c);
-  } else if (cppType == typeid(long)) {
-    setSigned<long>(c);
-  } else if (cppType == typeid(long long)) {
-    setSigned<long long>(c);
-  } else if (cppType == typeid(double)) {
-    c.kind = Kind::floating;
-  } else if (cppType == typeid(Kelp::String)) {
-    c.kind = Kind::text;
-  } else if (cppType == typeid(Kelp::Bytes)) {
-    c.kind = Kind::bytes;
-  } else if (cppType == typeid(Brim::MaybeU63)) {
-    c.kind = Kind::maybeU63;
-  } else if (cppType == typeid(Routing::BgpRedistribute::CommunityArray)) {
-    c.kind = Kind::communities;
-  } else if (cppType == typeid(Netzo::IpAddr)) {
-    c.kind = Kind::ipv4;
-  } else if (cppType == typeid(Netzo::Ip6Addr)) {
-    c.kind = Kind::ipv6;
-  } else if (cppType == typeid(Netzo::IpGenAddr)) {
-    c.kind = Kind::ipAny;
-  } else if (cppType == typeid(Netzo::IpGenPrefix)) {
-    c.kind = Kind::prefix;
-  }
+  if (auto set = setters().find(std::type_index(cppType)); set != setters().end()) set->second(c);
   if (const Kelp::TypeInfo* t = Kelp::findType(cppType)) {
     Kind known = c.kind;
     fillFromRegistry(c, *t);
