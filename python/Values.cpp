@@ -763,20 +763,14 @@ py::object less(const Value& a, py::handle other, bool swap) {
 
 // repr: TypeName(field=..., ...) with the fields that differ from the type's default (all of them
 // when it has none), each as its own repr; a type without fields as TypeName('text').
+py::dict fieldsOf(const Value& v);
+
 std::string reprOf(const Value& v) {
   const TypeCache& c = cacheOf(v.type);
   if (c.fieldCount == 0) return c.pythonName + "(" + py::repr(latin1(v.type->valueToStrep(v.value))).cast<std::string>() + ")";
   std::string out = c.pythonName + "(";
-  bool first = true;
-  for (std::size_t i = 0; i < c.fieldCount; ++i) {
-    const Attribute& a = c.attributes[i];
-    std::any f = attributeOp(*v.type, const_cast<std::any&>(v.value), &a.base, Kelp::attrOpGet);
-    if (c.defaultValue.has_value() && a.conversion->print != nullptr) {
-      std::any d = attributeOp(*v.type, const_cast<std::any&>(c.defaultValue), &a.base, Kelp::attrOpGet);
-      if (a.conversion->print(f) == a.conversion->print(d)) continue;
-    }
-    out += (first ? "" : ", ") + std::string(a.info->name) + "=" + py::repr(toPython(f, *a.conversion)).cast<std::string>();
-    first = false;
+  for (const auto& [name, value] : fieldsOf(v)) {
+    out += (out.back() == '(' ? "" : ", ") + name.cast<std::string>() + "=" + py::repr(value).cast<std::string>();
   }
   return out + ")";
 }
