@@ -198,6 +198,10 @@ class FilteredRtStatus
  public:
   static constexpr std::string_view kTypeName = "Routing::BgpRedistribute::FilteredRtStatus";
   static constexpr std::string_view kCollection = "filteredRoute";
+  // Where the agent mounts its filtered-route tables (the library leaves the mount to its users;
+  // the tool, the demo and the Python module look here).
+  static constexpr std::string_view kMountPrefix = "routing/rib/filteredRtStatus/";
+  static Kelp::String mountPath(const Kelp::String& name) { return Kelp::String(kMountPrefix) + name; }
   // Reflective names: the entity's attributes, then the key and record hooks of the collection.
   static constexpr std::array<std::string_view, 10> kAttributes = {
       "name",  "filteredRoute", "filteredRouteControl", "routesProcessed", "prefix",

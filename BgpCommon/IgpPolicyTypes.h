@@ -50,6 +50,8 @@ struct IgpResultId : Kelp::ValueBase<IgpResultId> {
   constexpr explicit IgpResultId(std::uint32_t v) : value(v) {}
 
   std::uint32_t hash(std::uint32_t seed) const;
+  // Identifiers order by number (a table lists its records so).
+  friend constexpr bool operator<(IgpResultId a, IgpResultId b) { return a.value < b.value; }
   friend constexpr auto kelpType(Kelp::Tag<IgpResultId>) {
     return Kelp::valueType<IgpResultId>("Routing::BgpRedistribute::IgpResultId", Kelp::field("value", &IgpResultId::value));
   }

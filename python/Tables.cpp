@@ -1,8 +1,8 @@
 // The shared-memory status tables, read from Python.
 //
 // One implementation, the Python class Table, serves every table entity of the library
-// (KelpSharedMem::TableEntity: a collection of records keyed by their field `key`); each entity
-// adds only its traits below and a Python name: IgpResultTable (IGP results by identifier) and
+// (KelpSharedMem::TableEntity: a collection of records keyed by their field `key`, read through
+// its generic members and heard through its watchers); each entity adds only a Python name: IgpResultTable (IGP results by identifier) and
 // FilteredRouteTable (filtered routes by prefix). A Table is a reader: it never changes the table.
 // It is a read-only mapping from a record's key to the record, and collects changes as they are
 // polled:
@@ -54,70 +54,13 @@ using Routing::BgpRedistribute::IgpResult;
 using Routing::BgpRedistribute::IgpResultId;
 using Routing::BgpRedistribute::IgpResultStatus;
 
-constexpr const char* kResync = "resync";
-constexpr const char* kWriterClosed = "writer closed";
-constexpr const char* kWriterOpen = "writer open";
-
 PyObject* corruptionError = nullptr;
 
-// What a table's notifiee hears, whatever the table: a key changed, the writer closed or opened,
-// everything must be read again.
-class ChangeSink {
- public:
-  virtual ~ChangeSink() = default;
-  virtual void changedKey(std::any key) = 0;
-  virtual void quiesced(bool closed) = 0;
-  virtual void resync() = 0;
-};
-
-// ---- Traits of each table entity: the names its members carry ------------------------------
-
-template <typename Entity>
-struct TableTraits;
-
-template <>
-struct TableTraits<IgpResultStatus> {
-  static Kelp::String mountPath(const std::string& name) { return IgpResultStatus::mountPath(name); }
-  static std::optional<IgpResult> find(const IgpResultStatus& e, IgpResultId key) { return e.result(key); }
-  template <typename F>
-  static void forEach(const IgpResultStatus& e, F&& fn) {
-    e.resultForEach(fn);
-  }
-  static std::uint32_t count(const IgpResultStatus& e) { return e.resultCount(); }
-  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const IgpResultStatus& e) { return e.resultControl(); }
-  static bool keyLess(IgpResultId a, IgpResultId b) { return a.value < b.value; }
-  struct Notifiee : IgpResultStatus::Notifiee {
-    ChangeSink* sink;
-    void onResult(IgpResultId key) override { sink->changedKey(key); }
-    void onResultQuiesced(bool closed) override { sink->quiesced(closed); }
-    void onResultMountStatus() override { sink->resync(); }
-  };
-};
-
-// The library leaves the mount of filtered routes to its users; the agent and the tool's demo
-// mount them here.
-template <>
-struct TableTraits<FilteredRtStatus> {
-  static Kelp::String mountPath(const std::string& name) { return "routing/rib/filteredRtStatus/" + name; }
-  static std::optional<FilteredRoute> find(const FilteredRtStatus& e, const Netzo::IpGenPrefix& key) {
-    return e.filteredRoute(key);
-  }
-  template <typename F>
-  static void forEach(const FilteredRtStatus& e, F&& fn) {
-    e.filteredRouteForEach(fn);
-  }
-  static std::uint32_t count(const FilteredRtStatus& e) { return e.filteredRouteCount(); }
-  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const FilteredRtStatus& e) {
-    return e.filteredRouteControl();
-  }
-  static bool keyLess(const Netzo::IpGenPrefix& a, const Netzo::IpGenPrefix& b) { return a < b; }
-  struct Notifiee : FilteredRtStatus::Notifiee {
-    ChangeSink* sink;
-    void onFilteredRoute(const Netzo::IpGenPrefix& key) override { sink->changedKey(key); }
-    void onFilteredRouteQuiesced(bool closed) override { sink->quiesced(closed); }
-    void onFilteredRouteMountStatus() override { sink->resync(); }
-  };
-};
+// The change tokens Python hands out are the names of the changes (Shelf::changeKindName).
+py::str changeToken(Shelf::Change::Kind kind) {
+  const std::string_view name = Shelf::changeKindName(kind);
+  return py::str(name.data(), name.size());
+}
 
 // ---- Opening -------------------------------------------------------------------------------
 
@@ -144,9 +87,9 @@ void checkTableExists(const std::string& root, const std::string& path) {
 
 // ---- The table -----------------------------------------------------------------------------
 
-class Table : public ChangeSink {
+class Table {
  public:
-  ~Table() override = default;
+  virtual ~Table() = default;
 
   std::size_t size() {
     auto life = alive();
@@ -259,13 +202,11 @@ class Table : public ChangeSink {
     changes_.clear();
   }
 
-  // ChangeSink: called from poll(), which runs with the GIL held.
-  void changedKey(std::any key) override { changes_.push_back(toPython(key)); }
-  void quiesced(bool closed) override { changes_.push_back(py::str(closed ? kWriterClosed : kWriterOpen)); }
-  void resync() override {
-    // Everything is read again: the keys before it say nothing more.
-    changes_.clear();
-    changes_.push_back(py::str(kResync));
+  // Called from poll(), which runs with the GIL held.
+  void changed(Shelf::Change::Kind kind, const std::any& key) {
+    // After a resync everything is read again: the keys before it say nothing more.
+    if (kind == Shelf::Change::Kind::resync) changes_.clear();
+    changes_.push_back(kind == Shelf::Change::Kind::key ? toPython(key) : changeToken(kind));
   }
 
  protected:
@@ -344,55 +285,54 @@ class Table : public ChangeSink {
 };
 
 template <typename Entity>
-class TableOf : public Table {
+class TableOf : public Table, KelpSharedMem::TableWatcher<typename Entity::KeyType> {
  public:
-  using Traits = TableTraits<Entity>;
   using Key = typename Entity::KeyType;
   using Record = typename Entity::RecordType;
 
   TableOf(const std::string& name, const std::optional<std::string>& root, bool missingOk, py::object onCorruption)
       : Table(std::move(onCorruption)) {
     auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.value_or(""));
-    const Kelp::String path = Traits::mountPath(name);
+    const Kelp::String path = Entity::mountPath(name);
     if (!missingOk) checkTableExists(em->root(), path);
     em->mount(path, Entity::kTypeName, {KelpSharedMem::MountMode::reader, {}});
     entity_ = Kelp::ptrDynamicCast<Entity>(em->entity(path));
     if (!entity_) throw py::value_error(path + " holds no table of type " + std::string(Entity::kTypeName));
-    listenForCorruption(*Traits::control(*entity_));
-    notifiee_.sink = this;
-    entity_->notifieeIs(&notifiee_);
+    listenForCorruption(*entity_->recordControl());
+    entity_->watcherIs(this);
   }
   ~TableOf() override { detach(); }
 
  protected:
   bool entityGone() const override { return !entity_; }
   std::optional<std::any> find(const std::any& key) const override {
-    std::optional<Record> r = Traits::find(*entity_, std::any_cast<const Key&>(key));
+    std::optional<Record> r = entity_->recordFind(std::any_cast<const Key&>(key));
     if (!r) return std::nullopt;
     return std::any(std::move(*r));
   }
   std::vector<std::any> sortedRecords() const override {
-    std::vector<Record> all;
-    Traits::forEach(*entity_, [&](const Record& r) { all.push_back(r); });
-    std::sort(all.begin(), all.end(), [](const Record& a, const Record& b) { return Traits::keyLess(a.key, b.key); });
+    std::vector<Record> all = entity_->recordsByKey();
     return std::vector<std::any>(all.begin(), all.end());
   }
-  std::size_t count() const override { return Traits::count(*entity_); }
+  std::size_t count() const override { return entity_->recordCount(); }
   const std::type_info& keyType() const override { return typeid(Key); }
   std::any keyOf(const std::any& record) const override { return std::any_cast<const Record&>(record).key; }
-  KelpShelf::CollectionControl* control() const override { return Traits::control(*entity_).get(); }
+  KelpShelf::CollectionControl* control() const override { return entity_->recordControl().get(); }
   void detach() override {
     if (!entity_) return;
     // The entity may outlive this object (its entity manager holds it too): leave it with nothing
     // pointing back here.
-    entity_->notifieeDel(&notifiee_);
-    Traits::control(*entity_)->corruptionHandlerIs([](std::string_view) {});
+    entity_->watcherDel(this);
+    entity_->recordControl()->corruptionHandlerIs([](std::string_view) {});
     entity_ = nullptr;
   }
 
  private:
+  void onTableChange(const KelpSharedMem::TableChange<Key>& c) override {
+    changed(c.kind, c.key != nullptr ? std::any(*c.key) : std::any());
+  }
+
   Kelp::Ptr<Entity> entity_;
-  typename Traits::Notifiee notifiee_;
 };
 
 constexpr const char* kTableDoc = R"(A shared-memory table, opened read-only: a mapping from a record's key to the record.
@@ -428,9 +368,9 @@ void bindTables(py::module_& m) {
                                               "A shared table held a damaged record (it read as absent).",
                                               PyExc_RuntimeError, nullptr);
   m.attr("TableCorruptionError") = py::reinterpret_borrow<py::object>(corruptionError);
-  m.attr("RESYNC") = kResync;
-  m.attr("WRITER_CLOSED") = kWriterClosed;
-  m.attr("WRITER_OPEN") = kWriterOpen;
+  m.attr("RESYNC") = changeToken(Shelf::Change::Kind::resync);
+  m.attr("WRITER_CLOSED") = changeToken(Shelf::Change::Kind::writerClosed);
+  m.attr("WRITER_OPEN") = changeToken(Shelf::Change::Kind::writerOpen);
 
   py::class_<Table> table(m, "Table", kTableDoc);
   table.def("__len__", &Table::size)

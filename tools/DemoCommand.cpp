@@ -48,7 +48,6 @@ using Routing::BgpRedistribute::IgpResultStatus;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kTableName = "static";
-constexpr const char* kFilteredRtPrefix = "routing/rib/filteredRtStatus/";
 constexpr std::uint32_t kClauses = 36;          // distinct outcomes of the policy
 constexpr std::uint32_t kUnmatchedEvery = 25;   // one route in 25 matches no clause
 constexpr std::uint32_t kReplaced[] = {5, 12, 30};  // clauses the operator later replaces
@@ -204,7 +203,7 @@ class Demo {
   void setUp() {
     em_ = Kelp::makePtr<KelpSharedMem::EntityManager>(root_.path());
     status_ = IgpResultStatus::createIgpResultStatusWriter(kTableName, em_, 4096);
-    const std::string routesPath = std::string(kFilteredRtPrefix) + kTableName;
+    const std::string routesPath = FilteredRtStatus::mountPath(kTableName);
     em_->mount(routesPath, FilteredRtStatus::kTypeName,
                {KelpSharedMem::MountMode::writer, {{Kelp::String(FilteredRtStatus::kCollection), opt_.routes + 64}}});
     routes_ = Kelp::ptrDynamicCast<FilteredRtStatus>(em_->entity(routesPath));
@@ -259,8 +258,8 @@ class Demo {
       }
     }
     routes_->routesProcessedIs(true);
-    std::fprintf(narrative, "   %u routes published with their identifiers in %s%s in %.1f ms\n\n", opt_.routes,
-                 kFilteredRtPrefix, kTableName, msSince(t0));
+    std::fprintf(narrative, "   %u routes published with their identifiers in %s in %.1f ms\n\n", opt_.routes,
+                 FilteredRtStatus::mountPath(kTableName).c_str(), msSince(t0));
   }
 
   // Runs the reader over every route (and the identifiers in `probe`) and checks its counts.
@@ -416,7 +415,7 @@ void readerMain(const ReaderOptions& opt) {
   auto helper = igpResultStatusReaderHelperFactory(status);
 
   if (opt.routes) {
-    const std::string path = std::string(kFilteredRtPrefix) + opt.name;
+    const std::string path = FilteredRtStatus::mountPath(opt.name);
     em->mount(path, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}});
     auto routes = Kelp::ptrDynamicCast<FilteredRtStatus>(em->entity(path));
     // The writer marks the table once every route is in; wait for that, but not for ever.

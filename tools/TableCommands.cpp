@@ -38,59 +38,28 @@ using Routing::BgpRedistribute::IgpResult;
 using Routing::BgpRedistribute::IgpResultId;
 using Routing::BgpRedistribute::IgpResultStatus;
 
-// What the commands know of a kind of table: its entity and records, where its tables live, how
-// an operator writes a key, and the entity's notifiee calls (passed on to a printer `P`).
+// What the commands know of a kind of table beyond what every table entity offers: its command,
+// and how an operator writes a key.
 struct IgpResults {
   using Status = IgpResultStatus;
-  using Record = IgpResult;
-  using Key = IgpResultId;
   static constexpr const char* kCommand = "igp-results";
-  static constexpr std::string_view kPrefix = IgpResultStatus::kMountPrefix;
-  static Key keyOf(const std::string& text) { return Kelp::strepToValue<IgpResultId>(text); }
-  static std::string keyText(const Key& k) { return std::to_string(k.value); }
-  static bool less(const Record& a, const Record& b) { return a.key.value < b.key.value; }
-  static std::optional<Record> find(const Status& s, const Key& k) { return s.result(k); }
-  template <typename F>
-  static void forEach(const Status& s, F&& fn) {
-    s.resultForEach(fn);
-  }
-  static std::uint32_t count(const Status& s) { return s.resultCount(); }
-  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const Status& s) { return s.resultControl(); }
-  template <typename P>
-  struct Listener : Status::Notifiee {
-    P* p;
-    explicit Listener(P* printer) : p(printer) {}
-    void onResult(IgpResultId k) override { p->changed(k); }
-    void onResultQuiesced(bool quiesced) override { p->writer(quiesced); }
-    void onResultMountStatus() override { p->resync(); }
-  };
+  static IgpResultId keyOf(const std::string& text) { return Kelp::strepToValue<IgpResultId>(text); }
+  static std::string keyText(IgpResultId k) { return std::to_string(k.value); }
 };
 
 struct FilteredRoutes {
   using Status = FilteredRtStatus;
-  using Record = FilteredRoute;
-  using Key = Netzo::IpGenPrefix;
   static constexpr const char* kCommand = "filtered-routes";
-  static constexpr std::string_view kPrefix = "routing/rib/filteredRtStatus/";
-  static Key keyOf(const std::string& text) { return Netzo::IpGenPrefix::fromString(text); }
-  static std::string keyText(const Key& k) { return k.stringValue(); }
-  static bool less(const Record& a, const Record& b) { return a.key < b.key; }
-  static std::optional<Record> find(const Status& s, const Key& k) { return s.filteredRoute(k); }
-  template <typename F>
-  static void forEach(const Status& s, F&& fn) {
-    s.filteredRouteForEach(fn);
-  }
-  static std::uint32_t count(const Status& s) { return s.filteredRouteCount(); }
-  static const Kelp::Ptr<KelpShelf::CollectionControl>& control(const Status& s) { return s.filteredRouteControl(); }
-  template <typename P>
-  struct Listener : Status::Notifiee {
-    P* p;
-    explicit Listener(P* printer) : p(printer) {}
-    void onFilteredRoute(const Netzo::IpGenPrefix& k) override { p->changed(k); }
-    void onFilteredRouteQuiesced(bool quiesced) override { p->writer(quiesced); }
-    void onFilteredRouteMountStatus() override { p->resync(); }
-  };
+  static Netzo::IpGenPrefix keyOf(const std::string& text) { return Netzo::IpGenPrefix::fromString(text); }
+  static std::string keyText(const Netzo::IpGenPrefix& k) { return k.stringValue(); }
 };
+
+template <typename K>
+using KeyOf = typename K::Status::KeyType;
+template <typename K>
+using RecordOf = typename K::Status::RecordType;
+template <typename K>
+constexpr std::string_view kPrefixOf = K::Status::kMountPrefix;
 
 struct Options {
   std::string name;
@@ -118,11 +87,11 @@ Kelp::Ptr<typename K::Status> mount(const Kelp::Ptr<KelpSharedMem::EntityManager
   if (name.find('/') != std::string::npos) {
     Pico::fmthrow<Kelp::RangeException>("table name \"{}\" refused: it holds a '/'", Kelp::quoteExcerpt(name, 64));
   }
-  const Kelp::String path = Kelp::String(K::kPrefix) + name;
+  const Kelp::String path = K::Status::mountPath(name);
   em->mount(path, K::Status::kTypeName, {KelpSharedMem::MountMode::reader, {}});
   auto status = Kelp::ptrDynamicCast<typename K::Status>(em->entity(path));
   if (!status) Pico::fmthrow<Kelp::RangeException>("{} holds no {} table", path, K::kCommand);
-  K::control(*status)->corruptionHandlerIs([](std::string_view m) {
+  status->recordControl()->corruptionHandlerIs([](std::string_view m) {
     ++damaged;
     std::fprintf(stderr, "corruption: %.*s\n", static_cast<int>(m.size()), m.data());
   });
@@ -221,13 +190,13 @@ std::vector<std::string> tableFiles(const std::string& dir) {
 
 template <typename K>
 void listKind(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, tools::JsonList<TableShown>& out) {
-  for (const std::string& name : tableFiles(em->root() + "/" + std::string(K::kPrefix))) {
+  for (const std::string& name : tableFiles(em->root() + "/" + std::string(kPrefixOf<K>))) {
     auto status = mount<K>(em, name);
-    const Shelf::Reader* r = K::control(*status)->reader();
+    const Shelf::Reader* r = status->recordControl()->reader();
     if (!r->attached()) continue;  // refused: the reason went to stderr as corruption
     out.items.push_back({K::kCommand,
                          name,
-                         K::count(*status),
+                         status->recordCount(),
                          r->capacity(),
                          r->formatVersion(),
                          r->writerOpen(),
@@ -269,17 +238,17 @@ void list(const Options& opt) {
 template <typename K>
 void show(const Options& opt) {
   Kelp::Ptr<typename K::Status> status = attach<K>(opt);
-  if (!K::control(*status)->reader()->attached()) {
-    std::fprintf(stderr, "no table at %s/%.*s%s\n", rootOf(opt).c_str(), static_cast<int>(K::kPrefix.size()),
-                 K::kPrefix.data(), opt.name.c_str());
+  if (!status->recordControl()->reader()->attached()) {
+    std::fprintf(stderr, "no table at %s/%.*s%s\n", rootOf(opt).c_str(), static_cast<int>(kPrefixOf<K>.size()),
+                 kPrefixOf<K>.data(), opt.name.c_str());
     tools::exitWith(tools::exitFailure);
   }
-  std::vector<typename K::Record> records;
+  std::vector<RecordOf<K>> records;
   bool absent = false;
   for (const std::string& text : opt.keys) {
-    std::optional<typename K::Record> r;
+    std::optional<RecordOf<K>> r;
     try {
-      r = K::find(*status, K::keyOf(text));
+      r = status->recordFind(K::keyOf(text));
     } catch (const Kelp::RangeException& e) {
       std::fprintf(stderr, "KEY \"%s\": %s\n", Kelp::quoteExcerpt(text, 64).c_str(), e.what());
       tools::exitWith(tools::exitFailure);
@@ -291,10 +260,9 @@ void show(const Options& opt) {
       absent = true;
     }
   }
-  if (opt.keys.empty()) K::forEach(*status, [&](const typename K::Record& r) { records.push_back(r); });
-  std::sort(records.begin(), records.end(), K::less);
+  if (opt.keys.empty()) records = status->recordsByKey();
   if (opt.json) {
-    std::printf("%s\n", Kelp::valueToJson(tools::JsonList<typename K::Record>{std::move(records)}).c_str());
+    std::printf("%s\n", Kelp::valueToJson(tools::JsonList<RecordOf<K>>{std::move(records)}).c_str());
   } else if (opt.longForm) {
     for (const auto& r : records) std::printf("%s\n", Kelp::valueToStrep(r).c_str());
   } else if (records.empty() && opt.keys.empty()) {
@@ -310,24 +278,24 @@ void show(const Options& opt) {
 
 // ---- watch ---------------------------------------------------------------------------------
 
-// One change as watch --json prints it, a JSON object a line:
-//   {"event":"result","key":7,"result":{...}}    record 7 written; "result":null: deleted
-//   {"event":"resync","count":50}               read the whole table again (first attach, new
-//                                               writer, clear, or a lost change)
-//   {"event":"writer","open":false}             the writer closed (true: one opened)
+// One change as watch --json prints it, a JSON object a line, its "event" a change's name
+// (Shelf::changeKindName):
+//   {"event":"key","key":7,"record":{...}}    record 7 written; "record":null: deleted
+//   {"event":"resync","count":50}             read the whole table again (first attach, new
+//                                             writer, clear, or a lost change)
+//   {"event":"writer closed"}                 the writer closed or died ("writer open": one opened)
 template <typename K>
-struct ResultEvent {
-  Kelp::String event = "result";
-  typename K::Key key;
-  tools::JsonMaybe<typename K::Record> result;
-  friend constexpr auto kelpType(Kelp::Tag<ResultEvent>) {
-    return Kelp::valueType<ResultEvent>("tools::ResultEvent", Kelp::field("event", &ResultEvent::event),
-                                        Kelp::field("key", &ResultEvent::key),
-                                        Kelp::field("result", &ResultEvent::result));
+struct KeyEvent {
+  Kelp::String event;
+  KeyOf<K> key;
+  tools::JsonMaybe<RecordOf<K>> record;
+  friend constexpr auto kelpType(Kelp::Tag<KeyEvent>) {
+    return Kelp::valueType<KeyEvent>("tools::KeyEvent", Kelp::field("event", &KeyEvent::event),
+                                     Kelp::field("key", &KeyEvent::key), Kelp::field("record", &KeyEvent::record));
   }
 };
 struct ResyncEvent {
-  Kelp::String event = "resync";
+  Kelp::String event;
   std::uint32_t count = 0;
   friend constexpr auto kelpType(Kelp::Tag<ResyncEvent>) {
     return Kelp::valueType<ResyncEvent>("tools::ResyncEvent", Kelp::field("event", &ResyncEvent::event),
@@ -335,11 +303,9 @@ struct ResyncEvent {
   }
 };
 struct WriterEvent {
-  Kelp::String event = "writer";
-  bool open = false;
+  Kelp::String event;
   friend constexpr auto kelpType(Kelp::Tag<WriterEvent>) {
-    return Kelp::valueType<WriterEvent>("tools::WriterEvent", Kelp::field("event", &WriterEvent::event),
-                                        Kelp::field("open", &WriterEvent::open));
+    return Kelp::valueType<WriterEvent>("tools::WriterEvent", Kelp::field("event", &WriterEvent::event));
   }
 };
 
@@ -347,37 +313,38 @@ struct WriterEvent {
 // must be read again (with --current followed by every record, as changes), and "writer
 // open|closed"; with --json the objects above.
 template <typename K>
-class Printer {
+class Printer : public KelpSharedMem::TableWatcher<KeyOf<K>> {
  public:
   Printer(typename K::Status* s, const Options& opt) : status_(s), opt_(opt) {}
-  void changed(const typename K::Key& key) {
+  void onTableChange(const KelpSharedMem::TableChange<KeyOf<K>>& c) override {
     if (full()) return;
-    print(key, K::find(*status_, key));
-  }
-  void resync() {
-    if (full()) return;
-    const std::uint32_t n = K::count(*status_);
-    line(opt_.json ? Kelp::valueToJson(ResyncEvent{.count = n}) : fmt::format("resync {}", n));
-    if (!opt_.current) return;
-    std::vector<typename K::Record> records;
-    K::forEach(*status_, [&](const typename K::Record& r) { records.push_back(r); });
-    std::sort(records.begin(), records.end(), K::less);
-    for (const auto& r : records) {
-      if (!full()) print(r.key, r);
+    const Kelp::String name(Shelf::changeKindName(c.kind));
+    switch (c.kind) {
+      case Shelf::Change::Kind::key:
+        print(*c.key, status_->recordFind(*c.key));
+        break;
+      case Shelf::Change::Kind::resync: {
+        const std::uint32_t n = status_->recordCount();
+        line(opt_.json ? Kelp::valueToJson(ResyncEvent{name, n}) : fmt::format("{} {}", name, n));
+        if (!opt_.current) break;
+        for (const auto& r : status_->recordsByKey()) {
+          if (!full()) print(r.key, r);
+        }
+        break;
+      }
+      default:
+        line(opt_.json ? Kelp::valueToJson(WriterEvent{name}) : name);
+        break;
     }
-  }
-  void writer(bool quiesced) {
-    if (full()) return;
-    line(opt_.json ? Kelp::valueToJson(WriterEvent{.open = !quiesced})
-                   : fmt::format("writer {}", quiesced ? "closed" : "open"));
   }
   // Lines printed: every line counts, for --count (changes that arrive after the last are dropped).
   std::uint32_t lines = 0;
   bool full() const { return opt_.count != 0 && lines >= opt_.count; }
 
  private:
-  void print(const typename K::Key& key, const std::optional<typename K::Record>& r) {
-    line(opt_.json ? Kelp::valueToJson(ResultEvent<K>{.key = key, .result = {r}})
+  void print(const KeyOf<K>& key, const std::optional<RecordOf<K>>& r) {
+    const Kelp::String name(Shelf::changeKindName(Shelf::Change::Kind::key));
+    line(opt_.json ? Kelp::valueToJson(KeyEvent<K>{name, key, {r}})
                    : K::keyText(key) + " " + (r ? Kelp::valueToStrep(*r) : "deleted"));
   }
   void line(const std::string& text) {
@@ -395,16 +362,15 @@ template <typename K>
 void watch(const Options& opt) {
   Kelp::Ptr<typename K::Status> status = attach<K>(opt);
   Printer<K> printer(status.get(), opt);
-  typename K::template Listener<Printer<K>> listener(&printer);
   struct sigaction stop {};
   stop.sa_handler = [](int) { interrupted = 1; };
   sigaction(SIGINT, &stop, nullptr);
   sigaction(SIGTERM, &stop, nullptr);
-  status->notifieeIs(&listener);
-  auto control = K::control(*status);
+  status->watcherIs(&printer);
+  auto control = status->recordControl();
   // A table that is not there yet is waited for (a watch may start before its writer), but not
   // silently, and a watch that never saw one has failed.
-  const std::string path = rootOf(opt) + "/" + std::string(K::kPrefix) + opt.name;
+  const std::string path = rootOf(opt) + "/" + std::string(kPrefixOf<K>) + opt.name;
   bool attached = control->reader()->attached();
   if (!attached) std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
   // The timeout is wall-clock time: a wait returns early whenever changes arrive. Beyond a century
@@ -421,7 +387,7 @@ void watch(const Options& opt) {
     std::fflush(stdout);
   }
   std::fflush(stdout);
-  status->notifieeDel(&listener);
+  status->watcherDel(&printer);
   if (interrupted) return;
   if (!attached) {
     std::fprintf(stderr, "no table appeared at %s within --timeout\n", path.c_str());
@@ -495,7 +461,7 @@ std::function<void()> guarded(void (*fn)(const Options&)) {
 template <typename K>
 CLI::App* tableCommand(CLI::App* parent, const char* name, const char* what, void (*fn)(const Options&)) {
   auto* c = parent->add_subcommand(name, what);
-  c->add_option("NAME", opt.name, fmt::format("Table name (the last component of {}NAME)", K::kPrefix))->required();
+  c->add_option("NAME", opt.name, fmt::format("Table name (the last component of {}NAME)", kPrefixOf<K>))->required();
   rootOption(c);
   c->callback(guarded(fn));
   return c;

@@ -33,6 +33,9 @@ inline constexpr std::size_t kHeaderBytes = 4096;
 
 // Ring entry layout: stamp (position + 1 once complete), then kind, key length, scalar index, key.
 inline constexpr std::size_t kRingHeaderBytes = 16;
+// The kinds a ring entry records, as stored in the file. A reader hands them on as the
+// Change::Kind of the same meaning; a clear reaches it as Change::Kind::resync.
+enum class RingKind : std::uint8_t { key = 0, cleared = 1, scalar = 2, writerClosed = 3 };
 
 // The writer wakes waiting readers at most this often; readers that saw a change recently poll
 // at this interval, so no change waits longer than about one interval to be noticed.

@@ -58,32 +58,7 @@ void CollectionControl::corruption(std::string_view message) const {
 std::size_t CollectionControl::poll() {
   PICO_ASSERT(reader_ != nullptr);
   return reader_->poll([this](const Shelf::Change& c) {
-    if (listener_ == nullptr) return;
-    switch (c.kind) {
-      case Shelf::Change::Kind::key:
-        listener_->onKeyChange(c.key);
-        break;
-      case Shelf::Change::Kind::scalar:
-        listener_->onScalarChange(c.scalarIndex);
-        break;
-      case Shelf::Change::Kind::writerClosed:
-        if (!quiesced_) {
-          quiesced_ = true;
-          listener_->onQuiesced(true);
-        }
-        break;
-      case Shelf::Change::Kind::cleared:
-        listener_->onResync();
-        break;
-      case Shelf::Change::Kind::resync:
-        listener_->onResync();
-        // Attached to a table afresh: its writer may have come or gone meanwhile.
-        if (quiesced_ == reader_->writerOpen()) {
-          quiesced_ = !quiesced_;
-          listener_->onQuiesced(quiesced_);
-        }
-        break;
-    }
+    if (listener_ != nullptr) listener_->onChange(c);
   });
 }
 

@@ -50,18 +50,12 @@ class CollectionControl : public Kelp::PtrInterface {
  public:
   enum class Mode : std::uint8_t { writer, reader };
 
-  // What the owner of a collection hears about it. On the writer's side the collection tells its
-  // owner itself; readers hear through poll().
+  // What the owner of a collection hears about it: each change as the reader polls it (see
+  // Shelf::Change). On the writer's side the collection tells its owner itself.
   class Listener {
    public:
     virtual ~Listener() = default;
-    virtual void onKeyChange(Shelf::Bytes key) = 0;
-    // The contents may differ in any way (first attach, a new writer, a clear, or a reader that fell
-    // behind): read everything again.
-    virtual void onResync() = 0;
-    virtual void onScalarChange(std::uint32_t /*index*/) {}
-    // The writer closed the table (true) or a new writer opened one (false).
-    virtual void onQuiesced(bool /*quiesced*/) {}
+    virtual void onChange(const Shelf::Change& change) = 0;
   };
 
   // Creates the table file; Kelp::RangeException / Shelf::Exception as Shelf::Writer::create.
@@ -104,7 +98,6 @@ class CollectionControl : public Kelp::PtrInterface {
   std::unique_ptr<Shelf::Reader> reader_;
   Shelf::CorruptionHandler handler_;
   Listener* listener_ = nullptr;  // the owner; it clears this when it goes away
-  bool quiesced_ = false;
 };
 
 // The writer met a damaged table: hand the message to the handler and stop, since continuing to

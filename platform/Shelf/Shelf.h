@@ -206,22 +206,32 @@ inline constexpr std::uint32_t kMaxRingCapacity = 1u << 20;
 // How many 64-bit scalars the header carries for the owning entity's plain attributes.
 inline constexpr std::uint32_t kScalarCount = 8;
 
-// One entry of the change ring as a reader sees it.
+// One change to a table as a reader hears it. These are the words every layer above uses for a
+// table's changes, down to the text the tool prints and the tokens Python hands out
+// (changeKindName), so that a watcher reads the same thing whichever way it listens.
 struct Change {
   enum class Kind : std::uint8_t {
     key,           // the value of `key` changed (stored, replaced or deleted)
-    cleared,       // every entry was deleted
+    resync,        // anything may have changed (first attach, a new writer, a clear, a reader that
+                   // fell behind): read everything again
+    writerClosed,  // the writer closed the table or died; its contents stay readable
+    writerOpen,    // a writer has the table open again (heard after a resync)
     scalar,        // header scalar `scalarIndex` changed
-    writerClosed,  // the writer closed the table; its contents stay readable
-    resync,        // the reader fell behind or the table was replaced: re-read everything
   };
   Kind kind;
   Bytes key;                     // for Kind::key
   std::uint32_t scalarIndex = 0;  // for Kind::scalar
 };
 
+// The name of a change: "key", "resync", "writer closed", "writer open", "scalar".
+constexpr std::string_view changeKindName(Change::Kind kind) {
+  constexpr std::string_view kNames[] = {"key", "resync", "writer closed", "writer open", "scalar"};
+  return kNames[static_cast<std::size_t>(kind)];
+}
+
 namespace detail {
 struct Mapping;
+enum class RingKind : std::uint8_t;
 
 constexpr std::size_t roundUp(std::size_t n, std::size_t to) { return (n + to - 1) / to * to; }
 
@@ -406,7 +416,7 @@ class Writer {
   // Points the head of `bucket` (predecessor kNone) or slot `predecessor`'s link at `link`.
   void link(std::uint32_t predecessor, std::uint32_t bucket, std::uint64_t link);
   void freeSlot(std::uint32_t index);
-  void announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex);
+  void announce(detail::RingKind kind, Bytes key, std::uint32_t scalarIndex);
   [[noreturn]] void corrupt(const std::string& what) const;
 
   std::unique_ptr<detail::Mapping> map_;
@@ -494,8 +504,10 @@ class Reader {
   static constexpr int kMaxWalks = 64;
 
   // Calls fn for each change since the last poll, in order, and returns how many there were. A
-  // reader that fell more than the ring's length behind, or whose table was replaced, gets one
-  // Change::Kind::resync instead of the lost entries.
+  // reader that fell more than the ring's length behind, or whose table was replaced or cleared,
+  // gets one Change::Kind::resync instead of the lost entries, followed by writerOpen or
+  // writerClosed when the writer's state differs from what the last poll told. The writer closing
+  // (or dying) is told once.
   std::size_t poll(const std::function<void(const Change&)>& fn);
   // Waits until poll has something to report or `seconds` have passed; true when it has.
   bool wait(double seconds);
@@ -559,7 +571,8 @@ class Reader {
   detail::Mapping* cursorMapping_ = nullptr;
   std::uint64_t cursor_ = 0;
   std::uint64_t lastChangeNs_ = 0;
-  bool closedSeen_ = false;  // a writerClosed change was delivered for cursorMapping_
+  bool closedSeen_ = false;  // cursorMapping_'s writer closed (its ring said so, or it died)
+  bool writerOpenTold_ = true;  // the writer's state as poll last told it
   mutable bool died_ = false;  // its writer was found dead, not yet told
   mutable std::uint64_t lastLivenessNs_ = 0;
 };

@@ -21,7 +21,11 @@
 //   };
 //   const KelpSharedMem::TableEntityRegistration<ThingStatus> thingStatusType;  // in the .cpp
 //
-// Record is a KelpShelf value type whose field `key` is its Key.
+// Record is a KelpShelf value type whose field `key` is its Key, ordered by operator<.
+//
+// Besides its named notifiees, a table has watchers: code that serves every kind of table alike
+// (the tool, the Python module) hears each change as one TableChange, in the words of
+// Shelf::Change, and reads the records with the generic members below.
 
 #include <algorithm>
 #include <array>
@@ -34,6 +38,21 @@
 #include "platform/Shelf/KelpShelf.h"
 
 namespace KelpSharedMem {
+
+// One change to a typed table: Shelf::Change with its key decoded. Scalar changes are the
+// entity's own business and are not passed on.
+template <typename Key>
+struct TableChange {
+  Shelf::Change::Kind kind;
+  const Key* key = nullptr;  // for Shelf::Change::Kind::key
+};
+
+template <typename Key>
+class TableWatcher {
+ public:
+  virtual ~TableWatcher() = default;
+  virtual void onTableChange(const TableChange<Key>& change) = 0;
+};
 
 template <typename Derived, typename Key, typename Record, typename Notifiee, auto kOnKey, auto kOnQuiesced,
           auto kOnMountStatus>
@@ -70,13 +89,28 @@ class TableEntity : public CollectionEntity<Notifiee> {
   // A new, unmounted entity of this type for a directory entry of the mount tree.
   static Kelp::Ptr<Derived> newEntityForDir(const Kelp::String& name) { return Kelp::makePtr<Derived>(name); }
 
- protected:
+  // The generic face of every table (the entity's own members carry its own names).
   std::optional<Record> recordFind(const Key& key) const { return records_.find(key); }
+  std::uint32_t recordCount() const { return records_.size(); }
+  // Every record, ordered by key.
+  std::vector<Record> recordsByKey() const {
+    std::vector<Record> all;
+    all.reserve(records_.size());
+    records_.forEach([&](const Record& r) { all.push_back(r); });
+    std::sort(all.begin(), all.end(), [](const Record& a, const Record& b) { return a.key < b.key; });
+    return all;
+  }
+  const Kelp::Ptr<KelpShelf::CollectionControl>& recordControl() const { return records_.control(); }
+  void watcherIs(TableWatcher<Key>* w) {
+    if (std::find(watchers_.begin(), watchers_.end(), w) == watchers_.end()) watchers_.push_back(w);
+  }
+  void watcherDel(TableWatcher<Key>* w) { std::erase(watchers_, w); }
+
+ protected:
   template <typename F>
   void recordForEach(F&& fn) const {
     records_.forEach(fn);
   }
-  std::uint32_t recordCount() const { return records_.size(); }
 
   // Writer only. Inserts or replaces by key, then commits; storing an equal record changes nothing.
   void recordIs(const Record& r) {
@@ -94,7 +128,6 @@ class TableEntity : public CollectionEntity<Notifiee> {
     for (const Key& k : keys) notifyKey(k);
   }
 
-  const Kelp::Ptr<KelpShelf::CollectionControl>& recordControl() const { return records_.control(); }
   void recordControlIs(const Kelp::Ptr<KelpShelf::CollectionControl>& c) {
     this->listenTo(records_.control(), c);
     records_.controlIs(c);
@@ -102,23 +135,49 @@ class TableEntity : public CollectionEntity<Notifiee> {
 
   void notifyKey(const Key& key) {
     this->notifyAll([&](Notifiee& n) { (n.*kOnKey)(key); });
+    tellWatchers({Shelf::Change::Kind::key, &key});
   }
   void notifyQuiesced(bool quiesced) {
     this->notifyAll([&](Notifiee& n) { (n.*kOnQuiesced)(quiesced); });
+    tellWatchers({quiesced ? Shelf::Change::Kind::writerClosed : Shelf::Change::Kind::writerOpen});
   }
   void notifyMountStatus() {
     this->notifyAll([](Notifiee& n) { (n.*kOnMountStatus)(); });
+    tellWatchers({Shelf::Change::Kind::resync});
   }
+  // A header scalar of the table changed (readers only).
+  virtual void onScalarChange(std::uint32_t /*index*/) {}
 
   KelpShelf::Collection<Key, Record> records_;
 
  private:
   KelpShelf::CollectionControl* boundControl() const override { return records_.control().get(); }
-  void onKeyChange(Shelf::Bytes key) override { notifyKey(KelpShelf::KeyCodec<Key>::decode(key)); }
-  void onResync() override { notifyMountStatus(); }
-  void onQuiesced(bool quiesced) override { notifyQuiesced(quiesced); }
+  void onChange(const Shelf::Change& c) override {
+    switch (c.kind) {
+      case Shelf::Change::Kind::key:
+        notifyKey(KelpShelf::KeyCodec<Key>::decode(c.key));
+        break;
+      case Shelf::Change::Kind::resync:
+        notifyMountStatus();
+        break;
+      case Shelf::Change::Kind::writerClosed:
+      case Shelf::Change::Kind::writerOpen:
+        notifyQuiesced(c.kind == Shelf::Change::Kind::writerClosed);
+        break;
+      case Shelf::Change::Kind::scalar:
+        onScalarChange(c.scalarIndex);
+        break;
+    }
+  }
+  // A watcher may leave while it is told.
+  void tellWatchers(const TableChange<Key>& change) {
+    if (watchers_.empty()) return;
+    std::vector<TableWatcher<Key>*> copy = watchers_;
+    for (TableWatcher<Key>* w : copy) w->onTableChange(change);
+  }
 
   Kelp::Ptr<Entity> parent_;
+  std::vector<TableWatcher<Key>*> watchers_;
 };
 
 // True when `attributes` begins with the entity's name, its collection and the collection's

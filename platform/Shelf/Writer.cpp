@@ -242,7 +242,7 @@ Writer::~Writer() {
     // Closed in this order so that a reader which sees the lock free has seen the flag cleared: it
     // then knows the writer closed rather than died.
     store<std::uint32_t>(&map_->header->writerOpen, 0, __ATOMIC_RELEASE);
-    announce(static_cast<std::uint8_t>(Change::Kind::writerClosed), {}, 0);
+    announce(RingKind::writerClosed, {}, 0);
     futexWake(&map_->header->wakeWord);
   }
   if (fileFd_ >= 0) close(fileFd_);
@@ -371,11 +371,11 @@ void Writer::freeSlot(std::uint32_t index) {
   }
 }
 
-void Writer::announce(std::uint8_t kind, Bytes key, std::uint32_t scalarIndex) {
+void Writer::announce(RingKind kind, Bytes key, std::uint32_t scalarIndex) {
   Mapping& m = *map_;
   std::uint8_t* e = m.ringEntry(ringHead_);
   std::uint8_t img[kRingHeaderBytes + kMaxKeyBytes + 8] = {};
-  img[8] = kind;
+  img[8] = static_cast<std::uint8_t>(kind);
   putRaw(img + 10, static_cast<std::uint16_t>(key.size()));
   putRaw(img + 12, scalarIndex);
   if (!key.empty()) std::memcpy(img + kRingHeaderBytes, key.data(), key.size());
@@ -454,7 +454,7 @@ bool Writer::put(Bytes key, std::uint32_t hash, Bytes value) {
     ++occupancy_;
     store<std::uint32_t>(&m.header->occupancy, occupancy_, __ATOMIC_RELAXED);
   }
-  announce(static_cast<std::uint8_t>(Change::Kind::key), key, 0);
+  announce(RingKind::key, key, 0);
   return true;
 }
 
@@ -468,7 +468,7 @@ bool Writer::erase(Bytes key, std::uint32_t hash) {
   freeSlot(f.index);
   --occupancy_;
   store<std::uint32_t>(&m.header->occupancy, occupancy_, __ATOMIC_RELAXED);
-  announce(static_cast<std::uint8_t>(Change::Kind::key), key, 0);
+  announce(RingKind::key, key, 0);
   return true;
 }
 
@@ -497,7 +497,7 @@ void Writer::clear() {
   }
   occupancy_ = 0;
   store<std::uint32_t>(&m.header->occupancy, 0, __ATOMIC_RELAXED);
-  announce(static_cast<std::uint8_t>(Change::Kind::cleared), {}, 0);
+  announce(RingKind::cleared, {}, 0);
 }
 
 std::optional<std::uint32_t> Writer::find(Bytes key, std::uint32_t hash, std::uint8_t* out) const {
@@ -531,7 +531,7 @@ void Writer::scalarIs(std::uint32_t index, std::uint64_t value) {
   PICO_ASSERT(index < kScalarCount);
   if (load<std::uint64_t>(&map_->header->scalars[index], __ATOMIC_RELAXED) == value) return;
   store<std::uint64_t>(&map_->header->scalars[index], value, __ATOMIC_RELEASE);
-  announce(static_cast<std::uint8_t>(Change::Kind::scalar), {}, index);
+  announce(RingKind::scalar, {}, index);
 }
 
 std::uint64_t Writer::scalar(std::uint32_t index) const {

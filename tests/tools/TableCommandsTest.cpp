@@ -57,7 +57,7 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
        "resync 2\n7 " + Kelp::valueToStrep(a) + "\n12 " + Kelp::valueToStrep(b) + "\n", ""},
       {"filtered-routes watch static --current --json --count 2", 0,
        "{\"event\":\"resync\",\"count\":2}\n"
-       "{\"event\":\"result\",\"key\":\"10.0.1.0/24\",\"result\":{\"key\":\"10.0.1.0/24\",\"igpResultId\":7}}\n",
+       "{\"event\":\"key\",\"key\":\"10.0.1.0/24\",\"record\":{\"key\":\"10.0.1.0/24\",\"igpResultId\":7}}\n",
        ""},
       {"igp-results watch vrf1 --count 2 --timeout 0.2", 3, "resync 2\n", ""},
       {"igp-results watch none --timeout 0.2", 1, "",
@@ -103,7 +103,7 @@ TEST(TableCommands, WatchRunsUntilInterrupted) {
   // Each change is made once the one before it was printed, so that each line shows the value its
   // change stored (watch prints the value a key holds when it hears of the change).
   auto untilPrinted = [&](std::uint32_t key, const std::string& result) {
-    if (key != 0) expected += "{\"event\":\"result\",\"key\":" + std::to_string(key) + ",\"result\":" + result + "}\n";
+    if (key != 0) expected += "{\"event\":\"key\",\"key\":" + std::to_string(key) + ",\"record\":" + result + "}\n";
     for (int i = 0; i < 3000 && fileText(out).size() < expected.size(); ++i) usleep(10'000);
   };
   untilPrinted(0, "");
