@@ -8,7 +8,7 @@
 
 namespace Routing::Bgp::IpPlugin {
 
-Netzo::IpGenPrefix Ipv4RouteKey::prefix() const { return Netzo::IpGenPrefix(address(), prefixLength_); }
+Netzo::IpGenPrefix Ipv4RouteKey::prefix() const { return Netzo::IpGenPrefix(address(), prefixLength()); }
 
 NlriType Ipv4RouteKey::nlriType() const {
   PICO_ASSERT(0 && "Not implemented");
@@ -18,15 +18,15 @@ NlriType Ipv4RouteKey::nlriType() const {
 void Ipv4RouteKey::formatWithoutVrf(std::ostream&) const { PICO_ASSERT(0 && "Not implemented"); }
 
 void Ipv4RouteKey::qtPut(Trackle::RingBuf* ring) const {
-  ring->putRaw(ntohl(addressNbo_));
-  ring->put8(prefixLength_);
+  ring->putRaw(ntohl(addressNbo()));
+  ring->put8(prefixLength());
 }
 
 bool Ipv4RouteKey::lessThan(const Kelp::Ptr<const RouteKeyBase>& arg) const {
   PICO_ASSERT(dedupTable() == arg->dedupTable());
   auto* o = static_cast<const Ipv4RouteKey*>(arg.get());
-  if (addressNbo_ != o->addressNbo_) return address() < o->address();
-  if (prefixLength_ != o->prefixLength_) return prefixLength_ < o->prefixLength_;
+  if (addressNbo() != o->addressNbo()) return address() < o->address();
+  if (prefixLength() != o->prefixLength()) return prefixLength() < o->prefixLength();
   // Equal values are one interned object: only a key compared with itself gets here.
   return true;
 }

@@ -26,11 +26,11 @@ class Ipv4RouteKeyDedupTable;
 class Ipv4RouteKey final : public IpRouteKeyBase {
  public:
   Ipv4RouteKey(std::uint32_t addressNbo, std::uint8_t prefixLength)
-      : addressNbo_(addressNbo), prefixLength_(prefixLength) {}
+      : content_(addressNbo, prefixLength) {}
 
-  std::uint32_t addressNbo() const { return addressNbo_; }
-  std::uint8_t prefixLength() const { return prefixLength_; }
-  Netzo::IpAddr address() const { return Netzo::IpAddr::fromNetworkOrder(addressNbo_); }
+  std::uint32_t addressNbo() const { return content_.addressNbo; }
+  std::uint8_t prefixLength() const { return content_.prefixLength; }
+  Netzo::IpAddr address() const { return content_.address(); }
   Netzo::IpGenPrefix prefix() const override;
 
   Afi afi() const override { return afiIpv4; }
@@ -38,14 +38,14 @@ class Ipv4RouteKey final : public IpRouteKeyBase {
   NlriType nlriType() const override;
   void formatWithoutVrf(std::ostream& os) const override;
 
-  std::uint32_t hash() const override { return Ipv4RouteKeyContent::hashImpl(addressNbo_, prefixLength_); }
+  // The identity is the content record's: its hash, and its equality against another key or a
+  // record on the stack.
+  std::uint32_t hash() const override { return content_.hash(); }
   bool compare(const Brim::DedupHandleBase* other) const override {
-    auto* o = static_cast<const Ipv4RouteKey*>(other);
-    return o->prefixLength_ == prefixLength_ && o->addressNbo_ == addressNbo_;
+    return static_cast<const Ipv4RouteKey*>(other)->content_ == content_;
   }
   bool compareByContent(const Brim::DedupContentHandle& content) const override {
-    auto& c = static_cast<const Ipv4RouteKeyContent&>(content);
-    return c.prefixLength == prefixLength_ && c.addressNbo == addressNbo_;
+    return static_cast<const Ipv4RouteKeyContent&>(content) == content_;
   }
 
   // 4 octets: the address as a host-order integer, in host byte order; then 1 octet of length.
@@ -64,8 +64,7 @@ class Ipv4RouteKey final : public IpRouteKeyBase {
   }
 
  private:
-  std::uint32_t addressNbo_;    // network byte order
-  std::uint8_t prefixLength_;   // 0..32, not checked against the address
+  Ipv4RouteKeyContent content_;  // the length (0..32) is not checked against the address
 };
 
 // The allocation callback of the table's find-or-insert: a new key from the content's fields.

@@ -6,7 +6,7 @@
 
 namespace Routing::Bgp::IpPlugin {
 
-Netzo::IpGenPrefix Ipv6RouteKey::prefix() const { return Netzo::IpGenPrefix(address(), prefixLength_); }
+Netzo::IpGenPrefix Ipv6RouteKey::prefix() const { return Netzo::IpGenPrefix(address(), prefixLength()); }
 
 NlriType Ipv6RouteKey::nlriType() const {
   PICO_ASSERT(0 && "Not implemented");
@@ -16,15 +16,15 @@ NlriType Ipv6RouteKey::nlriType() const {
 void Ipv6RouteKey::formatWithoutVrf(std::ostream&) const { PICO_ASSERT(0 && "Not implemented"); }
 
 void Ipv6RouteKey::qtPut(Trackle::RingBuf* ring) const {
-  ring->putRaw(address_.words);
-  ring->put8(prefixLength_);
+  ring->putRaw(addressBuf().words);
+  ring->put8(prefixLength());
 }
 
 bool Ipv6RouteKey::lessThan(const Kelp::Ptr<const RouteKeyBase>& arg) const {
   PICO_ASSERT(dedupTable() == arg->dedupTable());
   auto* o = static_cast<const Ipv6RouteKey*>(arg.get());
-  if (address_ != o->address_) return address() < o->address();
-  if (prefixLength_ != o->prefixLength_) return prefixLength_ < o->prefixLength_;
+  if (addressBuf() != o->addressBuf()) return address() < o->address();
+  if (prefixLength() != o->prefixLength()) return prefixLength() < o->prefixLength();
   // Equal values are one interned object: only a key compared with itself gets here.
   return true;
 }

@@ -22,27 +22,27 @@ namespace Routing::Bgp::IpPlugin {
 class Ipv6RouteKey final : public IpRouteKeyBase {
  public:
   Ipv6RouteKey(const Ipv6AddressBuf& address, std::uint8_t prefixLength)
-      : address_(address), prefixLength_(prefixLength) {}
+      : content_(address, prefixLength) {}
 
-  const Ipv6AddressBuf& addressBuf() const { return address_; }
-  std::uint8_t prefixLength() const { return prefixLength_; }
-  Netzo::Ip6Addr address() const { return address_.ip6Addr(); }
+  const Ipv6AddressBuf& addressBuf() const { return content_.address; }
+  std::uint8_t prefixLength() const { return content_.prefixLength; }
+  Netzo::Ip6Addr address() const { return content_.addr(); }
   Netzo::IpGenPrefix prefix() const override;
-  Ipv6RouteKeyContent routeKeyContent() const { return Ipv6RouteKeyContent(address_, prefixLength_); }
+  Ipv6RouteKeyContent routeKeyContent() const { return content_; }
 
   Afi afi() const override { return afiIpv6; }
   // Not provided for this family: "0 && \"Not implemented\"".
   NlriType nlriType() const override;
   void formatWithoutVrf(std::ostream& os) const override;
 
-  std::uint32_t hash() const override { return Ipv6RouteKeyContent::hashImpl(address_, prefixLength_); }
+  // The identity is the content record's: its hash, and its equality against another key or a
+  // record on the stack.
+  std::uint32_t hash() const override { return content_.hash(); }
   bool compare(const Brim::DedupHandleBase* other) const override {
-    auto* o = static_cast<const Ipv6RouteKey*>(other);
-    return o->prefixLength_ == prefixLength_ && o->address_ == address_;
+    return static_cast<const Ipv6RouteKey*>(other)->content_ == content_;
   }
   bool compareByContent(const Brim::DedupContentHandle& content) const override {
-    auto& c = static_cast<const Ipv6RouteKeyContent&>(content);
-    return c.prefixLength == prefixLength_ && c.address == address_;
+    return static_cast<const Ipv6RouteKeyContent&>(content) == content_;
   }
 
   // 16 octets as stored (network order), then 1 octet of length.
@@ -59,8 +59,7 @@ class Ipv6RouteKey final : public IpRouteKeyBase {
   }
 
  private:
-  Ipv6AddressBuf address_;
-  std::uint8_t prefixLength_;  // 0..128, not checked against the address
+  Ipv6RouteKeyContent content_;  // the length (0..128) is not checked against the address
 };
 
 Brim::DedupHandleBase* allocIpv6RouteKey(const Brim::DedupContentHandle& content);
