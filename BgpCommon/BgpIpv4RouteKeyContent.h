@@ -14,7 +14,7 @@
 #include <cstdint>
 
 #include "platform/Brim/Dedup.h"
-#include "platform/Brim/HashMix.h"
+#include "platform/Brim/FieldHash.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/IpAddr.h"
 
@@ -37,18 +37,14 @@ struct Ipv4RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv4Route
   std::uint8_t prefixLen() const { return prefixLength; }
   void addressIs(Netzo::IpAddr a) { addressNbo = a.value(); }
 
-  // Equality (from Kelp::ValueBase) is field-wise; the Brim::DedupContentHandle base holds nothing.
-
-  // The hash shared with Ipv4RouteKey: Brim::HashMix over the 4 stored address octets, then the
-  // length. `seed` starts the accumulator (0 for the key's hash).
-  // Inline: every lookup, growth and removal of a key hashes it.
+  // The key's identity, shared with Ipv4RouteKey, which holds one of these: equality (from
+  // Kelp::ValueBase) compares the described fields, and the hash mixes the same fields with
+  // Brim::HashMix, the 4 stored address octets and then the length. `seed` starts the accumulator
+  // (0 for the key's hash). Inline: every lookup, growth and removal of a key hashes it.
+  std::uint32_t hash(std::uint32_t seed = 0) const;
   static std::uint32_t hashImpl(std::uint32_t nbo, std::uint8_t length, std::uint32_t seed = 0) {
-    Brim::HashMix h(seed);
-    h.mixBytes4(nbo);
-    h.mixBytes1(length);
-    return h.value();
+    return Ipv4RouteKeyContent(nbo, length).hash(seed);
   }
-  std::uint32_t hash(std::uint32_t seed = 0) const { return hashImpl(addressNbo, prefixLength, seed); }
 
   friend bool operator<(const Ipv4RouteKeyContent& a, const Ipv4RouteKeyContent& b) {
     if (a.prefixLength != b.prefixLength) return a.prefixLength < b.prefixLength;
@@ -66,5 +62,8 @@ struct Ipv4RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv4Route
         Kelp::function("prefixLen", &C::prefixLen));
   }
 };
+
+// After the class: its description is found only once the class is complete.
+inline std::uint32_t Ipv4RouteKeyContent::hash(std::uint32_t seed) const { return Brim::fieldHash(*this, seed); }
 
 }  // namespace Routing::Bgp::IpPlugin

@@ -1,82 +1,53 @@
 #pragma once
-// IPv6 unicast route keys (AFI 2, SAFI 1) and their dedup table.
+// IPv6 unicast route keys (AFI 2, SAFI 1) and their dedup table: the IP plugin (BgpIpPlugin.h)
+// over the IPv6 family.
 //
-// An Ipv6RouteKey is the interned object for one prefix: the 16 address octets as an
-// Ipv6AddressBuf and the prefix length, 40 octets in the stash heap. Keys are only obtained
-// through a table, so each prefix exists once per table:
+// An Ipv6RouteKey holds the 16 address octets as an Ipv6AddressBuf and the prefix length, 40
+// octets in the stash heap:
 //
 //   auto table = ipv6RouteKeyDedupTableFactory(/*multiThreaded=*/true);
 //   auto k = table->dedupFromIpGenPrefix(Netzo::IpGenPrefix::fromString("2001:db8::/32"));
 //   k->toStrep();   // "2001:db8::/32"
 //
-// The address is kept as given (not masked). Keys order by address, then shorter prefix first;
-// the trace record is the 16 octets as stored (network order), then the length.
+// The trace record is the 16 octets as stored (network order), then the length.
 
 #include <cstdint>
 
-#include "BgpCommon/BgpIpPluginBase.h"
+#include "BgpCommon/BgpIpPlugin.h"
 #include "BgpCommon/BgpIpv6RouteKeyContent.h"
 
 namespace Routing::Bgp::IpPlugin {
 
-class Ipv6RouteKey final : public IpRouteKeyBase {
- public:
-  Ipv6RouteKey(const Ipv6AddressBuf& address, std::uint8_t prefixLength)
-      : address_(address), prefixLength_(prefixLength) {}
-
-  const Ipv6AddressBuf& addressBuf() const { return address_; }
-  std::uint8_t prefixLength() const { return prefixLength_; }
-  Netzo::Ip6Addr address() const { return address_.ip6Addr(); }
-  Netzo::IpGenPrefix prefix() const override;
-  Ipv6RouteKeyContent routeKeyContent() const { return Ipv6RouteKeyContent(address_, prefixLength_); }
-
-  Afi afi() const override { return afiIpv6; }
-  // Not provided for this family: "0 && \"Not implemented\"".
-  NlriType nlriType() const override;
-  void formatWithoutVrf(std::ostream& os) const override;
-
-  std::uint32_t hash() const override { return Ipv6RouteKeyContent::hashImpl(address_, prefixLength_); }
-  bool compare(const Brim::DedupHandleBase* other) const override {
-    auto* o = static_cast<const Ipv6RouteKey*>(other);
-    return o->prefixLength_ == prefixLength_ && o->address_ == address_;
-  }
-  bool compareByContent(const Brim::DedupContentHandle& content) const override {
-    auto& c = static_cast<const Ipv6RouteKeyContent&>(content);
-    return c.prefixLength == prefixLength_ && c.address == address_;
-  }
-
-  // 16 octets as stored (network order), then 1 octet of length.
-  void qtPut(Trackle::RingBuf* ring) const override;
-  // Assert "dedupTable() == arg->dedupTable()"; then by address, then shorter first; a key
-  // against itself answers true.
-  bool lessThan(const Kelp::Ptr<const RouteKeyBase>& arg) const override;
-
-  static Kelp::Ptr<const Ipv6RouteKey> dedupContent(const IpRouteKeyDedupTableBase& table,
-                                                    const Ipv6RouteKeyContent& content);
-  static Kelp::Ptr<const Ipv6RouteKey> dedupContent(const Kelp::Ptr<const IpRouteKeyDedupTableBase>& table,
-                                                    const Ipv6RouteKeyContent& content) {
-    return dedupContent(*table, content);
-  }
-
- private:
-  Ipv6AddressBuf address_;
-  std::uint8_t prefixLength_;  // 0..128, not checked against the address
+struct Ipv6Family {
+  using Content = Ipv6RouteKeyContent;
+  using Stored = Ipv6AddressBuf;
+  static constexpr AfiSafi kAfiSafi = ipv6UnicastAfiSafi;
+  static constexpr const char* kName = "IPv6";
+  static const Stored& stored(const Content& c) { return c.address; }
+  static bool holds(const Netzo::IpGenAddr& a) { return a.isIpv6(); }
+  static Content contentOf(const Netzo::IpGenPrefix& p) { return Content(p.address().ipv6(), p.length()); }
+  static void qtPut(Trackle::RingBuf* ring, const Content& c) { ring->putRaw(c.address.words); }
 };
 
-Brim::DedupHandleBase* allocIpv6RouteKey(const Brim::DedupContentHandle& content);
-inline const Ipv6RouteKey* fromIpv6DedupHandle(const Brim::DedupHandleBase* handle) {
-  return static_cast<const Ipv6RouteKey*>(handle);
+extern template class IpRouteKey<Ipv6Family>;
+extern template class IpRouteKeyDedupTable<Ipv6Family>;
+
+using Ipv6RouteKey = IpRouteKey<Ipv6Family>;
+using Ipv6RouteKeyDedupTable = IpRouteKeyDedupTable<Ipv6Family>;
+
+inline Brim::DedupHandleBase* allocIpv6RouteKey(const Brim::DedupContentHandle& c) { return Ipv6RouteKey::alloc(c); }
+inline const Ipv6RouteKey* fromIpv6DedupHandle(const Brim::DedupHandleBase* h) { return Ipv6RouteKey::fromDedupHandle(h); }
+inline Kelp::Ptr<Ipv6RouteKey> ipv6RouteKeyFactory(const Ipv6AddressBuf& address, std::uint8_t prefixLength) {
+  return Ipv6RouteKey::factory(address, prefixLength);
 }
-Kelp::Ptr<Ipv6RouteKey> ipv6RouteKeyFactory(const Ipv6AddressBuf& address, std::uint8_t prefixLength);
-Kelp::Ptr<Ipv6RouteKey> Ipv6RouteKeyIs(const Ipv6AddressBuf& address, std::uint8_t prefixLength);
-
-class Ipv6RouteKeyDedupTable final : public IpRouteKeyDedupTableBase {
- public:
-  explicit Ipv6RouteKeyDedupTable(bool multiThreaded) : IpRouteKeyDedupTableBase(ipv6UnicastAfiSafi, multiThreaded) {}
-  Kelp::Ptr<const IpRouteKeyBase> dedupFromIpGenPrefix(const Netzo::IpGenPrefix& prefix) const override;
-};
-
-Kelp::Ptr<Ipv6RouteKeyDedupTable> ipv6RouteKeyDedupTableFactory(bool multiThreaded);
-Kelp::Ptr<Ipv6RouteKeyDedupTable> Ipv6RouteKeyDedupTableIs(bool multiThreaded);
+inline Kelp::Ptr<Ipv6RouteKey> Ipv6RouteKeyIs(const Ipv6AddressBuf& address, std::uint8_t prefixLength) {
+  return Ipv6RouteKey::factory(address, prefixLength);
+}
+inline Kelp::Ptr<Ipv6RouteKeyDedupTable> ipv6RouteKeyDedupTableFactory(bool multiThreaded) {
+  return Ipv6RouteKeyDedupTable::factory(multiThreaded);
+}
+inline Kelp::Ptr<Ipv6RouteKeyDedupTable> Ipv6RouteKeyDedupTableIs(bool multiThreaded) {
+  return Ipv6RouteKeyDedupTable::factory(multiThreaded);
+}
 
 }  // namespace Routing::Bgp::IpPlugin

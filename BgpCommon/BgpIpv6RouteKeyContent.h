@@ -16,7 +16,7 @@
 #include <cstdint>
 
 #include "platform/Brim/Dedup.h"
-#include "platform/Brim/HashMix.h"
+#include "platform/Brim/FieldHash.h"
 #include "platform/Kelp/ValueType.h"
 #include "platform/Netzo/IpAddr.h"
 
@@ -32,6 +32,10 @@ struct Ipv6AddressBuf {
   friend bool operator==(const Ipv6AddressBuf& a, const Ipv6AddressBuf& b) { return a.words == b.words; }
   friend bool operator!=(const Ipv6AddressBuf& a, const Ipv6AddressBuf& b) { return !(a == b); }
   friend bool operator<(const Ipv6AddressBuf& a, const Ipv6AddressBuf& b) { return a.words < b.words; }
+  // In a hash (Brim/FieldHash.h): the four words in order.
+  [[gnu::always_inline]] friend void hashMixInto(Brim::HashMix& h, const Ipv6AddressBuf& a) {
+    for (std::uint32_t w : a.words) h.mixBytes4(w);
+  }
 };
 
 struct Ipv6RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv6RouteKeyContent> {
@@ -46,19 +50,14 @@ struct Ipv6RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv6Route
   Netzo::Ip6Addr addr() const { return address.ip6Addr(); }
   void addressIs(const Netzo::Ip6Addr& a) { address = Ipv6AddressBuf(a); }
 
-  // The hash shared with Ipv6RouteKey: Brim::HashMix over the four address words in order, then
-  // the length.
-  // Inline: every lookup, growth and removal of a key hashes it.
+  // The key's identity, shared with Ipv6RouteKey, which holds one of these: equality (from
+  // Kelp::ValueBase) compares the described fields, and the hash mixes the same fields with
+  // Brim::HashMix, the four address words in order and then the length. Inline: every lookup,
+  // growth and removal of a key hashes it.
+  std::uint32_t hash(std::uint32_t seed = 0) const;
   static std::uint32_t hashImpl(const Ipv6AddressBuf& a, std::uint8_t length, std::uint32_t seed = 0) {
-    Brim::HashMix h(seed);
-    h.mixBytes4(a.words[0]);
-    h.mixBytes4(a.words[1]);
-    h.mixBytes4(a.words[2]);
-    h.mixBytes4(a.words[3]);
-    h.mixBytes1(length);
-    return h.value();
+    return Ipv6RouteKeyContent(a, length).hash(seed);
   }
-  std::uint32_t hash(std::uint32_t seed = 0) const { return hashImpl(address, prefixLength, seed); }
 
   friend bool operator<(const Ipv6RouteKeyContent& a, const Ipv6RouteKeyContent& b) {
     if (a.prefixLength != b.prefixLength) return a.prefixLength < b.prefixLength;
@@ -72,6 +71,9 @@ struct Ipv6RouteKeyContent : Brim::DedupContentHandle, Kelp::ValueBase<Ipv6Route
                               Kelp::function("addressIs", &C::addressIs), Kelp::function("hash", &C::hash));
   }
 };
+
+// After the class: its description is found only once the class is complete.
+inline std::uint32_t Ipv6RouteKeyContent::hash(std::uint32_t seed) const { return Brim::fieldHash(*this, seed); }
 
 }  // namespace Routing::Bgp::IpPlugin
 

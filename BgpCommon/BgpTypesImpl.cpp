@@ -13,18 +13,6 @@ Kelp::String MaxRoutes::toStrep() const {
   return os.str();
 }
 
-Kelp::String MaxAcceptedRoutes::toStrep() const {
-  std::ostringstream os;
-  os << "<acceptedRoutes=" << routes << ";warningThreshold=" << warningThreshold << ">";
-  return os.str();
-}
-
-Kelp::String MaxAdvRoutes::toStrep() const {
-  std::ostringstream os;
-  os << "<advRoutes=" << routes << ";warningThreshold=" << warningThreshold << ">";
-  return os.str();
-}
-
 Kelp::String OutDelay::toStrep() const {
   std::ostringstream os;
   os << "<delay=" << delay << ";apply=" << stringValue(apply) << ">";

@@ -15,7 +15,9 @@
 // The short forms are for display only: no parser reads them. None of the four is hashable.
 // All four default to zero; the configured defaults live in their tristates.
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "platform/Kelp/ValueType.h"
 #include "platform/Routing/OutDelayApplyType.h"
@@ -23,6 +25,16 @@
 namespace Routing::Bgp {
 
 using Routing::OutDelayApplyType;
+
+// A qualified type name, or another text, carried as a template argument
+// ("Routing::Bgp::TristateMaxRoutes").
+template <std::size_t N>
+struct TypeNameLiteral {
+  char chars[N]{};
+  constexpr TypeNameLiteral(const char (&text)[N]) {
+    for (std::size_t i = 0; i < N; ++i) chars[i] = text[i];
+  }
+};
 
 struct MaxRoutes : Kelp::ValueBase<MaxRoutes> {
   std::uint32_t routes = 0;            // the route limit
@@ -46,43 +58,34 @@ struct MaxRoutes : Kelp::ValueBase<MaxRoutes> {
   }
 };
 
-struct MaxAcceptedRoutes : Kelp::ValueBase<MaxAcceptedRoutes> {
-  std::uint32_t routes = 0;  // limit on accepted routes
+// A limit on the routes of one direction of a session: how many, and from how many on to warn.
+// `Name` is the qualified type name, `Label` names the limit in the short form.
+template <TypeNameLiteral Name, TypeNameLiteral Label>
+struct RouteLimit : Kelp::ValueBase<RouteLimit<Name, Label>> {
+  std::uint32_t routes = 0;  // the limit
   std::uint32_t warningThreshold = 0;
 
-  MaxAcceptedRoutes() = default;
-  MaxAcceptedRoutes(std::uint32_t r, std::uint32_t threshold) : routes(r), warningThreshold(threshold) {}
-  explicit MaxAcceptedRoutes(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
+  RouteLimit() = default;
+  RouteLimit(std::uint32_t r, std::uint32_t threshold) : routes(r), warningThreshold(threshold) {}
+  explicit RouteLimit(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
 
-  // "<acceptedRoutes=R;warningThreshold=W>"
-  Kelp::String toStrep() const;
+  // "<LABEL=R;warningThreshold=W>"
+  Kelp::String toStrep() const {
+    return "<" + Kelp::String(Label.chars) + "=" + std::to_string(routes) +
+           ";warningThreshold=" + std::to_string(warningThreshold) + ">";
+  }
 
-  friend constexpr auto kelpType(Kelp::Tag<MaxAcceptedRoutes>) {
-    return Kelp::valueType<MaxAcceptedRoutes>(
-        "Routing::Bgp::MaxAcceptedRoutes", Kelp::field("routes", &MaxAcceptedRoutes::routes),
-        Kelp::field("warningThreshold", &MaxAcceptedRoutes::warningThreshold),
-        Kelp::function("toStrep", &MaxAcceptedRoutes::toStrep));
+  friend constexpr auto kelpType(Kelp::Tag<RouteLimit>) {
+    return Kelp::valueType<RouteLimit>(Name.chars, Kelp::field("routes", &RouteLimit::routes),
+                                       Kelp::field("warningThreshold", &RouteLimit::warningThreshold),
+                                       Kelp::function("toStrep", &RouteLimit::toStrep));
   }
 };
 
-struct MaxAdvRoutes : Kelp::ValueBase<MaxAdvRoutes> {
-  std::uint32_t routes = 0;  // limit on advertised routes
-  std::uint32_t warningThreshold = 0;
-
-  MaxAdvRoutes() = default;
-  MaxAdvRoutes(std::uint32_t r, std::uint32_t threshold) : routes(r), warningThreshold(threshold) {}
-  explicit MaxAdvRoutes(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
-
-  // "<advRoutes=R;warningThreshold=W>"
-  Kelp::String toStrep() const;
-
-  friend constexpr auto kelpType(Kelp::Tag<MaxAdvRoutes>) {
-    return Kelp::valueType<MaxAdvRoutes>("Routing::Bgp::MaxAdvRoutes",
-                                         Kelp::field("routes", &MaxAdvRoutes::routes),
-                                         Kelp::field("warningThreshold", &MaxAdvRoutes::warningThreshold),
-                                         Kelp::function("toStrep", &MaxAdvRoutes::toStrep));
-  }
-};
+// "<acceptedRoutes=R;warningThreshold=W>"
+using MaxAcceptedRoutes = RouteLimit<"Routing::Bgp::MaxAcceptedRoutes", "acceptedRoutes">;
+// "<advRoutes=R;warningThreshold=W>"
+using MaxAdvRoutes = RouteLimit<"Routing::Bgp::MaxAdvRoutes", "advRoutes">;
 
 struct OutDelay : Kelp::ValueBase<OutDelay> {
   std::uint32_t delay = 0;  // passed through unchanged; the unit is the configuration's

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "platform/Brim/HashMix.h"
+#include "platform/Brim/FieldHash.h"
 #include "platform/Kelp/Registry.h"
 #include "platform/Pico/Format.h"
 
@@ -66,6 +66,16 @@ IgpResult IgpResult::deserialize(std::span<const std::uint8_t> in) {
   return r;
 }
 
+IgpResult sampleIgpResult(std::uint32_t key, std::uint64_t version) {
+  IgpResult r{IgpResultId(key)};
+  r.preference = static_cast<std::uint8_t>(key % 200 + 1);
+  r.tag = key * 10;
+  r.metric.valueIs(version * 3);
+  r.ospfDomainId = version;
+  for (std::uint32_t i = 0; i < key % 5; ++i) r.communityIs(CommunityIndex(i), (65000u << 16) + key + i);
+  return r;
+}
+
 }  // namespace Routing::BgpRedistribute
 
 namespace Routing::Bgp {
@@ -75,18 +85,17 @@ IgpResult_::IgpResult_(Kelp::CharRange&) {
 }
 
 std::uint32_t IgpResult_::hash(std::uint32_t seed) const {
-  Kelp::Hash communities;
-  communities.hashMixBytes(community.data(), 4u * community.count());
   Brim::HashMix h(seed);
-  h.mixBytes4(static_cast<std::uint32_t>(isisLevel));
-  h.mixBytes4(static_cast<std::uint32_t>(ospfMetricType));
-  h.mixBytes1(preference().value);
-  h.mixBytes4(tag().value);
-  h.mixBytes8(metric.canonical());  // unset metrics are equal whatever their low bits
-  h.mixBytes1(ospfBitDn ? 1 : 0);
-  h.mixBytes1(ospfv3BitDn ? 1 : 0);
-  h.mixBytes4(communities.result());
+  forEachOutcomeField([&](const auto& f) {
+    if constexpr (std::decay_t<decltype(f)>::hashed) Brim::mixField(h, this->*(f.inResult));
+  });
   return h.value();
+}
+
+BgpRedistribute::IgpResult outcomeRecord(const IgpResult_& result, std::uint32_t id) {
+  BgpRedistribute::IgpResult record{BgpRedistribute::IgpResultId(id)};
+  forEachOutcomeField([&](const auto& f) { BgpRedistribute::assignOutcome(record.*(f.inRecord), result.*(f.inResult)); });
+  return record;
 }
 
 }  // namespace Routing::Bgp

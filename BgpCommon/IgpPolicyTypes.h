@@ -34,8 +34,10 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <tuple>
 #include <type_traits>
 
+#include "platform/Brim/HashMix.h"
 #include "platform/Kelp/BareTextForm.h"
 #include "platform/Kelp/ByteForm.h"
 #include "platform/Kelp/ValueType.h"
@@ -155,6 +157,21 @@ inline void kelpJson(std::string& out, const CommunityArray& a) {
   out += ']';
 }
 
+// In a hash (Brim/FieldHash.h): the framework hash of the used slots, as 4 octets, so that slots
+// beyond the count, which equality ignores, change nothing.
+inline void hashMixInto(Brim::HashMix& h, const CommunityArray& a) {
+  Kelp::Hash used;
+  used.hashMixBytes(a.data(), 4u * a.count());
+  h.mixBytes4(used.result());
+}
+
+// Copies one outcome field into a record; of a community array only the used slots.
+template <typename M>
+void assignOutcome(M& to, const M& from) {
+  to = from;
+}
+inline void assignOutcome(CommunityArray& to, const CommunityArray& from) { to.assign(from.count(), from.data()); }
+
 struct IgpResult : Kelp::ValueBase<IgpResult> {
   // Holds a collection: not built from text (the range constructor asserts).
   static constexpr bool kelpNoStringConstructor = true;
@@ -215,9 +232,44 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
   }
 };
 
+// A sample record whose every field follows from `key` and `version` (the version defaulting to the
+// key), so that a reader can check what it reads without knowing the writer: preference
+// key % 200 + 1, tag 10 * key, metric 3 * version, OSPF domain id the version, and key % 5
+// communities 65000:(key + i). The tool writes these, and benchmarks and tests read them.
+IgpResult sampleIgpResult(std::uint32_t key, std::uint64_t version);
+inline IgpResult sampleIgpResult(std::uint32_t key) { return sampleIgpResult(key, key); }
+
 }  // namespace Routing::BgpRedistribute
 
 namespace Routing::Bgp {
+
+// One field of a policy result's outcome: its name, where the in-process result holds it (its own
+// member, or one of the policy library's base), where the published record holds it, and whether
+// the dedup table's bucket hash mixes it. Both members have the same type: a field cannot be
+// published as something else.
+template <typename InResult, typename InRecord, bool Hashed>
+struct OutcomeField {
+  static constexpr bool hashed = Hashed;
+  const char* name;
+  InResult inResult;
+  InRecord inRecord;
+};
+// The class a member pointer points into.
+template <typename P>
+struct MemberOf;
+template <typename M, typename C>
+struct MemberOf<M C::*> {
+  using Class = C;
+};
+
+template <typename M, typename C>
+constexpr auto hashedOutcome(const char* name, M C::*inResult, M BgpRedistribute::IgpResult::*inRecord) {
+  return OutcomeField<M C::*, M BgpRedistribute::IgpResult::*, true>{name, inResult, inRecord};
+}
+template <typename M, typename C>
+constexpr auto unhashedOutcome(const char* name, M C::*inResult, M BgpRedistribute::IgpResult::*inRecord) {
+  return OutcomeField<M C::*, M BgpRedistribute::IgpResult::*, false>{name, inResult, inRecord};
+}
 
 struct IgpResult_ : Policy::Result_, Kelp::ValueBase<IgpResult_> {
   // Holds a collection: not built from text (the range constructor asserts).
@@ -241,22 +293,70 @@ struct IgpResult_ : Policy::Result_, Kelp::ValueBase<IgpResult_> {
   std::uint32_t communityDel(const CommunityIterator& it) { return community.communityDel(it); }
   void communityDelAll() { community.communityDelAll(); }
 
-  // The bucket hash of the dedup table. ospfDomainId, ospfRouteType and dps are left out on purpose:
-  // results differing only there share a bucket (and still compare unequal).
+  // The outcome of a result: what routes carrying it get, so what makes two results the same for
+  // the dedup table, and what is published for it. That is everything but the policy's own state
+  // (dps), which only the policy library reads. Listed in the order the bucket hash mixes them;
+  // the OSPF domain and route types are left out of the hash (results differing only there share
+  // a bucket and still differ). The result's own fields (those not in the policy library's base)
+  // follow the base in its text form in this order.
+  static constexpr auto outcome() {
+    using R = BgpRedistribute::IgpResult;
+    return std::make_tuple(hashedOutcome("isisLevel", &IgpResult_::isisLevel, &R::isisLevel),
+                           hashedOutcome("ospfMetricType", &IgpResult_::ospfMetricType, &R::ospfMetricType),
+                           hashedOutcome("preference", &IgpResult_::preferenceStorage, &R::preference),
+                           hashedOutcome("tag", &IgpResult_::tagStorage, &R::tag),
+                           hashedOutcome("metric", &IgpResult_::metric, &R::metric),
+                           hashedOutcome("ospfBitDn", &IgpResult_::ospfBitDn, &R::ospfBitDn),
+                           hashedOutcome("ospfv3BitDn", &IgpResult_::ospfv3BitDn, &R::ospfv3BitDn),
+                           unhashedOutcome("ospfDomainId", &IgpResult_::ospfDomainId, &R::ospfDomainId),
+                           unhashedOutcome("ospfRouteType", &IgpResult_::ospfRouteType, &R::ospfRouteType),
+                           hashedOutcome("community", &IgpResult_::community, &R::community));
+  }
+
+  // The bucket hash of the dedup table, over the hashed outcome fields.
   std::uint32_t hash(std::uint32_t seed = 0) const;
   // True when policy set anything at all.
   explicit operator bool() const { return !(*this == IgpResult_()); }
 
+  // The policy library's fields, then the outcome fields of the result's own.
   friend constexpr auto kelpType(Kelp::Tag<IgpResult_>) {
-    return Kelp::valueType<IgpResult_>(
-        "Routing::Bgp::IgpResult_", Kelp::field("preferenceStorage", &IgpResult_::preferenceStorage),
-        Kelp::field("tagStorage", &IgpResult_::tagStorage), Kelp::field("metric", &IgpResult_::metric),
-        Kelp::field("dps", &IgpResult_::dps), Kelp::field("isisLevel", &IgpResult_::isisLevel),
-        Kelp::field("ospfMetricType", &IgpResult_::ospfMetricType), Kelp::field("ospfBitDn", &IgpResult_::ospfBitDn),
-        Kelp::field("ospfv3BitDn", &IgpResult_::ospfv3BitDn), Kelp::field("ospfDomainId", &IgpResult_::ospfDomainId),
-        Kelp::field("ospfRouteType", &IgpResult_::ospfRouteType), Kelp::field("community", &IgpResult_::community));
+    auto own = std::apply(
+        [](auto... f) {
+          return std::tuple_cat([](auto field) {
+            if constexpr (std::is_same_v<typename MemberOf<decltype(field.inResult)>::Class, IgpResult_>) {
+              return std::make_tuple(Kelp::field(field.name, field.inResult));
+            } else {
+              return std::tuple<>();
+            }
+          }(f)...);
+        },
+        outcome());
+    return std::apply(
+        [](auto... ownFields) {
+          return Kelp::valueType<IgpResult_>(
+              "Routing::Bgp::IgpResult_", Kelp::field("preferenceStorage", &IgpResult_::preferenceStorage),
+              Kelp::field("tagStorage", &IgpResult_::tagStorage), Kelp::field("metric", &IgpResult_::metric),
+              Kelp::field("dps", &IgpResult_::dps), ownFields...);
+        },
+        own);
   }
 };
+
+inline constexpr auto igpOutcome = IgpResult_::outcome();
+
+// Calls f(outcomeField) for every outcome field in order.
+template <typename F>
+[[gnu::always_inline]] constexpr void forEachOutcomeField(F&& f) {
+  std::apply([&](const auto&... field) { (f(field), ...); }, igpOutcome);
+}
+
+// True when the two results are the same outcome: every outcome field agrees (dps takes no part).
+inline bool sameOutcome(const IgpResult_& a, const IgpResult_& b) {
+  return std::apply([&](const auto&... f) { return ((a.*(f.inResult) == b.*(f.inResult)) && ...); }, igpOutcome);
+}
+
+// The record published for a result under `id`: its outcome, field by field.
+BgpRedistribute::IgpResult outcomeRecord(const IgpResult_& result, std::uint32_t id);
 
 }  // namespace Routing::Bgp
 

@@ -21,18 +21,7 @@ Kelp::Ptr<DedupIgpResult> DedupIgpResultIs(const IgpResult_& result) { return de
 // ---- IgpResultTableLTNotifiee ------------------------------------------------------------
 
 IgpResult IgpResultTableLTNotifiee::recordOf(const IgpResult_& result, std::uint32_t id) {
-  IgpResult record{IgpResultId(id)};
-  record.preference = result.preference();
-  record.tag = result.tag();
-  record.metric = result.metric;
-  record.isisLevel = result.isisLevel;
-  record.ospfMetricType = result.ospfMetricType;
-  record.ospfBitDn = result.ospfBitDn;
-  record.ospfv3BitDn = result.ospfv3BitDn;
-  record.ospfDomainId = result.ospfDomainId;
-  record.ospfRouteType = result.ospfRouteType;
-  record.community.assign(result.community.count(), result.community.data());
-  return record;
+  return outcomeRecord(result, id);
 }
 
 void IgpResultTableLTNotifiee::handleInsert(const Kelp::Ptr<Brim::DedupHandleBase>& handle) const {

@@ -15,10 +15,10 @@
 //   Kelp::Ptr<const DedupIgpResult> g = table->dedup(same);     // g == h, nothing published
 //   h = g = nullptr;                                            // record 1 deleted, id 1 freed
 //
-// Two results are the same outcome when they agree on preference, tag, metric (two unset metrics
-// agree), IS-IS level, OSPF metric type, both DN bits, OSPF domain id, OSPF route type and the used
-// communities. The policy's own state (dps) takes no part: results differing only there share
-// one handle, one identifier and one record.
+// Two results are the same outcome when they agree on every field of IgpResult_::outcome():
+// preference, tag, metric (two unset metrics agree), IS-IS level, OSPF metric type, both DN bits,
+// OSPF domain id, OSPF route type and the used communities. The policy's own state (dps) takes no
+// part: results differing only there share one handle, one identifier and one record.
 //
 // A table is used from one thread: its dedup set is built without its lock. Interning a new
 // outcome into a full status table throws the table-full error and changes nothing.
@@ -68,13 +68,8 @@ class DedupIgpResult final : public Brim::DedupHandle {
   bool compareByContent(const Brim::DedupContentHandle& content) const override {
     return sameOutcome(result_, *static_cast<const Content&>(content).result);
   }
-  // True when the two results are the same outcome: everything but dps agrees.
-  static bool sameOutcome(const IgpResult_& a, const IgpResult_& b) {
-    return a.preference() == b.preference() && a.tag() == b.tag() && a.metric == b.metric &&
-           a.isisLevel == b.isisLevel && a.ospfMetricType == b.ospfMetricType && a.ospfBitDn == b.ospfBitDn &&
-           a.ospfv3BitDn == b.ospfv3BitDn && a.ospfDomainId == b.ospfDomainId &&
-           a.ospfRouteType == b.ospfRouteType && a.community == b.community;
-  }
+  // True when the two results are the same outcome (IgpResult_::outcome(): everything but dps).
+  static bool sameOutcome(const IgpResult_& a, const IgpResult_& b) { return Bgp::sameOutcome(a, b); }
   // Builds a new, un-interned handle from a Content record (the set's allocation callback).
   static Brim::DedupHandleBase* alloc(const Brim::DedupContentHandle& content) {
     return new DedupIgpResult(*static_cast<const Content&>(content).result);
@@ -111,7 +106,7 @@ class IgpResultTableLTNotifiee : public Brim::DedupHashTableLifeTimeNotifiee {
   void handleRemove(Brim::DedupHandleBase* handle) const override;
   void handleNotificationStop(const Kelp::Ptr<const Brim::DedupHashTable>& table) const override;
 
-  // The record published for a result: every field but dps, under `id`.
+  // The record published for a result: its outcome (every field but dps), under `id`.
   static BgpRedistribute::IgpResult recordOf(const IgpResult_& result, std::uint32_t id);
 
  private:

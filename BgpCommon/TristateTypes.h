@@ -33,18 +33,17 @@
 
 namespace Routing::Bgp {
 
-// A qualified type name carried as a template argument ("Routing::Bgp::TristateMaxRoutes").
-template <std::size_t N>
-struct TypeNameLiteral {
-  char chars[N]{};
-  constexpr TypeNameLiteral(const char (&text)[N]) {
-    for (std::size_t i = 0; i < N; ++i) chars[i] = text[i];
-  }
-};
+namespace tristateDefaults {
+// The wrapped type's default-constructed value: the default of most settings.
+template <typename V>
+V zero() {
+  return V{};
+}
+}  // namespace tristateDefaults
 
 // A setting's value V and whether it is configured at this level. `Name` is the qualified type
 // name used in the text form; `defaultFn` returns valueDefault.
-template <typename V, TypeNameLiteral Name, V (*defaultFn)()>
+template <typename V, TypeNameLiteral Name, V (*defaultFn)() = &tristateDefaults::zero<V>>
 class Tristate : public Kelp::ValueBase<Tristate<V, Name, defaultFn>> {
  public:
   using ValueType = V;
@@ -79,10 +78,6 @@ class Tristate : public Kelp::ValueBase<Tristate<V, Name, defaultFn>> {
 // The valueDefaults that are not simply the wrapped type's default-constructed value.
 namespace tristateDefaults {
 
-template <typename V>
-V zero() {
-  return V{};
-}
 // A neighbour may send 256000 routes by default, with a warning from 204800 on.
 inline MaxRoutes neighborMaxRoutes() { return MaxRoutes(256000, 204800, false); }
 // Without TTL security configured, any TTL from 1 up is accepted.
@@ -95,34 +90,23 @@ inline AsnOrPeerFilter asnOrPeerFilter() { return AsnOrPeerFilter(AsnOrPeerFilte
 // The per-neighbour limit defaults to 256000 routes; the per-address-family one to none (0).
 using TristateMaxRoutes =
     Tristate<MaxRoutes, "Routing::Bgp::TristateMaxRoutes", &tristateDefaults::neighborMaxRoutes>;
-using TristateAfiSafiMaxRoutes =
-    Tristate<MaxRoutes, "Routing::Bgp::TristateAfiSafiMaxRoutes", &tristateDefaults::zero<MaxRoutes>>;
-using TristateMaxAcceptedRoutes = Tristate<MaxAcceptedRoutes, "Routing::Bgp::TristateMaxAcceptedRoutes",
-                                           &tristateDefaults::zero<MaxAcceptedRoutes>>;
-using TristateMaxAdvRoutes =
-    Tristate<MaxAdvRoutes, "Routing::Bgp::TristateMaxAdvRoutes", &tristateDefaults::zero<MaxAdvRoutes>>;
-using TristateOutDelay = Tristate<OutDelay, "Routing::Bgp::TristateOutDelay", &tristateDefaults::zero<OutDelay>>;
+using TristateAfiSafiMaxRoutes = Tristate<MaxRoutes, "Routing::Bgp::TristateAfiSafiMaxRoutes">;
+using TristateMaxAcceptedRoutes = Tristate<MaxAcceptedRoutes, "Routing::Bgp::TristateMaxAcceptedRoutes">;
+using TristateMaxAdvRoutes = Tristate<MaxAdvRoutes, "Routing::Bgp::TristateMaxAdvRoutes">;
+using TristateOutDelay = Tristate<OutDelay, "Routing::Bgp::TristateOutDelay">;
 using TristateBgpTtlSecMaxHop = Tristate<TtlSecurityMaxHopValue, "Routing::Bgp::TristateBgpTtlSecMaxHop",
                                          &tristateDefaults::ttlSecurityMaxHop>;
 using TristateExtendedNextHopCapability =
-    Tristate<ExtendedNextHopCapability, "Routing::Bgp::TristateExtendedNextHopCapability",
-             &tristateDefaults::zero<ExtendedNextHopCapability>>;
-using TristateReflectorClient = Tristate<ReflectorClient, "Routing::Bgp::TristateReflectorClient",
-                                         &tristateDefaults::zero<ReflectorClient>>;
-using TristateSoftReconfigInbound = Tristate<SoftReconfigInboundState, "Routing::Bgp::TristateSoftReconfigInbound",
-                                             &tristateDefaults::zero<SoftReconfigInboundState>>;
-using TristatePolicyActionType = Tristate<PolicyActionType, "Routing::Bgp::TristatePolicyActionType",
-                                          &tristateDefaults::zero<PolicyActionType>>;
-using TristateRemovePrivateAs = Tristate<RemovePrivateAs, "Routing::Bgp::TristateRemovePrivateAs",
-                                         &tristateDefaults::zero<RemovePrivateAs>>;
-using TristateLocalAs = Tristate<LocalAs, "Routing::Bgp::TristateLocalAs", &tristateDefaults::zero<LocalAs>>;
+    Tristate<ExtendedNextHopCapability, "Routing::Bgp::TristateExtendedNextHopCapability">;
+using TristateReflectorClient = Tristate<ReflectorClient, "Routing::Bgp::TristateReflectorClient">;
+using TristateSoftReconfigInbound = Tristate<SoftReconfigInboundState, "Routing::Bgp::TristateSoftReconfigInbound">;
+using TristatePolicyActionType = Tristate<PolicyActionType, "Routing::Bgp::TristatePolicyActionType">;
+using TristateRemovePrivateAs = Tristate<RemovePrivateAs, "Routing::Bgp::TristateRemovePrivateAs">;
+using TristateLocalAs = Tristate<LocalAs, "Routing::Bgp::TristateLocalAs">;
 using TristateAsnOrPeerFilter =
     Tristate<AsnOrPeerFilter, "Routing::Bgp::TristateAsnOrPeerFilter", &tristateDefaults::asnOrPeerFilter>;
-using TristateBgpTcpAuthKey =
-    Tristate<BgpTcpAuthKey, "Routing::Bgp::TristateBgpTcpAuthKey", &tristateDefaults::zero<BgpTcpAuthKey>>;
-using TristateAddPathSendConfig = Tristate<AddPathSendConfig, "Routing::Bgp::TristateAddPathSendConfig",
-                                           &tristateDefaults::zero<AddPathSendConfig>>;
-using TristateRfdPolicyAttachment = Tristate<RfdPolicyAttachment, "Routing::Bgp::TristateRfdPolicyAttachment",
-                                             &tristateDefaults::zero<RfdPolicyAttachment>>;
+using TristateBgpTcpAuthKey = Tristate<BgpTcpAuthKey, "Routing::Bgp::TristateBgpTcpAuthKey">;
+using TristateAddPathSendConfig = Tristate<AddPathSendConfig, "Routing::Bgp::TristateAddPathSendConfig">;
+using TristateRfdPolicyAttachment = Tristate<RfdPolicyAttachment, "Routing::Bgp::TristateRfdPolicyAttachment">;
 
 }  // namespace Routing::Bgp

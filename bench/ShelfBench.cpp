@@ -24,7 +24,6 @@
 
 namespace {
 
-using Routing::BgpRedistribute::CommunityIndex;
 using Routing::BgpRedistribute::IgpResult;
 using Routing::BgpRedistribute::IgpResultId;
 using Routing::BgpRedistribute::IgpResultStatus;
@@ -32,15 +31,8 @@ using Routing::BgpRedistribute::IgpResultStatus;
 constexpr std::uint32_t kRecords = 100000;
 constexpr int kBatch = 1000;
 
-IgpResult record(std::uint32_t key, std::uint64_t version) {
-  IgpResult r{IgpResultId(key)};
-  r.preference = static_cast<std::uint8_t>(key % 200 + 1);
-  r.metric.valueIs(version);
-  r.tag = key * 10;
-  r.ospfDomainId = version;
-  for (std::uint32_t i = 0; i < key % 5; ++i) r.communityIs(CommunityIndex(i), (65000u << 16) + key + i);
-  return r;
-}
+// The tool's sample records: every field follows from the key and a version.
+IgpResult record(std::uint32_t key, std::uint64_t version) { return Routing::BgpRedistribute::sampleIgpResult(key, version); }
 
 // A scratch directory under /dev/shm holding the table and the LMDB environment.
 struct Fixture {

@@ -398,19 +398,6 @@ void watch(const Options& opt) {
 
 // ---- write ---------------------------------------------------------------------------------
 
-// Sample record `key`, every field derived from the key so that readers can check it.
-IgpResult sample(std::uint32_t key) {
-  IgpResult r{IgpResultId(key)};
-  r.preference = static_cast<std::uint8_t>(key % 200 + 1);
-  r.tag = key * 10;
-  r.metric.valueIs(key * 3);
-  r.ospfDomainId = key;
-  for (std::uint32_t i = 0; i < key % 5; ++i) {
-    r.communityIs(Routing::BgpRedistribute::CommunityIndex(i), (65000u << 16) + key + i);
-  }
-  return r;
-}
-
 void write(const Options& opt) {
   if (opt.records != 0 && opt.first > UINT32_MAX - (opt.records - 1)) {
     std::fprintf(stderr, "--first %u --records %u: keys beyond %u\n", opt.first, opt.records, UINT32_MAX);
@@ -425,7 +412,7 @@ void write(const Options& opt) {
   {
     tools::Progress progress("records written", opt.records);
     for (std::uint32_t i = 0; i < opt.records; ++i) {
-      status->resultIs(sample(opt.first + i));
+      status->resultIs(Routing::BgpRedistribute::sampleIgpResult(opt.first + i));
       progress.update(i + 1);
     }
   }

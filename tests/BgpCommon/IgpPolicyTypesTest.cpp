@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "platform/Kelp/Registry.h"
 #include "tests/Support/PolicyResults.h"
@@ -213,6 +214,18 @@ TEST(IgpPolicyTypes, PolicyResultHashEqualityAndTruth) {
     change(b);
     EXPECT_FALSE(a == b);
   }
+}
+
+TEST(IgpPolicyTypes, EveryRecordFieldButItsKeyIsAnOutcomeField) {
+  // A record field left out of the outcome would be published as its default whatever policy set.
+  std::vector<std::string> recordFields, outcomeFields;
+  Kelp::forEachField(Kelp::typeDescOf<IgpResult>, [&](const auto& f) {
+    if (std::string(f.name) != "key") recordFields.push_back(f.name);
+  });
+  Bgp::forEachOutcomeField([&](const auto& f) { outcomeFields.push_back(f.name); });
+  std::sort(recordFields.begin(), recordFields.end());
+  std::sort(outcomeFields.begin(), outcomeFields.end());
+  EXPECT_EQ(outcomeFields, recordFields);
 }
 
 TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {
