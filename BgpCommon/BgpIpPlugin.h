@@ -47,12 +47,10 @@ class IpRouteKey final : public IpRouteKeyBase {
   Netzo::IpGenPrefix prefix() const override { return Netzo::IpGenPrefix(address(), prefixLength()); }
 
   Afi afi() const override { return Family::kAfiSafi.afi(); }
-  // Not provided for IP unicast: "0 && \"Not implemented\"".
-  NlriType nlriType() const override {
-    PICO_ASSERT(0 && "Not implemented");
-    return NlriType::unknown;
-  }
-  void formatWithoutVrf(std::ostream&) const override { PICO_ASSERT(0 && "Not implemented"); }
+  // Not provided for IP unicast: "0 && \"Not implemented\"", reported from the family's own file
+  // (BgpCommon/BgpIpv4Plugin, BgpCommon/BgpIpv6Plugin), where users of a family look for it.
+  NlriType nlriType() const override { notImplemented(__LINE__, __PRETTY_FUNCTION__); }
+  void formatWithoutVrf(std::ostream&) const override { notImplemented(__LINE__, __PRETTY_FUNCTION__); }
 
   // The identity is the content record's: its hash, and its equality against another key or a
   // record on the stack.
@@ -104,6 +102,9 @@ class IpRouteKey final : public IpRouteKeyBase {
   }
 
  private:
+  [[noreturn]] static void notImplemented(unsigned line, const char* function) {
+    ::Pico::assertFail("0 && \"Not implemented\"", Family::kSourceName, line, function);
+  }
   Content content_;  // the length is not checked against the address
 };
 

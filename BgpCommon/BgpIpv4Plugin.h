@@ -26,6 +26,7 @@ struct Ipv4Family {
   using Stored = std::uint32_t;  // network byte order
   static constexpr AfiSafi kAfiSafi = ipv4UnicastAfiSafi;
   static constexpr const char* kName = "IPv4";
+  static constexpr const char* kSourceName = "BgpCommon/BgpIpv4Plugin";  // of its assertions
   static Stored stored(const Content& c) { return c.addressNbo; }
   static bool holds(const Netzo::IpGenAddr& a) { return a.isIpv4(); }
   static Content contentOf(const Netzo::IpGenPrefix& p) { return Content(p.address().ipv4(), p.length()); }

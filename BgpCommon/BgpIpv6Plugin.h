@@ -23,6 +23,7 @@ struct Ipv6Family {
   using Stored = Ipv6AddressBuf;
   static constexpr AfiSafi kAfiSafi = ipv6UnicastAfiSafi;
   static constexpr const char* kName = "IPv6";
+  static constexpr const char* kSourceName = "BgpCommon/BgpIpv6Plugin";  // of its assertions
   static const Stored& stored(const Content& c) { return c.address; }
   static bool holds(const Netzo::IpGenAddr& a) { return a.isIpv6(); }
   static Content contentOf(const Netzo::IpGenPrefix& p) { return Content(p.address().ipv6(), p.length()); }
