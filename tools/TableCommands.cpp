@@ -272,8 +272,7 @@ void show(const Options& opt) {
     std::printf("%s\n", plural(records.size(), "record").c_str());
   }
   // Every record that could be read was printed; those that could not were reported one by one.
-  if (damaged != 0) tools::exitWith(tools::exitFailure);
-  if (absent) tools::exitWith(tools::exitFailure);
+  if (damaged != 0 || absent) tools::exitWith(tools::exitFailure);
 }
 
 // ---- watch ---------------------------------------------------------------------------------
