@@ -158,7 +158,7 @@ std::string joinIds(const std::vector<std::uint32_t>& ids) {
 
 class Demo {
  public:
-  Demo(const Options& opt, const tools::TempDir& root) : opt_(opt), root_(root) {}
+  Demo(const Options& opt, const Shelf::TempRoot& root) : opt_(opt), root_(root) {}
 
   int run() {
     const auto start = Clock::now();
@@ -356,7 +356,7 @@ class Demo {
   }
 
   const Options& opt_;
-  const tools::TempDir& root_;
+  const Shelf::TempRoot& root_;
   Kelp::Ptr<KelpSharedMem::EntityManager> em_;
   Kelp::Ptr<IgpResultStatus> status_;
   Kelp::Ptr<FilteredRtStatus> routes_;
@@ -378,7 +378,7 @@ void runDemo(const Options& opt) {
   std::optional<DemoSummary> summary;
   narrative = opt.json ? stderr : stdout;
   try {
-    tools::TempDir root(opt.root, "bgpcommon-demo");
+    Shelf::TempRoot root(opt.root, "bgpcommon-demo");
     tools::RemoveOnSignal removeOnSignal(root);  // interrupted (Ctrl-C, kill, a closed pipe): no tables left
     Demo demo(opt, root);
     code = demo.run();

@@ -9,6 +9,7 @@
 
 #include "platform/Kelp/Registry.h"
 #include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::BgpRedistribute {

@@ -82,7 +82,7 @@ TEST_F(IgpResultDedupTableTest, EveryFieldButDpsTellsOutcomesApart) {
   EXPECT_EQ(status->resultCount(), held.size() + 1);
   // Unset metrics agree whatever their low bits.
   IgpResult_ r = fullPolicyResult();
-  r.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 9);
+  r.metric = Kelp::MaybeU63::fromRaw(Kelp::MaybeU63::kUnsetBit | 9);
   EXPECT_EQ(table->dedup(r).get(), held[2].get());
 }
 

@@ -19,6 +19,7 @@
 
 #include "platform/Kelp/Registry.h"
 #include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/PolicyResults.h"
 
 namespace Routing::BgpRedistribute {
 namespace {

@@ -9,6 +9,7 @@
 
 #include "BgpCommon/FilteredRtStatus.h"
 #include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/RunTool.h"
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "BgpCommon/FilteredRtStatus.h"
 #include "tests/Shelf/ShelfTestSupport.h"
+#include "tests/Support/PolicyResults.h"
 
 namespace Routing::BgpRedistribute {
 namespace {
