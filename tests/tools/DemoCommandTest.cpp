@@ -10,6 +10,7 @@
 
 #include "tests/Shelf/ShelfTestSupport.h"
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ json runDemo(const std::string& args, const std::string& toggleJson = "") {
   setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1);
   auto r = runTool(args + " --json", true);
   unsetenv("BGPCOMMON_TOGGLE_DIR");
-  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.status, tools::exitOk) << r.err;
   return json::parse(r.out, nullptr, false);
 }
 
