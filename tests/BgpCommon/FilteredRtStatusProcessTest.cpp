@@ -29,12 +29,12 @@
 #include <gtest/gtest.h>
 
 #include "BgpCommon/FilteredRtStatus.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 
 namespace Routing::BgpRedistribute {
 namespace {
 
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 using Clock = std::chrono::steady_clock;
 using Kind = Shelf::Change::Kind;
 

@@ -227,11 +227,8 @@ TEST(IgpPolicyTypes, RecordsWithACollectionCannotBeReadFromText) {
   const Kelp::TypeInfo* record = Kelp::findType("Routing::BgpRedistribute::IgpResult");
   EXPECT_THROW(record->hash(std::any(IgpResult(IgpResultId(1)))), Kelp::UnhashableException);
   EXPECT_EQ(record->strepToValue, nullptr);
-  const Kelp::String text = Kelp::valueToStrep(IgpResult(IgpResultId(1)));
-  EXPECT_DEATH({ Kelp::CharRange r(text); IgpResult{r}; }, "No String constructor for IgpResult - has collection");
-  const Kelp::String policyText = Kelp::valueToStrep(IgpResult_());
-  EXPECT_DEATH({ Kelp::CharRange r(policyText); IgpResult_{r}; },
-               "No String constructor for IgpResult_ - has collection");
+  EXPECT_DEATH({ Kelp::CharRange r(""); IgpResult{r}; }, "No String constructor for IgpResult - has collection");
+  EXPECT_DEATH({ Kelp::CharRange r(""); IgpResult_{r}; }, "No String constructor for IgpResult_ - has collection");
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 #include "tests/Support/PolicyResults.h"
 
 namespace Routing::Bgp {
@@ -17,7 +17,7 @@ using BgpRedistribute::IgpResult;
 using BgpRedistribute::IgpResultId;
 using BgpRedistribute::IgpResultStatus;
 using testing_support::fullPolicyResult;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 
 IgpResult_ withTag(std::uint32_t tag) {
   IgpResult_ r;

@@ -1,6 +1,4 @@
-// The type registry over the library's own types: every registered type found by name, read and
-// printed, rebuilt from its fields and printed as JSON, as generic code (the tool, the Python module)
-// uses them.
+// The type registry over the library's own types, as generic code (the tool, Python) uses it.
 #include <algorithm>
 
 #include <gmock/gmock.h>

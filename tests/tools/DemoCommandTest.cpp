@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 #include "tests/Support/RunTool.h"
 #include "tools/ExitStatus.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 using nlohmann::json;
 using testing_support::runTool;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 
 // Runs the demo with the toggle directory set (a directory without a toggle file when empty) and
 // returns its summary.

@@ -15,7 +15,7 @@
 #include <fmt/format.h>
 
 #include "BgpCommon/FilteredRtStatus.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 #include "tests/Support/PolicyResults.h"
 #include "tests/Support/RunTool.h"
 #include "tools/ExitStatus.h"
@@ -39,7 +39,7 @@ std::string fileText(const std::string& path) {
 
 // Each row a command, its exit status, what it prints and what it says on standard error.
 TEST(TableCommands, ListShowAndWatchCurrent) {
-  testing_support::TempRoot root;
+  Shelf::TempRoot root;
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   auto results = IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64);
   auto empty = IgpResultStatus::createIgpResultStatusWriter("empty", em, 8);
@@ -105,7 +105,7 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
 // Started with neither --timeout nor --count, watch follows the table until SIGINT ends it: exit
 // 0, and every change it saw printed, down to a whole last line.
 TEST(TableCommands, WatchRunsUntilInterrupted) {
-  testing_support::TempRoot root;
+  Shelf::TempRoot root;
   auto status =
       IgpResultStatus::createIgpResultStatusWriter("t", Kelp::makePtr<KelpSharedMem::EntityManager>(root.path()), 64);
   status->resultIs(versionedRecord(1, 1));
@@ -138,7 +138,7 @@ TEST(TableCommands, WatchRunsUntilInterrupted) {
 // second writer is refused with the holder named; show prints every record it can decode, reports
 // the one it cannot and fails; watch prints the changes as they come.
 TEST(ShelfProcess, TheToolBesideALiveWriter) {
-  testing_support::TempRoot root;
+  Shelf::TempRoot root;
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   auto status = IgpResultStatus::createIgpResultStatusWriter("tool", em, 512);
   std::string expected;
