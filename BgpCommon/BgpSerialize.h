@@ -76,8 +76,6 @@ class Serialize {
   U32 writeOffset() const { return writeOffset_; }
   // Octets available at the buffer (never above bgpMaxExtendedMessageSize).
   U32 capacity() const { return capacity_; }
-  // True until the first growth moves the octets to the heap.
-  bool usesInlineStorage() const { return buffer_ == inline_; }
   // The octets written, writeOffset() of them.
   const U8* data() const { return reinterpret_cast<const U8*>(buffer_); }
 

@@ -8,49 +8,6 @@
 #include "platform/Kelp/Registry.h"
 #include "platform/Pico/Format.h"
 
-namespace {
-// The address octets of a family the table stores, or -1.
-int octetsOf(std::uint8_t family) {
-  switch (static_cast<Netzo::AddressFamily>(family)) {
-    case Netzo::AddressFamily::ipUnknown: return 0;
-    case Netzo::AddressFamily::ipv4: return 4;
-    case Netzo::AddressFamily::ipv6: return 16;
-    default: return -1;
-  }
-}
-}  // namespace
-
-bool Kelp::ByteCodec<Netzo::IpGenPrefix>::canonical(const std::uint8_t* in) {
-  const int n = octetsOf(in[0]);
-  return n >= 0 && in[1] <= Netzo::maxPrefixLength(static_cast<Netzo::AddressFamily>(in[0]));
-}
-
-void Kelp::ByteCodec<Netzo::IpGenPrefix>::validate(const std::uint8_t* in) {
-  if (!canonical(in)) throw Kelp::RangeException("bytes do not hold a prefix");
-}
-
-void Kelp::ByteCodec<Netzo::IpGenPrefix>::get(const std::uint8_t* in, Netzo::IpGenPrefix& p) {
-  using Netzo::AddressFamily;
-  Netzo::IpGenAddr address;
-  switch (static_cast<AddressFamily>(in[0])) {
-    case AddressFamily::ipv4: {
-      std::uint32_t nbo;
-      std::memcpy(&nbo, in + 2, 4);
-      address = Netzo::IpAddr::fromNetworkOrder(nbo);
-      break;
-    }
-    case AddressFamily::ipv6: {
-      Netzo::Ip6Addr::Octets octets;
-      std::memcpy(octets.data(), in + 2, 16);
-      address = Netzo::Ip6Addr(octets);
-      break;
-    }
-    default:
-      break;
-  }
-  p = Netzo::IpGenPrefix(address, in[1]);
-}
-
 Netzo::IpGenPrefix KelpShelf::KeyCodec<Netzo::IpGenPrefix>::decode(Shelf::Bytes b) {
   Netzo::IpGenPrefix p;
   if (b.size() < Codec::kMin || !Codec::canonical(b.data()) || Codec::storedSize(b.data()) != b.size()) return p;

@@ -183,7 +183,7 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
   RoutePreference preference;
   bool ospfBitDn = false;
   bool ospfv3BitDn = false;
-  Brim::MaybeU63 metric;
+  Kelp::MaybeU63 metric;
   Isis::Level isisLevel = Isis::Level::levelUnset;
   Ospf::OspfExtMetricType ospfMetricType = Ospf::OspfExtMetricType::typeUnset;
   std::uint64_t ospfDomainId = 0;

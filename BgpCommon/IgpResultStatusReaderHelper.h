@@ -49,15 +49,15 @@ constexpr auto kelpEnum(Kelp::Tag<IgpResultReturnType>) {
 }
 KELP_ENUM_FUNCTIONS(IgpResultReturnType)
 
-// The answer of a lookup: the record to apply and how it was reached. Cannot be built from text
-// (its record holds a collection) and is not hashable.
+// The answer of a lookup: the record to apply and how it was reached. It prints but is not read
+// from text (its record holds a collection, so strepToValue does not compile for it) and is not
+// hashable.
 struct IgpResultLookup : Kelp::ValueBase<IgpResultLookup> {
   IgpResult igpResult{IgpResultId()};
   IgpResultReturnType returnType = IgpResultReturnType::resultDefault;
 
   IgpResultLookup() = default;
   IgpResultLookup(const IgpResult& r, IgpResultReturnType t) : igpResult(r), returnType(t) {}
-  explicit IgpResultLookup(Kelp::CharRange& r) { Kelp::parseFields(r, *this); }
 
   friend constexpr auto kelpType(Kelp::Tag<IgpResultLookup>) {
     return Kelp::valueType<IgpResultLookup>("Routing::BgpRedistribute::IgpResultLookup",

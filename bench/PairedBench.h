@@ -26,8 +26,6 @@ inline constexpr const char* kOursNs = "ours_ns";    // mean time of one call of
 inline constexpr const char* kPeerNs = "peer_ns";    // the same of the peer, or the limit
 inline constexpr const char* kRatio = "ratio";       // ours_ns / peer_ns: below 1 is faster
 inline constexpr const char* kGoal = "goal";         // the ratio to stay within
-inline constexpr const char* kSpeedup = "speedup";   // peer_ns / ours_ns, where the goal is a speed-up
-inline constexpr const char* kGoalMin = "goal_min";  // the speed-up to reach
 // A second yardstick in the same run, where a duel has both a peer and a physical floor.
 inline constexpr const char* kFloorNs = "floor_ns";        // mean time of one call of the floor
 inline constexpr const char* kFloorRatio = "floor_ratio";  // ours_ns / floor_ns

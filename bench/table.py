@@ -2,10 +2,9 @@
 """Turns Google Benchmark JSON files into the Markdown table README.md shows.
 
 Benchmarks that compare report the counters ours_ns, peer_ns, ratio and goal (ratio = ours/peer,
-lower is better, goal = the ratio to stay within); a benchmark whose goal is a minimum speed-up
-reports speedup and goal_min instead. A duel with a second yardstick (a physical floor) adds floor_ns, floor_ratio and floor_goal, shown
-as a row of its own. A repeated benchmark shows its median with the range of its repetitions.
-Other counters (bytes per key, ...) are listed as they are.
+lower is better, goal = the ratio to stay within). A duel with a second yardstick (a physical floor)
+adds floor_ns, floor_ratio and floor_goal, shown as a row of its own. A repeated benchmark shows its
+median with the range of its repetitions. Other counters (bytes per key, ...) are listed as they are.
 """
 import json
 import pathlib
@@ -59,14 +58,12 @@ def ranged(value, low, high, text):
     return f"{text(value)} ({text(low)}–{text(high)})"
 
 
-def verdict(value, low, high, goal, better_low=True):
+def verdict(value, low, high, goal):
     """yes when every repetition meets the goal, median when the median does, else no."""
-    worst = high if better_low else low
-    ok = (lambda v: v <= goal) if better_low else (lambda v: v >= goal)
-    if worst is not None and ok(worst):
+    if high is not None and high <= goal:
         return "yes"
-    if ok(value):
-        return "yes" if worst is None else "median"
+    if value <= goal:
+        return "yes" if high is None else "median"
     return "no"
 
 
@@ -104,8 +101,6 @@ def main(paths):
         peer, peer_lo, peer_hi = take("kPeerNs")
         ratio, ratio_lo, ratio_hi = take("kRatio")
         goal, _, _ = take("kGoal")
-        speedup, speedup_lo, speedup_hi = take("kSpeedup")
-        goal_min, _, _ = take("kGoalMin")
         floor, floor_lo, floor_hi = take("kFloorNs")
         floor_ratio, floor_ratio_lo, floor_ratio_hi = take("kFloorRatio")
         floor_goal, _, _ = take("kFloorGoal")
@@ -116,10 +111,6 @@ def main(paths):
             met = verdict(ratio, ratio_lo, ratio_hi, goal)
             goal_text = f"≤ {fmt(goal)}x"
             ratio_text = ranged(ratio, ratio_lo, ratio_hi, times)
-        elif speedup is not None and goal_min:
-            met = verdict(speedup, speedup_lo, speedup_hi, goal_min, better_low=False)
-            goal_text = f"≥ {fmt(goal_min)}x faster"
-            ratio_text = ranged(speedup, speedup_lo, speedup_hi, lambda v: f"{v:.2f}x faster")
         elif ratio is not None:
             ratio_text = ranged(ratio, ratio_lo, ratio_hi, times)
         other = ", ".join(f"{k}={fmt(v)}" for k, v in counters.items()

@@ -5,7 +5,7 @@
 // (a Conversion) from what the registry says of it:
 //   bool, unsigned and signed numbers, text (str, one character per byte: Latin-1, as the long
 //   form escapes it), bytes                      as themselves
-//   Brim::MaybeU63                               an int, or None when unset
+//   Kelp::MaybeU63                               an int, or None when unset
 //   an enumeration                               its Enum subclass (python/bgpcommon/_native.py)
 //   a value type of one unsigned field, or of no field whose text is a decimal number (an
 //   identifier, a tag, an AS number, a label)    its Number subclass, an int
@@ -34,7 +34,7 @@
 #include <pybind11/stl.h>
 
 #include "BgpCommon/IgpPolicyTypes.h"
-#include "platform/Brim/MaybeU63.h"
+#include "platform/Kelp/MaybeU63.h"
 #include "platform/Netzo/IpGenPrefix.h"
 #include "python/Module.h"
 
@@ -273,7 +273,7 @@ const std::unordered_map<std::type_index, void (*)(Conversion&)>& setters() {
       {typeid(double), &setKind<Kind::floating>},
       {typeid(Kelp::String), &setKind<Kind::text>},
       {typeid(Kelp::Bytes), &setKind<Kind::bytes>},
-      {typeid(Brim::MaybeU63), &setKind<Kind::maybeU63>},
+      {typeid(Kelp::MaybeU63), &setKind<Kind::maybeU63>},
       {typeid(Routing::BgpRedistribute::CommunityArray), &setKind<Kind::communities>},
       {typeid(Netzo::IpAddr), &setKind<Kind::ipv4>},
       {typeid(Netzo::Ip6Addr), &setKind<Kind::ipv6>},
@@ -338,7 +338,7 @@ py::object toPython(const std::any& v, const Conversion& c) {
       return py::bytes(reinterpret_cast<const char*>(b.data()), b.size());
     }
     case Kind::maybeU63: {
-      const auto& m = std::any_cast<const Brim::MaybeU63&>(v);
+      const auto& m = std::any_cast<const Kelp::MaybeU63&>(v);
       if (!m.isSet()) return py::none();
       return py::reinterpret_steal<py::object>(PyLong_FromUnsignedLongLong(m.value()));
     }
@@ -441,14 +441,14 @@ std::any fromPython(py::handle obj, const Conversion& c, std::string_view what) 
       return Kelp::Bytes(b.begin(), b.end());
     }
     case Kind::maybeU63: {
-      if (obj.is_none()) return Brim::MaybeU63();
+      if (obj.is_none()) return Kelp::MaybeU63();
       static const Conversion& u63 = conversionFor(typeid(std::uint64_t));
       auto v = std::any_cast<std::uint64_t>(fromPython(obj, u63, what));
-      if (v > Brim::MaybeU63::kMaxValue) {
+      if (v > Kelp::MaybeU63::kMaxValue) {
         raise(PyExc_OverflowError, std::string(what) + ": " + std::to_string(v) + " is out of range 0.." +
-                                       std::to_string(Brim::MaybeU63::kMaxValue));
+                                       std::to_string(Kelp::MaybeU63::kMaxValue));
       }
-      return Brim::MaybeU63(v);
+      return Kelp::MaybeU63(v);
     }
     case Kind::enumeration: {
       // The unnamed default is no text the parser reads, but a value of the type all the same.

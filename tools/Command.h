@@ -7,7 +7,7 @@
 //   });
 //
 // Each setup adds its subcommand to the application and attaches callbacks; a callback that
-// wants a non-zero exit status throws CLI::RuntimeError(status) with one of the statuses below.
+// wants a non-zero exit status calls exitWith(status) with a status of tools/ExitStatus.h.
 
 #include <functional>
 #include <string>
@@ -15,28 +15,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/ExitStatus.h"
+
 namespace tools {
 
-// The tool's exit statuses. A bad command line (unknown command or option, a missing or malformed
-// argument) is the only usage error; bad text given as an argument is bad input.
-enum ExitStatus : int {
-  exitOk = 0,
-  exitFailure = 1,   // bad input, or the command failed
-  exitUsage = 2,     // bad command line
-  exitTimedOut = 3,  // igp-results watch: --timeout passed before --count changes arrived
-};
-
-// A name and what it means, as the help footer and the manual page list them.
+// A name and what it means, as the help footer and the manual page list them (with the exit statuses
+// of tools/ExitStatus.h).
 struct Documented {
   const char* name;
   const char* text;
-};
-inline constexpr Documented kExitStatuses[] = {
-    {"0", "done"},
-    {"1", "bad input, or the command failed (show: a record damaged or a KEY without one; watch: no table "
-          "appeared)"},
-    {"2", "bad command line: unknown command or option, missing or malformed argument"},
-    {"3", "igp-results watch: --timeout passed before --count changes arrived"},
 };
 inline constexpr Documented kEnvironment[] = {
     {"BGPCOMMON_HASH_SEED", "the process's hash seed (a number; default random): reproducible runs"},

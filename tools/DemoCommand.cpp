@@ -6,15 +6,14 @@
 // static routes, interns the results (IgpResultTable), which publishes one record per distinct
 // outcome in the shared IGP result table, and publishes each route with the identifier of its
 // result in a filtered-route table. A reader process (this tool again, under the hidden
-// subcommand demo-reader) looks every route up by its identifier as redistribution does
-// (IgpResultStatusReaderHelper::lookup) and reports what it found. Then some outcomes are released
-// (their records withdrawn, their identifiers freed) and new ones take the freed identifiers.
+// subcommand demo-reader, tools/DemoReaderCommand.cpp) looks every route up by its identifier as
+// redistribution does (IgpResultStatusReaderHelper::lookup) and reports what it found. Then some
+// outcomes are released (their records withdrawn, their identifiers freed) and new ones take the
+// freed identifiers.
 //
 // The demo checks the reader's answers (tools/ReaderReport.h) against what it published and what
 // the feature toggle, read here too, makes a lookup answer; it exits 1 if they disagree. Every wait
 // on the reader is bounded.
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -42,12 +41,11 @@ using Routing::BgpRedistribute::FilteredRoute;
 using Routing::BgpRedistribute::FilteredRtStatus;
 using Routing::BgpRedistribute::IgpResult;
 using Routing::BgpRedistribute::IgpResultId;
-using Routing::BgpRedistribute::IgpResultLookup;
 using Routing::BgpRedistribute::IgpResultReturnType;
 using Routing::BgpRedistribute::IgpResultStatus;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kTableName = "static";
+using tools::kDemoTableName;
 constexpr std::uint32_t kClauses = 36;          // distinct outcomes of the policy
 constexpr std::uint32_t kUnmatchedEvery = 25;   // one route in 25 matches no clause
 constexpr std::uint32_t kReplaced[] = {5, 12, 30};  // clauses the operator later replaces
@@ -157,15 +155,15 @@ std::string joinIds(const std::vector<std::uint32_t>& ids) {
 
 class Demo {
  public:
-  Demo(const Options& opt, const tools::TempDir& root) : opt_(opt), root_(root) {}
+  Demo(const Options& opt, const Shelf::TempRoot& root) : opt_(opt), root_(root) {}
 
   int run() {
     const auto start = Clock::now();
     std::fprintf(narrative, "Redistributing %u static routes into BGP, across two processes.\n", opt_.routes);
     std::fprintf(narrative, "Tables under %s%s\n", root_.path().c_str(), root_.temporary() ? " (temporary)" : "");
     if (!root_.temporary()) {
-      std::fprintf(narrative, "(watch the records come and go: bgpcommon igp-results watch %s --root %s)\n", kTableName,
-                   root_.path().c_str());
+      std::fprintf(narrative, "(watch the records come and go: bgpcommon igp-results watch %s --root %s)\n",
+                   kDemoTableName, root_.path().c_str());
     }
     std::fprintf(narrative, "\n");
     {
@@ -202,8 +200,8 @@ class Demo {
  private:
   void setUp() {
     em_ = Kelp::makePtr<KelpSharedMem::EntityManager>(root_.path());
-    status_ = IgpResultStatus::createIgpResultStatusWriter(kTableName, em_, 4096);
-    const std::string routesPath = FilteredRtStatus::mountPath(kTableName);
+    status_ = IgpResultStatus::createIgpResultStatusWriter(kDemoTableName, em_, 4096);
+    const std::string routesPath = FilteredRtStatus::mountPath(kDemoTableName);
     em_->mount(routesPath, FilteredRtStatus::kTypeName,
                {KelpSharedMem::MountMode::writer, {{Kelp::String(FilteredRtStatus::kCollection), opt_.routes + 64}}});
     routes_ = Kelp::ptrDynamicCast<FilteredRtStatus>(em_->entity(routesPath));
@@ -247,7 +245,7 @@ class Demo {
     std::fprintf(narrative, "   %u results interned into %u distinct outcomes in %.1f ms (%.1f M results/s)\n", results,
                  distinctOutcomes_, dedupMs, results / dedupMs / 1e3);
     std::fprintf(narrative, "   %u records published under identifiers %u..%u in %s\n", status_->resultCount(), 1u,
-                 table_->idAllocator()->largestAllocatedId(), IgpResultStatus::mountPath(kTableName).c_str());
+                 table_->idAllocator()->largestAllocatedId(), IgpResultStatus::mountPath(kDemoTableName).c_str());
 
     t0 = Clock::now();
     {
@@ -259,13 +257,13 @@ class Demo {
     }
     routes_->routesProcessedIs(true);
     std::fprintf(narrative, "   %u routes published with their identifiers in %s in %.1f ms\n\n", opt_.routes,
-                 FilteredRtStatus::mountPath(kTableName).c_str(), msSince(t0));
+                 FilteredRtStatus::mountPath(kDemoTableName).c_str(), msSince(t0));
   }
 
   // Runs the reader over every route (and the identifiers in `probe`) and checks its counts.
   void readAll(const char* title, const std::map<std::uint32_t, IgpResultReturnType>& probe) {
     std::fprintf(narrative, "%s\n", title);
-    std::vector<std::string> args = {"--root", root_.path(), "--name", kTableName, "--routes"};
+    std::vector<std::string> args = {"--root", root_.path(), "--name", kDemoTableName, "--routes"};
     std::vector<std::uint32_t> ids;
     for (const auto& [id, type] : probe) ids.push_back(id);
     if (!ids.empty()) {
@@ -355,7 +353,7 @@ class Demo {
   }
 
   const Options& opt_;
-  const tools::TempDir& root_;
+  const Shelf::TempRoot& root_;
   Kelp::Ptr<KelpSharedMem::EntityManager> em_;
   Kelp::Ptr<IgpResultStatus> status_;
   Kelp::Ptr<FilteredRtStatus> routes_;
@@ -377,7 +375,7 @@ void runDemo(const Options& opt) {
   std::optional<DemoSummary> summary;
   narrative = opt.json ? stderr : stdout;
   try {
-    tools::TempDir root(opt.root, "bgpcommon-demo");
+    Shelf::TempRoot root(opt.root, "bgpcommon-demo");
     tools::RemoveOnSignal removeOnSignal(root);  // interrupted (Ctrl-C, kill, a closed pipe): no tables left
     Demo demo(opt, root);
     code = demo.run();
@@ -389,69 +387,6 @@ void runDemo(const Options& opt) {
   if (opt.json && summary) std::printf("%s\n", Kelp::valueToJson(*summary).c_str());
   std::fflush(stdout);
   if (code != 0) tools::exitWith(tools::exitFailure);
-}
-
-// ---- The reader process (demo-reader) ----------------------------------------------------
-
-struct ReaderOptions {
-  std::string root;
-  std::string name = kTableName;
-  bool routes = false;
-  std::vector<std::uint32_t> ids;
-};
-
-void readerMain(const ReaderOptions& opt) {
-  using Routing::BgpRedistribute::igpResultStatusReaderHelperFactory;
-  using Routing::Rib::RouteKey;
-  using Routing::Rib::RoutingProtocol;
-  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
-  Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusReader(opt.name, em);
-  if (!status || !status->resultControl()->reader()->attached()) {
-    std::printf("no IGP result table %s under %s\n", IgpResultStatus::mountPath(opt.name).c_str(), em->root().c_str());
-    tools::exitWith(tools::exitFailure);
-  }
-  status->resultControl()->corruptionHandlerIs(
-      [](std::string_view m) { std::printf("corruption: %.*s\n", static_cast<int>(m.size()), m.data()); });
-  auto helper = igpResultStatusReaderHelperFactory(status);
-
-  if (opt.routes) {
-    const std::string path = FilteredRtStatus::mountPath(opt.name);
-    em->mount(path, FilteredRtStatus::kTypeName, {KelpSharedMem::MountMode::reader, {}});
-    auto routes = Kelp::ptrDynamicCast<FilteredRtStatus>(em->entity(path));
-    // The writer marks the table once every route is in; wait for that, but not for ever.
-    const auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (!routes->routesProcessed() && Clock::now() < deadline) {
-      routes->filteredRouteControl()->waitForChanges(0.05);
-      routes->filteredRouteControl()->poll();
-    }
-    if (!routes->routesProcessed()) {
-      std::printf("the routes were not all published within 10 s\n");
-      tools::exitWith(tools::exitFailure);
-    }
-    // The toggle is read once per process, on the first static lookup; read it before timing.
-    std::printf("reader pid %d, static-route communities %s\n", static_cast<int>(getpid()),
-                Routing::BgpRedistribute::IgpResultStatusReaderHelper::staticRouteCommunities() ? "on" : "off");
-    std::vector<FilteredRoute> all;
-    all.reserve(routes->filteredRouteCount());
-    routes->filteredRouteForEach([&](const FilteredRoute& r) { all.push_back(r); });
-
-    std::map<IgpResultReturnType, std::uint64_t> counts;
-    std::set<std::uint32_t> ids;
-    const auto t0 = Clock::now();
-    for (const FilteredRoute& r : all) {
-      IgpResultLookup l = helper->lookup(RouteKey(r.key), RoutingProtocol::protocolStatic, r.igpResultId.value);
-      ++counts[l.returnType];
-      if (l.returnType == IgpResultReturnType::resultFound) ids.insert(l.igpResult.key.value);
-    }
-    std::printf("%s\n", tools::ReaderReport::countLine(all.size(), msSince(t0), counts).c_str());
-    std::printf("%zu distinct records found, %u in the table\n", ids.size(), status->resultCount());
-  }
-  for (std::uint32_t id : opt.ids) {
-    IgpResultLookup l = helper->lookup(RouteKey(), RoutingProtocol::protocolStatic, id);
-    const bool found = l.returnType == IgpResultReturnType::resultFound;
-    std::printf("%s\n",
-                tools::ReaderReport::probeLine(id, l.returnType, found ? Kelp::valueToStrep(l.igpResult) : "").c_str());
-  }
 }
 
 tools::CommandRegistration reg("demo", [](CLI::App& app) {
@@ -469,25 +404,6 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
       "the reader's answers differ from what was published. The toggle StaticRouteCommunities in\n"
       "$BGPCOMMON_TOGGLE_DIR/Ira.json switches static-route lookups to tag-only.");
   demo->callback([] { runDemo(opt); });
-
-  static ReaderOptions reader;
-  auto* r = app.add_subcommand("demo-reader", "The demo's reader process");
-  r->group("");  // hidden: started by the demo
-  r->add_option("--root", reader.root, "Directory of the tables");
-  r->add_option("--name", reader.name, "Table name");
-  r->add_flag("--routes", reader.routes, "Look every published route up");
-  r->add_option("--ids", reader.ids, "Identifiers to look up")->delimiter(',');
-  r->callback([] {
-    try {
-      readerMain(reader);
-    } catch (const CLI::RuntimeError&) {
-      throw;
-    } catch (const std::exception& e) {
-      std::printf("reader failed: %s\n", e.what());
-      tools::exitWith(tools::exitFailure);
-    }
-    std::fflush(stdout);
-  });
 });
 
 }  // namespace

@@ -3,9 +3,9 @@
 // exactly the commands and options the tool has, with the descriptions its --help shows.
 //
 // The manual page has a section per command (its synopsis, description, options and notes) and
-// the exit statuses and environment variables of tools/Command.h. The completion script completes
-// command names, each command's options, directories after an option of type DIR and registered
-// type names for `value parse TYPE`.
+// the exit statuses (tools/ExitStatus.h) and environment variables (tools/Command.h). The completion
+// script completes command names, each command's options, directories after an option of type DIR
+// and registered type names for `value parse TYPE`.
 #include <fstream>
 #include <map>
 #include <string>
@@ -118,7 +118,9 @@ std::string manPage(const CLI::App& app) {
     }
   }
   m += ".SH \"EXIT STATUS\"\n";
-  for (const tools::Documented& d : tools::kExitStatuses) m += ".TP\n.B " + roff(d.name) + "\n" + roff(d.text) + "\n";
+  for (const tools::ExitStatusMeaning& e : tools::kExitStatuses) {
+    m += ".TP\n.B " + std::to_string(e.status) + "\n" + roff(e.text) + "\n";
+  }
   m += ".SH ENVIRONMENT\n";
   for (const tools::Documented& d : tools::kEnvironment) m += ".TP\n.B " + roff(d.name) + "\n" + roff(d.text) + "\n";
   m += ".SH FILES\n";

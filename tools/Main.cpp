@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cerrno>
 #include <cstring>
+#include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -24,13 +26,19 @@ CommandRegistration::CommandRegistration(std::string name, CommandSetup setup) {
 }
 
 std::string helpFooter() {
-  auto list = [](std::string title, const auto& entries) {
+  std::vector<Documented> statuses;
+  std::vector<std::string> numbers;
+  numbers.reserve(std::size(kExitStatuses));
+  for (const ExitStatusMeaning& m : kExitStatuses) {
+    statuses.push_back({numbers.emplace_back(std::to_string(m.status)).c_str(), m.text});
+  }
+  auto list = [](std::string title, std::span<const Documented> entries) {
     std::size_t width = 0;
     for (const Documented& d : entries) width = std::max(width, std::strlen(d.name));
     for (const Documented& d : entries) title += fmt::format("\n  {:<{}}  {}", d.name, width, d.text);
     return title;
   };
-  return list("Exit status:", kExitStatuses) + "\n" + list("Environment:", kEnvironment);
+  return list("Exit status:", statuses) + "\n" + list("Environment:", kEnvironment);
 }
 
 namespace {

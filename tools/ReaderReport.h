@@ -19,6 +19,9 @@
 
 namespace tools {
 
+// The demo's tables: the IGP result table and the filtered-route table of this name.
+inline constexpr const char* kDemoTableName = "static";
+
 struct ReaderReport {
   using ReturnType = Routing::BgpRedistribute::IgpResultReturnType;
   // The return types in the order the count line gives them.

@@ -1,9 +1,8 @@
 #pragma once
-// What the tool's commands and its tests both need: a temporary directory that goes away with its
-// owner, and a child process run with every wait on it bounded.
+// What the tool's commands need to run a child of their own: a temporary table root removed also when
+// the command is interrupted, and a child process run with every wait on it bounded.
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -24,47 +23,12 @@
 #include <thread>
 #include <vector>
 
-namespace tools {
+#include "platform/Shelf/TempRoot.h"
 
-// Removes `path` and everything under it, not following links.
-inline void removeTree(const std::string& path) {
-  nftw(
-      path.c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-      FTW_DEPTH | FTW_PHYS);
-}
+namespace tools {
 
 // The child runChild is running, if any, so that an interrupted command can end it too.
 inline std::atomic<pid_t> runningChild{0};
-
-// A directory for shared-memory tables: the one given (kept), or a fresh one under /dev/shm (under
-// /tmp where /dev/shm is not writable) removed with everything in it when this goes.
-class TempDir {
- public:
-  explicit TempDir(std::string given = {}, const char* stem = "bgpcommon") : path_(std::move(given)) {
-    if (!path_.empty()) return;
-    for (const char* dir : {"/dev/shm/", "/tmp/"}) {
-      std::string pattern = std::string(dir) + stem + "-XXXXXX";
-      if (mkdtemp(pattern.data()) != nullptr) {
-        path_ = pattern;
-        temporary_ = true;
-        return;
-      }
-    }
-    throw std::runtime_error("cannot create a temporary directory");
-  }
-  ~TempDir() {
-    if (temporary_) removeTree(path_);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  bool temporary() const { return temporary_; }
-
- private:
-  std::string path_;
-  bool temporary_ = false;
-};
 
 // While it lives, a process ended by SIGINT, SIGTERM or SIGPIPE first ends the child runChild runs
 // and removes a temporary directory, then ends by that signal as it would have. Create it before
@@ -73,7 +37,7 @@ class TempDir {
 // thread whose write failed; its handler passes it on to that thread.
 class RemoveOnSignal {
  public:
-  explicit RemoveOnSignal(const TempDir& dir) : path_(dir.temporary() ? dir.path() : std::string()) {
+  explicit RemoveOnSignal(const Shelf::TempRoot& dir) : path_(dir.temporary() ? dir.path() : std::string()) {
     sigset_t set = waited();
     pthread_sigmask(SIG_BLOCK, &set, &oldMask_);
     struct sigaction pipe {};
@@ -93,7 +57,7 @@ class RemoveOnSignal {
       // from: remove until nothing is left, bounded.
       struct stat st;
       for (int i = 0; i < 100 && !path_.empty() && lstat(path_.c_str(), &st) == 0; ++i) {
-        removeTree(path_);
+        Shelf::removeTree(path_);
         if (lstat(path_.c_str(), &st) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
       if (pipeSeen()) sig = SIGPIPE;

@@ -15,7 +15,7 @@
 #include <type_traits>
 
 #include "platform/Brim/HashMix.h"
-#include "platform/Brim/MaybeU63.h"
+#include "platform/Kelp/MaybeU63.h"
 #include "platform/Kelp/ValueType.h"
 
 namespace Brim {
@@ -50,7 +50,7 @@ template <typename T>
       static_assert(sizeof(T) == 8);
       h.mixBytes8(v);
     }
-  } else if constexpr (std::is_same_v<T, MaybeU63>) {
+  } else if constexpr (std::is_same_v<T, Kelp::MaybeU63>) {
     h.mixBytes8(v.canonical());  // unset values are equal whatever their low bits
   } else {
     static_assert(Kelp::Described<T>, "a hashed field is a number, an enumeration or a described value type");

@@ -40,8 +40,19 @@ void parseFields(CharRange& r, T& v) {
   r.needString("})");
 }
 
+// Whether every field of T can be read from text.
+template <typename T>
+constexpr bool fieldsReadableFromText() {
+  bool readable = true;
+  forEachField(typeDescOf<T>, [&](const auto& f) {
+    readable = readable && ReadableFromText<typename std::decay_t<decltype(f)>::Member>;
+  });
+  return readable;
+}
+
 template <Described T>
 struct TextForm<T> {
+  static constexpr bool kReadable = fieldsReadableFromText<T>();
   static void print(String& out, const T& v) { printFields(out, v); }
   static void parse(CharRange& r, T& v) { parseFields(r, v); }
 };

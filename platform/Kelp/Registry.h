@@ -55,7 +55,7 @@ struct TypeInfo {
   // The named values of an enumeration, in declaration order.
   std::vector<EnumEntryInfo> enumerators;
   // Parses a whole text; trailing characters are an error. Null for entities and for value types
-  // that cannot be built from text (kelpNoStringConstructor).
+  // that cannot be read from text (not ReadableFromText).
   std::any (*strepToValue)(std::string_view text) = nullptr;
   // The long text form of a value held in `v` (which must hold this type).
   String (*valueToStrep)(const std::any& v) = nullptr;
@@ -116,35 +116,12 @@ using FieldType = typename FieldMemberOf<std::tuple_element_t<I, std::decay_t<de
 
 }  // namespace detail
 
-// Whether a T can be read from text: it has a text form, it does not refuse to be built from text
-// (kelpNoStringConstructor, whose range constructor asserts), and neither does any field it holds.
-template <typename T>
-constexpr bool buildableFromText();
-
-namespace detail {
-template <Described T, std::size_t... I>
-constexpr bool fieldsBuildableFromText(std::index_sequence<I...>) {
-  return (buildableFromText<FieldType<T, I>>() && ...);
-}
-}  // namespace detail
-
-template <typename T>
-constexpr bool buildableFromText() {
-  if constexpr (!HasTextForm<T> || requires { T::kelpNoStringConstructor; }) {
-    return false;
-  } else if constexpr (Described<T>) {
-    return detail::fieldsBuildableFromText<T>(std::make_index_sequence<fieldCountOf<T>()>{});
-  } else {
-    return true;
-  }
-}
-
 namespace detail {
 
 template <typename M>
 FieldInfo fieldInfo(std::string_view name) {
   FieldInfo f{name, &typeid(M)};
-  if constexpr (buildableFromText<M>()) {
+  if constexpr (ReadableFromText<M>) {
     f.strepToValue = [](std::string_view text) -> std::any { return strepToValue<M>(text); };
   }
   if constexpr (HasTextForm<M>) {
@@ -220,7 +197,7 @@ const TypeInfo* typeInfo() {
     // A type that holds a collection declares kelpNoStringConstructor: building it, or a value that
     // holds one, from text is a programming error (its range constructor asserts), so generic code
     // is not offered the entry.
-    if constexpr (buildableFromText<T>()) {
+    if constexpr (ReadableFromText<T>) {
       t.strepToValue = [](std::string_view text) -> std::any { return strepToValue<T>(text); };
     }
     if constexpr (std::is_default_constructible_v<T>) {

@@ -10,7 +10,8 @@
 //
 // Everything textual in the library goes through these:
 //   Kelp::valueToStrep(v)            the long text form as a String
-//   Kelp::strepToValue<T>(text)      parse a whole text; trailing characters are an error
+//   Kelp::strepToValue<T>(text)      parse a whole text; trailing characters are an error (only a
+//                                    type that is ReadableFromText)
 //   Kelp::deserializeAttr<T>(r, "x") parse one attribute value; errors name the attribute "x"
 
 #include <concepts>
@@ -40,6 +41,14 @@ concept HasTextForm = requires(String& out, const T& v, CharRange& r, T& w) {
   TextForm<T>::print(out, v);
   TextForm<T>::parse(r, w);
 };
+
+// Whether a whole value of T can be read from text. A type that holds a collection declares
+// kelpNoStringConstructor (its range constructor asserts), and a text form may say that it cannot
+// read (kReadable false: a described type holding such a field, Kelp/ValueType.h). Reading text
+// into such a type is refused where it is written: strepToValue does not compile for it.
+template <typename T>
+concept ReadableFromText = HasTextForm<T> && (!requires { T::kelpNoStringConstructor; }) &&
+                           (!requires { TextForm<T>::kReadable; } || TextForm<T>::kReadable);
 
 template <>
 struct TextForm<bool> {
@@ -106,7 +115,7 @@ T deserializeAttr(CharRange& r, std::string_view attrName) {
 }
 
 // Parses the whole of `text` as a T; anything left after the value is an error.
-template <HasTextForm T>
+template <ReadableFromText T>
 T strepToValue(std::string_view text, Tag<T> = {}) {
   CharRange r(text);
   T v = parseValue<T>(r);

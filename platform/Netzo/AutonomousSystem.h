@@ -39,7 +39,6 @@ class AutonomousSystem {
   static AutonomousSystem fromString(std::string_view text);
 
   constexpr std::uint32_t value() const { return value_; }
-  constexpr bool isFourOctet() const { return value_ > 0xFFFF; }
 
   // asplain, or asdot when `asDot` is true.
   Kelp::String displayString(bool asDot) const;

@@ -51,7 +51,6 @@ class IpAddr {
   constexpr std::uint32_t value() const { return nbo_; }
   // The address as a number: 192.0.2.1 is 0xc0000201.
   constexpr std::uint32_t hostValue() const { return ntoh32(nbo_); }
-  constexpr NetU32 netU32() const { return NetU32::fromNetwork(nbo_); }
   constexpr bool isZero() const { return nbo_ == 0; }
   // Writes the four octets, network order.
   void copyTo(std::uint8_t* out) const;

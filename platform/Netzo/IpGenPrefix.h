@@ -16,11 +16,13 @@
 
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <ostream>
 #include <utility>
 #include <string_view>
 
+#include "platform/Kelp/ByteForm.h"
 #include "platform/Netzo/IpAddr.h"
 
 namespace Netzo {
@@ -80,6 +82,29 @@ template <>
 struct Kelp::TextForm<Netzo::IpGenPrefix> {
   static void print(String& out, const Netzo::IpGenPrefix& v) { out += v.stringValue(); }
   static void parse(CharRange& r, Netzo::IpGenPrefix& v);
+};
+
+// A prefix is stored as its family, its length and its address octets: 6 bytes for IPv4, 18 for
+// IPv6, 2 for the default (family unknown, length 0). Bytes that do not make a prefix are the
+// error "bytes do not hold a prefix".
+template <>
+struct Kelp::ByteCodec<Netzo::IpGenPrefix> {
+  static constexpr std::uint32_t kAlign = 1;
+  static constexpr std::uint32_t kMin = 2;
+  static constexpr std::uint32_t kMax = 18;
+  static std::uint32_t size(const Netzo::IpGenPrefix& p) { return static_cast<std::uint32_t>(2 + p.address().octetCount()); }
+  static void put(std::uint8_t* out, const Netzo::IpGenPrefix& p) {
+    out[0] = static_cast<std::uint8_t>(p.family());
+    out[1] = p.length();
+    std::memcpy(out + 2, p.address().octets(), p.address().octetCount());
+  }
+  static void validate(const std::uint8_t* in);
+  static std::uint64_t storedSize(const std::uint8_t* in) {
+    const auto family = static_cast<Netzo::AddressFamily>(in[0]);
+    return family == Netzo::AddressFamily::ipv4 ? 6 : family == Netzo::AddressFamily::ipv6 ? 18 : 2;
+  }
+  static void get(const std::uint8_t* in, Netzo::IpGenPrefix& p);
+  static bool canonical(const std::uint8_t* in);
 };
 
 template <>

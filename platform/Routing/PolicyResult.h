@@ -15,9 +15,9 @@
 
 #include <fmt/format.h>
 
-#include "platform/Brim/MaybeU63.h"
 #include "platform/Kelp/BareTextForm.h"
 #include "platform/Kelp/EnumType.h"
+#include "platform/Kelp/MaybeU63.h"
 #include "platform/Kelp/Ptr.h"
 #include "platform/Kelp/ValueType.h"
 
@@ -90,7 +90,7 @@ using PolicyState = Kelp::Ptr<const Kelp::PtrInterface>;
 struct Result_ {
   RoutePreference preferenceStorage;
   RouteTag tagStorage;
-  Brim::MaybeU63 metric;  // unset unless policy sets a metric
+  Kelp::MaybeU63 metric;  // unset unless policy sets a metric
   PolicyState dps;
 
   RoutePreference preference() const { return preferenceStorage; }

@@ -336,8 +336,8 @@ inline void writerStore(const char*) {}
 #if defined(__x86_64__) || defined(__aarch64__)
 // One CRC32C step over a little-endian word with the processor's instruction: SSE4.2's on x86-64,
 // the CRC extension's on aarch64. Written as assembly so that it can be inlined into code compiled
-// for any processor of the family; it runs only on processors that have it (checked at run time
-// when a table is attached). Either leaves the CRC in the low half of the register, zeros above.
+// for any processor of the family; it runs only on processors that have it (checked once, when the
+// library loads: kCrcInstruction). Either leaves the CRC in the low half of the register, zeros above.
 inline std::uint64_t crc32cStep(std::uint64_t crc, std::uint64_t word) {
 #if defined(__x86_64__)
   asm("crc32q %1, %0" : "+r"(crc) : "r"(word));

@@ -8,7 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/Kelp/Registry.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/ValueConformance.h"
 
 namespace Routing::BgpRedistribute {
@@ -35,7 +36,7 @@ struct Log : IgpResultStatus::Notifiee, FilteredRtStatus::Notifiee {
 // A table root with two entity managers, as a writing and a reading process have them.
 class FilteredRtStatusTest : public ::testing::Test {
  protected:
-  testing_support::TempRoot root;
+  Shelf::TempRoot root;
   Kelp::Ptr<KelpSharedMem::EntityManager> em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   Kelp::Ptr<KelpSharedMem::EntityManager> readerEm = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
 };

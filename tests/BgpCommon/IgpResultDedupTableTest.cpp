@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 #include "tests/Support/PolicyResults.h"
 
 namespace Routing::Bgp {
@@ -17,7 +17,7 @@ using BgpRedistribute::IgpResult;
 using BgpRedistribute::IgpResultId;
 using BgpRedistribute::IgpResultStatus;
 using testing_support::fullPolicyResult;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 
 IgpResult_ withTag(std::uint32_t tag) {
   IgpResult_ r;
@@ -82,7 +82,7 @@ TEST_F(IgpResultDedupTableTest, EveryFieldButDpsTellsOutcomesApart) {
   EXPECT_EQ(status->resultCount(), held.size() + 1);
   // Unset metrics agree whatever their low bits.
   IgpResult_ r = fullPolicyResult();
-  r.metric = Brim::MaybeU63::fromRaw(Brim::MaybeU63::kUnsetBit | 9);
+  r.metric = Kelp::MaybeU63::fromRaw(Kelp::MaybeU63::kUnsetBit | 9);
   EXPECT_EQ(table->dedup(r).get(), held[2].get());
 }
 

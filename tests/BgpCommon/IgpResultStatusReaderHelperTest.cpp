@@ -18,13 +18,14 @@
 #include <gtest/gtest.h>
 
 #include "platform/Kelp/Registry.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
+#include "tests/Support/PolicyResults.h"
 
 namespace Routing::BgpRedistribute {
 namespace {
 
 using Rib::RoutingProtocol;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 using testing_support::versionedRecord;
 
 const Rib::RouteKey kRoute(Netzo::IpGenPrefix::fromString("10.1.0.0/16"));

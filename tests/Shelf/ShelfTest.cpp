@@ -20,13 +20,13 @@
 #include <gtest/gtest.h>
 
 #include "platform/Shelf/Format.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 
 namespace {
 
 using Shelf::Bytes;
 using Kind = Shelf::Change::Kind;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 
 const Shelf::Labels kLabels{"Test::Table", "entries", "test/table"};
 

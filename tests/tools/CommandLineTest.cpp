@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
+
+using tools::exitFailure;
+using tools::exitUsage;
 
 using testing_support::runTool;
 
@@ -12,20 +16,24 @@ TEST(CommandLine, MistakesAreNamedWithTheirStatus) {
   const std::string longWord(300, 'x');
   // arguments, exit status, the first line on standard error
   const std::tuple<std::string, int, std::string> rows[] = {
-      {"shwo", 2, "bgpcommon: unknown command \"shwo\" (see bgpcommon --help)"},
-      {"igp-results shwo t", 2,
+      {"shwo", exitUsage, "bgpcommon: unknown command \"shwo\" (see bgpcommon --help)"},
+      {"igp-results shwo t", exitUsage,
        "bgpcommon: unknown command \"igp-results shwo\"; did you mean \"igp-results show\"? (see bgpcommon "
        "igp-results --help)"},
-      {"vlaue list", 2, "bgpcommon: unknown command \"vlaue\"; did you mean \"value\"? (see bgpcommon --help)"},
-      {"value list >/dev/full", 1, "bgpcommon: write error on standard output: No space left on device"},
-      {"igp-results write t --root /nonexistent", 2, "--records is required"},
-      {"igp-results write t --root ''", 2, "--root: must not be empty"},
-      {"igp-results write t --records 5 --first 4294967295 --root /nonexistent", 2,
+      {"vlaue list", exitUsage, "bgpcommon: unknown command \"vlaue\"; did you mean \"value\"? (see bgpcommon --help)"},
+      {"value list >/dev/full", exitFailure, "bgpcommon: write error on standard output: No space left on device"},
+      {"igp-results write t --root /nonexistent", exitUsage, "--records is required"},
+      {"igp-results write t --root ''", exitUsage, "--root: must not be empty"},
+      {"igp-results write t --records 5 --first 4294967295 --root /nonexistent", exitUsage,
        "--first 4294967295 --records 5: keys beyond 4294967295"},
-      {"igp-results write t --records 5 --hold -5 --root /nonexistent", 2, "--hold: seconds (0 or more, or inf) expected"},
-      {"igp-results write t --records 5 --hold nan --root /nonexistent", 2, "--hold: seconds (0 or more, or inf) expected"},
-      {"igp-results watch t --timeout -1 --root /nonexistent", 2, "--timeout: seconds (0 or more, or inf) expected"},
-      {"value parse " + longWord + " y", 1, "unknown type \"" + longWord.substr(0, 64) + "...\" (see 'bgpcommon value list')"},
+      {"igp-results write t --records 5 --hold -5 --root /nonexistent", exitUsage,
+       "--hold: seconds (0 or more, or inf) expected"},
+      {"igp-results write t --records 5 --hold nan --root /nonexistent", exitUsage,
+       "--hold: seconds (0 or more, or inf) expected"},
+      {"igp-results watch t --timeout -1 --root /nonexistent", exitUsage,
+       "--timeout: seconds (0 or more, or inf) expected"},
+      {"value parse " + longWord + " y", exitFailure,
+       "unknown type \"" + longWord.substr(0, 64) + "...\" (see 'bgpcommon value list')"},
   };
   for (const auto& [args, status, err] : rows) {
     const auto r = runTool(args, true);

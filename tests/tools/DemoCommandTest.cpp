@@ -8,14 +8,15 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
 using nlohmann::json;
 using testing_support::runTool;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 
 // Runs the demo with the toggle directory set (a directory without a toggle file when empty) and
 // returns its summary.
@@ -25,7 +26,7 @@ json runDemo(const std::string& args, const std::string& toggleJson = "") {
   setenv("BGPCOMMON_TOGGLE_DIR", toggles.path().c_str(), 1);
   auto r = runTool(args + " --json", true);
   unsetenv("BGPCOMMON_TOGGLE_DIR");
-  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.status, tools::exitOk) << r.err;
   return json::parse(r.out, nullptr, false);
 }
 

@@ -1,10 +1,12 @@
 // The manual page and the bash completion the tool writes of itself.
 #include <fstream>
 #include <sstream>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
@@ -12,7 +14,7 @@ using testing_support::runTool;
 
 std::string written(const std::string& kind) {
   const std::string path = ::testing::TempDir() + "bgpcommon-" + kind;
-  EXPECT_EQ(runTool("generate-docs " + kind + " --output " + path).status, 0);
+  EXPECT_EQ(runTool("generate-docs " + kind + " --output " + path).status, tools::exitOk);
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
   std::remove(path.c_str());
@@ -59,9 +61,10 @@ TEST(DocsCommand, ManualPage) {
             std::string::npos)
       << page;
   EXPECT_NE(page.find(".SS \"bgpcommon route\\-target [\\-\\-asdot] [\\-\\-json] TEXT...\"\n"), std::string::npos);
-  EXPECT_NE(page.find(".SH \"EXIT STATUS\"\n.TP\n.B 0\n"), std::string::npos);
+  for (const tools::ExitStatusMeaning& e : tools::kExitStatuses) {
+    EXPECT_NE(page.find(".TP\n.B " + std::to_string(e.status) + "\n"), std::string::npos) << e.status;
+  }
   EXPECT_NE(page.find(".TP\n.I \\&.NAME.lock\nbeside each table, in its directory, mode 0600"), std::string::npos);
-  EXPECT_NE(page.find(".TP\n.B 3\nigp\\-results watch"), std::string::npos);
   EXPECT_EQ(page.find("demo\\-reader"), std::string::npos);
   if (system("command -v groff >/dev/null") != 0) GTEST_SKIP() << "groff (package groff-base) is not installed";
   const std::string path = ::testing::TempDir() + "bgpcommon.1";
@@ -74,6 +77,18 @@ TEST(DocsCommand, ManualPage) {
   EXPECT_EQ(pclose(p), 0);
   EXPECT_EQ(warnings, "");
   std::remove(path.c_str());
+}
+
+// README's table of exit statuses lists the tool's statuses, in order, and no other.
+TEST(DocsCommand, ReadmeListsTheExitStatuses) {
+  std::ifstream readme(BGPCOMMON_SOURCE_DIR "/README.md");
+  std::string line;
+  while (std::getline(readme, line) && line != "| Status | Meaning |") continue;
+  std::getline(readme, line);  // the rule under the heading
+  for (const tools::ExitStatusMeaning& e : tools::kExitStatuses) {
+    EXPECT_TRUE(std::getline(readme, line) && line.starts_with("| " + std::to_string(e.status) + " |")) << line;
+  }
+  EXPECT_TRUE(std::getline(readme, line) && !line.starts_with("|")) << line;
 }
 
 }  // namespace

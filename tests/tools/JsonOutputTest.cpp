@@ -4,6 +4,7 @@
 
 #include "tests/Support/JsonCheck.h"
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ TEST(JsonOutput, ValuesAndRouteTargetsParse) {
 
   // Refused texts go to standard error; the array holds the others, each naming its text.
   const auto r = runTool("route-target --json --asdot 100:5 5: 1.4464:5", true);
-  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.status, tools::exitFailure);
   const json rts = json::parse(r.out);
   ASSERT_EQ(rts.size(), 2u) << r.out;
   EXPECT_EQ(rts[0]["value"], "0x0002006400000005");
@@ -44,7 +45,7 @@ TEST(JsonOutput, ExactInADouble) {
   };
   for (const char* command : commands) {
     const auto r = runTool(command, true);
-    ASSERT_EQ(r.status, 0) << command << r.err;
+    ASSERT_EQ(r.status, tools::exitOk) << command << r.err;
     EXPECT_EQ(testing_support::inexactInDouble(json::parse(r.out)), "") << command << ": " << r.out;
   }
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
@@ -11,7 +12,7 @@ testing_support::ToolResult routeTarget(const std::string& args) {
 
 TEST(RouteTargetCommand, ShowsEachTextOnOneLine) {
   auto r = routeTarget("100:5 1.4464:5 10.0.0.1:7 100L:5 0x0003020000000001");
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.status, tools::exitOk);
   EXPECT_EQ(r.err, "");
   EXPECT_EQ(r.out,
             "0x0002006400000005 twoOctetAs routeTarget global=100 local=5 100:5\n"

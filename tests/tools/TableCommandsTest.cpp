@@ -2,16 +2,29 @@
 // tables a writer in this process fills.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <thread>
+
+#include <fmt/format.h>
 
 #include "BgpCommon/FilteredRtStatus.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
+#include "tests/Support/PolicyResults.h"
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
+
+using tools::exitFailure;
+using tools::exitOk;
+using tools::exitTimedOut;
 
 using namespace Routing::BgpRedistribute;
 using nlohmann::json;
@@ -26,7 +39,7 @@ std::string fileText(const std::string& path) {
 
 // Each row a command, its exit status, what it prints and what it says on standard error.
 TEST(TableCommands, ListShowAndWatchCurrent) {
-  testing_support::TempRoot root;
+  Shelf::TempRoot root;
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
   auto results = IgpResultStatus::createIgpResultStatusWriter("vrf1", em, 64);
   auto empty = IgpResultStatus::createIgpResultStatusWriter("empty", em, 8);
@@ -49,18 +62,18 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
       "12   0           false      false        -       levelUnset  typeUnset       0             0"
       "              0    -\n";
   const std::tuple<std::string, int, std::string, std::string> rows[] = {
-      {"igp-results show vrf1", 0, header + rowA + rowB + "2 records\n", ""},
-      {"igp-results show vrf1 12 99", 1, header + rowB + "1 record\n", "no record with key 99\n"},
-      {"igp-results show empty", 0, "no records: the table is empty\n", ""},
-      {"filtered-routes show static 10.0.1.0/24", 0, "key          igpResultId\n10.0.1.0/24  7\n1 record\n", ""},
-      {"igp-results watch vrf1 --current --count 3", 0,
+      {"igp-results show vrf1", exitOk, header + rowA + rowB + "2 records\n", ""},
+      {"igp-results show vrf1 12 99", exitFailure, header + rowB + "1 record\n", "no record with key 99\n"},
+      {"igp-results show empty", exitOk, "no records: the table is empty\n", ""},
+      {"filtered-routes show static 10.0.1.0/24", exitOk, "key          igpResultId\n10.0.1.0/24  7\n1 record\n", ""},
+      {"igp-results watch vrf1 --current --count 3", exitOk,
        "resync 2\n7 " + Kelp::valueToStrep(a) + "\n12 " + Kelp::valueToStrep(b) + "\n", ""},
-      {"filtered-routes watch static --current --json --count 2", 0,
+      {"filtered-routes watch static --current --json --count 2", exitOk,
        "{\"event\":\"resync\",\"count\":2}\n"
        "{\"event\":\"key\",\"key\":\"10.0.1.0/24\",\"record\":{\"key\":\"10.0.1.0/24\",\"igpResultId\":7}}\n",
        ""},
-      {"igp-results watch vrf1 --count 2 --timeout 0.2", 3, "resync 2\n", ""},
-      {"igp-results watch none --timeout 0.2", 1, "",
+      {"igp-results watch vrf1 --count 2 --timeout 0.2", exitTimedOut, "resync 2\n", ""},
+      {"igp-results watch none --timeout 0.2", exitFailure, "",
        "no table at " + root.path() +
            "/routing/rib/igpResultStatus/none yet: waiting for a writer\nno table appeared at " + root.path() +
            "/routing/rib/igpResultStatus/none within --timeout\n"},
@@ -92,7 +105,7 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
 // Started with neither --timeout nor --count, watch follows the table until SIGINT ends it: exit
 // 0, and every change it saw printed, down to a whole last line.
 TEST(TableCommands, WatchRunsUntilInterrupted) {
-  testing_support::TempRoot root;
+  Shelf::TempRoot root;
   auto status =
       IgpResultStatus::createIgpResultStatusWriter("t", Kelp::makePtr<KelpSharedMem::EntityManager>(root.path()), 64);
   status->resultIs(versionedRecord(1, 1));
@@ -119,6 +132,88 @@ TEST(TableCommands, WatchRunsUntilInterrupted) {
   EXPECT_EQ(testing_support::waitTool(pid), 0);
   EXPECT_EQ(fileText(out), expected);
   std::remove(out.c_str());
+}
+
+// The tool beside a live writer: show prints every record, sorted by key, as text and as JSON; a
+// second writer is refused with the holder named; show prints every record it can decode, reports
+// the one it cannot and fails; watch prints the changes as they come.
+TEST(ShelfProcess, TheToolBesideALiveWriter) {
+  Shelf::TempRoot root;
+  auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(root.path());
+  auto status = IgpResultStatus::createIgpResultStatusWriter("tool", em, 512);
+  std::string expected;
+  for (std::uint32_t k = 300; k >= 1; --k) {
+    status->resultIs(versionedRecord(k, k * 11));
+    expected = Kelp::valueToStrep(versionedRecord(k, k * 11)) + "\n" + expected;
+  }
+  const std::string at = " --root " + root.path();
+  const auto text = runTool("igp-results show tool --long" + at);
+  EXPECT_EQ(std::make_pair(text.status, text.out), std::make_pair(int(exitOk), expected));
+  const auto json = runTool("igp-results show tool --json" + at);
+  ASSERT_EQ(json.status, exitOk) << json.out;
+  const nlohmann::json records = nlohmann::json::parse(json.out);
+  ASSERT_EQ(records.size(), 300u);
+  for (const auto& j : records) {
+    const IgpResult want = versionedRecord(j["key"].get<std::uint32_t>(), j["metric"].get<std::uint64_t>());
+    const auto& domain = j["ospfDomainId"];  // a decimal string beyond 2^53
+    EXPECT_EQ(std::make_tuple(j["tag"].get<std::uint32_t>(),
+                              std::stoull(domain.is_string() ? domain.get<std::string>() : domain.dump()),
+                              j["isisLevel"].get<std::string>(), j["community"].size()),
+              std::make_tuple(want.tag.value, want.ospfDomainId, Routing::Isis::stringValue(want.isisLevel), want.community.count()));
+  }
+  const auto missing = runTool("igp-results show nothing" + at);
+  EXPECT_EQ(std::make_pair(missing.status, missing.out),
+            std::make_pair(int(exitFailure), "no table at " + root.path() + "/routing/rib/igpResultStatus/nothing\n"));
+
+  const auto second = runTool("igp-results write tool --records 1" + at);
+  EXPECT_EQ(second.status, exitFailure);
+  EXPECT_NE(second.out.find(fmt::format("another writer (pid {}) has this table open", getpid())), std::string::npos)
+      << second.out;
+
+  const std::uint32_t id = 999;
+  const std::uint8_t junk[3] = {0xFF, 0xFF, 0xFF};
+  status->resultControl()->writer()->put({reinterpret_cast<const std::uint8_t*>(&id), 4}, 0, {junk, 3});
+  const auto show = runTool("igp-results show tool --long" + at, true);
+  EXPECT_EQ(show.status, exitFailure);
+  EXPECT_EQ(show.out, expected);
+  EXPECT_TRUE(show.err.starts_with("corruption: Shelf ")) << show.err;
+  EXPECT_NE(show.err.find(": the record of key e7030000 does not decode: "), std::string::npos) << show.err;
+  EXPECT_EQ(std::count(show.err.begin(), show.err.end(), '\n'), 1) << show.err;
+
+  // watch prints each change as it comes, after a resync for the table it found.
+  std::atomic<bool> done = false;
+  std::thread slow([&] {
+    for (std::uint32_t k = 301; k <= 500 && !done; ++k) {
+      status->resultIs(versionedRecord(k, k));
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+  const auto watch = runTool("igp-results watch tool --count 4 --timeout 30" + at, true);
+  done = true;
+  slow.join();
+  std::istringstream lines(watch.out);
+  std::vector<std::string> changes;  // but the writer's comings and goings
+  for (std::string line; std::getline(lines, line);) if (!line.starts_with("writer ")) changes.push_back(line);
+  ASSERT_GE(changes.size(), 4u) << watch.out;
+  EXPECT_TRUE(changes[0].starts_with("resync ")) << watch.out;
+  for (std::size_t i = 1; i < changes.size(); ++i) {
+    const std::uint32_t key = std::stoul(changes[i]);
+    EXPECT_EQ(changes[i], std::to_string(key) + " " + Kelp::valueToStrep(versionedRecord(key, key)));
+  }
+
+  // watch's timeout is wall-clock time, however busy the writer.
+  done = false;
+  std::thread busy([&] {
+    for (std::uint64_t v = 1; !done; ++v) status->resultIs(versionedRecord(1 + v % 5, v));
+  });
+  const auto start = std::chrono::steady_clock::now();
+  const auto timed = runTool("igp-results watch tool --timeout 1" + at);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  done = true;
+  busy.join();
+  EXPECT_EQ(timed.status, exitOk);
+  EXPECT_GE(seconds, 1.0);
+  EXPECT_LT(seconds, 10.0);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/Support/RunTool.h"
+#include "tools/ExitStatus.h"
 
 namespace {
 
@@ -20,14 +21,14 @@ TEST(ValueCommand, ParsePrintsTheLongFormBackOrSaysWhyNot) {
   };
   for (const auto& [args, line] : cases) {
     auto r = runTool("value parse " + args);
-    EXPECT_EQ(r.status, line == text ? 0 : 1) << args;
+    EXPECT_EQ(r.status, line == text ? tools::exitOk : tools::exitFailure) << args;
     EXPECT_EQ(r.out, line + "\n") << args;
   }
 }
 
 TEST(ValueCommand, TourParsesEverySampleBack) {
   auto r = runTool("value tour --json", true);
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.status, tools::exitOk);
   const nlohmann::json tour = nlohmann::json::parse(r.out);
   ASSERT_EQ(tour["values"].size(), 4u) << r.out;
   for (const auto& v : tour["values"]) EXPECT_TRUE(v["parsedBackEqual"].get<bool>()) << v;

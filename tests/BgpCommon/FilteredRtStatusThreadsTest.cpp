@@ -6,13 +6,14 @@
 #include <gtest/gtest.h>
 
 #include "BgpCommon/FilteredRtStatus.h"
-#include "tests/Shelf/ShelfTestSupport.h"
+#include "platform/Shelf/TempRoot.h"
+#include "tests/Support/PolicyResults.h"
 
 namespace Routing::BgpRedistribute {
 namespace {
 
 using testing_support::isWholeRecord;
-using testing_support::TempRoot;
+using Shelf::TempRoot;
 using testing_support::versionedRecord;
 
 TEST(ShelfThreads, ReaderThreadsShareOneViewWhileTheWriterRestarts) {

@@ -1,5 +1,5 @@
-// The IGP result table across real processes: readers forked from the test or the bgpcommon tool,
-// writers in the test or in forked children that are killed at random moments.
+// The IGP result table across real processes: readers and writers forked from the test, writers
+// killed at random moments.
 //
 // Children are forked before the parent opens a writer: a forked child would otherwise hold the
 // writer's lock on the table file for as long as it lives.
@@ -21,25 +21,20 @@
 #include <map>
 #include <random>
 #include <set>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "BgpCommon/FilteredRtStatus.h"
-#include "tests/Shelf/ShelfTestSupport.h"
-#include "tests/Support/RunTool.h"
+#include "platform/Shelf/TempRoot.h"
 
 namespace Routing::BgpRedistribute {
 namespace {
 
-using testing_support::runTool;
-using testing_support::TempRoot;
-using testing_support::versionedRecord;
+using Shelf::TempRoot;
 using Clock = std::chrono::steady_clock;
 using Kind = Shelf::Change::Kind;
 
@@ -86,88 +81,6 @@ struct Children {
 };
 
 auto manager(const TempRoot& root) { return Kelp::makePtr<KelpSharedMem::EntityManager>(root.path()); }
-
-// The tool beside a live writer: show prints every record, sorted by key, as text and as JSON; a
-// second writer is refused with the holder named; show prints every record it can decode, reports
-// the one it cannot and fails; watch prints the changes as they come.
-TEST(ShelfProcess, TheToolBesideALiveWriter) {
-  TempRoot root;
-  auto em = manager(root);
-  auto status = IgpResultStatus::createIgpResultStatusWriter("tool", em, 512);
-  std::string expected;
-  for (std::uint32_t k = 300; k >= 1; --k) {
-    status->resultIs(versionedRecord(k, k * 11));
-    expected = Kelp::valueToStrep(versionedRecord(k, k * 11)) + "\n" + expected;
-  }
-  const std::string at = " --root " + root.path();
-  const auto text = runTool("igp-results show tool --long" + at);
-  EXPECT_EQ(std::make_pair(text.status, text.out), std::make_pair(0, expected));
-  const auto json = runTool("igp-results show tool --json" + at);
-  ASSERT_EQ(json.status, 0) << json.out;
-  const nlohmann::json records = nlohmann::json::parse(json.out);
-  ASSERT_EQ(records.size(), 300u);
-  for (const auto& j : records) {
-    const IgpResult want = versionedRecord(j["key"].get<std::uint32_t>(), j["metric"].get<std::uint64_t>());
-    const auto& domain = j["ospfDomainId"];  // a decimal string beyond 2^53
-    EXPECT_EQ(std::make_tuple(j["tag"].get<std::uint32_t>(),
-                              std::stoull(domain.is_string() ? domain.get<std::string>() : domain.dump()),
-                              j["isisLevel"].get<std::string>(), j["community"].size()),
-              std::make_tuple(want.tag.value, want.ospfDomainId, Isis::stringValue(want.isisLevel), want.community.count()));
-  }
-  const auto missing = runTool("igp-results show nothing" + at);
-  EXPECT_EQ(std::make_pair(missing.status, missing.out),
-            std::make_pair(1, "no table at " + root.path() + "/routing/rib/igpResultStatus/nothing\n"));
-
-  const auto second = runTool("igp-results write tool --records 1" + at);
-  EXPECT_EQ(second.status, 1);
-  EXPECT_NE(second.out.find(fmt::format("another writer (pid {}) has this table open", getpid())), std::string::npos)
-      << second.out;
-
-  const std::uint32_t id = 999;
-  const std::uint8_t junk[3] = {0xFF, 0xFF, 0xFF};
-  status->resultControl()->writer()->put({reinterpret_cast<const std::uint8_t*>(&id), 4}, 0, {junk, 3});
-  const auto show = runTool("igp-results show tool --long" + at, true);
-  EXPECT_EQ(show.status, 1);
-  EXPECT_EQ(show.out, expected);
-  EXPECT_TRUE(show.err.starts_with("corruption: Shelf ")) << show.err;
-  EXPECT_NE(show.err.find(": the record of key e7030000 does not decode: "), std::string::npos) << show.err;
-  EXPECT_EQ(std::count(show.err.begin(), show.err.end(), '\n'), 1) << show.err;
-
-  // watch prints each change as it comes, after a resync for the table it found.
-  std::atomic<bool> done = false;
-  std::thread slow([&] {
-    for (std::uint32_t k = 301; k <= 500 && !done; ++k) {
-      status->resultIs(versionedRecord(k, k));
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-  });
-  const auto watch = runTool("igp-results watch tool --count 4 --timeout 30" + at, true);
-  done = true;
-  slow.join();
-  std::istringstream lines(watch.out);
-  std::vector<std::string> changes;  // but the writer's comings and goings
-  for (std::string line; std::getline(lines, line);) if (!line.starts_with("writer ")) changes.push_back(line);
-  ASSERT_GE(changes.size(), 4u) << watch.out;
-  EXPECT_TRUE(changes[0].starts_with("resync ")) << watch.out;
-  for (std::size_t i = 1; i < changes.size(); ++i) {
-    const std::uint32_t key = std::stoul(changes[i]);
-    EXPECT_EQ(changes[i], std::to_string(key) + " " + Kelp::valueToStrep(versionedRecord(key, key)));
-  }
-
-  // watch's timeout is wall-clock time, however busy the writer.
-  done = false;
-  std::thread busy([&] {
-    for (std::uint64_t v = 1; !done; ++v) status->resultIs(versionedRecord(1 + v % 5, v));
-  });
-  const auto start = Clock::now();
-  const auto timed = runTool("igp-results watch tool --timeout 1" + at);
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  done = true;
-  busy.join();
-  EXPECT_EQ(timed.status, 0);
-  EXPECT_GE(seconds, 1.0);
-  EXPECT_LT(seconds, 10.0);
-}
 
 // The kill campaign. Writers are killed with SIGKILL at random moments, one after another on one
 // near-full table (capacity 64, keys in four buckets, so chains are long and every change relinks

@@ -1,5 +1,5 @@
 #pragma once
-// Brim::MaybeU63: an optional 63-bit unsigned number in one 64-bit word.
+// Kelp::MaybeU63: an optional 63-bit unsigned number in one 64-bit word.
 //
 // The top bit set means "not set" and the low 63 bits hold the value, so the word can be copied
 // into shared memory and onto the wire as it is. A default MaybeU63 is unset (0x8000000000000000).
@@ -17,7 +17,7 @@
 #include "platform/Kelp/Json.h"
 #include "platform/Kelp/TextForm.h"
 
-namespace Brim {
+namespace Kelp {
 
 class MaybeU63 {
  public:
@@ -69,36 +69,36 @@ inline void kelpJson(std::string& out, const MaybeU63& m) {
   }
 }
 
-}  // namespace Brim
+}  // namespace Kelp
 
 template <>
-struct Kelp::TextForm<Brim::MaybeU63> {
-  static void print(String& out, Brim::MaybeU63 v) {
+struct Kelp::TextForm<Kelp::MaybeU63> {
+  static void print(String& out, Kelp::MaybeU63 v) {
     if (v.isSet()) {
       printUnsigned(out, v.value());
     } else {
       out += "None";
     }
   }
-  static void parse(CharRange& r, Brim::MaybeU63& v) {
+  static void parse(CharRange& r, Kelp::MaybeU63& v) {
     if (r.skipIf("None")) {
-      v = Brim::MaybeU63();
+      v = Kelp::MaybeU63();
     } else {
-      v = Brim::MaybeU63::fromRaw(parseUnsigned(r, Brim::MaybeU63::kMaxValue));
+      v = Kelp::MaybeU63::fromRaw(parseUnsigned(r, Kelp::MaybeU63::kMaxValue));
     }
   }
 };
 
 // Stored as its word, unset values with whatever low bits they carry.
 template <>
-struct Kelp::ByteCodec<Brim::MaybeU63> : Kelp::FixedByteCodec<8> {
-  static void put(std::uint8_t* out, Brim::MaybeU63 v) {
+struct Kelp::ByteCodec<Kelp::MaybeU63> : Kelp::FixedByteCodec<8> {
+  static void put(std::uint8_t* out, Kelp::MaybeU63 v) {
     const std::uint64_t raw = v.raw();
     std::memcpy(out, &raw, 8);
   }
-  static void get(const std::uint8_t* in, Brim::MaybeU63& v) {
+  static void get(const std::uint8_t* in, Kelp::MaybeU63& v) {
     std::uint64_t raw;
     std::memcpy(&raw, in, 8);
-    v = Brim::MaybeU63::fromRaw(raw);
+    v = Kelp::MaybeU63::fromRaw(raw);
   }
 };
