@@ -159,7 +159,7 @@ inline void kelpJson(std::string& out, const CommunityArray& a) {
 
 // In a hash (Brim/FieldHash.h): the framework hash of the used slots, as 4 octets, so that slots
 // beyond the count, which equality ignores, change nothing.
-inline void hashMixInto(Brim::HashMix& h, const CommunityArray& a) {
+[[gnu::always_inline]] inline void hashMixInto(Brim::HashMix& h, const CommunityArray& a) {
   Kelp::Hash used;
   used.hashMixBytes(a.data(), 4u * a.count());
   h.mixBytes4(used.result());
