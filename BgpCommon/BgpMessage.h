@@ -96,8 +96,9 @@ struct Open {
   // writes these when there are any, so a read OPEN is written back as it came; clear them to have
   // the typed fields written instead (one parameter, the typed capabilities in the order above).
   absl::InlinedVector<Capability, 8> capabilities;
-  // Optional parameters other than capabilities (type 2), kept as read: type and value.
-  absl::InlinedVector<std::pair<U8, std::span<const U8>>, 1> otherParameters;
+  // Optional parameters other than capabilities (type 2), kept as read: `code` is the parameter
+  // type, `parameter` its place among the parameters.
+  absl::InlinedVector<Capability, 1> otherParameters;
 
   // The AS number: the four-octet capability's when present, else myAs.
   Netzo::AutonomousSystem autonomousSystem() const {

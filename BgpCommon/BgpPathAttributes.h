@@ -115,8 +115,9 @@ struct SessionOptions {
   bool extendedMessage = false;   // messages up to 65535 octets (RFC 8654); otherwise 4096
   AfiSafiSet addPath;             // NLRI of these AFI/SAFIs start with a path identifier
   // MRT: TABLE_DUMP_V2 RIB entries carry MP_REACH_NLRI abbreviated to its next-hop length and next
-  // hop (RFC 6396 section 4.3.4), the AFI/SAFI being the record's. When set (afi non-zero),
-  // MP_REACH_NLRI is read and written in that form, for this AFI/SAFI.
+  // hop (RFC 6396 section 4.3.4), the AFI/SAFI being the record's. When set (afi non-zero), an
+  // MP_REACH_NLRI whose first octet accounts for the rest of its value is read in that form, for
+  // this AFI/SAFI (MpReach::abbreviated); others (some writers put the whole attribute) as usual.
   AfiSafi mrtAbbreviatedMpReach{};
 };
 
@@ -153,7 +154,8 @@ class NlriList {
     using value_type = NlriEntry;
     using difference_type = std::ptrdiff_t;
     iterator() = default;
-    const NlriEntry& operator*() const { return entry_; }
+    // By value: the entry lives in the iterator, which a reference would outlive.
+    NlriEntry operator*() const { return entry_; }
     const NlriEntry* operator->() const { return &entry_; }
     iterator& operator++();
     void operator++(int) { ++*this; }
@@ -238,6 +240,9 @@ struct MpReach {
   std::span<const U8> nextHopOctets;  // the next hop as read (a view), used when nextHop is unset
   U8 reserved = 0;                    // the octet after the next hop, kept as read
   NlriList nlri;
+  // Read, and written, as MRT abbreviates it: next-hop length and next hop only (see
+  // SessionOptions::mrtAbbreviatedMpReach).
+  bool abbreviated = false;
 };
 
 // MP_UNREACH_NLRI (RFC 4760 section 4).
