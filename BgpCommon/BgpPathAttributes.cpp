@@ -216,7 +216,7 @@ struct ListCodec {
   static bool read(Deserialize& in, const SessionOptions&, List& v) {
     const U32 n = in.remaining();
     if (n == 0 || n % Width != 0) return in.fail(ReadRule::badAttributeLength, in.offset());
-    v.clear();
+    emptyKeepingRoom(v);
     v.resize(n / Width);
     for (Item& item : v) readItem(in, item);
     return true;
@@ -426,8 +426,8 @@ const AttributeInfo* attributeInfo(U8 type) {
 
 void PathAttributes::clear() {
   for (const Row& r : rows) r.reset(*this);
-  unknown.clear();
-  order.clear();
+  emptyKeepingRoom(unknown);
+  emptyKeepingRoom(order);
 }
 
 ReadError readPathAttributes(Deserialize& in, const SessionOptions& options, PathAttributes& out) {
