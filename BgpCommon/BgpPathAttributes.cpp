@@ -119,11 +119,10 @@ bool readAsPath(Deserialize& in, unsigned width, AsPath& out) {
       return in.fail(ReadRule::badAsPathSegment, at);
     }
     out.segments.push_back(AsPath::Segment{type, count});
-    for (unsigned i = 0; i < count; ++i) {
-      Netzo::AutonomousSystem asn;
-      (void)in.readAutonomousSystem(asn, width == 4);
-      out.asns.push_back(asn);
-    }
+    // The segment is known to fit: size the list once, then read the numbers into it.
+    const std::size_t first = out.asns.size();
+    out.asns.resize(first + count);
+    for (unsigned i = 0; i < count; ++i) (void)in.readAutonomousSystem(out.asns[first + i], width == 4);
   }
   return true;
 }
