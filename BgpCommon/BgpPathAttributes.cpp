@@ -119,10 +119,12 @@ bool readAsPath(Deserialize& in, unsigned width, AsPath& out) {
       return in.fail(ReadRule::badAsPathSegment, at);
     }
     out.segments.push_back(AsPath::Segment{type, count});
-    // The segment is known to fit: size the list once, then read the numbers into it.
-    const std::size_t first = out.asns.size();
-    out.asns.resize(first + count);
-    for (unsigned i = 0; i < count; ++i) (void)in.readAutonomousSystem(out.asns[first + i], width == 4);
+    // The segment is known to fit: its numbers are taken straight from the octets.
+    const U8* p = in.rest().data();
+    for (unsigned i = 0; i < count; ++i, p += width) {
+      out.asns.push_back(width == 4 ? U32{p[0]} << 24 | U32{p[1]} << 16 | U32{p[2]} << 8 | p[3] : U32{p[0]} << 8 | p[1]);
+    }
+    (void)in.skip(count * width);
   }
   return true;
 }
@@ -337,7 +339,7 @@ struct Row {
   bool (*read)(Deserialize& in, const SessionOptions& o, PathAttributes& attrs);
   bool (*present)(const PathAttributes& attrs);
   U8 (*flags)(const PathAttributes& attrs);
-  void (*reset)(PathAttributes& attrs);
+  void (*reset)(PathAttributes& attrs);  // absent, flags 0
   void (*markRead)(PathAttributes& attrs, U8 flags);
   std::size_t (*size)(const PathAttributes& attrs, const SessionOptions& o);
   void (*write)(Serialize& out, const PathAttributes& attrs, const SessionOptions& o);
@@ -383,26 +385,39 @@ using ClusterList = absl::InlinedVector<Netzo::IpAddr, 4>;
 using ExtendedCommunities = absl::InlinedVector<RouteTarget, 8>;
 using LargeCommunities = absl::InlinedVector<LargeCommunity, 4>;
 
-constexpr Row rows[] = {
-    row<&P::origin, OriginCodec>(AttrType::origin, wellKnown, withdraw),
-    row<&P::asPath, AsPathCodec<false>>(AttrType::asPath, wellKnown, withdraw),
-    row<&P::nextHop, FixedCodec<Netzo::IpAddr, 4>>(AttrType::nextHop, wellKnown, withdraw),
-    row<&P::multiExitDisc, FixedCodec<U32, 4>>(AttrType::multiExitDisc, optionalNonTransitive, withdraw),
-    row<&P::localPref, FixedCodec<U32, 4>>(AttrType::localPref, wellKnown, withdraw),
-    row<&P::atomicAggregate, EmptyCodec>(AttrType::atomicAggregate, wellKnown, discard),
-    row<&P::aggregator, AggregatorCodec<false>>(AttrType::aggregator, optionalTransitive, discard),
-    row<&P::communities, ListCodec<Communities, 4>>(AttrType::communities, optionalTransitive, withdraw),
-    row<&P::originatorId, FixedCodec<Netzo::IpAddr, 4>>(AttrType::originatorId, optionalNonTransitive, withdraw),
-    row<&P::clusterList, ListCodec<ClusterList, 4>>(AttrType::clusterList, optionalNonTransitive, withdraw),
-    row<&P::mpReach, MpReachCodec>(AttrType::mpReachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable),
-    row<&P::mpUnreach, MpUnreachCodec>(AttrType::mpUnreachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable),
-    row<&P::extendedCommunities, ListCodec<ExtendedCommunities, 8>>(AttrType::extendedCommunities,
-                                                                    optionalTransitive, withdraw),
-    row<&P::as4Path, AsPathCodec<true>>(AttrType::as4Path, optionalTransitive, discard),
-    row<&P::as4Aggregator, AggregatorCodec<true>>(AttrType::as4Aggregator, optionalTransitive, discard),
-    row<&P::largeCommunities, ListCodec<LargeCommunities, 12>>(AttrType::largeCommunities, optionalTransitive,
-                                                               withdraw),
+// A row as a type: the table below is a list of these, so that what needs every attribute at
+// once (clearing them all before a read) unrolls into plain stores instead of a call per row.
+template <auto Slot, typename Codec, AttrType Type, U8 Flags, ErrorAction Malformed>
+struct Def {
+  static constexpr Row row = ::Routing::Bgp::row<Slot, Codec>(Type, Flags, Malformed);
+  static void reset(PathAttributes& a) { (a.*Slot).reset(); }
 };
+template <typename... Defs>
+struct Table {
+  static constexpr Row rows[] = {Defs::row...};
+  static void resetAll(PathAttributes& a) { (Defs::reset(a), ...); }
+};
+
+using Attributes = Table<
+    Def<&P::origin, OriginCodec, AttrType::origin, wellKnown, withdraw>,
+    Def<&P::asPath, AsPathCodec<false>, AttrType::asPath, wellKnown, withdraw>,
+    Def<&P::nextHop, FixedCodec<Netzo::IpAddr, 4>, AttrType::nextHop, wellKnown, withdraw>,
+    Def<&P::multiExitDisc, FixedCodec<U32, 4>, AttrType::multiExitDisc, optionalNonTransitive, withdraw>,
+    Def<&P::localPref, FixedCodec<U32, 4>, AttrType::localPref, wellKnown, withdraw>,
+    Def<&P::atomicAggregate, EmptyCodec, AttrType::atomicAggregate, wellKnown, discard>,
+    Def<&P::aggregator, AggregatorCodec<false>, AttrType::aggregator, optionalTransitive, discard>,
+    Def<&P::communities, ListCodec<Communities, 4>, AttrType::communities, optionalTransitive, withdraw>,
+    Def<&P::originatorId, FixedCodec<Netzo::IpAddr, 4>, AttrType::originatorId, optionalNonTransitive, withdraw>,
+    Def<&P::clusterList, ListCodec<ClusterList, 4>, AttrType::clusterList, optionalNonTransitive, withdraw>,
+    Def<&P::mpReach, MpReachCodec, AttrType::mpReachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable>,
+    Def<&P::mpUnreach, MpUnreachCodec, AttrType::mpUnreachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable>,
+    Def<&P::extendedCommunities, ListCodec<ExtendedCommunities, 8>, AttrType::extendedCommunities,
+        optionalTransitive, withdraw>,
+    Def<&P::as4Path, AsPathCodec<true>, AttrType::as4Path, optionalTransitive, discard>,
+    Def<&P::as4Aggregator, AggregatorCodec<true>, AttrType::as4Aggregator, optionalTransitive, discard>,
+    Def<&P::largeCommunities, ListCodec<LargeCommunities, 12>, AttrType::largeCommunities, optionalTransitive,
+        withdraw>>;
+constexpr const auto& rows = Attributes::rows;
 
 // Row by type code.
 const std::array<const Row*, 256> rowByType = [] {
@@ -428,7 +443,7 @@ const AttributeInfo* attributeInfo(U8 type) {
 }
 
 void PathAttributes::clear() {
-  for (const Row& r : rows) r.reset(*this);
+  Attributes::resetAll(*this);
   emptyKeepingRoom(unknown);
   emptyKeepingRoom(order);
 }
