@@ -15,7 +15,7 @@
 //   Routing::Bgp::Deserialize in(bytes);
 //   U8 flags, type;
 //   U16 length;
-//   if (!in.readFields(flags, type, length)) return in.failure();   // rule truncated, offset
+//   if (!in.readFields(flags, type, length)) return in.failure(ErrorAction::treatAsWithdraw);
 //   Netzo::IpGenPrefix p;
 //   if (!in.readPrefix(p, Netzo::AddressFamily::ipv4)) ...           // badPrefixLength or truncated
 //

@@ -12,7 +12,7 @@
 //   Routing::Bgp::PathAttributes attrs;
 //   Routing::Bgp::Deserialize in(attributeOctets, offsetInMessage);
 //   ReadError e = Routing::Bgp::readPathAttributes(in, options, attrs);   // e.action: RFC 7606
-//   attrs.med.set(50);                                                   // MULTI_EXIT_DISC
+//   attrs.multiExitDisc.set(50);
 //   Routing::Bgp::Serialize out;
 //   Routing::Bgp::writePathAttributes(out, attrs, options);
 //
