@@ -333,15 +333,26 @@ struct MpUnreachCodec {
 // ---------------------------------------------------------------------------------------------
 // The table: one row per known attribute, its description and its slot's reader and writer.
 
+// The header of an attribute of `size` value octets: its own flags, or the usual ones when it has
+// none, with the extended length bit forced on when the value needs two length octets.
+void writeHeader(Serialize& out, U8 flags, U8 usual, U8 type, std::size_t size) {
+  if (flags == 0) flags = usual;
+  if (size > 255) flags |= attrFlagExtendedLength;
+  if (flags & attrFlagExtendedLength) {
+    out.addFields(flags, type, static_cast<U16>(size));
+  } else {
+    out.addFields(flags, type, static_cast<U8>(size));
+  }
+}
+
 struct Row {
   AttributeInfo info;
-  // Reads the value into the slot (present and flags are set by the caller).
+  // Reads the value into the slot (present and flags are set by markRead).
   bool (*read)(Deserialize& in, const SessionOptions& o, PathAttributes& attrs);
   bool (*present)(const PathAttributes& attrs);
-  U8 (*flags)(const PathAttributes& attrs);
   void (*reset)(PathAttributes& attrs);  // absent, flags 0
   void (*markRead)(PathAttributes& attrs, U8 flags);
-  std::size_t (*size)(const PathAttributes& attrs, const SessionOptions& o);
+  // Writes the whole attribute, header and value, when it is present.
   void (*write)(Serialize& out, const PathAttributes& attrs, const SessionOptions& o);
 };
 
@@ -353,20 +364,26 @@ constexpr std::string_view attrName(AttrType type) {
   return {};
 }
 
-template <auto Slot, typename Codec>
-constexpr Row row(AttrType type, U8 flags, ErrorAction malformed) {
+template <auto Slot, typename Codec, AttrType Type, U8 Flags>
+void writeAttribute(Serialize& out, const PathAttributes& a, const SessionOptions& o) {
+  const auto& slot = a.*Slot;
+  if (!slot.present) return;
+  writeHeader(out, slot.flags, Flags, static_cast<U8>(Type), Codec::size(slot.value, o));
+  Codec::write(out, slot.value, o);
+}
+
+template <auto Slot, typename Codec, AttrType Type, U8 Flags>
+constexpr Row row(ErrorAction malformed) {
   return Row{
-      AttributeInfo{type, attrName(type), flags, static_cast<U8>(attrFlagOptional | attrFlagTransitive), malformed},
+      AttributeInfo{Type, attrName(Type), Flags, static_cast<U8>(attrFlagOptional | attrFlagTransitive), malformed},
       [](Deserialize& in, const SessionOptions& o, PathAttributes& a) { return Codec::read(in, o, (a.*Slot).value); },
       [](const PathAttributes& a) { return (a.*Slot).present; },
-      [](const PathAttributes& a) { return (a.*Slot).flags; },
       [](PathAttributes& a) { (a.*Slot).reset(); },
       [](PathAttributes& a, U8 flags) {
         (a.*Slot).present = true;
         (a.*Slot).flags = flags;
       },
-      [](const PathAttributes& a, const SessionOptions& o) { return Codec::size((a.*Slot).value, o); },
-      [](Serialize& out, const PathAttributes& a, const SessionOptions& o) { Codec::write(out, (a.*Slot).value, o); },
+      &writeAttribute<Slot, Codec, Type, Flags>,
   };
 }
 
@@ -389,13 +406,20 @@ using LargeCommunities = absl::InlinedVector<LargeCommunity, 4>;
 // once (clearing them all before a read) unrolls into plain stores instead of a call per row.
 template <auto Slot, typename Codec, AttrType Type, U8 Flags, ErrorAction Malformed>
 struct Def {
-  static constexpr Row row = ::Routing::Bgp::row<Slot, Codec>(Type, Flags, Malformed);
+  static constexpr Row row = ::Routing::Bgp::row<Slot, Codec, Type, Flags>(Malformed);
   static void reset(PathAttributes& a) { (a.*Slot).reset(); }
+  // Writes the attribute when it is present and not written yet.
+  static void writeRest(Serialize& out, const PathAttributes& a, const SessionOptions& o, const std::bitset<256>& done) {
+    if ((a.*Slot).present && !done[static_cast<U8>(Type)]) writeAttribute<Slot, Codec, Type, Flags>(out, a, o);
+  }
 };
 template <typename... Defs>
 struct Table {
   static constexpr Row rows[] = {Defs::row...};
   static void resetAll(PathAttributes& a) { (Defs::reset(a), ...); }
+  static void writeRest(Serialize& out, const PathAttributes& a, const SessionOptions& o, const std::bitset<256>& done) {
+    (Defs::writeRest(out, a, o, done), ...);
+  }
 };
 
 using Attributes = Table<
@@ -526,27 +550,8 @@ ReadError checkMandatory(const PathAttributes& attrs, bool ipv4Nlri, U32 offset)
   return {};
 }
 
-namespace {
-// The header of an attribute of `size` value octets: its own flags, or the usual ones when it has
-// none, with the extended length bit forced on when the value needs two length octets.
-void writeHeader(Serialize& out, U8 flags, U8 usual, U8 type, std::size_t size) {
-  if (flags == 0) flags = usual;
-  if (size > 255) flags |= attrFlagExtendedLength;
-  if (flags & attrFlagExtendedLength) {
-    out.addFields(flags, type, static_cast<U16>(size));
-  } else {
-    out.addFields(flags, type, static_cast<U8>(size));
-  }
-}
-}  // namespace
-
 void writePathAttribute(Serialize& out, U8 type, const PathAttributes& attrs, const SessionOptions& options) {
-  if (const Row* r = rowByType[type]) {
-    if (!r->present(attrs)) return;
-    writeHeader(out, r->flags(attrs), r->info.flags, type, r->size(attrs, options));
-    r->write(out, attrs, options);
-    return;
-  }
+  if (const Row* r = rowByType[type]) return r->write(out, attrs, options);
   for (const RawAttribute& a : attrs.unknown) {
     if (a.type != type) continue;
     writeHeader(out, a.flags, attrFlagOptional | attrFlagTransitive, type, a.value.size());
@@ -562,10 +567,7 @@ void writePathAttributes(Serialize& out, const PathAttributes& attrs, const Sess
     written[type] = true;
     writePathAttribute(out, type, attrs, options);
   }
-  for (const Row& r : rows) {
-    const U8 type = static_cast<U8>(r.info.type);
-    if (!written[type] && r.present(attrs)) writePathAttribute(out, type, attrs, options);
-  }
+  Attributes::writeRest(out, attrs, options, written);
   for (const RawAttribute& a : attrs.unknown) {
     if (!written[a.type]) {
       written[a.type] = true;
