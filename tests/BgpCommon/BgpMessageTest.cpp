@@ -197,6 +197,10 @@ TEST(BgpMessage, HandMadeUpdatesReadAsBuiltAndWriteBackTheSameOctets) {
          EXPECT_EQ(e.pathId, 7u);
          EXPECT_EQ(e.prefix.stringValue(), "2001:db8::/32");
          EXPECT_EQ(e.labelStack().stringValue(), "[256:0:0:0, 257:0:1:0]");
+         Netzo::MplsLabelStack stack;
+         Deserialize labels(e.labelFields);
+         ASSERT_TRUE(labels.readMplsLabelStack(stack));
+         EXPECT_EQ(stack, e.labelStack());
          // A labelled withdrawal carries one label field, 0x800000 here, whatever its S bit.
          const NlriEntry w = *u.attributes.mpUnreach->withdrawn.begin();
          EXPECT_EQ(w.prefix.stringValue(), "2001:db8::/32");
