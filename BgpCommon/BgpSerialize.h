@@ -180,6 +180,18 @@ class Serialize {
     addEach(std::span<const T, N>(items));
   }
 
+  // Overwrite octets written earlier at `_offset` (big-endian): fill in a length field once what
+  // it counts has been written (a message's length, the total path attribute length). Assert that
+  // the octets were written.
+  void overwriteU8(U32 _offset, U8 v) {
+    PICO_ASSERT(_offset < writeOffset_);
+    put8(buffer_ + _offset, v);
+  }
+  void overwriteU16hton(U32 _offset, U16 v) {
+    PICO_ASSERT(_offset <= writeOffset_ && writeOffset_ - _offset >= 2);
+    put16(buffer_ + _offset, v);
+  }
+
   // The octets from `_offset` to the write offset. `_offset` is a write offset noted earlier.
   Kelp::String serializedString(U32 _offset) const;
   Kelp::Bytes serializedBytes(U32 _offset) const;
