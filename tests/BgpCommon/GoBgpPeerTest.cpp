@@ -1,31 +1,151 @@
 // Messages the library writes and reads, checked against a real BGP speaker both ways: gobgpd on
-// loopback shows in its RIB the routes the test announces, and the routes it announces read as its
-// JSON shows them.
+// loopback shows in its RIB exactly the routes the test announces, and every UPDATE it sends reads
+// as its JSON shows the routes.
+#include <algorithm>
+#include <ostream>
+#include <set>
+
 #include <gtest/gtest.h>
 
-#include "BgpCommon/BgpSerialize.h"
+#include "BgpCommon/BgpMessage.h"
 #include "tests/Support/GoBgpd.h"
 
 namespace {
 
 using namespace Routing::Bgp;
+using Netzo::AutonomousSystem;
+using Netzo::IpGenAddr;
+using Netzo::IpGenPrefix;
 using testing_support::BgpSocket;
 using testing_support::GoBgpd;
+using Json = nlohmann::json;
 
-constexpr std::uint32_t kGoBgpAs = 4200000001;  // both four-octet: the session must carry them so
-constexpr std::uint32_t kTestAs = 4200000002;
+constexpr U32 kGoBgpAs = 4200000001;  // both four-octet: only the four-octet AS capability carries them
+constexpr U32 kTestAs = 4200000002;
 
-// OPEN of AS kTestAs (AS_TRANS in the two-octet field, RFC 6793), hold time 0 (no KEEPALIVEs to
-// keep up, RFC 4271 section 4.2), with the capabilities multiprotocol IPv4 and IPv6 unicast and
-// four-octet AS.
-void sendOpen(BgpSocket& peer) {
+// A route as both sides can state it: the attributes these tests exchange, and the type codes of
+// any others (none expected).
+struct Route {
+  IpGenPrefix prefix;
+  Origin origin = Origin::igp;
+  AsPath asPath;
+  IpGenAddr nextHop;
+  std::optional<U32> med;
+  std::vector<U32> communities;
+  std::vector<LargeCommunity> large;
+  std::vector<RouteTarget> routeTargets;
+  std::vector<int> others;
+  bool operator==(const Route&) const = default;
+  friend bool operator<(const Route& a, const Route& b) { return a.prefix < b.prefix; }
+};
+
+void PrintTo(const Route& r, std::ostream* os) {
+  *os << "\n  " << r.prefix << " origin " << int(r.origin) << " path";
+  for (std::size_t i = 0, at = 0; i < r.asPath.segments.size(); at += r.asPath.segments[i++].count) {
+    *os << " " << int(r.asPath.segments[i].type) << ":";
+    for (std::size_t k = at; k < at + r.asPath.segments[i].count; ++k) *os << " " << r.asPath.asns[k].value();
+  }
+  *os << " next hop " << r.nextHop.stringValue() << " med " << (r.med ? std::to_string(*r.med) : "-") << " |";
+  for (U32 c : r.communities) *os << " " << (c >> 16) << ":" << (c & 0xFFFF);
+  for (const LargeCommunity& c : r.large) *os << " " << c.globalAdmin << ":" << c.localData1 << ":" << c.localData2;
+  for (const RouteTarget& rt : r.routeTargets) *os << " RT:" << rt.toStrep(false);
+  for (int t : r.others) *os << " attribute " << t;
+}
+
+AsPath sequence(std::vector<AutonomousSystem> asns) {
+  AsPath p;
+  p.segmentAppend(AsPath::asSequence, asns);
+  return p;
+}
+
+// The routes of `gobgp ... rib -j` (prefix to paths), sorted by prefix.
+std::vector<Route> routesOf(const Json& rib) {
+  std::vector<Route> routes;
+  for (const auto& [prefix, paths] : rib.items()) {
+    for (const Json& path : paths) {
+      Route& r = routes.emplace_back();
+      r.prefix = IpGenPrefix::fromString(prefix);
+      for (const Json& a : path["attrs"]) {
+        switch (a["type"].get<int>()) {
+          case 1: r.origin = Origin(a["value"].get<int>()); break;
+          case 2:
+            for (const Json& s : a["as_paths"]) {
+              const auto asns = s["asns"].get<std::vector<U32>>();
+              r.asPath.segmentAppend(s["segment_type"].get<U8>(), std::vector<AutonomousSystem>(asns.begin(), asns.end()));
+            }
+            break;
+          case 3: case 14: r.nextHop = IpGenAddr::fromString(a["nexthop"].get<std::string>()); break;
+          case 4: r.med = a["metric"]; break;
+          case 8: r.communities = a["communities"].get<std::vector<U32>>(); break;
+          case 16:
+            for (const Json& c : a["value"]) {
+              // GoBGP writes a four-octet AS in asdot ("1.4464:7"), which the operator's text reads.
+              RouteTarget rt = RouteTarget::fromOperatorText(c["value"].get<std::string>());
+              if (rt.value >> 56 != c["type"].get<U64>() || (rt.value >> 48 & 0xFF) != c["subtype"].get<U64>()) rt.value = ~0ull;
+              r.routeTargets.push_back(rt);
+            }
+            break;
+          case 32:
+            for (const Json& c : a["value"]) r.large.push_back({c["ASN"], c["LocalData1"], c["LocalData2"]});
+            break;
+          default: r.others.push_back(a["type"]);
+        }
+      }
+    }
+  }
+  std::sort(routes.begin(), routes.end());
+  return routes;
+}
+
+// The routes an UPDATE announces, with its attributes, into `routes`; withdrawn ones leave it.
+void applyUpdate(const Update& u, std::vector<Route>& routes) {
+  const PathAttributes& a = u.attributes;
+  auto withdraw = [&](const NlriList& list) {
+    for (const NlriEntry& e : list) std::erase_if(routes, [&](const Route& r) { return r.prefix == e.prefix; });
+  };
+  withdraw(u.withdrawn);
+  if (a.mpUnreach) withdraw(a.mpUnreach->withdrawn);
+  auto announce = [&](const NlriList& list, IpGenAddr nextHop) {
+    withdraw(list);
+    for (const NlriEntry& e : list) {
+      Route& r = routes.emplace_back(Route{e.prefix, *a.origin, a.fullAsPath(SessionOptions{}), nextHop});
+      if (a.multiExitDisc) r.med = *a.multiExitDisc;
+      if (a.communities) r.communities.assign(a.communities->begin(), a.communities->end());
+      if (a.largeCommunities) r.large.assign(a.largeCommunities->begin(), a.largeCommunities->end());
+      if (a.extendedCommunities) r.routeTargets.assign(a.extendedCommunities->begin(), a.extendedCommunities->end());
+      for (U8 t : a.order) {
+        if (!std::set<int>{1, 2, 3, 4, 8, 14, 16, 32}.contains(t)) r.others.push_back(t);
+      }
+    }
+  };
+  announce(u.nlri, a.nextHop ? IpGenAddr(*a.nextHop) : IpGenAddr());
+  if (a.mpReach) announce(a.mpReach->nlri, a.mpReach->nextHop);
+  std::sort(routes.begin(), routes.end());
+}
+
+// One UPDATE announcing `r`: IPv4 in the NLRI field with NEXT_HOP, IPv6 in MP_REACH_NLRI.
+void sendRoute(BgpSocket& peer, const Route& r) {
+  Serialize nlri;
+  writeNlri(nlri, NlriEntry{r.prefix}, false, false);
+  const bool v4 = r.prefix.family() == Netzo::AddressFamily::ipv4;
+  const NlriList list({nlri.data(), nlri.writeOffset()}, v4 ? ipv4UnicastAfiSafi : ipv6UnicastAfiSafi, false);
+  Update u;
+  PathAttributes& a = u.attributes;
+  a.origin.set(r.origin);
+  a.asPath.set(r.asPath);
+  if (v4) {
+    a.nextHop.set(r.nextHop.ipv4());
+    u.nlri = list;
+  } else {
+    a.mpReach.set(MpReach{ipv6UnicastAfiSafi, r.nextHop, {}, {}, 0, list});
+  }
+  if (r.med) a.multiExitDisc.set(*r.med);
+  // An empty list is no attribute: a COMMUNITIES of length 0 is malformed (RFC 7606 section 7.8).
+  if (!r.communities.empty()) a.communities.set({r.communities.begin(), r.communities.end()});
+  if (!r.large.empty()) a.largeCommunities.set({r.large.begin(), r.large.end()});
+  if (!r.routeTargets.empty()) a.extendedCommunities.set({r.routeTargets.begin(), r.routeTargets.end()});
   Serialize s;
-  const U8 marker[16] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-  s.addData(marker, 16);
-  s.addFields(U16{19 + 10 + 20}, U8{1}, U8{4}, U16{Netzo::AutonomousSystem::asTrans}, U16{0},
-              Netzo::IpAddr(192, 0, 2, 2), U8{20}, U8{2}, U8{18});
-  s.addFields(U8{1}, U8{4}, U16{afiIpv4}, U8{0}, U8{safiUnicast}, U8{1}, U8{4}, U16{afiIpv6}, U8{0}, U8{safiUnicast});
-  s.addFields(U8{65}, U8{4}, Netzo::AutonomousSystem(kTestAs));
+  writeUpdate(s, u, SessionOptions{});
   peer.send(s.data(), s.writeOffset());
 }
 
@@ -37,22 +157,95 @@ class GoBgpPeerTest : public ::testing::Test {
     }
     gobgpd_ = std::make_unique<GoBgpd>(kGoBgpAs, kTestAs);
     peer_ = std::make_unique<BgpSocket>(gobgpd_->bgpPort());
-    sendOpen(*peer_);
-    ASSERT_EQ(peer_->receive()[18], 1) << "OPEN expected";
-    const U8 keepalive[19] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0, 19, 4};
-    peer_->send(keepalive, sizeof keepalive);
-    ASSERT_EQ(peer_->receive()[18], 4) << "KEEPALIVE expected";
+    // Hold time 90 s, longer than any test runs, so the test need not send KEEPALIVEs. Not 0
+    // (RFC 4271 allows it): GoBGP derives its send deadline from the hold time and would time out.
+    Open mine;
+    mine.holdTime = 90;
+    mine.myAs = AutonomousSystem::asTrans;
+    mine.bgpIdentifier = Netzo::IpAddr(192, 0, 2, 2);
+    mine.multiprotocol = {ipv4UnicastAfiSafi, ipv6UnicastAfiSafi};
+    mine.fourOctetAs = AutonomousSystem(kTestAs);
+    Serialize s;
+    writeOpen(s, mine);
+    writeKeepalive(s);
+    peer_->send(s.data(), s.writeOffset());
+    Open theirs;
+    const std::vector<U8> open = peer_->receive();
+    ASSERT_FALSE(readOpen(open, theirs)) << readOpen(open, theirs);
+    EXPECT_EQ(theirs.autonomousSystem(), AutonomousSystem(kGoBgpAs));
+    EXPECT_EQ(theirs.bgpIdentifier, Netzo::IpAddr(192, 0, 2, 254));
+    ASSERT_EQ(peer_->receive()[18], U8(MessageType::keepalive));
   }
 
   std::unique_ptr<GoBgpd> gobgpd_;
   std::unique_ptr<BgpSocket> peer_;
 };
 
-TEST_F(GoBgpPeerTest, SessionComesUp) {
-  auto j = gobgpd_->waitFor({"neighbor"}, [](const nlohmann::json& j) {
-    return j.size() == 1 && j[0]["state"]["session_state"] == 6;
-  });
-  EXPECT_EQ(j[0]["state"]["session_state"], 6) << j.dump() << gobgpd_->log();
+TEST_F(GoBgpPeerTest, RoutesTheLibraryWritesShowInGoBgpsRib) {
+  const AutonomousSystem path[] = {AutonomousSystem(kTestAs), AutonomousSystem(70000), AutonomousSystem(65001)};
+  std::vector<Route> sent = {
+      {IpGenPrefix::fromString("10.20.0.0/16"), Origin::igp, sequence({path, path + 3}), IpGenAddr::fromString("192.0.2.2"),
+       100, {65000u << 16 | 1, 65000u << 16 | 2}, {{kTestAs, 1, 2}, {kTestAs, 3, 4}},
+       {RouteTarget::fromOperatorText("65000:100"), RouteTarget::fromOperatorText("1.4464:7"),
+        RouteTarget::fromOperatorText("192.0.2.9:5")}},
+      {IpGenPrefix::fromString("10.21.1.0/24"), Origin::egp, sequence({path, path + 1}), IpGenAddr::fromString("192.0.2.3"),
+       0, {65000u << 16 | 3}, {{kTestAs, 0, 4294967295}}, {RouteTarget::fromOperatorText("4200000002:9")}},
+      {IpGenPrefix::fromString("2001:db8:20::/48"), Origin::incomplete, sequence({path, path + 2}),
+       IpGenAddr::fromString("2001:db8::2"), 4294967295, {65001u << 16 | 65535}, {{70000, 5, 6}},
+       {RouteTarget::fromOperatorText("65001:4294967295")}},
+  };
+  sent[1].asPath.segmentAppend(AsPath::asSet, std::vector{AutonomousSystem(64512), AutonomousSystem(4200000100)});
+  for (const Route& r : sent) sendRoute(*peer_, r);
+
+  std::vector<Route> shown;
+  for (const char* family : {"ipv4", "ipv6"}) {
+    const std::size_t expected = std::count_if(sent.begin(), sent.end(), [&](const Route& r) {
+      return (r.prefix.family() == Netzo::AddressFamily::ipv4) == (family == std::string("ipv4"));
+    });
+    auto rib = gobgpd_->waitFor({"global", "rib", "-a", family}, [&](const Json& j) { return j.size() >= expected; });
+    for (Route& r : routesOf(rib)) shown.push_back(std::move(r));
+  }
+  std::sort(sent.begin(), sent.end());
+  std::sort(shown.begin(), shown.end());
+  EXPECT_EQ(shown, sent);
+}
+
+TEST_F(GoBgpPeerTest, EveryUpdateGoBgpSendsReadsAsItsJsonShows) {
+  const std::vector<std::vector<std::string>> added = {
+      {"-a", "ipv4", "10.30.0.0/16", "origin", "igp", "nexthop", "192.0.2.30", "aspath", "4200000100,65001,70000",
+       "med", "42", "community", "65000:1,65000:2", "large-community", "4200000001:1:2,1:2:3", "rt", "65000:100",
+       "1.4464:7", "10.0.0.1:5"},
+      {"-a", "ipv4", "10.31.2.0/24", "origin", "incomplete", "nexthop", "192.0.2.31", "aspath", "65001 {65002,4200000100}"},
+      {"-a", "ipv6", "2001:db8:30::/48", "origin", "egp", "nexthop", "2001:db8::30", "aspath", "4200000100", "med",
+       "7", "community", "65000:3", "large-community", "1:2:3", "rt", "65000:200"},
+  };
+  for (const auto& args : added) {
+    std::vector<std::string> cli = {"global", "rib", "add"};
+    cli.insert(cli.end(), args.begin(), args.end());
+    gobgpd_->cli(cli);
+  }
+  // What GoBGP sends to this neighbour, as it shows it: its AS first on the path.
+  std::vector<Route> shown;
+  for (const char* family : {"ipv4", "ipv6"}) {
+    const std::size_t expected = family == std::string("ipv4") ? 2 : 1;
+    auto out = gobgpd_->waitFor({"neighbor", "127.0.0.1", "adj-out", "-a", family},
+                                [&](const Json& j) { return j.size() >= expected; });
+    for (Route& r : routesOf(out)) shown.push_back(std::move(r));
+  }
+  std::sort(shown.begin(), shown.end());
+  ASSERT_EQ(shown.size(), added.size());
+
+  std::vector<Route> read;
+  while (read.size() < shown.size()) {  // the socket's cap ends a wait for an UPDATE that never comes
+    const std::vector<U8> m = peer_->receive();
+    if (m[18] == U8(MessageType::keepalive)) continue;
+    Update u;
+    ASSERT_EQ(m[18], U8(MessageType::update));
+    const ReadError e = readUpdate(m, SessionOptions{}, u);
+    ASSERT_FALSE(e) << e;
+    applyUpdate(u, read);
+  }
+  EXPECT_EQ(read, shown);
 }
 
 }  // namespace
