@@ -34,14 +34,8 @@ namespace testing_support {
 
 inline constexpr int kCapSeconds = 20;
 
-// `program` found on PATH, or "" when it is not installed.
-inline std::string programPath(const std::string& program) {
-  std::istringstream path(std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin");
-  for (std::string dir; std::getline(path, dir, ':');) {
-    if (access((dir + "/" + program).c_str(), X_OK) == 0) return dir + "/" + program;
-  }
-  return "";
-}
+// True when the shell finds `program`.
+inline bool installed(const std::string& program) { return std::system(("command -v " + program + " >/dev/null").c_str()) == 0; }
 
 inline sockaddr_in loopback(std::uint16_t port) {
   sockaddr_in a{};
@@ -110,13 +104,15 @@ class GoBgpd {
  private:
   void start(std::uint32_t as, std::uint32_t peerAs) {
     bgpPort_ = freePort(), apiPort_ = freePort();
-    std::ofstream(dir_ + "/gobgpd.toml") << "[global.config]\nas = " << as << "\nrouter-id = \"192.0.2.254\"\nport = "
-                                         << bgpPort_ << "\nlocal-address-list = [\"127.0.0.1\"]\n"
-                                         << "[[neighbors]]\n[neighbors.config]\nneighbor-address = \"127.0.0.1\"\n"
-                                         << "peer-as = " << peerAs << "\n[neighbors.transport.config]\npassive-mode = true\n"
-                                         << "[[neighbors.afi-safis]]\n[neighbors.afi-safis.config]\nafi-safi-name = \"ipv4-unicast\"\n"
-                                         << "[[neighbors.afi-safis]]\n[neighbors.afi-safis.config]\nafi-safi-name = \"ipv6-unicast\"\n";
-    const std::vector<std::string> args = {programPath("gobgpd"), "-f", dir_ + "/gobgpd.toml", "-p", "--pprof-disable",
+    std::ofstream config(dir_ + "/gobgpd.toml");
+    config << "[global.config]\nas = " << as << "\nrouter-id = \"192.0.2.254\"\nport = " << bgpPort_
+           << "\nlocal-address-list = [\"127.0.0.1\"]\n[[neighbors]]\n[neighbors.config]\nneighbor-address = \"127.0.0.1\"\n"
+           << "peer-as = " << peerAs << "\n[neighbors.transport.config]\npassive-mode = true\n";
+    for (const char* family : {"ipv4-unicast", "ipv6-unicast"}) {
+      config << "[[neighbors.afi-safis]]\n[neighbors.afi-safis.config]\nafi-safi-name = \"" << family << "\"\n";
+    }
+    config.close();
+    const std::vector<std::string> args = {"gobgpd", "-f", dir_ + "/gobgpd.toml", "-p", "--pprof-disable",
                                            "--api-hosts", "127.0.0.1:" + std::to_string(apiPort_)};
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -129,7 +125,7 @@ class GoBgpd {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       if (getppid() != parent) _exit(127);
       dup2(logFd, 1), dup2(logFd, 2);
-      execv(argv[0], argv.data());
+      execvp(argv[0], argv.data());
       _exit(127);
     }
     close(logFd);
