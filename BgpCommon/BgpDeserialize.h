@@ -24,6 +24,7 @@
 #include <cstring>
 #include <span>
 
+#include "BgpCommon/BgpSerialize.h"
 #include "platform/Kelp/EnumType.h"
 #include "platform/Kelp/TextForm.h"
 #include "platform/Netzo/AddressFamily.h"
@@ -36,11 +37,6 @@
 #include "platform/Routing/AfiSafi.h"
 
 namespace Routing::Bgp {
-
-using ::U8;
-using ::U16;
-using ::U32;
-using ::U64;
 
 // What RFC 7606 says to do about a malformed message, from the mildest to the most severe, so that
 // of several errors in one UPDATE the worst wins (std::max).
@@ -212,17 +208,15 @@ class Deserialize {
   // AFI in two octets, SAFI in one (RFC 4760).
   [[nodiscard]] bool readAfiSafi(AfiSafi& a) { return readFields(a); }
 
-  // A three-octet field for readFields.
-  struct U24 {
-    U32 value = 0;
-  };
+  // A three-octet field for readFields (the one Serialize::addFields writes).
+  using U24 = Serialize::U24;
 
   // Reads several fixed-width fields with one bounds check, the mirror of Serialize::addFields:
   // U8, U16, U24, U32, U64 (big-endian), Netzo::IpAddr, Netzo::Ip6Addr, Netzo::AutonomousSystem
   // (four octets) and AfiSafi. Reads all of them or none.
   template <typename... Fields>
   [[nodiscard]] bool readFields(Fields&... fields) {
-    constexpr U32 total = (fieldWidth(static_cast<const Fields*>(nullptr)) + ... + 0);
+    constexpr U32 total = (Serialize::fieldWidth(static_cast<const Fields*>(nullptr)) + ... + 0);
     if (remaining() < total) [[unlikely]]
       return fail(ReadRule::truncated, offset());
     (getField(p_, fields), ...);
@@ -266,20 +260,6 @@ class Deserialize {
   [[nodiscard]] bool readMplsLabelStack(Netzo::MplsLabelStack& out);
 
  private:
-  static constexpr U32 fieldWidth(const U8*) { return 1; }
-  static constexpr U32 fieldWidth(const U16*) { return 2; }
-  static constexpr U32 fieldWidth(const U24*) { return 3; }
-  static constexpr U32 fieldWidth(const U32*) { return 4; }
-  static constexpr U32 fieldWidth(const U64*) { return 8; }
-  static constexpr U32 fieldWidth(const Netzo::IpAddr*) { return 4; }
-  static constexpr U32 fieldWidth(const Netzo::Ip6Addr*) { return 16; }
-  static constexpr U32 fieldWidth(const Netzo::AutonomousSystem*) { return 4; }
-  static constexpr U32 fieldWidth(const AfiSafi*) { return 3; }
-  template <typename T>
-  static constexpr U32 fieldWidth(const T*) {
-    static_assert(sizeof(T) == 0, "readFields takes U8, U16, U24, U32, U64, IpAddr, Ip6Addr, AutonomousSystem, AfiSafi");
-    return 0;
-  }
   template <typename T>
   static T loadMemory(const U8* p) {
     T v;

@@ -125,7 +125,13 @@ void typeCapability(Open& open, const Capability& c) {
 ReadError readOpen(std::span<const U8> octets, Open& out) {
   MessageHeader h;
   if (ReadError e = readWhole(octets, MessageType::open, SessionOptions{}, h)) return e;
-  out = Open();
+  // Field by field: reading into an object used before keeps the room its lists took.
+  emptyKeepingRoom(out.multiprotocol);
+  out.fourOctetAs.reset();
+  emptyKeepingRoom(out.addPath);
+  out.routeRefresh = out.enhancedRouteRefresh = out.extendedMessage = false;
+  emptyKeepingRoom(out.capabilities);
+  emptyKeepingRoom(out.otherParameters);
   Deserialize in(octets.subspan(bgpHeaderSize), bgpHeaderSize);
   U8 parametersLength = 0;
   (void)in.readFields(out.version, out.myAs, out.holdTime, out.bgpIdentifier, parametersLength);

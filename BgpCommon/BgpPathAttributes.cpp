@@ -119,11 +119,10 @@ bool readAsPath(Deserialize& in, unsigned width, AsPath& out) {
       return in.fail(ReadRule::badAsPathSegment, at);
     }
     out.segments.push_back(AsPath::Segment{type, count});
-    for (unsigned i = 0; i < count; ++i) {
-      Netzo::AutonomousSystem asn;
-      (void)in.readAutonomousSystem(asn, width == 4);
-      out.asns.push_back(asn);
-    }
+    // The segment is known to fit: size the list once, then read the numbers into it.
+    const std::size_t first = out.asns.size();
+    out.asns.resize(first + count);
+    for (unsigned i = 0; i < count; ++i) (void)in.readAutonomousSystem(out.asns[first + i], width == 4);
   }
   return true;
 }
@@ -216,7 +215,7 @@ struct ListCodec {
   static bool read(Deserialize& in, const SessionOptions&, List& v) {
     const U32 n = in.remaining();
     if (n == 0 || n % Width != 0) return in.fail(ReadRule::badAttributeLength, in.offset());
-    v.clear();
+    emptyKeepingRoom(v);
     v.resize(n / Width);
     for (Item& item : v) readItem(in, item);
     return true;
@@ -426,8 +425,8 @@ const AttributeInfo* attributeInfo(U8 type) {
 
 void PathAttributes::clear() {
   for (const Row& r : rows) r.reset(*this);
-  unknown.clear();
-  order.clear();
+  emptyKeepingRoom(unknown);
+  emptyKeepingRoom(order);
 }
 
 ReadError readPathAttributes(Deserialize& in, const SessionOptions& options, PathAttributes& out) {

@@ -184,6 +184,13 @@ class NlriList {
 // entry's fields as they are) when labelled, then length and prefix octets.
 void writeNlri(Serialize& out, const NlriEntry& entry, bool addPath, bool labelled);
 
+// Empties an InlinedVector without giving its heap room back (its clear() does), so that an
+// object read into again and again allocates only when a list outgrows every earlier one.
+template <typename V>
+void emptyKeepingRoom(V& v) {
+  v.erase(v.begin(), v.end());
+}
+
 enum class Origin : U8 { igp = 0, egp = 1, incomplete = 2 };
 constexpr auto kelpEnum(Kelp::Tag<Origin>) {
   return Kelp::enumType<Origin>("Routing::Bgp::Origin",
@@ -208,9 +215,10 @@ struct AsPath {
   std::size_t pathLength() const;
   // Appends a segment of `asns` (split into segments of at most 255).
   void segmentAppend(U8 type, std::span<const Netzo::AutonomousSystem> numbers);
+  // Empties the path, keeping the room the lists took (absl's clear() would give it back).
   void clear() {
-    segments.clear();
-    asns.clear();
+    emptyKeepingRoom(segments);
+    emptyKeepingRoom(asns);
   }
   friend bool operator==(const AsPath&, const AsPath&) = default;
 };

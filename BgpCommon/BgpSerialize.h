@@ -262,6 +262,8 @@ class Serialize {
   }
 
   // addFields: the width of each field type, and its store (advancing the cursor).
+ public:
+  // The widths are shared with Deserialize::readFields, which reads the same field types.
   static constexpr U32 fieldWidth(const U8*) { return 1; }
   static constexpr U32 fieldWidth(const U16*) { return 2; }
   static constexpr U32 fieldWidth(const U24*) { return 3; }
@@ -273,9 +275,12 @@ class Serialize {
   static constexpr U32 fieldWidth(const AfiSafi*) { return 3; }
   template <typename T>
   static constexpr U32 fieldWidth(const T*) {
-    static_assert(sizeof(T) == 0, "addFields takes U8, U16, U24, U32, U64, IpAddr, Ip6Addr, AutonomousSystem, AfiSafi");
+    static_assert(sizeof(T) == 0,
+                  "addFields and readFields take U8, U16, U24, U32, U64, IpAddr, Ip6Addr, AutonomousSystem, AfiSafi");
     return 0;
   }
+
+ private:
   static void putField(Octet*& p, U8 v) { put8(p, v), p += 1; }
   static void putField(Octet*& p, U16 v) { put16(p, v), p += 2; }
   static void putField(Octet*& p, U24 v) { put24(p, v.value), p += 3; }

@@ -112,7 +112,16 @@ TEST(BgpMessage, HandMadeUpdatesReadAsBuiltAndWriteBackTheSameOctets) {
   SessionOptions addPath;
   addPath.addPath.add(ipv4UnicastAfiSafi);
   addPath.addPath.add(AfiSafi(afiIpv6, safiMplsLabel));
+  SessionOptions mrt;
+  mrt.mrtAbbreviatedMpReach = ipv6UnicastAfiSafi;
   const GoodRow rows[] = {
+      {"MRT's abbreviated MP_REACH_NLRI: next-hop length and next hop only",
+       update("40 01 01 00 40 02 00 80 0e 11 10 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01"), mrt,
+       [](const Update& u) {
+         EXPECT_TRUE(u.attributes.mpReach->abbreviated);
+         EXPECT_EQ(u.attributes.mpReach->afiSafi, ipv6UnicastAfiSafi);
+         EXPECT_EQ(u.attributes.mpReach->nextHop.stringValue(), "2001:db8::1");
+       }},
       {"mandatory three, one NLRI", update(kOriginAsPathNextHop, "18 0a 01 02"), {},
        [](const Update& u) {
          EXPECT_EQ(*u.attributes.origin, Origin::igp);
