@@ -13,11 +13,8 @@
 namespace {
 
 using namespace Routing::Bgp;
-using Netzo::AutonomousSystem;
-using Netzo::IpGenAddr;
-using Netzo::IpGenPrefix;
-using testing_support::BgpSocket;
-using testing_support::GoBgpd;
+using namespace Netzo;
+using namespace testing_support;
 using Json = nlohmann::json;
 
 constexpr U32 kGoBgpAs = 4200000001;  // both four-octet: only the four-octet AS capability carries them
@@ -40,11 +37,9 @@ struct Route {
 };
 
 void PrintTo(const Route& r, std::ostream* os) {
-  *os << "\n  " << r.prefix << " origin " << int(r.origin) << " path";
-  for (std::size_t i = 0, at = 0; i < r.asPath.segments.size(); at += r.asPath.segments[i++].count) {
-    *os << " " << int(r.asPath.segments[i].type) << ":";
-    for (std::size_t k = at; k < at + r.asPath.segments[i].count; ++k) *os << " " << r.asPath.asns[k].value();
-  }
+  *os << "\n  " << r.prefix << " origin " << int(r.origin) << " segments/path";
+  for (const AsPath::Segment& s : r.asPath.segments) *os << " " << int(s.type) << "x" << int(s.count);
+  for (AutonomousSystem a : r.asPath.asns) *os << " " << a.value();
   *os << " next hop " << r.nextHop.stringValue() << " med " << (r.med ? std::to_string(*r.med) : "-") << " |";
   for (U32 c : r.communities) *os << " " << (c >> 16) << ":" << (c & 0xFFFF);
   for (const LargeCommunity& c : r.large) *os << " " << c.globalAdmin << ":" << c.localData1 << ":" << c.localData2;
@@ -70,8 +65,9 @@ std::vector<Route> routesOf(const Json& rib) {
           case 1: r.origin = Origin(a["value"].get<int>()); break;
           case 2:
             for (const Json& s : a["as_paths"]) {
-              const auto asns = s["asns"].get<std::vector<U32>>();
-              r.asPath.segmentAppend(s["segment_type"].get<U8>(), std::vector<AutonomousSystem>(asns.begin(), asns.end()));
+              std::vector<AutonomousSystem> asns;
+              for (U32 n : s["asns"]) asns.emplace_back(n);
+              r.asPath.segmentAppend(s["segment_type"].get<U8>(), asns);
             }
             break;
           case 3: case 14: r.nextHop = IpGenAddr::fromString(a["nexthop"].get<std::string>()); break;
@@ -85,9 +81,7 @@ std::vector<Route> routesOf(const Json& rib) {
               r.routeTargets.push_back(rt);
             }
             break;
-          case 32:
-            for (const Json& c : a["value"]) r.large.push_back({c["ASN"], c["LocalData1"], c["LocalData2"]});
-            break;
+          case 32: for (const Json& c : a["value"]) r.large.push_back({c["ASN"], c["LocalData1"], c["LocalData2"]}); break;
           default: r.others.push_back(a["type"]);
         }
       }

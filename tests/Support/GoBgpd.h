@@ -1,11 +1,8 @@
 #pragma once
-// A real BGP speaker for tests: GoBGP's daemon (Debian's gobgpd) on loopback, configured with one
-// passive neighbour 127.0.0.1, and the test's end of a session with it.
-//
+// A real BGP speaker for tests, GoBGP's gobgpd on loopback, and the test's end of a session with it.
 // Every wait is a poll or a read with a safety cap (kCapSeconds), never a sleep standing in for an
-// event. gobgpd runs in a process group of its own that the guard kills when it goes out of scope
-// (a failed assertion or an exception included) and the kernel kills when the test process dies
-// without unwinding (PR_SET_PDEATHSIG); each `gobgp` command runs under timeout(1).
+// event. gobgpd runs in a process group of its own, killed by the guard however the test ends and
+// by the kernel when the test process dies (PR_SET_PDEATHSIG); `gobgp` commands run under timeout(1).
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -62,7 +59,7 @@ class GoBgpd {
  public:
   GoBgpd(std::uint32_t as, std::uint32_t peerAs) : dir_(::testing::TempDir() + "gobgpd-" + std::to_string(getpid())) {
     std::filesystem::create_directories(dir_);
-    // A port taken between freePort() and gobgpd's bind ends gobgpd: start again on others.
+    // A port taken between freePort() and gobgpd's bind ends gobgpd: start again on another.
     for (int attempt = 0; attempt < 3 && pid_ < 0; ++attempt) start(as, peerAs);
     if (pid_ < 0) throw std::runtime_error("gobgpd did not start; its log:\n" + log());
   }
@@ -75,12 +72,11 @@ class GoBgpd {
   }
   GoBgpd(const GoBgpd&) = delete;
   GoBgpd& operator=(const GoBgpd&) = delete;
-
   std::uint16_t bgpPort() const { return bgpPort_; }
   std::string log() const { return (std::ostringstream() << std::ifstream(dir_ + "/log").rdbuf()).str(); }
   // Runs `gobgp ARGS` against this daemon: its standard output, or an exception with what it said.
   std::string cli(const std::vector<std::string>& args) const {
-    std::string cmd = "timeout -s KILL " + std::to_string(kCapSeconds) + " gobgp -p " + std::to_string(apiPort_);
+    std::string cmd = "timeout -s KILL " + std::to_string(kCapSeconds) + " gobgp --target unix://" + dir_ + "/api";
     for (const std::string& a : args) cmd += " '" + a + "'";
     FILE* p = popen((cmd + " 2>&1").c_str(), "r");
     std::string out;
@@ -103,7 +99,7 @@ class GoBgpd {
 
  private:
   void start(std::uint32_t as, std::uint32_t peerAs) {
-    bgpPort_ = freePort(), apiPort_ = freePort();
+    bgpPort_ = freePort();
     std::ofstream config(dir_ + "/gobgpd.toml");
     config << "[global.config]\nas = " << as << "\nrouter-id = \"192.0.2.254\"\nport = " << bgpPort_
            << "\nlocal-address-list = [\"127.0.0.1\"]\n[[neighbors]]\n[neighbors.config]\nneighbor-address = \"127.0.0.1\"\n"
@@ -113,7 +109,7 @@ class GoBgpd {
     }
     config.close();
     const std::vector<std::string> args = {"gobgpd", "-f", dir_ + "/gobgpd.toml", "-p", "--pprof-disable",
-                                           "--api-hosts", "127.0.0.1:" + std::to_string(apiPort_)};
+                                           "--api-hosts", "unix://" + dir_ + "/api"};  // gRPC on a socket file
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -150,7 +146,7 @@ class GoBgpd {
   }
 
   std::string dir_;
-  std::uint16_t bgpPort_ = 0, apiPort_ = 0;
+  std::uint16_t bgpPort_ = 0;
   pid_t pid_ = -1;
 };
 
@@ -166,7 +162,6 @@ class BgpSocket {
   ~BgpSocket() { close(fd_); }
   BgpSocket(const BgpSocket&) = delete;
   BgpSocket& operator=(const BgpSocket&) = delete;
-
   void send(const std::uint8_t* data, std::size_t n) {
     if (::send(fd_, data, n, MSG_NOSIGNAL) != static_cast<ssize_t>(n)) throw std::runtime_error("send failed");
   }
