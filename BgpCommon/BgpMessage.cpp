@@ -253,8 +253,8 @@ ReadError readUpdate(std::span<const U8> octets, const SessionOptions& options, 
   ReadError worst = readPathAttributes(attributes, options, out.attributes);
   // RFC 7606 section 3 d: an UPDATE that announces routes needs the mandatory attributes.
   const bool announces = !out.nlri.empty() || (out.attributes.mpReach && !out.attributes.mpReach->nlri.empty());
-  if (announces && !worst) {
-    ReadError e = checkMandatory(out.attributes, !out.nlri.empty(), attributesAt);
+  if (announces) {
+    const ReadError e = checkMandatory(out.attributes, !out.nlri.empty(), attributesAt);
     if (e.action > worst.action) worst = e;
   }
   return worst;

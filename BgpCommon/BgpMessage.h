@@ -137,7 +137,9 @@ ReadError readRouteRefresh(std::span<const U8> octets, RouteRefresh& out);
 // Any message; the first `header.length` octets of `octets` are read.
 ReadError readMessage(std::span<const U8> octets, const SessionOptions& options, Message& out);
 
-// Writers: one whole message each, header included.
+// Writers: one whole message each, header included. A message longer than a session carries
+// (4096 octets; an UPDATE or NOTIFICATION up to 65535 with extendedMessage) throws
+// Kelp::RangeException once written, what was written left in `out`.
 void writeOpen(Serialize& out, const Open& open);
 void writeUpdate(Serialize& out, const Update& update, const SessionOptions& options);
 void writeNotification(Serialize& out, const Notification& notification);

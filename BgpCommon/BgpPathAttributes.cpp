@@ -343,10 +343,18 @@ struct Row {
   void (*write)(Serialize& out, const PathAttributes& attrs, const SessionOptions& o);
 };
 
+// The attribute's name, as AttrType's description gives it.
+constexpr std::string_view attrName(AttrType type) {
+  for (const Kelp::EnumEntryInfo& e : Kelp::enumDescOf<AttrType>.entries) {
+    if (e.value == static_cast<U8>(type)) return e.name;
+  }
+  return {};
+}
+
 template <auto Slot, typename Codec>
-constexpr Row row(AttrType type, const char* name, U8 flags, ErrorAction malformed) {
+constexpr Row row(AttrType type, U8 flags, ErrorAction malformed) {
   return Row{
-      AttributeInfo{type, name, flags, static_cast<U8>(attrFlagOptional | attrFlagTransitive), malformed},
+      AttributeInfo{type, attrName(type), flags, static_cast<U8>(attrFlagOptional | attrFlagTransitive), malformed},
       [](Deserialize& in, const SessionOptions& o, PathAttributes& a) { return Codec::read(in, o, (a.*Slot).value); },
       [](const PathAttributes& a) { return (a.*Slot).present; },
       [](const PathAttributes& a) { return (a.*Slot).flags; },
@@ -368,36 +376,32 @@ using P = PathAttributes;
 // RFC 7606 section 7 gives each attribute's action when it is malformed; AS4_PATH and
 // AS4_AGGREGATOR are discarded (RFC 6793 section 6), MP_REACH_NLRI and MP_UNREACH_NLRI disable
 // their AFI/SAFI (section 7.11; a session reset when not even the AFI/SAFI can be read).
+constexpr ErrorAction withdraw = ErrorAction::treatAsWithdraw;
+constexpr ErrorAction discard = ErrorAction::attributeDiscard;
+using Communities = absl::InlinedVector<U32, 16>;
+using ClusterList = absl::InlinedVector<Netzo::IpAddr, 4>;
+using ExtendedCommunities = absl::InlinedVector<RouteTarget, 8>;
+using LargeCommunities = absl::InlinedVector<LargeCommunity, 4>;
+
 constexpr Row rows[] = {
-    row<&P::origin, OriginCodec>(AttrType::origin, "ORIGIN", wellKnown, ErrorAction::treatAsWithdraw),
-    row<&P::asPath, AsPathCodec<false>>(AttrType::asPath, "AS_PATH", wellKnown, ErrorAction::treatAsWithdraw),
-    row<&P::nextHop, FixedCodec<Netzo::IpAddr, 4>>(AttrType::nextHop, "NEXT_HOP", wellKnown,
-                                                   ErrorAction::treatAsWithdraw),
-    row<&P::multiExitDisc, FixedCodec<U32, 4>>(AttrType::multiExitDisc, "MULTI_EXIT_DISC", optionalNonTransitive,
-                                               ErrorAction::treatAsWithdraw),
-    row<&P::localPref, FixedCodec<U32, 4>>(AttrType::localPref, "LOCAL_PREF", wellKnown, ErrorAction::treatAsWithdraw),
-    row<&P::atomicAggregate, EmptyCodec>(AttrType::atomicAggregate, "ATOMIC_AGGREGATE", wellKnown,
-                                         ErrorAction::attributeDiscard),
-    row<&P::aggregator, AggregatorCodec<false>>(AttrType::aggregator, "AGGREGATOR", optionalTransitive,
-                                                ErrorAction::attributeDiscard),
-    row<&P::communities, ListCodec<absl::InlinedVector<U32, 16>, 4>>(AttrType::communities, "COMMUNITIES",
-                                                                     optionalTransitive, ErrorAction::treatAsWithdraw),
-    row<&P::originatorId, FixedCodec<Netzo::IpAddr, 4>>(AttrType::originatorId, "ORIGINATOR_ID",
-                                                        optionalNonTransitive, ErrorAction::treatAsWithdraw),
-    row<&P::clusterList, ListCodec<absl::InlinedVector<Netzo::IpAddr, 4>, 4>>(
-        AttrType::clusterList, "CLUSTER_LIST", optionalNonTransitive, ErrorAction::treatAsWithdraw),
-    row<&P::mpReach, MpReachCodec>(AttrType::mpReachNlri, "MP_REACH_NLRI", optionalNonTransitive,
-                                   ErrorAction::afiSafiDisable),
-    row<&P::mpUnreach, MpUnreachCodec>(AttrType::mpUnreachNlri, "MP_UNREACH_NLRI", optionalNonTransitive,
-                                       ErrorAction::afiSafiDisable),
-    row<&P::extendedCommunities, ListCodec<absl::InlinedVector<RouteTarget, 8>, 8>>(
-        AttrType::extendedCommunities, "EXTENDED_COMMUNITIES", optionalTransitive, ErrorAction::treatAsWithdraw),
-    row<&P::as4Path, AsPathCodec<true>>(AttrType::as4Path, "AS4_PATH", optionalTransitive,
-                                        ErrorAction::attributeDiscard),
-    row<&P::as4Aggregator, AggregatorCodec<true>>(AttrType::as4Aggregator, "AS4_AGGREGATOR", optionalTransitive,
-                                                  ErrorAction::attributeDiscard),
-    row<&P::largeCommunities, ListCodec<absl::InlinedVector<LargeCommunity, 4>, 12>>(
-        AttrType::largeCommunities, "LARGE_COMMUNITIES", optionalTransitive, ErrorAction::treatAsWithdraw),
+    row<&P::origin, OriginCodec>(AttrType::origin, wellKnown, withdraw),
+    row<&P::asPath, AsPathCodec<false>>(AttrType::asPath, wellKnown, withdraw),
+    row<&P::nextHop, FixedCodec<Netzo::IpAddr, 4>>(AttrType::nextHop, wellKnown, withdraw),
+    row<&P::multiExitDisc, FixedCodec<U32, 4>>(AttrType::multiExitDisc, optionalNonTransitive, withdraw),
+    row<&P::localPref, FixedCodec<U32, 4>>(AttrType::localPref, wellKnown, withdraw),
+    row<&P::atomicAggregate, EmptyCodec>(AttrType::atomicAggregate, wellKnown, discard),
+    row<&P::aggregator, AggregatorCodec<false>>(AttrType::aggregator, optionalTransitive, discard),
+    row<&P::communities, ListCodec<Communities, 4>>(AttrType::communities, optionalTransitive, withdraw),
+    row<&P::originatorId, FixedCodec<Netzo::IpAddr, 4>>(AttrType::originatorId, optionalNonTransitive, withdraw),
+    row<&P::clusterList, ListCodec<ClusterList, 4>>(AttrType::clusterList, optionalNonTransitive, withdraw),
+    row<&P::mpReach, MpReachCodec>(AttrType::mpReachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable),
+    row<&P::mpUnreach, MpUnreachCodec>(AttrType::mpUnreachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable),
+    row<&P::extendedCommunities, ListCodec<ExtendedCommunities, 8>>(AttrType::extendedCommunities,
+                                                                    optionalTransitive, withdraw),
+    row<&P::as4Path, AsPathCodec<true>>(AttrType::as4Path, optionalTransitive, discard),
+    row<&P::as4Aggregator, AggregatorCodec<true>>(AttrType::as4Aggregator, optionalTransitive, discard),
+    row<&P::largeCommunities, ListCodec<LargeCommunities, 12>>(AttrType::largeCommunities, optionalTransitive,
+                                                               withdraw),
 };
 
 // Row by type code.

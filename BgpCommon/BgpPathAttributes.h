@@ -29,6 +29,7 @@
 #include <array>
 #include <optional>
 #include <span>
+#include <string_view>
 
 #include <absl/container/inlined_vector.h>
 
@@ -343,7 +344,7 @@ void writePathAttribute(Serialize& out, U8 type, const PathAttributes& attrs, co
 // The description of a known attribute, from the table the reader and writer walk.
 struct AttributeInfo {
   AttrType type;
-  const char* name;       // "AS_PATH"
+  std::string_view name;  // "AS_PATH", the name AttrType prints
   U8 flags;               // the usual flags: optional and transitive bits as RFC 4271 requires
   U8 checkedFlags;        // the flag bits a reader checks (optional, and transitive where fixed)
   ErrorAction malformed;  // RFC 7606 action when the attribute is malformed

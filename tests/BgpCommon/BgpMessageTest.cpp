@@ -183,10 +183,11 @@ TEST(BgpMessage, HandMadeUpdatesReadAsBuiltAndWriteBackTheSameOctets) {
          ASSERT_EQ(u.attributes.unknown.size(), 1u);
          EXPECT_EQ(u.attributes.unknown[0].flags, 0xe0);
        }},
-      {"add-path IPv4 NLRI and withdrawn; labelled IPv6 with two labels and a path identifier",
+      {"add-path IPv4 NLRI and withdrawn; labelled IPv6 with two labels and a path identifier, and withdrawn",
        update("40 01 01 00 40 02 00 40 03 04 0a 00 00 01"
               " 80 0e 24 00 02 04 10 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01 00"
-              " 00 00 00 07 50 00 10 00 00 10 11 20 01 0d b8",
+              " 00 00 00 07 50 00 10 00 00 10 11 20 01 0d b8"
+              " 80 0f 0f 00 02 04 00 00 00 09 38 80 00 00 20 01 0d b8",
               "00 00 00 02 10 0a 01", "00 00 00 01 08 0b"),
        addPath,
        [](const Update& u) {
@@ -196,6 +197,10 @@ TEST(BgpMessage, HandMadeUpdatesReadAsBuiltAndWriteBackTheSameOctets) {
          EXPECT_EQ(e.pathId, 7u);
          EXPECT_EQ(e.prefix.stringValue(), "2001:db8::/32");
          EXPECT_EQ(e.labelStack().stringValue(), "[256:0:0:0, 257:0:1:0]");
+         // A labelled withdrawal carries one label field, 0x800000 here, whatever its S bit.
+         const NlriEntry w = *u.attributes.mpUnreach->withdrawn.begin();
+         EXPECT_EQ(w.prefix.stringValue(), "2001:db8::/32");
+         EXPECT_EQ(w.labelField(0), 0x800000u);
        }},
   };
   for (const GoodRow& row : rows) {
