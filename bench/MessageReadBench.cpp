@@ -1,5 +1,5 @@
 // The path-attribute reader over every attribute set of the RouteViews dumps that python3-pyasn
-// ships (558,877 sets: TABLE_DUMP two-octet, TABLE_DUMP_V2 four-octet, IPv6 with MP_REACH_NLRI),
+// ships, found by the MRT reader (558,874 sets: TABLE_DUMP two-octet, TABLE_DUMP_V2 four-octet, IPv6 with MP_REACH_NLRI),
 // beside a floor: a hand-written loop over the same octets that does only what any decoder must
 // (walk the attribute headers and the AS_PATH segments with their bounds checks, load every
 // number once) and stores nothing.
@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
+#include "BgpCommon/BgpMrt.h"
 #include "BgpCommon/BgpPathAttributes.h"
 #include "bench/PairedBench.h"
-#include "tests/Support/MrtAttributeSets.h"
 
 namespace {
 std::atomic<std::size_t> gAllocations{0};
@@ -40,18 +40,41 @@ namespace {
 
 using namespace Routing::Bgp;
 
+struct AttributeSet {
+  std::span<const U8> octets;
+  SessionOptions options;
+};
+
 struct Corpus {
-  std::vector<std::vector<U8>> dumps;
-  std::vector<bgpcommon_test::AttributeSet> sets;
+  std::vector<U8> octets;  // every set, one after the other
+  std::vector<AttributeSet> sets;
 };
 
 const Corpus& corpus() {
   static const Corpus c = [] {
+    struct Collect : MrtVisitor {
+      Corpus& c;
+      std::vector<std::pair<std::size_t, std::size_t>> where;
+      explicit Collect(Corpus& into) : c(into) {}
+      void route(const MrtRoute& r) override {
+        where.emplace_back(c.octets.size(), r.attributeOctets.size());
+        c.octets.insert(c.octets.end(), r.attributeOctets.begin(), r.attributeOctets.end());
+        c.sets.push_back({{}, *r.options});
+      }
+    };
     Corpus c;
-    for (const char* name : bgpcommon_test::kMrtDumps) {
-      c.dumps.push_back(bgpcommon_test::bunzip(std::string(bgpcommon_test::kMrtDumpDir) + "/" + name));
-      bgpcommon_test::forEachAttributeSet(c.dumps.back(),
-                                          [&](const bgpcommon_test::AttributeSet& s) { c.sets.push_back(s); });
+    Collect collect(c);
+    for (const char* name : {"rib.20080501.0644_firstMB.bz2", "rib.20140523.0600_firstMB.bz2",
+                             "rib6.20151101.0600_firstMB.bz2"}) {
+      try {
+        MrtFile file(std::string("/usr/lib/python3/dist-packages/data/") + name);
+        MrtDecoder decoder;
+        readMrt(file, decoder, collect);
+      } catch (const MrtOpenError&) {
+      }
+    }
+    for (std::size_t i = 0; i < c.sets.size(); ++i) {
+      c.sets[i].octets = std::span<const U8>(c.octets).subspan(collect.where[i].first, collect.where[i].second);
     }
     return c;
   }();
