@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -216,6 +217,24 @@ bool MrtFile::fill(std::size_t need) {
   return false;
 }
 
+// A mapped file is read through a window: the pages ahead of the reader are mapped in a few
+// megabytes at a time (one call instead of a fault per page), and those behind it given back, so
+// that a long file does not stay resident. The file's pages stay in the page cache either way.
+void MrtFile::slideWindow(std::size_t recordEnd) {
+  constexpr std::size_t kWindow = 4 << 20;  // a multiple of the page size
+  U8* base = const_cast<U8*>(mapped_.data());
+  while (populated_ < mapped_.size() && populated_ < recordEnd + kWindow) {
+    const std::size_t length = std::min(kWindow, mapped_.size() - populated_);
+    ::madvise(base + populated_, length, MADV_POPULATE_READ);  // a hint: failure costs only faults
+    populated_ += length;
+  }
+  const std::size_t done = begin_ / kWindow * kWindow;  // records before begin_ are no longer viewed
+  if (done > released_) {
+    ::madvise(base + released_, done - released_, MADV_DONTNEED);
+    released_ = done;
+  }
+}
+
 bool MrtFile::stop(MrtProblem problem, U64 at, U64 detail) {
   damage_ = MrtDamage{problem, at, offset_, {}, detail, true};
   begin_ = end_;
@@ -242,6 +261,7 @@ bool MrtFile::next(MrtRecord& out) {
   const std::size_t whole = mrtHeaderSize + std::size_t{out.length};
   if (!fill(whole)) return cutShort(whole);
   base = stream_ ? buffer_.data() : mapped_.data();
+  if (unmap_) slideWindow(begin_ + whole);
   out.offset = offset_;
   out.body = {base + begin_ + mrtHeaderSize, out.length};
   out.microseconds = 0;
@@ -322,8 +342,8 @@ MrtDamage MrtDecoder::decode(const MrtRecord& r, MrtVisitor& v) {
       }
       break;
     case MrtType::bgp4mpEt:
-      if (r.length < 4) {
-        d = damageAt(r, MrtProblem::lengthMismatch, 0);
+      if (r.length < 4) {  // no room for the microsecond field: the length field is wrong
+        d = MrtDamage{MrtProblem::lengthMismatch, r.offset + 8, r.offset, {}, 0, true};
         break;
       }
       [[fallthrough]];
@@ -435,19 +455,19 @@ MrtDamage MrtDecoder::decodeRib(const MrtRecord& r, MrtVisitor& v) {
   }
   if (!in.readU16(count)) return damageAt(r, MrtProblem::lengthMismatch, at(in));
   // The entries must fill the record exactly before any of them is believed.
-  const std::size_t entriesAt = at(in);
-  const std::size_t entryHead = addPath ? 12 : 8;
   {
-    Deserialize walk = in;
+    const std::size_t entryHead = addPath ? 12 : 8;
+    const std::size_t size = r.body.size();
+    std::size_t p = at(in);
     for (U16 i = 0; i < count; ++i) {
-      std::span<const U8> head;
-      if (!walk.readBytes(head, static_cast<U32>(entryHead))) return damageAt(r, MrtProblem::lengthMismatch, at(walk));
-      const U32 length = U32{head[entryHead - 2]} << 8 | head[entryHead - 1];
-      if (!walk.skip(length)) return damageAt(r, MrtProblem::lengthMismatch, at(walk) - 2);
+      if (size - p < entryHead) return damageAt(r, MrtProblem::lengthMismatch, p);
+      const std::size_t length = std::size_t{r.body[p + entryHead - 2]} << 8 | r.body[p + entryHead - 1];
+      p += entryHead;
+      if (size - p < length) return damageAt(r, MrtProblem::lengthMismatch, p - 2);
+      p += length;
     }
-    if (!walk.atEnd()) return damageAt(r, MrtProblem::lengthMismatch, at(walk));
+    if (p != size) return damageAt(r, MrtProblem::lengthMismatch, p);
   }
-  (void)entriesAt;
   if (!havePeerTable_) return damageAt(r, MrtProblem::noPeerIndexTable, 0);
   SessionOptions options;
   options.fourOctetAs = true;

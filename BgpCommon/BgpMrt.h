@@ -85,7 +85,9 @@ struct MrtRecord {
   U32 length = 0;         // the header's length field (BGP4MP_ET: the microsecond field included)
   std::span<const U8> body;  // after the header (and after the microsecond field)
   // The file offset of octet `i` of the body.
-  U64 bodyOffset(std::size_t i = 0) const { return offset + mrtHeaderSize + (type == U16(MrtType::bgp4mpEt) ? 4 : 0) + i; }
+  U64 bodyOffset(std::size_t i = 0) const {
+    return offset + mrtHeaderSize + (type == U16(MrtType::bgp4mpEt) && length >= 4 ? 4 : 0) + i;
+  }
 };
 
 // What was wrong.
@@ -170,7 +172,10 @@ class MrtFile {
   Compression compression_ = Compression::none;
   std::unique_ptr<Stream> stream_;  // compressed files
   std::span<const U8> mapped_;      // plain files and memory: the whole file
-  bool unmap_ = false;
+  bool unmap_ = false;              // mapped here (a plain file), not given
+  std::size_t populated_ = 0;       // mapped files: pages before this are mapped in ...
+  std::size_t released_ = 0;        // ... and those before this given back
+  void slideWindow(std::size_t recordEnd);
   // The window of decompressed octets not consumed yet: buffer_[begin_, end_) is file octets
   // offset_ onwards.
   std::vector<U8> buffer_;
