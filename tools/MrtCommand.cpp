@@ -12,9 +12,12 @@
 // printed, reading goes on where the framing allows, and the exit status is 1.
 #include <arpa/inet.h>
 
+#include <array>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <fmt/format.h>
@@ -37,38 +40,78 @@ struct MrtOptions {
   bool summary = false;
 };
 
+// Text written with as few checks as it takes: each write makes room first, numbers are written
+// two digits at a time.
+class Text {
+ public:
+  explicit Text(std::size_t capacity = 256) : text_(capacity) {}
+  Text& operator+=(char c) {
+    room(1);
+    text_[size_++] = c;
+    return *this;
+  }
+  Text& operator+=(std::string_view s) {
+    room(s.size());
+    std::memcpy(text_.data() + size_, s.data(), s.size());
+    size_ += s.size();
+    return *this;
+  }
+  void number(U64 v) {
+    static constexpr auto kPairs = [] {
+      std::array<char, 200> pairs{};
+      for (int i = 0; i < 100; ++i) pairs[2 * i] = char('0' + i / 10), pairs[2 * i + 1] = char('0' + i % 10);
+      return pairs;
+    }();
+    char digits[20];
+    char* p = digits + sizeof digits;
+    for (; v >= 100; v /= 100) p -= 2, std::memcpy(p, &kPairs[2 * (v % 100)], 2);
+    if (v >= 10) {
+      p -= 2, std::memcpy(p, &kPairs[2 * v], 2);
+    } else {
+      *--p = char('0' + v);
+    }
+    *this += std::string_view(p, digits + sizeof digits - p);
+  }
+  std::size_t size() const { return size_; }
+  const char* data() const { return text_.data(); }
+  std::string str() const { return std::string(text_.data(), size_); }
+  void clear() { size_ = 0; }
+
+ private:
+  void room(std::size_t n) {
+    if (size_ + n > text_.size()) [[unlikely]]
+      text_.resize(std::max(2 * text_.size(), size_ + n + 4096));
+  }
+  std::vector<char> text_;
+  std::size_t size_ = 0;
+};
+
 // Standard output through one buffer, written in large pieces.
 class Output {
  public:
-  Output() { text_.reserve(kChunk * 2); }
   ~Output() { flush(); }
-  std::string& text() { return text_; }
+  Text& text() { return text_; }
   void lineDone() {
     if (text_.size() >= kChunk) flush();
   }
   void flush() {
-    if (!text_.empty() && std::fwrite(text_.data(), 1, text_.size(), stdout) != text_.size()) failed_ = true;
+    if (text_.size() > 0 && std::fwrite(text_.data(), 1, text_.size(), stdout) != text_.size()) failed_ = true;
     text_.clear();
   }
   bool failed() const { return failed_; }
 
  private:
   static constexpr std::size_t kChunk = 256 << 10;
-  std::string text_;
+  Text text_{2 * kChunk};
   bool failed_ = false;
 };
 
-void appendNumber(std::string& out, U64 v) {
-  const fmt::format_int f(v);
-  out.append(f.data(), f.size());
-}
-
-void appendAddress(std::string& out, const Netzo::IpGenAddr& a) {
+void appendAddress(Text& out, const Netzo::IpGenAddr& a) {
   const U8* o = a.octets();
   if (a.isIpv4()) {
     for (int i = 0; i < 4; ++i) {
       if (i) out += '.';
-      appendNumber(out, o[i]);
+      out.number(o[i]);
     }
   } else if (a.isIpv6()) {
     char text[INET6_ADDRSTRLEN];
@@ -76,17 +119,17 @@ void appendAddress(std::string& out, const Netzo::IpGenAddr& a) {
   }
 }
 
-void appendPrefix(std::string& out, const Netzo::IpGenPrefix& p) {
+void appendPrefix(Text& out, const Netzo::IpGenPrefix& p) {
   appendAddress(out, p.address());
   out += '/';
-  appendNumber(out, p.length());
+  out.number(p.length());
 }
 
 // An address as bgpdump writes it. IPv6 differs from RFC 5952 in two ways: the longest run of
 // zero groups becomes "::" also when it is a single group (2001:668::3:ffff:0:adcd:39ea), and an
 // address whose first 96 bits are zero prints its last 32 as a dotted quad (::192.0.2.1) unless
 // they are 0 or 1; ::ffff:192.0.2.1 as RFC 5952 has it.
-void appendBgpdumpAddress(std::string& out, const Netzo::IpGenAddr& a) {
+void appendBgpdumpAddress(Text& out, const Netzo::IpGenAddr& a) {
   if (!a.isIpv6()) return appendAddress(out, a);
   const U8* o = a.octets();
   U16 group[8];
@@ -119,15 +162,15 @@ void appendBgpdumpAddress(std::string& out, const Netzo::IpGenAddr& a) {
   }
 }
 
-void appendBgpdumpPrefix(std::string& out, const Netzo::IpGenPrefix& p) {
+void appendBgpdumpPrefix(Text& out, const Netzo::IpGenPrefix& p) {
   appendBgpdumpAddress(out, p.address());
   out += '/';
-  appendNumber(out, p.length());
+  out.number(p.length());
 }
 
 // AS_PATH as bgpdump prints it: sequences spaced, sets {a,b}, confederation sequences (a b),
 // confederation sets [a,b].
-void appendAsPath(std::string& out, const AsPath& path) {
+void appendAsPath(Text& out, const AsPath& path) {
   std::size_t next = 0;
   bool first = true;
   for (const AsPath::Segment& s : path.segments) {
@@ -141,7 +184,7 @@ void appendAsPath(std::string& out, const AsPath& path) {
     if (brackets) out += brackets[0];
     for (std::size_t i = 0; i < s.count && next + i < path.asns.size(); ++i) {
       if (i) out += set ? ',' : ' ';
-      appendNumber(out, path.asns[next + i].value());
+      out.number(path.asns[next + i].value());
     }
     next += s.count;
     if (brackets) out += brackets[1];
@@ -149,15 +192,15 @@ void appendAsPath(std::string& out, const AsPath& path) {
 }
 
 // RFC 1997's well-known communities by the names bgpdump gives them.
-void appendCommunity(std::string& out, U32 c) {
+void appendCommunity(Text& out, U32 c) {
   switch (c) {
     case 0xFFFFFF01: out += "no-export"; return;
     case 0xFFFFFF02: out += "no-advertise"; return;
     case 0xFFFFFF03: out += "local-AS"; return;
     default:
-      appendNumber(out, c >> 16);
+      out.number(c >> 16);
       out += ':';
-      appendNumber(out, c & 0xFFFF);
+      out.number(c & 0xFFFF);
   }
 }
 
@@ -192,7 +235,7 @@ bool isAddPath(const MrtRecord& r) {
 
 // The line kind and time stamp that open bgpdump's line: TABLE_DUMP|1209624298|,
 // BGP4MP_ET|1795673982.123456|, BGP4MP_AP|...
-void appendBgpdumpHead(std::string& out, const MrtRecord& r) {
+void appendBgpdumpHead(Text& out, const MrtRecord& r) {
   switch (static_cast<MrtType>(r.type)) {
     case MrtType::tableDump: out += "TABLE_DUMP"; break;
     case MrtType::tableDumpV2: out += "TABLE_DUMP2"; break;
@@ -200,7 +243,7 @@ void appendBgpdumpHead(std::string& out, const MrtRecord& r) {
   }
   if (isAddPath(r)) out += "_AP";
   out += '|';
-  appendNumber(out, r.timestamp);
+  out.number(r.timestamp);
   if (isEt(r)) out += fmt::format(".{:06}", r.microseconds);
   out += '|';
 }
@@ -283,9 +326,10 @@ class Printer : public MrtVisitor {
     if (opt_.bgpdump) return bgpdump(r);
     readable(r);
   }
+  void peerIndexTable(const MrtPeerIndexTable&) override { peerText_.clear(); }
   void stateChange(const MrtStateChange& s) override {
     if (opt_.summary || !prefixes_.empty() || !wanted(s.peer.address)) return;
-    std::string& out = out_.text();
+    Text& out = out_.text();
     if (opt_.json) {
       StateShown shown;
       shown.time = s.record->timestamp;
@@ -300,11 +344,11 @@ class Printer : public MrtVisitor {
       out += "STATE|";
       appendBgpdumpAddress(out, s.peer.address);
       out += '|';
-      appendNumber(out, s.peer.asn.value());
+      out.number(s.peer.asn.value());
       out += '|';
-      appendNumber(out, s.oldState);
+      out.number(s.oldState);
       out += '|';
-      appendNumber(out, s.newState);
+      out.number(s.newState);
     } else {
       out += fmt::format("{} state {} AS{} {} -> {}", timeText(s.record->timestamp), s.peer.address.stringValue(),
                          s.peer.asn.value(), stateName(s.oldState), stateName(s.newState));
@@ -333,19 +377,43 @@ class Printer : public MrtVisitor {
     return false;
   }
 
+  // The line's start: kind and time, route kind, peer, prefix. A RIB record's lines share all
+  // but the peer, and a peer's text is the same in every record: both are kept.
   void bgpdump(const MrtRoute& r) {
-    std::string& out = out_.text();
+    Text& out = out_.text();
     const MrtRecord& rec = *r.record;
-    appendBgpdumpHead(out, rec);
-    out += r.kind == MrtRoute::Kind::ribEntry ? "B|" : r.kind == MrtRoute::Kind::announce ? "A|" : "W|";
-    appendBgpdumpAddress(out, r.peer->address);
-    out += '|';
-    appendNumber(out, r.peer->asn.value());
-    out += '|';
-    appendBgpdumpPrefix(out, r.prefix);
+    const bool rib = rec.type == U16(MrtType::tableDumpV2);
+    if (!rib || rec.offset != headRecord_) {
+      head_.clear();
+      appendBgpdumpHead(head_, rec);
+      head_ += r.kind == MrtRoute::Kind::ribEntry ? "B|" : r.kind == MrtRoute::Kind::announce ? "A|" : "W|";
+      headRecord_ = rec.offset;
+      prefix_.clear();
+      appendBgpdumpPrefix(prefix_, r.prefix);
+    }
+    out += std::string_view(head_.data(), head_.size());
+    if (rib && r.peerIndex < peerText_.size() && peerText_[r.peerIndex].size() > 0) {
+      out += std::string_view(peerText_[r.peerIndex].data(), peerText_[r.peerIndex].size());
+    } else {
+      Text peer;
+      appendBgpdumpAddress(peer, r.peer->address);
+      peer += '|';
+      peer.number(r.peer->asn.value());
+      peer += '|';
+      out += std::string_view(peer.data(), peer.size());
+      if (rib) {
+        if (peerText_.size() <= r.peerIndex) peerText_.resize(r.peerIndex + 1, Text(0));
+        peerText_[r.peerIndex] = peer;
+      }
+    }
+    if (rib) {
+      out += std::string_view(prefix_.data(), prefix_.size());
+    } else {
+      appendBgpdumpPrefix(out, r.prefix);
+    }
     if (isAddPath(rec)) {
       out += '|';
-      appendNumber(out, r.pathId);
+      out.number(r.pathId);
     }
     if (r.kind == MrtRoute::Kind::withdraw) {
       out += '\n';
@@ -365,9 +433,9 @@ class Printer : public MrtVisitor {
     out += '|';
     appendBgpdumpAddress(out, nextHopOf(r));
     out += '|';
-    appendNumber(out, a.localPref ? *a.localPref : 0);
+    out.number(a.localPref ? *a.localPref : 0);
     out += '|';
-    appendNumber(out, a.multiExitDisc ? *a.multiExitDisc : 0);
+    out.number(a.multiExitDisc ? *a.multiExitDisc : 0);
     out += '|';
     if (a.communities) {
       bool first = true;
@@ -379,7 +447,7 @@ class Printer : public MrtVisitor {
     }
     out += a.atomicAggregate ? "|AG|" : "|NAG|";
     if (const auto agg = a.fullAggregator(*r.options)) {
-      appendNumber(out, agg->asn.value());
+      out.number(agg->asn.value());
       out += ' ';
       appendAddress(out, agg->address);
     }
@@ -388,12 +456,12 @@ class Printer : public MrtVisitor {
   }
 
   void readable(const MrtRoute& r) {
-    std::string& out = out_.text();
+    Text& out = out_.text();
     out += timeText(r.record->timestamp);
     out += r.kind == MrtRoute::Kind::ribEntry ? " rib " : r.kind == MrtRoute::Kind::announce ? " announce " : " withdraw ";
     appendAddress(out, r.peer->address);
     out += " AS";
-    appendNumber(out, r.peer->asn.value());
+    out.number(r.peer->asn.value());
     out += ' ';
     appendPrefix(out, r.prefix);
     if (isAddPath(*r.record)) out += fmt::format(" path-id {}", r.pathId);
@@ -443,9 +511,9 @@ class Printer : public MrtVisitor {
     if (r.kind != MrtRoute::Kind::withdraw) {
       const PathAttributes& a = *r.attributes;
       if (a.asPath) {
-        std::string path;
+        Text path;
         appendAsPath(path, a.fullAsPath(*r.options));
-        s.asPath.value = path;
+        s.asPath.value = path.str();
       }
       if (a.origin) s.origin.value = stringValue(*a.origin);
       const Netzo::IpGenAddr hop = nextHopOf(r);
@@ -454,9 +522,9 @@ class Printer : public MrtVisitor {
       if (a.multiExitDisc) s.med.value = *a.multiExitDisc;
       if (a.communities) {
         for (U32 c : *a.communities) {
-          std::string text;
+          Text text;
           appendCommunity(text, c);
-          s.communities.items.push_back(text);
+          s.communities.items.push_back(text.str());
         }
       }
       if (a.largeCommunities) {
@@ -477,6 +545,9 @@ class Printer : public MrtVisitor {
   const MrtOptions& opt_;
   Output& out_;
   std::string file_;
+  Text head_, prefix_;           // of the RIB record at headRecord_
+  U64 headRecord_ = ~U64{0};
+  std::vector<Text> peerText_;   // "address|AS|" of each peer of the peer index table
   std::vector<Netzo::IpGenPrefix> prefixes_;
   std::vector<Netzo::IpGenAddr> peers_;
 };
