@@ -178,6 +178,18 @@ class Serialize {
     addEach(std::span<const T, N>(items));
   }
 
+  // Overwrite octets written earlier at `_offset` (big-endian): fill in a length field once what
+  // it counts has been written (a message's length, the total path attribute length). Assert that
+  // the octets were written.
+  void overwriteU8(U32 _offset, U8 v) {
+    PICO_ASSERT(_offset < writeOffset_);
+    put8(buffer_ + _offset, v);
+  }
+  void overwriteU16hton(U32 _offset, U16 v) {
+    PICO_ASSERT(_offset <= writeOffset_ && writeOffset_ - _offset >= 2);
+    put16(buffer_ + _offset, v);
+  }
+
   // The octets from `_offset` to the write offset. `_offset` is a write offset noted earlier.
   Kelp::String serializedString(U32 _offset) const;
   Kelp::Bytes serializedBytes(U32 _offset) const;
@@ -248,6 +260,8 @@ class Serialize {
   }
 
   // addFields: the width of each field type, and its store (advancing the cursor).
+ public:
+  // The widths are shared with Deserialize::readFields, which reads the same field types.
   static constexpr U32 fieldWidth(const U8*) { return 1; }
   static constexpr U32 fieldWidth(const U16*) { return 2; }
   static constexpr U32 fieldWidth(const U24*) { return 3; }
@@ -259,9 +273,12 @@ class Serialize {
   static constexpr U32 fieldWidth(const AfiSafi*) { return 3; }
   template <typename T>
   static constexpr U32 fieldWidth(const T*) {
-    static_assert(sizeof(T) == 0, "addFields takes U8, U16, U24, U32, U64, IpAddr, Ip6Addr, AutonomousSystem, AfiSafi");
+    static_assert(sizeof(T) == 0,
+                  "addFields and readFields take U8, U16, U24, U32, U64, IpAddr, Ip6Addr, AutonomousSystem, AfiSafi");
     return 0;
   }
+
+ private:
   static void putField(Octet*& p, U8 v) { put8(p, v), p += 1; }
   static void putField(Octet*& p, U16 v) { put16(p, v), p += 2; }
   static void putField(Octet*& p, U24 v) { put24(p, v.value), p += 3; }

@@ -148,5 +148,6 @@ PYBIND11_MODULE(_bgpcommon, m) {
   bp::bindWire(m);
   bp::bindValues(m);
   bp::bindTables(m);
+  bp::bindMessages(m);
   bp::addTextSignatures(m);
 }

@@ -9,6 +9,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include "BgpCommon/BgpPathAttributes.h"
 #include "platform/Kelp/Registry.h"
 
 namespace bgpcommon_python {
@@ -68,7 +69,18 @@ void withoutGil(F&& f) {
   if (error) std::rethrow_exception(error);
 }
 
+// An unsigned argument of the width of `type`; OverflowError naming `what` when it does not fit,
+// TypeError for anything but an int.
+std::uint64_t unsignedArg(py::handle v, const std::type_info& type, const char* what);
+
+// Messages.cpp: what a session negotiated, from read_message()'s and the writers' keyword
+// arguments; and the writers of the Python message classes (bgpcommon._messages).
+Routing::Bgp::SessionOptions sessionOptions(bool fourOctetAs, bool extendedMessage, py::handle addPath);
+void writeMessageFrom(Routing::Bgp::Serialize& out, py::handle message, const Routing::Bgp::SessionOptions& o);
+void writePathAttributesFrom(Routing::Bgp::Serialize& out, py::handle attributes, const Routing::Bgp::SessionOptions& o);
+
 void bindValues(py::module_& m);
+void bindMessages(py::module_& m);
 void bindWire(py::module_& m);
 void bindTables(py::module_& m);
 

@@ -95,16 +95,10 @@ void add(Writer& w, F&& f) {
   try {
     f(w.s);
   } catch (const Kelp::RangeException& e) {
-    if (std::string_view(e.what()).starts_with("Serialized bytes exceed")) raise(PyExc_OverflowError, e.what());
+    const std::string_view what = e.what();
+    if (what.starts_with("Serialized bytes exceed") || what.starts_with("BGP message of")) raise(PyExc_OverflowError, e.what());
     throw;
   }
-}
-
-// An unsigned argument of `bits` bits; OverflowError naming the method otherwise.
-std::uint64_t unsignedArg(py::handle v, const std::type_info& type, const char* method) {
-  const Conversion& c = conversionFor(type);
-  std::any a = fromPython(v, c, method);
-  return toPython(a).cast<std::uint64_t>();
 }
 
 // The offset of octets already written; IndexError for one that is not (a negative one included),
@@ -137,6 +131,12 @@ struct LengthScope {
 };
 
 }  // namespace
+
+std::uint64_t unsignedArg(py::handle v, const std::type_info& type, const char* what) {
+  const Conversion& c = conversionFor(type);
+  std::any a = fromPython(v, c, what);
+  return toPython(a).cast<std::uint64_t>();
+}
 
 void bindWire(py::module_& m) {
   nativeConversionIs(
@@ -270,6 +270,22 @@ Addresses are ipaddress objects or their text. Lengths written before what they 
          ""
          "Writes a length of 1 or 2 octets and, when the block ends, fills in the octets the block wrote; "
          "__enter__ returns the length's offset.")
+      .def("add_message", [](Writer& w, py::handle message, bool fourOctetAs, bool extendedMessage, py::handle addPath) {
+        const auto o = sessionOptions(fourOctetAs, extendedMessage, addPath);
+        add(w, [&](Serialize& s) { writeMessageFrom(s, message, o); });
+      }, py::arg("message"), py::kw_only(), py::arg("four_octet_as") = true, py::arg("extended_message") = false,
+         py::arg("add_path") = py::none(),
+         ""
+         "Writes a whole message (Open, Update, Notification, Keepalive, RouteRefresh), header and length included, "
+         "as a session with these options carries it; a message read with the same options is written as it came. "
+         "OverflowError past the session's message size, and nothing written.")
+      .def("add_path_attributes", [](Writer& w, py::handle attributes, bool fourOctetAs, py::handle addPath) {
+        const auto o = sessionOptions(fourOctetAs, false, addPath);
+        add(w, [&](Serialize& s) { writePathAttributesFrom(s, attributes, o); });
+      }, py::arg("attributes"), py::kw_only(), py::arg("four_octet_as") = true, py::arg("add_path") = py::none(),
+         ""
+         "Writes every attribute of a PathAttributes, each with its flags and type code and its length in one "
+         "octet or, when its flags say extended length, two.")
       .def("bytes", &Writer::bytes, "Everything written so far.")
       .def("__bytes__", &Writer::bytes)
       .def("__len__", [](const Writer& w) { return w.s.writeOffset(); })

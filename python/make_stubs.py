@@ -8,6 +8,7 @@ writes them ("name(arg: type = default) -> type", numbered when overloaded); the
 have real signatures. Every public name of bgpcommon.__all__ gets a stub, so a test can check that
 the stub names nothing the package lacks and lacks nothing it has.
 """
+import dataclasses
 import inspect
 import re
 import sys
@@ -16,13 +17,16 @@ sys.path.pop(0)  # this folder holds the package's sources, not the built packag
 import bgpcommon  # noqa: E402
 
 HEADER = '''"""Type stubs of bgpcommon, generated from the built package (python/make_stubs.py)."""
-from typing import Any, Iterator, Optional, overload
+import ipaddress
+from typing import Any, Iterator, Optional, Union, overload
 
 '''
 
 # pybind11's spellings of types, as Python spells them.
 REWRITE = [
     (r"\bbgpcommon\._bgpcommon\.", ""),
+    (r"\bbgpcommon\._messages\.", ""),
+    (r"\bNoneType\b", "None"),
     (r"\bhandle\b", "Any"),
     (r"\b_LengthScope\b", "Any"),
     (r"\bobject\b", "Any"),
@@ -44,8 +48,16 @@ def clean(text):
 
 
 def defaults_elided(params):
-    # Any default the docstring shows becomes "...": a stub states types, not values.
-    return re.sub(r"= [^,)\]]+(?=[,)])", "= ...", params)
+    # Any default the signature shows becomes "...": a stub states types, not values. A default
+    # runs to the next comma or closing bracket outside the brackets it opens (IPv4Address('0.0.0.0')).
+    out, i = [], 0
+    while (at := params.find("= ", i)) >= 0:
+        out.append(params[i:at] + "= ...")
+        depth, i = 0, at + 2
+        while i < len(params) and (depth > 0 or params[i] not in ",)]"):
+            depth += (params[i] in "([{") - (params[i] in ")]}")
+            i += 1
+    return "".join(out) + params[i:]
 
 
 def signatures(fn):
@@ -68,7 +80,8 @@ def function_stub(fn, indent=""):
     sigs = signatures(fn)
     if not sigs:
         try:
-            return [f"{indent}def {fn.__name__}{inspect.signature(fn)}: ...".replace("'", "")]
+            params = defaults_elided(clean(str(inspect.signature(fn)).replace("'", "")))
+            return [f"{indent}def {fn.__name__}{params}: ..."]
         except (TypeError, ValueError):
             return [f"{indent}def {fn.__name__}(*args: Any, **kwargs: Any) -> Any: ..."]
     lines = []
@@ -82,7 +95,12 @@ def function_stub(fn, indent=""):
 def class_stub(name, cls):
     bases = [b.__name__ for b in cls.__bases__ if b.__name__ not in ("object", "pybind11_object")]
     lines = [f"class {name}({', '.join(bases)}):" if bases else f"class {name}:"]
+    fields = {f.name: f for f in dataclasses.fields(cls)} if dataclasses.is_dataclass(cls) else {}
+    for f in fields.values():  # a dataclass's fields, typed as declared
+        lines.append(f"    {f.name}: {clean(inspect.formatannotation(f.type))}")
     for attr, member in sorted(vars(cls).items()):
+        if attr in fields:
+            continue
         if attr.startswith("_") and attr not in ("__init__", "__len__", "__iter__", "__getitem__", "__contains__",
                                                  "__enter__", "__exit__", "__bytes__", "__int__", "__new__"):
             continue

@@ -20,8 +20,8 @@ struct ExitStatusMeaning {
 // One row per status, in the order of their numbers.
 inline constexpr ExitStatusMeaning kExitStatuses[] = {
     {exitOk, "done"},
-    {exitFailure, "bad input, or the command failed (show: a record damaged or a KEY without one; watch: no "
-                  "table appeared)"},
+    {exitFailure, "bad input, or the command failed (show, mrt: a record damaged; show: a KEY without a record; "
+                  "watch: no table appeared)"},
     {exitUsage, "bad command line: unknown command or option, missing or malformed argument"},
     {exitTimedOut, "igp-results watch: --timeout passed before --count changes arrived"},
 };

@@ -106,6 +106,8 @@ class MplsLabelStack {
   // Appends `label` as the new bottom of the stack (S set) and clears S on the entry above it.
   // A label above 1048575 keeps its low 20 bits.
   void labelAppend(MplsLabel label, std::uint8_t tc = 0, std::uint8_t ttl = 0);
+  // Empties the stack, keeping its room.
+  void entryDelAll() { entries_.clear(); }
 
   // "[label:tc:s:ttl, ...]", top first; "[]" when empty. Bad text throws Kelp::RangeException
   // "invalid MPLS label stack "<text>"" and leaves the stack unchanged.

@@ -28,7 +28,9 @@ constexpr std::uint32_t hton32(std::uint32_t v) {
 constexpr std::uint64_t hton64(std::uint64_t v) {
   return std::endian::native == std::endian::big ? v : byteSwap64(v);
 }
+constexpr std::uint16_t ntoh16(std::uint16_t v) { return hton16(v); }
 constexpr std::uint32_t ntoh32(std::uint32_t v) { return hton32(v); }
+constexpr std::uint64_t ntoh64(std::uint64_t v) { return hton64(v); }
 
 class NetU32 {
  public:
