@@ -168,6 +168,7 @@ ReadError readOpen(std::span<const U8> octets, Open& out) {
 }
 
 void writeOpen(Serialize& out, const Open& open) {
+  Serialize::AllOrNothing guard(out);
   const U32 at = start(out, MessageType::open);
   out.addFields(open.version, open.myAs, open.holdTime, open.bgpIdentifier);
   const U32 parametersAt = out.writeOffset();
@@ -261,6 +262,7 @@ ReadError readUpdate(std::span<const U8> octets, const SessionOptions& options, 
 }
 
 void writeUpdate(Serialize& out, const Update& update, const SessionOptions& options) {
+  Serialize::AllOrNothing guard(out);
   const U32 at = start(out, MessageType::update);
   const auto withdrawn = update.withdrawn.octets();
   out.addU16hton(static_cast<U16>(withdrawn.size()));
@@ -288,13 +290,17 @@ ReadError readNotification(std::span<const U8> octets, Notification& out) {
 }
 
 void writeNotification(Serialize& out, const Notification& n) {
+  Serialize::AllOrNothing guard(out);
   const U32 at = start(out, MessageType::notification);
   out.addFields(n.code, n.subcode);
   out.addData(n.data.data(), static_cast<U32>(n.data.size()));
   finish(out, at, bgpMaxExtendedMessageSize);
 }
 
-void writeKeepalive(Serialize& out) { finish(out, start(out, MessageType::keepalive), bgpHeaderSize); }
+void writeKeepalive(Serialize& out) {
+  Serialize::AllOrNothing guard(out);
+  finish(out, start(out, MessageType::keepalive), bgpHeaderSize);
+}
 
 ReadError readRouteRefresh(std::span<const U8> octets, RouteRefresh& out) {
   MessageHeader h;
@@ -305,6 +311,7 @@ ReadError readRouteRefresh(std::span<const U8> octets, RouteRefresh& out) {
 }
 
 void writeRouteRefresh(Serialize& out, const RouteRefresh& r) {
+  Serialize::AllOrNothing guard(out);
   const U32 at = start(out, MessageType::routeRefresh);
   out.addFields(static_cast<U16>(r.afiSafi.afi()), r.subtype, static_cast<U8>(r.afiSafi.safi()));
   finish(out, at, bgpHeaderSize + 4);

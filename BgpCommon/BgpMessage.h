@@ -139,7 +139,8 @@ ReadError readMessage(std::span<const U8> octets, const SessionOptions& options,
 
 // Writers: one whole message each, header included. A message longer than a session carries
 // (4096 octets; an UPDATE or NOTIFICATION up to 65535 with extendedMessage) throws
-// Kelp::RangeException once written, what was written left in `out`.
+// Kelp::RangeException, and `out` is left as it was before the call (so are the path attribute
+// writers, whose limit is Serialize's 65535 octets).
 void writeOpen(Serialize& out, const Open& open);
 void writeUpdate(Serialize& out, const Update& update, const SessionOptions& options);
 void writeNotification(Serialize& out, const Notification& notification);

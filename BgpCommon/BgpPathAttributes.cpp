@@ -551,6 +551,7 @@ ReadError checkMandatory(const PathAttributes& attrs, bool ipv4Nlri, U32 offset)
 }
 
 void writePathAttribute(Serialize& out, U8 type, const PathAttributes& attrs, const SessionOptions& options) {
+  Serialize::AllOrNothing guard(out);
   if (const Row* r = rowByType[type]) return r->write(out, attrs, options);
   for (const RawAttribute& a : attrs.unknown) {
     if (a.type != type) continue;
@@ -561,6 +562,7 @@ void writePathAttribute(Serialize& out, U8 type, const PathAttributes& attrs, co
 }
 
 void writePathAttributes(Serialize& out, const PathAttributes& attrs, const SessionOptions& options) {
+  Serialize::AllOrNothing guard(out);
   std::bitset<256> written;
   for (U8 type : attrs.order) {
     if (written[type]) continue;

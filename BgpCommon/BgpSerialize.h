@@ -32,6 +32,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <span>
 
 #include "platform/Kelp/TextForm.h"
@@ -189,6 +190,35 @@ class Serialize {
     PICO_ASSERT(_offset <= writeOffset_ && writeOffset_ - _offset >= 2);
     put16(buffer_ + _offset, v);
   }
+
+  // Drops the octets written since `_offset`, a write offset noted earlier: a writer that fails
+  // part way (a message over its limit) takes back what it wrote, so the caller's earlier octets
+  // stand as they were. The capacity is kept.
+  void truncate(U32 _offset) {
+    PICO_ASSERT(_offset <= writeOffset_);
+    writeOffset_ = _offset;
+  }
+  // Notes the write offset and, when the scope is left by an exception, truncates back to it: a
+  // writer of a whole piece (a message, a path attribute) either writes all of it or nothing.
+  //
+  //   void writeThing(Serialize& out, const Thing& t) {
+  //     Serialize::AllOrNothing guard(out);
+  //     ...   // any add may throw; what this call wrote is then taken back
+  //   }
+  class AllOrNothing {
+   public:
+    explicit AllOrNothing(Serialize& s) : s_(s), at_(s.writeOffset()), uncaught_(std::uncaught_exceptions()) {}
+    ~AllOrNothing() {
+      if (std::uncaught_exceptions() > uncaught_) s_.truncate(at_);
+    }
+    AllOrNothing(const AllOrNothing&) = delete;
+    AllOrNothing& operator=(const AllOrNothing&) = delete;
+
+   private:
+    Serialize& s_;
+    U32 at_;
+    int uncaught_;
+  };
 
   // The octets from `_offset` to the write offset. `_offset` is a write offset noted earlier.
   Kelp::String serializedString(U32 _offset) const;

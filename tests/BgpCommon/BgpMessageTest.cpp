@@ -236,6 +236,17 @@ TEST(BgpMessage, ChangingOneAttributeWritesTheRestAsRead) {
   u.attributes.multiExitDisc.set(0x1234);
   u.attributes.localPref.set(200);  // not read: written after the others with its usual flags
   EXPECT_EQ(written(u, {}), update(kOriginAsPathNextHop + " 80 04 04 00 00 12 34 40 05 04 00 00 00 c8", "18 0a 01 02"));
+
+  // Too long for a session without extended messages: refused, and what the buffer held before
+  // stands as it was, whether the message limit or the buffer's own 65535 octets is what stops it.
+  for (std::size_t communities : {1100u, 17000u}) {
+    u.attributes.communities.set(absl::InlinedVector<U32, 16>(communities, 0xFDE80001));
+    Serialize s;
+    s.addU16hton(0xABCD);
+    EXPECT_THROW(writeUpdate(s, u, {}), Kelp::RangeException) << communities;
+    if (communities * 4 > 0xFFFF) EXPECT_THROW(writePathAttributes(s, u.attributes, {}), Kelp::RangeException);
+    EXPECT_EQ(s.serializedBytes(0), Kelp::Bytes({0xAB, 0xCD})) << communities;
+  }
 }
 
 // Malformed UPDATEs: the rule, the RFC 7606 action and the offset of the field at fault.
