@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <tuple>
 
 #include "platform/Kelp/EnumType.h"
@@ -98,6 +99,45 @@ TEST(EnumType, NamesNumbersAndLookups) {
   sequenceToValue(r, &c);
   EXPECT_EQ(c, Colour::red);
   EXPECT_EQ(r.rest(), ", rest");
+}
+
+// Declared and described in one list: scoped and not, with and without initializers, in a class.
+KELP_ENUM(enum class, Shade, std::uint8_t, "Test::Shade", named,
+          light,           // 0, a comment, with a comma
+          dark = 5,        // 5, after a gap
+          dim,             // 6
+          mixed = (1 | 8), // an initializer in parentheses
+)
+KELP_ENUM(enum, Mark, std::uint16_t, "Test::Mark", any, markA = 3, markB)
+struct Palette {
+  KELP_MEMBER_ENUM(enum class, Tone, std::uint32_t, "Test::Palette::Tone", named, warm = 2, cool)
+};
+
+// Each enumerator as "name=number", checked to print, stream, parse and look up as that.
+template <typename E>
+std::string describedEntries(const EnumEntryInfo* (*byNumber)(unsigned), const EnumEntryInfo* (*byName)(const String&)) {
+  std::string out(enumDescOf<E>.typeName);
+  for (const EnumEntryInfo& e : enumDescOf<E>.entries) {
+    const E v = static_cast<E>(e.value);
+    std::ostringstream os;
+    os << v;
+    EXPECT_TRUE(valueToStrep(v) == e.name && os.str() == e.name && strepToValue<E>(String(e.name)) == v &&
+                byNumber(e.value) == &e && byName(String(e.name)) == &e)
+        << e.name;
+    out += " " + std::string(e.name) + "=" + std::to_string(e.value);
+  }
+  return out;
+}
+
+TEST(EnumType, DeclaredWithItsNames) {
+  EXPECT_EQ(describedEntries<Shade>(ShadeInstance, ShadeInstance), "Test::Shade light=0 dark=5 dim=6 mixed=9");
+  EXPECT_EQ(describedEntries<Mark>(MarkInstance, MarkInstance), "Test::Mark markA=3 markB=4");
+  EXPECT_EQ(describedEntries<Palette::Tone>(Palette::ToneInstance, Palette::ToneInstance),
+            "Test::Palette::Tone warm=2 cool=3");
+  // `any` reads numbers without a name; `named` refuses them.
+  EXPECT_EQ(strepToValue<Mark>("7"), Mark(7));
+  EXPECT_EQ(rangeMessage([] { strepToValue<Palette::Tone>("4"); }),
+            "no Test::Palette::Tone enumerator numbered 4 at offset 0, found \"4\"");
 }
 
 }  // namespace
