@@ -11,14 +11,10 @@
 // declares `enum class OutDelayApplyType : std::uint8_t { applyAll = 0, applyNew = 1 };`, its
 // description (each enumerator named by its identifier) and the functions of KELP_ENUM_FUNCTIONS.
 // The first argument is `enum class` or `enum`; `named` or `any` chooses the EnumNumbers below.
-// KELP_MEMBER_ENUM does the same inside a class. An enumeration whose text differs from its
-// identifiers is described by hand, next to its declaration, by a constexpr hook found through
-// argument-dependent lookup:
-//
-//   constexpr auto kelpEnum(Kelp::Tag<Colour>) {
-//     return Kelp::enumType<Colour>("Paint::Colour", {{Colour::red, "Red"}, {Colour::green, "Green"}});
-//   }
-//   KELP_ENUM_FUNCTIONS(Colour)   // stringValue, valueToStrep, operator<<, ...
+// KELP_MEMBER_ENUM does the same inside a class. What the framework reads is the hook
+// `kelpEnum(Kelp::Tag<E>)`, found through argument-dependent lookup, that returns an EnumDesc: an
+// enumeration declared elsewhere, or one whose text differs from its identifiers, would write it
+// by hand, next to KELP_ENUM_FUNCTIONS(E).
 //
 // Its long text form is the enumerator's name; a value without a name (read off the wire, say)
 // prints as its decimal number so that nothing is hidden. The parser takes a name, or the number
@@ -47,12 +43,6 @@ struct EnumEntryInfo {
   std::string_view name;
 };
 
-template <typename E>
-struct EnumEntry {
-  E value;
-  const char* name;
-};
-
 // Which numbers the text of an enumeration may give: those of its enumerators, or any that fits.
 enum class EnumNumbers : std::uint8_t { named, any };
 
@@ -62,16 +52,6 @@ struct EnumDesc {
   std::array<EnumEntryInfo, N> entries;
   EnumNumbers numbers = EnumNumbers::named;
 };
-
-template <typename E, std::size_t N>
-constexpr EnumDesc<E, N> enumType(std::string_view typeName, const EnumEntry<E> (&entries)[N],
-                                  EnumNumbers numbers = EnumNumbers::named) {
-  EnumDesc<E, N> d{typeName, {}, numbers};
-  for (std::size_t i = 0; i < N; ++i) {
-    d.entries[i] = EnumEntryInfo{static_cast<std::uint64_t>(entries[i].value), entries[i].name};
-  }
-  return d;
-}
 
 template <typename E>
 concept DescribedEnum = std::is_enum_v<E> && requires { kelpEnum(Tag<E>{}); };
