@@ -143,9 +143,9 @@ namespace detail {
 template <typename E>
 struct EnumeratorValue {
   E value;
-  constexpr EnumeratorValue(E v) : value(v) {}  // NOLINT: the cast in the list item
+  constexpr explicit EnumeratorValue(E v) : value(v) {}
   template <typename T>
-  constexpr EnumeratorValue operator=(const T&) const {  // NOLINT: keeps the enumerator
+  constexpr EnumeratorValue operator=(const T&) {  // NOLINT: keeps the enumerator
     return *this;
   }
   constexpr operator E() const { return value; }  // NOLINT
@@ -189,8 +189,8 @@ consteval EnumDesc<E, N> enumFromList(std::string_view typeName, std::string_vie
 }  // namespace detail
 }  // namespace Kelp
 
-// KELP_PP_FOR_EACH(m, a, x, y, ...) gives m(a, x) m(a, y) ...: each pass of KELP_PP_EXPAND rescans
-// once more, 256 passes in all, so lists of up to 256 items.
+// KELP_PP_FOR_EACH(m, a, x, y, ...) gives m(a, x) m(a, y) ...: each rescan in KELP_PP_EXPAND takes
+// one item, enough for 86; a longer list does not compile.
 #define KELP_PP_PARENS ()
 #define KELP_PP_EXPAND(...) KELP_PP_EXPAND3(KELP_PP_EXPAND3(KELP_PP_EXPAND3(KELP_PP_EXPAND3(__VA_ARGS__))))
 #define KELP_PP_EXPAND3(...) KELP_PP_EXPAND2(KELP_PP_EXPAND2(KELP_PP_EXPAND2(KELP_PP_EXPAND2(__VA_ARGS__))))
@@ -201,22 +201,27 @@ consteval EnumDesc<E, N> enumFromList(std::string_view typeName, std::string_vie
 #define KELP_PP_FOR_EACH_AGAIN() KELP_PP_FOR_EACH_STEP
 
 #define KELP_ENUM_VALUE_(E, item) ((::Kelp::detail::EnumeratorValue<E>)E::item),
-#define KELP_ENUM_DESC_(E, typeName, numbers, ...)                                        \
-  ::Kelp::detail::enumFromList<E>(typeName, #__VA_ARGS__,                                 \
-                                  {KELP_PP_FOR_EACH(KELP_ENUM_VALUE_, E, __VA_ARGS__)},   \
+#define KELP_ENUM_DESC_(E, typeName, numbers, ...)                                                   \
+  ::Kelp::detail::enumFromList<E>(typeName, #__VA_ARGS__,                                            \
+                                  {KELP_PP_FOR_EACH(KELP_ENUM_VALUE_, E, __VA_ARGS__)},              \
                                   ::Kelp::EnumNumbers::numbers)
 
 // Declares the enumeration `kind E : U { ... }` (kind `enum class` or `enum`) at namespace scope,
-// its description named `typeName` with EnumNumbers::`numbers`, and KELP_ENUM_FUNCTIONS(E).
-#define KELP_ENUM(kind, E, U, typeName, numbers, ...)                                               \
-  kind E : U { __VA_ARGS__ };                                                                       \
-  constexpr auto kelpEnum(::Kelp::Tag<E>) { return KELP_ENUM_DESC_(E, typeName, numbers, __VA_ARGS__); } \
+// its description named `typeName` with EnumNumbers::`numbers`, and KELP_ENUM_FUNCTIONS(E). An
+// initializer naming another enumerator of a scoped enumeration qualifies it (`b = E::a`).
+#define KELP_ENUM(kind, E, U, typeName, numbers, ...)                                                \
+  kind E : U { __VA_ARGS__ };                                                                        \
+  constexpr auto kelpEnum(::Kelp::Tag<E>) {                                                          \
+    return KELP_ENUM_DESC_(E, typeName, numbers, __VA_ARGS__);                                       \
+  }                                                                                                  \
   KELP_ENUM_FUNCTIONS(E)
 
 // The same inside a class: the description a hidden friend, and KELP_ENUM_MEMBER_FUNCTIONS(E).
-#define KELP_MEMBER_ENUM(kind, E, U, typeName, numbers, ...)                                               \
-  kind E : U { __VA_ARGS__ };                                                                              \
-  friend constexpr auto kelpEnum(::Kelp::Tag<E>) { return KELP_ENUM_DESC_(E, typeName, numbers, __VA_ARGS__); } \
+#define KELP_MEMBER_ENUM(kind, E, U, typeName, numbers, ...)                                         \
+  kind E : U { __VA_ARGS__ };                                                                        \
+  friend constexpr auto kelpEnum(::Kelp::Tag<E>) {                                                   \
+    return KELP_ENUM_DESC_(E, typeName, numbers, __VA_ARGS__);                                       \
+  }                                                                                                  \
   KELP_ENUM_MEMBER_FUNCTIONS(E)
 
 // Declares the framework's per-enumeration functions at namespace scope, next to the enumeration:
