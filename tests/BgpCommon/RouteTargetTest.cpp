@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <filesystem>
 #include <fstream>
 #include <random>
 #include <tuple>
@@ -80,7 +79,7 @@ TEST(RouteTarget, BadTextLeavesValueUnchanged) {
 // accepted text gives its value and prints as the row says, and reads back to the same value from
 // both of its notations; each refused text gives its exact message.
 TEST(RouteTarget, OperatorTextRows) {
-  std::ifstream in(std::filesystem::path(__FILE__).parent_path().parent_path() / "data/route-target-rows.tsv");
+  std::ifstream in(BGPCOMMON_TEST_DATA_DIR "/route-target-rows.tsv");
   ASSERT_TRUE(in) << "tests/data/route-target-rows.tsv";
   int accepted = 0;
   int refused = 0;
