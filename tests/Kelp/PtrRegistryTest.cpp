@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <fstream>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -194,6 +195,20 @@ TEST(Registry, EveryValueHasItsJson) {
   String text;
   jsonString(text, "a\"b\\c\n\x7e\x7f\xe9");
   EXPECT_EQ(text, R"("a\"b\\c\u000a~\u007f\udce9")");  // 0xE9 alone is no UTF-8: a lone surrogate
+}
+
+// Enumerators' names and numbers are stored, sent to peers and written in configurations: every
+// enumeration's are pinned (an enumerator inserted without an initializer renumbers the rest).
+TEST(Registry, EnumerationsKeepTheirNamesAndNumbers) {
+  std::string listed;
+  for (const TypeInfo* t : registeredTypes()) {
+    if (t->kind != TypeKind::enumeration) continue;
+    listed.append(t->name);
+    for (const EnumEntryInfo& e : t->enumerators) listed += " " + std::string(e.name) + "=" + std::to_string(e.value);
+    listed += "\n";
+  }
+  std::ifstream pinned(BGPCOMMON_TEST_DATA_DIR "/enumerations.txt");
+  EXPECT_EQ(listed, std::string(std::istreambuf_iterator<char>(pinned), {}));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <tuple>
 
 #include "platform/Kelp/EnumType.h"
@@ -69,26 +68,19 @@ TEST(TextForm, QuotedTexts) {
 
 // Declared and described in one list: scoped and not, with and without initializers, in a class.
 KELP_ENUM(enum class, Colour, std::uint8_t, "Test::Colour", named,
-          red,             // 0, a comment, with a comma
-          green,           // 1
+          red, green,      // 0 and 1; a comment, with a comma
           blue = 7,
-          mixed = (4 | 8), // an initializer in parentheses
+          mixed = (4 | 8), // an initializer in parentheses, then a trailing comma
 )
 KELP_ENUM(enum, Mark, std::uint16_t, "Test::Mark", any, markA = 3, markB)
 struct Palette {
   KELP_MEMBER_ENUM(enum class, Tone, std::uint32_t, "Test::Palette::Tone", named, warm = 2, cool)
 };
 
-// The enumerators as "name=number", each checked to stream and parse as its name.
 template <typename E>
 std::string entriesText() {
   std::string out(enumDescOf<E>.typeName);
-  for (const EnumEntryInfo& e : enumDescOf<E>.entries) {
-    std::ostringstream os;
-    os << static_cast<E>(e.value);
-    EXPECT_TRUE(os.str() == e.name && strepToValue<E>(String(e.name)) == static_cast<E>(e.value)) << e.name;
-    out += " " + std::string(e.name) + "=" + std::to_string(e.value);
-  }
+  for (const EnumEntryInfo& e : enumDescOf<E>.entries) out += " " + std::string(e.name) + "=" + std::to_string(e.value);
   return out;
 }
 
@@ -97,7 +89,7 @@ TEST(EnumType, NamesNumbersAndLookups) {
   EXPECT_EQ(entriesText<Mark>(), "Test::Mark markA=3 markB=4");
   EXPECT_EQ(entriesText<Palette::Tone>(), "Test::Palette::Tone warm=2 cool=3");
   EXPECT_EQ(valueToStrep(static_cast<Colour>(9)), "9");  // a value without a name
-  // Text gives a name, or the number of a named enumerator; nothing else (EnumNumbers::any: any number).
+  // Text gives a name, or the number of a named enumerator; nothing else.
   const std::pair<const char*, const char*> texts[] = {
       {"blue", "(accepted)"}, {"7", "(accepted)"},
       {"9", "no Test::Colour enumerator numbered 9 at offset 0, found \"9\""},
@@ -111,11 +103,10 @@ TEST(EnumType, NamesNumbersAndLookups) {
     EXPECT_EQ(rangeMessage([&] { parsed = strepToValue<Colour>(text); }), message) << text;
     if (std::string_view(message) == "(accepted)") EXPECT_EQ(parsed, Colour::blue) << text;
   }
-  EXPECT_EQ(strepToValue<Mark>("9"), Mark(9));
+  EXPECT_EQ(strepToValue<Mark>("9"), Mark(9));  // EnumNumbers::any
   EXPECT_EQ(ColourInstance(7u)->name, "blue");
   EXPECT_EQ(Palette::ToneInstance(String("cool"))->value, 3u);
-  EXPECT_EQ(ColourInstance(3u), nullptr);
-  EXPECT_EQ(ColourInstance(String("Green")), nullptr);
+  EXPECT_TRUE(ColourInstance(3u) == nullptr && ColourInstance(String("Green")) == nullptr);
   Colour c{};
   CharRange r("red, rest");
   sequenceToValue(r, &c);
