@@ -50,23 +50,12 @@
 namespace Routing::Bgp {
 
 // The operations of the events tracking command.
-enum EventsTrackingOp : U8 {
-  eventsTrackingNone = 0,
-  eventsTrackingStart = 1,
-  eventsTrackingStop = 2,
-  eventsTrackingSummary = 3,
-  eventsTrackingDetail = 4,
-};
-
-constexpr auto kelpEnum(Kelp::Tag<EventsTrackingOp>) {
-  return Kelp::enumType<EventsTrackingOp>("Routing::Bgp::EventsTrackingOp",
-                                          {{eventsTrackingNone, "eventsTrackingNone"},
-                                           {eventsTrackingStart, "eventsTrackingStart"},
-                                           {eventsTrackingStop, "eventsTrackingStop"},
-                                           {eventsTrackingSummary, "eventsTrackingSummary"},
-                                           {eventsTrackingDetail, "eventsTrackingDetail"}});
-}
-KELP_ENUM_FUNCTIONS(EventsTrackingOp)
+KELP_ENUM(enum, EventsTrackingOp, U8, "Routing::Bgp::EventsTrackingOp", named,
+          eventsTrackingNone = 0,
+          eventsTrackingStart = 1,
+          eventsTrackingStop = 2,
+          eventsTrackingSummary = 3,
+          eventsTrackingDetail = 4)
 
 // "YYYY-MM-DD hh:mm:ss.mmm" (or ".uuuuuu" with `micro`) in local time, the fraction truncated;
 // the empty string for 0.0 (never).

@@ -34,20 +34,11 @@
 
 namespace Routing::BgpRedistribute {
 
-enum class IgpResultReturnType : std::uint8_t {
-  resultDefault = 0,
-  resultFound = 1,
-  resultNotFound = 2,
-  resultTagOnly = 3,
-};
-constexpr auto kelpEnum(Kelp::Tag<IgpResultReturnType>) {
-  return Kelp::enumType<IgpResultReturnType>("Routing::BgpRedistribute::IgpResultReturnType",
-                                             {{IgpResultReturnType::resultDefault, "resultDefault"},
-                                              {IgpResultReturnType::resultFound, "resultFound"},
-                                              {IgpResultReturnType::resultNotFound, "resultNotFound"},
-                                              {IgpResultReturnType::resultTagOnly, "resultTagOnly"}});
-}
-KELP_ENUM_FUNCTIONS(IgpResultReturnType)
+KELP_ENUM(enum class, IgpResultReturnType, std::uint8_t, "Routing::BgpRedistribute::IgpResultReturnType", named,
+          resultDefault = 0,
+          resultFound = 1,
+          resultNotFound = 2,
+          resultTagOnly = 3)
 
 // The answer of a lookup: the record to apply and how it was reached. It prints but is not read
 // from text (its record holds a collection, so strepToValue does not compile for it) and is not

@@ -51,31 +51,15 @@ namespace Routing::Bgp {
 class RouteTarget {
  public:
   // The type octet. invalidType lies outside an octet so it can never be read off the wire.
-  enum class ExtCommType : std::uint32_t {
-    twoOctetAs = 0,
-    ipv4Address = 1,
-    fourOctetAs = 2,
-    invalidType = 256,
-  };
+  KELP_MEMBER_ENUM(enum class, ExtCommType, std::uint32_t, "Routing::Bgp::RouteTarget::ExtCommType", named,
+                   twoOctetAs = 0,
+                   ipv4Address = 1,
+                   fourOctetAs = 2,
+                   invalidType = 256)
   // The subtype octet; route targets are subtype 2 of each type.
-  enum class ExtCommSubtype : std::uint32_t {
-    routeTarget = 2,
-    invalidSubtype = 256,
-  };
-  friend constexpr auto kelpEnum(Kelp::Tag<ExtCommType>) {
-    return Kelp::enumType<ExtCommType>("Routing::Bgp::RouteTarget::ExtCommType",
-                                       {{ExtCommType::twoOctetAs, "twoOctetAs"},
-                                        {ExtCommType::ipv4Address, "ipv4Address"},
-                                        {ExtCommType::fourOctetAs, "fourOctetAs"},
-                                        {ExtCommType::invalidType, "invalidType"}});
-  }
-  friend constexpr auto kelpEnum(Kelp::Tag<ExtCommSubtype>) {
-    return Kelp::enumType<ExtCommSubtype>("Routing::Bgp::RouteTarget::ExtCommSubtype",
-                                          {{ExtCommSubtype::routeTarget, "routeTarget"},
-                                           {ExtCommSubtype::invalidSubtype, "invalidSubtype"}});
-  }
-  KELP_ENUM_MEMBER_FUNCTIONS(ExtCommType)
-  KELP_ENUM_MEMBER_FUNCTIONS(ExtCommSubtype)
+  KELP_MEMBER_ENUM(enum class, ExtCommSubtype, std::uint32_t, "Routing::Bgp::RouteTarget::ExtCommSubtype", named,
+                   routeTarget = 2,
+                   invalidSubtype = 256)
 
   // The whole community, host order. 0 by default: type 0, subtype 0, not a route target.
   std::uint64_t value = 0;

@@ -6,9 +6,7 @@ std::string_view readIdentifier(CharRange& r) {
   std::string_view rest = r.rest();
   std::size_t n = 0;
   while (n < rest.size()) {
-    char c = rest[n];
-    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-    if (!ok) break;
+    if (!isIdentifierChar(rest[n])) break;
     ++n;
   }
   r.advance(n);

@@ -1,15 +1,20 @@
 #pragma once
 // Enumerations known to the framework.
 //
-// An enumeration is described once, next to its declaration, by a constexpr hook found through
-// argument-dependent lookup:
+// An enumeration is declared and described in one list, so that an enumerator cannot be added
+// without its name:
 //
-//   enum class OutDelayApplyType : uint8_t { applyToAll = 0, applyToNew = 1 };
-//   constexpr auto kelpEnum(Kelp::Tag<OutDelayApplyType>) {
-//     return Kelp::enumType<OutDelayApplyType>("Routing::OutDelayApplyType",
-//         {{OutDelayApplyType::applyToAll, "applyToAll"}, {OutDelayApplyType::applyToNew, "applyToNew"}});
-//   }
-//   KELP_ENUM_FUNCTIONS(OutDelayApplyType)   // stringValue, valueToStrep, operator<<, ...
+//   KELP_ENUM(enum class, OutDelayApplyType, std::uint8_t, "Routing::OutDelayApplyType", named,
+//             applyAll = 0,  // every advertisement
+//             applyNew = 1)
+//
+// declares `enum class OutDelayApplyType : std::uint8_t { applyAll = 0, applyNew = 1 };`, its
+// description (each enumerator named by its identifier) and the functions of KELP_ENUM_FUNCTIONS.
+// The first argument is `enum class` or `enum`; `named` or `any` chooses the EnumNumbers below.
+// KELP_MEMBER_ENUM does the same inside a class. What the framework reads is the hook
+// `kelpEnum(Kelp::Tag<E>)`, found through argument-dependent lookup, that returns an EnumDesc: an
+// enumeration declared elsewhere, or one whose text differs from its identifiers, would write it
+// by hand, next to KELP_ENUM_FUNCTIONS(E).
 //
 // Its long text form is the enumerator's name; a value without a name (read off the wire, say)
 // prints as its decimal number so that nothing is hidden. The parser takes a name, or the number
@@ -38,12 +43,6 @@ struct EnumEntryInfo {
   std::string_view name;
 };
 
-template <typename E>
-struct EnumEntry {
-  E value;
-  const char* name;
-};
-
 // Which numbers the text of an enumeration may give: those of its enumerators, or any that fits.
 enum class EnumNumbers : std::uint8_t { named, any };
 
@@ -53,16 +52,6 @@ struct EnumDesc {
   std::array<EnumEntryInfo, N> entries;
   EnumNumbers numbers = EnumNumbers::named;
 };
-
-template <typename E, std::size_t N>
-constexpr EnumDesc<E, N> enumType(std::string_view typeName, const EnumEntry<E> (&entries)[N],
-                                  EnumNumbers numbers = EnumNumbers::named) {
-  EnumDesc<E, N> d{typeName, {}, numbers};
-  for (std::size_t i = 0; i < N; ++i) {
-    d.entries[i] = EnumEntryInfo{static_cast<std::uint64_t>(entries[i].value), entries[i].name};
-  }
-  return d;
-}
 
 template <typename E>
 concept DescribedEnum = std::is_enum_v<E> && requires { kelpEnum(Tag<E>{}); };
@@ -109,6 +98,10 @@ class EnumType {
   EnumNumbers numbers_;
 };
 
+constexpr bool isIdentifierChar(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
 // Reads a run of identifier characters [A-Za-z0-9_].
 std::string_view readIdentifier(CharRange& r);
 
@@ -142,7 +135,94 @@ struct TextForm<E> {
   static void parse(CharRange& r, E& v) { v = static_cast<E>(enumTypeOf<E>().sequenceToValue(r)); }
 };
 
+namespace detail {
+
+// One item of KELP_ENUM's list, `a = 1` or `a`, becomes `((EnumeratorValue<E>)E::a = 1)`: the cast
+// binds before the assignment, and the assignment keeps E::a and drops the initializer (which the
+// declaration has used already), so each item gives its enumerator's value.
+template <typename E>
+struct EnumeratorValue {
+  E value;
+  constexpr explicit EnumeratorValue(E v) : value(v) {}
+  template <typename T>
+  constexpr EnumeratorValue operator=(const T&) {  // NOLINT: keeps the enumerator
+    return *this;
+  }
+  constexpr operator E() const { return value; }  // NOLINT
+};
+
+// Not constexpr: reached during constant evaluation, it stops the build.
+void enumeratorNamesDoNotMatchTheValues();
+
+// The names of a stringified enumerator list ("a = 1, b, c = (2 | 4)"): each item's leading
+// identifier. Items end at the commas outside parentheses, as the preprocessor split the list for
+// the values (a comma or parenthesis in a character literal would split it otherwise); a list
+// giving other than N names does not compile.
+template <std::size_t N>
+constexpr std::array<std::string_view, N> enumeratorNames(std::string_view list) {
+  std::array<std::string_view, N> names{};
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < list.size(); ++i) {  // i at the start of an item, or its comma
+    while (i < list.size() && list[i] == ' ') ++i;
+    const std::size_t start = i;
+    while (i < list.size() && isIdentifierChar(list[i])) ++i;
+    if (i == list.size() && i == start) break;  // after a trailing comma
+    if (i == start || count == N) enumeratorNamesDoNotMatchTheValues();
+    names[count++] = list.substr(start, i - start);
+    for (int depth = 0; i < list.size() && (list[i] != ',' || depth > 0); ++i) {
+      depth += list[i] == '(' ? 1 : list[i] == ')' ? -1 : 0;
+    }
+  }
+  if (count != N) enumeratorNamesDoNotMatchTheValues();
+  return names;
+}
+
+template <typename E, std::size_t N>
+consteval EnumDesc<E, N> enumFromList(std::string_view typeName, std::string_view list, const E (&values)[N],
+                                      EnumNumbers numbers) {
+  const std::array<std::string_view, N> names = enumeratorNames<N>(list);
+  EnumDesc<E, N> d{typeName, {}, numbers};
+  for (std::size_t i = 0; i < N; ++i) d.entries[i] = EnumEntryInfo{static_cast<std::uint64_t>(values[i]), names[i]};
+  return d;
+}
+
+}  // namespace detail
 }  // namespace Kelp
+
+// KELP_PP_FOR_EACH(m, a, x, y, ...) gives m(a, x) m(a, y) ...: each rescan in KELP_PP_EXPAND takes
+// one item, enough for 86; a longer list does not compile.
+#define KELP_PP_PARENS ()
+#define KELP_PP_EXPAND(...) KELP_PP_EXPAND3(KELP_PP_EXPAND3(KELP_PP_EXPAND3(KELP_PP_EXPAND3(__VA_ARGS__))))
+#define KELP_PP_EXPAND3(...) KELP_PP_EXPAND2(KELP_PP_EXPAND2(KELP_PP_EXPAND2(KELP_PP_EXPAND2(__VA_ARGS__))))
+#define KELP_PP_EXPAND2(...) KELP_PP_EXPAND1(KELP_PP_EXPAND1(KELP_PP_EXPAND1(KELP_PP_EXPAND1(__VA_ARGS__))))
+#define KELP_PP_EXPAND1(...) __VA_ARGS__
+#define KELP_PP_FOR_EACH(m, a, ...) __VA_OPT__(KELP_PP_EXPAND(KELP_PP_FOR_EACH_STEP(m, a, __VA_ARGS__)))
+#define KELP_PP_FOR_EACH_STEP(m, a, x, ...) m(a, x) __VA_OPT__(KELP_PP_FOR_EACH_AGAIN KELP_PP_PARENS(m, a, __VA_ARGS__))
+#define KELP_PP_FOR_EACH_AGAIN() KELP_PP_FOR_EACH_STEP
+
+#define KELP_ENUM_VALUE_(E, item) ((::Kelp::detail::EnumeratorValue<E>)E::item),
+#define KELP_ENUM_DESC_(E, typeName, numbers, ...)                                                   \
+  ::Kelp::detail::enumFromList<E>(typeName, #__VA_ARGS__,                                            \
+                                  {KELP_PP_FOR_EACH(KELP_ENUM_VALUE_, E, __VA_ARGS__)},              \
+                                  ::Kelp::EnumNumbers::numbers)
+
+// Declares the enumeration `kind E : U { ... }` (kind `enum class` or `enum`) at namespace scope,
+// its description named `typeName` with EnumNumbers::`numbers`, and KELP_ENUM_FUNCTIONS(E). An
+// initializer naming another enumerator of a scoped enumeration qualifies it (`b = E::a`).
+#define KELP_ENUM(kind, E, U, typeName, numbers, ...)                                                \
+  kind E : U { __VA_ARGS__ };                                                                        \
+  constexpr auto kelpEnum(::Kelp::Tag<E>) {                                                          \
+    return KELP_ENUM_DESC_(E, typeName, numbers, __VA_ARGS__);                                       \
+  }                                                                                                  \
+  KELP_ENUM_FUNCTIONS(E)
+
+// The same inside a class: the description a hidden friend, and KELP_ENUM_MEMBER_FUNCTIONS(E).
+#define KELP_MEMBER_ENUM(kind, E, U, typeName, numbers, ...)                                         \
+  kind E : U { __VA_ARGS__ };                                                                        \
+  friend constexpr auto kelpEnum(::Kelp::Tag<E>) {                                                   \
+    return KELP_ENUM_DESC_(E, typeName, numbers, __VA_ARGS__);                                       \
+  }                                                                                                  \
+  KELP_ENUM_MEMBER_FUNCTIONS(E)
 
 // Declares the framework's per-enumeration functions at namespace scope, next to the enumeration:
 // E##Instance (by number and by name), stringValue, valueToStrep, operator<< and sequenceToValue.

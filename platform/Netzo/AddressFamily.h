@@ -11,18 +11,10 @@
 
 namespace Netzo {
 
-enum class AddressFamily : std::uint8_t {
-  ipUnknown = 0,
-  ipv4 = 1,
-  ipv6 = 2,
-};
-
-constexpr auto kelpEnum(Kelp::Tag<AddressFamily>) {
-  return Kelp::enumType<AddressFamily>("Netzo::AddressFamily", {{AddressFamily::ipUnknown, "ipUnknown"},
-                                                               {AddressFamily::ipv4, "ipv4"},
-                                                               {AddressFamily::ipv6, "ipv6"}});
-}
-KELP_ENUM_FUNCTIONS(AddressFamily)
+KELP_ENUM(enum class, AddressFamily, std::uint8_t, "Netzo::AddressFamily", named,
+          ipUnknown = 0,
+          ipv4 = 1,
+          ipv6 = 2)
 
 // The longest prefix length of a family: 32, 128, or 0 for ipUnknown.
 constexpr unsigned maxPrefixLength(AddressFamily af) {

@@ -29,88 +29,41 @@ namespace Routing::Bgp {
 
 // Address family and subsequent address family codes. A peer may announce any code; those without
 // a name here are carried and printed as numbers, and read back from their numbers.
-enum Afi : std::uint16_t {
-  afiUnknown = 0,
-  afiIpv4 = 1,
-  afiIpv6 = 2,
-  afiL2vpn = 25,
-  afiBgpLs = 16388,
-};
+KELP_ENUM(enum, Afi, std::uint16_t, "Routing::Bgp::Afi", any,
+          afiUnknown = 0,
+          afiIpv4 = 1,
+          afiIpv6 = 2,
+          afiL2vpn = 25,
+          afiBgpLs = 16388)
 
-enum Safi : std::uint16_t {
-  safiUnknown = 0,
-  safiUnicast = 1,
-  safiMulticast = 2,
-  safiMplsLabel = 4,  // labelled unicast, RFC 8277
-  safiMcastVpn = 5,
-  safiVpls = 65,
-  safiEvpn = 70,
-  safiBgpLs = 71,
-  safiMplsVpn = 128,  // RFC 4364
-  safiRtMembership = 132,
-  safiFlowspec = 133,
-  safiFlowspecVpn = 134,
-};
+KELP_ENUM(enum, Safi, std::uint16_t, "Routing::Bgp::Safi", any,
+          safiUnknown = 0,
+          safiUnicast = 1,
+          safiMulticast = 2,
+          safiMplsLabel = 4,  // labelled unicast, RFC 8277
+          safiMcastVpn = 5,
+          safiVpls = 65,
+          safiEvpn = 70,
+          safiBgpLs = 71,
+          safiMplsVpn = 128,  // RFC 4364
+          safiRtMembership = 132,
+          safiFlowspec = 133,
+          safiFlowspecVpn = 134)
 
 // The kind of NLRI a route key names.
-enum class NlriType : std::uint8_t {
-  unknown = 0,
-  ipv4Unicast = 1,
-  ipv6Unicast = 2,
-  ipv4Multicast = 3,
-  ipv6Multicast = 4,
-  ipv4LabeledUnicast = 5,
-  ipv6LabeledUnicast = 6,
-  ipv4MplsVpn = 7,
-  ipv6MplsVpn = 8,
-  l2vpnEvpn = 9,
-  ipv4Flowspec = 10,
-  ipv6Flowspec = 11,
-};
-
-constexpr auto kelpEnum(Kelp::Tag<Afi>) {
-  return Kelp::enumType<Afi>("Routing::Bgp::Afi", {{afiUnknown, "afiUnknown"},
-                                                   {afiIpv4, "afiIpv4"},
-                                                   {afiIpv6, "afiIpv6"},
-                                                   {afiL2vpn, "afiL2vpn"},
-                                                   {afiBgpLs, "afiBgpLs"}},
-                             Kelp::EnumNumbers::any);
-}
-KELP_ENUM_FUNCTIONS(Afi)
-
-constexpr auto kelpEnum(Kelp::Tag<Safi>) {
-  return Kelp::enumType<Safi>("Routing::Bgp::Safi", {{safiUnknown, "safiUnknown"},
-                                                     {safiUnicast, "safiUnicast"},
-                                                     {safiMulticast, "safiMulticast"},
-                                                     {safiMplsLabel, "safiMplsLabel"},
-                                                     {safiMcastVpn, "safiMcastVpn"},
-                                                     {safiVpls, "safiVpls"},
-                                                     {safiEvpn, "safiEvpn"},
-                                                     {safiBgpLs, "safiBgpLs"},
-                                                     {safiMplsVpn, "safiMplsVpn"},
-                                                     {safiRtMembership, "safiRtMembership"},
-                                                     {safiFlowspec, "safiFlowspec"},
-                                                     {safiFlowspecVpn, "safiFlowspecVpn"}},
-                             Kelp::EnumNumbers::any);
-}
-KELP_ENUM_FUNCTIONS(Safi)
-
-constexpr auto kelpEnum(Kelp::Tag<NlriType>) {
-  return Kelp::enumType<NlriType>("Routing::Bgp::NlriType",
-                                  {{NlriType::unknown, "unknown"},
-                                   {NlriType::ipv4Unicast, "ipv4Unicast"},
-                                   {NlriType::ipv6Unicast, "ipv6Unicast"},
-                                   {NlriType::ipv4Multicast, "ipv4Multicast"},
-                                   {NlriType::ipv6Multicast, "ipv6Multicast"},
-                                   {NlriType::ipv4LabeledUnicast, "ipv4LabeledUnicast"},
-                                   {NlriType::ipv6LabeledUnicast, "ipv6LabeledUnicast"},
-                                   {NlriType::ipv4MplsVpn, "ipv4MplsVpn"},
-                                   {NlriType::ipv6MplsVpn, "ipv6MplsVpn"},
-                                   {NlriType::l2vpnEvpn, "l2vpnEvpn"},
-                                   {NlriType::ipv4Flowspec, "ipv4Flowspec"},
-                                   {NlriType::ipv6Flowspec, "ipv6Flowspec"}});
-}
-KELP_ENUM_FUNCTIONS(NlriType)
+KELP_ENUM(enum class, NlriType, std::uint8_t, "Routing::Bgp::NlriType", named,
+          unknown = 0,
+          ipv4Unicast = 1,
+          ipv6Unicast = 2,
+          ipv4Multicast = 3,
+          ipv6Multicast = 4,
+          ipv4LabeledUnicast = 5,
+          ipv6LabeledUnicast = 6,
+          ipv4MplsVpn = 7,
+          ipv6MplsVpn = 8,
+          l2vpnEvpn = 9,
+          ipv4Flowspec = 10,
+          ipv6Flowspec = 11)
 
 class AfiSafi {
  public:

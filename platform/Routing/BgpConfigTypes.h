@@ -24,65 +24,32 @@ namespace Routing::Bgp {
 
 // RFC 8950 extended next hop: whether the capability that lets IPv4 NLRI carry an IPv6 next hop
 // is advertised to the neighbour.
-enum class ExtendedNextHopCapability : std::uint8_t {
-  extendedNextHopDisabled = 0,  // not advertised; IPv4 routes need an IPv4 next hop
-  extendedNextHopEnabled = 1,   // advertised for IPv4 unicast with an IPv6 next hop
-};
-constexpr auto kelpEnum(Kelp::Tag<ExtendedNextHopCapability>) {
-  return Kelp::enumType<ExtendedNextHopCapability>(
-      "Routing::Bgp::ExtendedNextHopCapability",
-      {{ExtendedNextHopCapability::extendedNextHopDisabled, "extendedNextHopDisabled"},
-       {ExtendedNextHopCapability::extendedNextHopEnabled, "extendedNextHopEnabled"}});
-}
-KELP_ENUM_FUNCTIONS(ExtendedNextHopCapability)
+KELP_ENUM(enum class, ExtendedNextHopCapability, std::uint8_t, "Routing::Bgp::ExtendedNextHopCapability", named,
+          extendedNextHopDisabled = 0,  // not advertised; IPv4 routes need an IPv4 next hop
+          extendedNextHopEnabled = 1)   // advertised for IPv4 unicast with an IPv6 next hop
 
 // RFC 4456 route reflection: whether the neighbour is a client of this route reflector. Routes
 // from a client are reflected to the other clients, unless the clients are fully meshed among
 // themselves already (meshedClient), in which case they are reflected to non-clients only.
 // Stored in 32 bits, as the configuration library keeps it.
-enum class ReflectorClient : std::uint32_t {
-  notClient = 0,
-  client = 1,
-  meshedClient = 2,
-};
-constexpr auto kelpEnum(Kelp::Tag<ReflectorClient>) {
-  return Kelp::enumType<ReflectorClient>("Routing::Bgp::ReflectorClient",
-                                         {{ReflectorClient::notClient, "notClient"},
-                                          {ReflectorClient::client, "client"},
-                                          {ReflectorClient::meshedClient, "meshedClient"}});
-}
-KELP_ENUM_FUNCTIONS(ReflectorClient)
+KELP_ENUM(enum class, ReflectorClient, std::uint32_t, "Routing::Bgp::ReflectorClient", named,
+          notClient = 0,
+          client = 1,
+          meshedClient = 2)
 
 // Which received paths are kept in the neighbour's Adj-RIB-In so that a change of inbound policy
 // can be applied without asking the neighbour for a route refresh (RFC 2918).
-enum class SoftReconfigInboundState : std::uint8_t {
-  softReconfigKeepAccepted = 0,  // paths the inbound policy accepted; rejected ones need a refresh
-  softReconfigKeepAll = 1,       // every received path, rejected ones too
-  softReconfigKeepNone = 2,      // nothing beyond the Loc-RIB; every policy change needs a refresh
-};
-constexpr auto kelpEnum(Kelp::Tag<SoftReconfigInboundState>) {
-  return Kelp::enumType<SoftReconfigInboundState>(
-      "Routing::Bgp::SoftReconfigInboundState",
-      {{SoftReconfigInboundState::softReconfigKeepAccepted, "softReconfigKeepAccepted"},
-       {SoftReconfigInboundState::softReconfigKeepAll, "softReconfigKeepAll"},
-       {SoftReconfigInboundState::softReconfigKeepNone, "softReconfigKeepNone"}});
-}
-KELP_ENUM_FUNCTIONS(SoftReconfigInboundState)
+KELP_ENUM(enum class, SoftReconfigInboundState, std::uint8_t, "Routing::Bgp::SoftReconfigInboundState", named,
+          softReconfigKeepAccepted = 0,  // paths the inbound policy accepted; rejected ones need a refresh
+          softReconfigKeepAll = 1,       // every received path, rejected ones too
+          softReconfigKeepNone = 2)      // nothing beyond the Loc-RIB; every policy change needs a refresh
 
 // What happens to routes when the policy a neighbour refers to is missing or matches nothing.
 // RFC 8212 asks that EBGP sessions exchange nothing without a policy, hence an explicit deny.
-enum class PolicyActionType : std::uint8_t {
-  policyActionUnspecified = 0,  // the built-in behaviour of the session type
-  policyActionPermit = 1,
-  policyActionDeny = 2,
-};
-constexpr auto kelpEnum(Kelp::Tag<PolicyActionType>) {
-  return Kelp::enumType<PolicyActionType>("Routing::Bgp::PolicyActionType",
-                                          {{PolicyActionType::policyActionUnspecified, "policyActionUnspecified"},
-                                           {PolicyActionType::policyActionPermit, "policyActionPermit"},
-                                           {PolicyActionType::policyActionDeny, "policyActionDeny"}});
-}
-KELP_ENUM_FUNCTIONS(PolicyActionType)
+KELP_ENUM(enum class, PolicyActionType, std::uint8_t, "Routing::Bgp::PolicyActionType", named,
+          policyActionUnspecified = 0,  // the built-in behaviour of the session type
+          policyActionPermit = 1,
+          policyActionDeny = 2)
 
 // ---- Value types ----------------------------------------------------------------------------
 
@@ -143,16 +110,10 @@ struct LocalAs : Kelp::ValueBase<LocalAs> {
 // The remote AS of a neighbour (or of a range of dynamic neighbours): either one AS number, or
 // the name of a peer filter that decides which AS numbers are accepted.
 struct AsnOrPeerFilter : Kelp::ValueBase<AsnOrPeerFilter> {
-  enum class Type : std::uint8_t {
-    unknown = 0,     // never configured
-    asn = 1,         // `asn` holds the remote AS
-    peerFilter = 2,  // `peerFilter` names the filter
-  };
-  friend constexpr auto kelpEnum(Kelp::Tag<Type>) {
-    return Kelp::enumType<Type>("Routing::Bgp::AsnOrPeerFilter::Type",
-                                {{Type::unknown, "unknown"}, {Type::asn, "asn"}, {Type::peerFilter, "peerFilter"}});
-  }
-  KELP_ENUM_MEMBER_FUNCTIONS(Type)
+  KELP_MEMBER_ENUM(enum class, Type, std::uint8_t, "Routing::Bgp::AsnOrPeerFilter::Type", named,
+                   unknown = 0,     // never configured
+                   asn = 1,         // `asn` holds the remote AS
+                   peerFilter = 2)  // `peerFilter` names the filter
 
   Type type = Type::asn;  // a plain remote AS is by far the common case
   std::uint32_t asn = 0;
@@ -174,16 +135,10 @@ struct AsnOrPeerFilter : Kelp::ValueBase<AsnOrPeerFilter> {
 // shared secret, or TCP-AO (RFC 5925) with a key chain and the KeyID of the key to send with.
 // The secret is held as configured; printing does not mask it.
 struct BgpTcpAuthKey : Kelp::ValueBase<BgpTcpAuthKey> {
-  enum class Type : std::uint8_t {
-    none = 0,
-    md5 = 1,
-    tcpAo = 2,
-  };
-  friend constexpr auto kelpEnum(Kelp::Tag<Type>) {
-    return Kelp::enumType<Type>("Routing::Bgp::BgpTcpAuthKey::Type",
-                                {{Type::none, "none"}, {Type::md5, "md5"}, {Type::tcpAo, "tcpAo"}});
-  }
-  KELP_ENUM_MEMBER_FUNCTIONS(Type)
+  KELP_MEMBER_ENUM(enum class, Type, std::uint8_t, "Routing::Bgp::BgpTcpAuthKey::Type", named,
+                   none = 0,
+                   md5 = 1,
+                   tcpAo = 2)
 
   Type type = Type::none;
   Kelp::String secret;     // md5: the shared secret, as configured
@@ -207,22 +162,12 @@ struct BgpTcpAuthKey : Kelp::ValueBase<BgpTcpAuthKey> {
 // The agent works with the compact AddPathSendEffectiveConfig derived from it.
 struct AddPathSendConfig : Kelp::ValueBase<AddPathSendConfig> {
   // The kind codes are fixed: they are stored and exchanged as numbers.
-  enum class Kind : std::uint8_t {
-    sendAny = 0,       // every path, no limit
-    sendDisabled = 1,  // the best path only
-    sendLimited = 2,   // up to `limit` paths
-    sendBackup = 3,    // the best path and the precomputed backup path
-    sendEcmp = 4,      // up to `limit` equal-cost paths (every path when `limit` is 0)
-  };
-  friend constexpr auto kelpEnum(Kelp::Tag<Kind>) {
-    return Kelp::enumType<Kind>("Routing::Bgp::AddPathSendConfig::Kind",
-                                {{Kind::sendAny, "sendAny"},
-                                 {Kind::sendDisabled, "sendDisabled"},
-                                 {Kind::sendLimited, "sendLimited"},
-                                 {Kind::sendBackup, "sendBackup"},
-                                 {Kind::sendEcmp, "sendEcmp"}});
-  }
-  KELP_ENUM_MEMBER_FUNCTIONS(Kind)
+  KELP_MEMBER_ENUM(enum class, Kind, std::uint8_t, "Routing::Bgp::AddPathSendConfig::Kind", named,
+                   sendAny = 0,       // every path, no limit
+                   sendDisabled = 1,  // the best path only
+                   sendLimited = 2,   // up to `limit` paths
+                   sendBackup = 3,    // the best path and the precomputed backup path
+                   sendEcmp = 4)      // up to `limit` equal-cost paths (every path when `limit` is 0)
 
   Kind kind = Kind::sendAny;
   std::uint32_t limit = 0;  // number of paths for sendLimited and sendEcmp, as configured

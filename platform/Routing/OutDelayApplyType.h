@@ -12,18 +12,9 @@
 
 namespace Routing {
 
-enum class OutDelayApplyType : std::uint8_t {
-  applyAll = 0,      // every advertisement and withdrawal
-  applyNew = 1,      // only the first advertisement of a prefix
-  applyChanged = 2,  // only replacements and withdrawals of advertised prefixes
-};
-
-constexpr auto kelpEnum(Kelp::Tag<OutDelayApplyType>) {
-  return Kelp::enumType<OutDelayApplyType>("Routing::OutDelayApplyType",
-                                           {{OutDelayApplyType::applyAll, "applyAll"},
-                                            {OutDelayApplyType::applyNew, "applyNew"},
-                                            {OutDelayApplyType::applyChanged, "applyChanged"}});
-}
-KELP_ENUM_FUNCTIONS(OutDelayApplyType)
+KELP_ENUM(enum class, OutDelayApplyType, std::uint8_t, "Routing::OutDelayApplyType", named,
+          applyAll = 0,      // every advertisement and withdrawal
+          applyNew = 1,      // only the first advertisement of a prefix
+          applyChanged = 2)  // only replacements and withdrawals of advertised prefixes
 
 }  // namespace Routing

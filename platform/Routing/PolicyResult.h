@@ -52,34 +52,18 @@ inline std::uint32_t RoutePreference::hash(std::uint32_t seed) const { return Ke
 inline std::uint32_t RouteTag::hash(std::uint32_t seed) const { return Kelp::hashFields(*this, seed); }
 
 namespace Isis {
-enum class Level : std::uint32_t {
-  level1 = 1,      // intra-area
-  level2 = 2,      // backbone
-  level1And2 = 3,  // both
-  levelUnset = 4,  // not set by policy
-};
-constexpr auto kelpEnum(Kelp::Tag<Level>) {
-  return Kelp::enumType<Level>("Routing::Isis::Level", {{Level::level1, "level1"},
-                                                        {Level::level2, "level2"},
-                                                        {Level::level1And2, "level1And2"},
-                                                        {Level::levelUnset, "levelUnset"}});
-}
-KELP_ENUM_FUNCTIONS(Level)
+KELP_ENUM(enum class, Level, std::uint32_t, "Routing::Isis::Level", named,
+          level1 = 1,      // intra-area
+          level2 = 2,      // backbone
+          level1And2 = 3,  // both
+          levelUnset = 4)  // not set by policy
 }  // namespace Isis
 
 namespace Ospf {
-enum class OspfExtMetricType : std::uint32_t {
-  type1 = 1,      // external cost added to the internal cost to the ASBR
-  type2 = 2,      // external cost alone, larger than any internal cost
-  typeUnset = 3,  // not set by policy
-};
-constexpr auto kelpEnum(Kelp::Tag<OspfExtMetricType>) {
-  return Kelp::enumType<OspfExtMetricType>("Routing::Ospf::OspfExtMetricType",
-                                           {{OspfExtMetricType::type1, "type1"},
-                                            {OspfExtMetricType::type2, "type2"},
-                                            {OspfExtMetricType::typeUnset, "typeUnset"}});
-}
-KELP_ENUM_FUNCTIONS(OspfExtMetricType)
+KELP_ENUM(enum class, OspfExtMetricType, std::uint32_t, "Routing::Ospf::OspfExtMetricType", named,
+          type1 = 1,      // external cost added to the internal cost to the ASBR
+          type2 = 2,      // external cost alone, larger than any internal cost
+          typeUnset = 3)  // not set by policy
 }  // namespace Ospf
 
 namespace Policy {

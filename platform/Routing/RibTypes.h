@@ -14,28 +14,15 @@
 
 namespace Routing::Rib {
 
-enum class RoutingProtocol : std::uint8_t {
-  protocolUnknown = 0,
-  protocolConnected = 1,  // an interface's own subnet
-  protocolStatic = 2,     // configured by the operator
-  protocolOspf = 3,
-  protocolOspf3 = 4,
-  protocolIsis = 5,
-  protocolBgp = 6,
-  protocolRip = 7,
-};
-constexpr auto kelpEnum(Kelp::Tag<RoutingProtocol>) {
-  return Kelp::enumType<RoutingProtocol>("Routing::Rib::RoutingProtocol",
-                                         {{RoutingProtocol::protocolUnknown, "protocolUnknown"},
-                                          {RoutingProtocol::protocolConnected, "protocolConnected"},
-                                          {RoutingProtocol::protocolStatic, "protocolStatic"},
-                                          {RoutingProtocol::protocolOspf, "protocolOspf"},
-                                          {RoutingProtocol::protocolOspf3, "protocolOspf3"},
-                                          {RoutingProtocol::protocolIsis, "protocolIsis"},
-                                          {RoutingProtocol::protocolBgp, "protocolBgp"},
-                                          {RoutingProtocol::protocolRip, "protocolRip"}});
-}
-KELP_ENUM_FUNCTIONS(RoutingProtocol)
+KELP_ENUM(enum class, RoutingProtocol, std::uint8_t, "Routing::Rib::RoutingProtocol", named,
+          protocolUnknown = 0,
+          protocolConnected = 1,  // an interface's own subnet
+          protocolStatic = 2,     // configured by the operator
+          protocolOspf = 3,
+          protocolOspf3 = 4,
+          protocolIsis = 5,
+          protocolBgp = 6,
+          protocolRip = 7)
 
 struct RouteKey : Kelp::ValueBase<RouteKey> {
   Netzo::IpGenPrefix prefix;

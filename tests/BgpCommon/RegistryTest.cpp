@@ -1,5 +1,7 @@
 // The type registry over the library's own types, as generic code (the tool, Python) uses it.
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -120,4 +122,19 @@ TEST(Registry, EveryValueHasItsJson) {
 }
 
 }  // namespace
+
+// Enumerators' names and numbers are stored, sent to peers and written in configurations: every
+// enumeration's are pinned (an enumerator inserted without an initializer renumbers the rest).
+TEST(Registry, EnumerationsKeepTheirNamesAndNumbers) {
+  std::string listed;
+  for (const TypeInfo* t : registeredTypes()) {
+    if (t->kind != TypeKind::enumeration) continue;
+    listed.append(t->name);
+    for (const EnumEntryInfo& e : t->enumerators) listed += " " + std::string(e.name) + "=" + std::to_string(e.value);
+    listed += "\n";
+  }
+  std::ifstream pinned(BGPCOMMON_SOURCE_DIR "/tests/data/enumerations.txt");
+  EXPECT_EQ(listed, std::string(std::istreambuf_iterator<char>(pinned), {}));
+}
+
 }  // namespace Kelp

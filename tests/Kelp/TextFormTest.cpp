@@ -66,14 +66,28 @@ TEST(TextForm, QuotedTexts) {
   for (const auto& [in, message] : bad) EXPECT_EQ(rangeMessage([&] { strepToValue<String>(in); }), message) << in;
 }
 
-enum class Colour : std::uint8_t { red = 0, green = 1, blue = 7 };
-constexpr auto kelpEnum(Tag<Colour>) {
-  return enumType<Colour>("Test::Colour", {{Colour::red, "red"}, {Colour::green, "green"}, {Colour::blue, "blue"}});
+// Declared and described in one list: scoped and not, with and without initializers, in a class.
+KELP_ENUM(enum class, Colour, std::uint8_t, "Test::Colour", named,
+          red, green,      // 0 and 1; a comment, with a comma
+          blue = 7,
+          mixed = (4 | 8), // an initializer in parentheses, then a trailing comma
+)
+KELP_ENUM(enum, Mark, std::uint16_t, "Test::Mark", any, markA = 3, markB)
+struct Palette {
+  KELP_MEMBER_ENUM(enum class, Tone, std::uint32_t, "Test::Palette::Tone", named, warm = 2, cool)
+};
+
+template <typename E>
+std::string entriesText() {
+  std::string out(enumDescOf<E>.typeName);
+  for (const EnumEntryInfo& e : enumDescOf<E>.entries) out += " " + std::string(e.name) + "=" + std::to_string(e.value);
+  return out;
 }
-KELP_ENUM_FUNCTIONS(Colour)
 
 TEST(EnumType, NamesNumbersAndLookups) {
-  EXPECT_EQ(valueToStrep(Colour::green), "green");
+  EXPECT_EQ(entriesText<Colour>(), "Test::Colour red=0 green=1 blue=7 mixed=12");
+  EXPECT_EQ(entriesText<Mark>(), "Test::Mark markA=3 markB=4");
+  EXPECT_EQ(entriesText<Palette::Tone>(), "Test::Palette::Tone warm=2 cool=3");
   EXPECT_EQ(valueToStrep(static_cast<Colour>(9)), "9");  // a value without a name
   // Text gives a name, or the number of a named enumerator; nothing else.
   const std::pair<const char*, const char*> texts[] = {
@@ -89,10 +103,10 @@ TEST(EnumType, NamesNumbersAndLookups) {
     EXPECT_EQ(rangeMessage([&] { parsed = strepToValue<Colour>(text); }), message) << text;
     if (std::string_view(message) == "(accepted)") EXPECT_EQ(parsed, Colour::blue) << text;
   }
+  EXPECT_EQ(strepToValue<Mark>("9"), Mark(9));  // EnumNumbers::any
   EXPECT_EQ(ColourInstance(7u)->name, "blue");
-  EXPECT_EQ(ColourInstance(String("green"))->value, 1u);
-  EXPECT_EQ(ColourInstance(3u), nullptr);
-  EXPECT_EQ(ColourInstance(String("Green")), nullptr);
+  EXPECT_EQ(Palette::ToneInstance(String("cool"))->value, 3u);
+  EXPECT_TRUE(ColourInstance(3u) == nullptr && ColourInstance(String("Green")) == nullptr);
   Colour c{};
   CharRange r("red, rest");
   sequenceToValue(r, &c);
