@@ -40,83 +40,43 @@ namespace Routing::Bgp {
 
 // What RFC 7606 says to do about a malformed message, from the mildest to the most severe, so that
 // of several errors in one UPDATE the worst wins (std::max).
-enum class ErrorAction : U8 {
-  none = 0,              // nothing is wrong
-  attributeDiscard = 1,  // drop the attribute, use the rest of the UPDATE (RFC 7606 section 2)
-  treatAsWithdraw = 2,   // every route the UPDATE announces is withdrawn instead
-  afiSafiDisable = 3,    // stop the address family on this session (RFC 4760 section 7)
-  sessionReset = 4,      // send a NOTIFICATION and close the session (RFC 4271 section 6)
-};
-
-constexpr auto kelpEnum(Kelp::Tag<ErrorAction>) {
-  return Kelp::enumType<ErrorAction>("Routing::Bgp::ErrorAction", {{ErrorAction::none, "none"},
-                                                                  {ErrorAction::attributeDiscard, "attributeDiscard"},
-                                                                  {ErrorAction::treatAsWithdraw, "treatAsWithdraw"},
-                                                                  {ErrorAction::afiSafiDisable, "afiSafiDisable"},
-                                                                  {ErrorAction::sessionReset, "sessionReset"}});
-}
-KELP_ENUM_FUNCTIONS(ErrorAction)
+KELP_ENUM(enum class, ErrorAction, U8, "Routing::Bgp::ErrorAction", named,
+          none = 0,              // nothing is wrong
+          attributeDiscard = 1,  // drop the attribute, use the rest of the UPDATE (RFC 7606 section 2)
+          treatAsWithdraw = 2,   // every route the UPDATE announces is withdrawn instead
+          afiSafiDisable = 3,    // stop the address family on this session (RFC 4760 section 7)
+          sessionReset = 4)      // send a NOTIFICATION and close the session (RFC 4271 section 6)
 
 // The rule a message broke.
-enum class ReadRule : U8 {
-  none = 0,
-  truncated,            // a field needs more octets than its container holds
-  // Header (RFC 4271 section 4.1, RFC 8654).
-  badMarker,            // the 16 marker octets are not all ones
-  badMessageLength,     // below 19, above 4096 (65535 with extended messages) or not the type's size
-  badMessageType,       // not 1 to 5
-  // OPEN (RFC 4271 section 4.2, RFC 5492).
-  badVersion,           // not version 4
-  badHoldTime,          // 1 or 2 seconds
-  badOptionalParameters,  // parameter lengths that do not add up
-  badCapability,        // a known capability of the wrong length
-  // UPDATE (RFC 4271 section 4.3, RFC 7606).
-  badWithdrawnLength,   // the withdrawn routes length runs past the message
-  badAttributesLength,  // the total path attribute length runs past the message
-  attributePastEnd,     // an attribute's length runs past the path attributes
-  badAttributeFlags,    // the optional/transitive bits are wrong for a known attribute
-  badAttributeLength,   // a known attribute's length is not what its type allows
-  duplicateAttribute,   // the same type code twice
-  missingMandatory,     // ORIGIN, AS_PATH or NEXT_HOP absent from an UPDATE that announces routes
-  unknownWellKnown,     // a well-known (not optional) attribute this reader does not know
-  badOrigin,            // ORIGIN above 2
-  badAsPathSegment,     // a segment of unknown type, of zero length or past its attribute
-  badNextHop,           // a next hop of a length the address family does not allow
-  badPrefixLength,      // a prefix longer than its family allows
-  badLabelStack,        // a labelled prefix whose labels run past its length
-  badMpReach,           // MP_REACH_NLRI / MP_UNREACH_NLRI whose fields do not add up
-  // NOTIFICATION, ROUTE-REFRESH (RFC 4271 section 4.5, RFC 2918, RFC 7313).
-  badRouteRefresh,      // not AFI, subtype, SAFI
-};
-
-constexpr auto kelpEnum(Kelp::Tag<ReadRule>) {
-  return Kelp::enumType<ReadRule>("Routing::Bgp::ReadRule",
-                                  {{ReadRule::none, "none"},
-                                   {ReadRule::truncated, "truncated"},
-                                   {ReadRule::badMarker, "badMarker"},
-                                   {ReadRule::badMessageLength, "badMessageLength"},
-                                   {ReadRule::badMessageType, "badMessageType"},
-                                   {ReadRule::badVersion, "badVersion"},
-                                   {ReadRule::badHoldTime, "badHoldTime"},
-                                   {ReadRule::badOptionalParameters, "badOptionalParameters"},
-                                   {ReadRule::badCapability, "badCapability"},
-                                   {ReadRule::badWithdrawnLength, "badWithdrawnLength"},
-                                   {ReadRule::badAttributesLength, "badAttributesLength"},
-                                   {ReadRule::attributePastEnd, "attributePastEnd"},
-                                   {ReadRule::badAttributeFlags, "badAttributeFlags"},
-                                   {ReadRule::badAttributeLength, "badAttributeLength"},
-                                   {ReadRule::duplicateAttribute, "duplicateAttribute"},
-                                   {ReadRule::missingMandatory, "missingMandatory"},
-                                   {ReadRule::unknownWellKnown, "unknownWellKnown"},
-                                   {ReadRule::badOrigin, "badOrigin"},
-                                   {ReadRule::badAsPathSegment, "badAsPathSegment"},
-                                   {ReadRule::badNextHop, "badNextHop"},
-                                   {ReadRule::badPrefixLength, "badPrefixLength"},
-                                   {ReadRule::badLabelStack, "badLabelStack"},
-                                   {ReadRule::badMpReach, "badMpReach"},
-                                   {ReadRule::badRouteRefresh, "badRouteRefresh"}});
-}
-KELP_ENUM_FUNCTIONS(ReadRule)
+KELP_ENUM(enum class, ReadRule, U8, "Routing::Bgp::ReadRule", named,
+          none = 0,
+          truncated,            // a field needs more octets than its container holds
+          // Header (RFC 4271 section 4.1, RFC 8654).
+          badMarker,            // the 16 marker octets are not all ones
+          badMessageLength,     // below 19, above 4096 (65535 with extended messages) or not the type's size
+          badMessageType,       // not 1 to 5
+          // OPEN (RFC 4271 section 4.2, RFC 5492).
+          badVersion,           // not version 4
+          badHoldTime,          // 1 or 2 seconds
+          badOptionalParameters,  // parameter lengths that do not add up
+          badCapability,        // a known capability of the wrong length
+          // UPDATE (RFC 4271 section 4.3, RFC 7606).
+          badWithdrawnLength,   // the withdrawn routes length runs past the message
+          badAttributesLength,  // the total path attribute length runs past the message
+          attributePastEnd,     // an attribute's length runs past the path attributes
+          badAttributeFlags,    // the optional/transitive bits are wrong for a known attribute
+          badAttributeLength,   // a known attribute's length is not what its type allows
+          duplicateAttribute,   // the same type code twice
+          missingMandatory,     // ORIGIN, AS_PATH or NEXT_HOP absent from an UPDATE that announces routes
+          unknownWellKnown,     // a well-known (not optional) attribute this reader does not know
+          badOrigin,            // ORIGIN above 2
+          badAsPathSegment,     // a segment of unknown type, of zero length or past its attribute
+          badNextHop,           // a next hop of a length the address family does not allow
+          badPrefixLength,      // a prefix longer than its family allows
+          badLabelStack,        // a labelled prefix whose labels run past its length
+          badMpReach,           // MP_REACH_NLRI / MP_UNREACH_NLRI whose fields do not add up
+          // NOTIFICATION, ROUTE-REFRESH (RFC 4271 section 4.5, RFC 2918, RFC 7313).
+          badRouteRefresh)      // not AFI, subtype, SAFI
 
 // A malformed input: which rule, where, and what to do about it. A default ReadError is "no error"
 // and tests false.

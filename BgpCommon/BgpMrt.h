@@ -91,34 +91,18 @@ struct MrtRecord {
 };
 
 // What was wrong.
-enum class MrtProblem : U8 {
-  none = 0,
-  truncatedRecord,      // the file ends inside a record (or its header)
-  recordTooLong,        // a length above mrtMaxRecordLength
-  lengthMismatch,       // the record's content runs past its length, or stops short of it
-  badRecord,            // a field out of range (a prefix length, an address family, a count)
-  peerIndexOutOfRange,  // a RIB entry names a peer the peer index table does not have
-  noPeerIndexTable,     // a RIB record before any PEER_INDEX_TABLE
-  badAttributes,        // the path attributes broke a rule (`error` says which)
-  badMessage,           // the BGP message of a BGP4MP record broke a rule (`error` says which)
-  badCompression,       // the compressed stream is damaged or stops early
-  readFailed,           // the file could not be read (an I/O error)
-};
-constexpr auto kelpEnum(Kelp::Tag<MrtProblem>) {
-  return Kelp::enumType<MrtProblem>("Routing::Bgp::MrtProblem",
-                                    {{MrtProblem::none, "none"},
-                                     {MrtProblem::truncatedRecord, "truncatedRecord"},
-                                     {MrtProblem::recordTooLong, "recordTooLong"},
-                                     {MrtProblem::lengthMismatch, "lengthMismatch"},
-                                     {MrtProblem::badRecord, "badRecord"},
-                                     {MrtProblem::peerIndexOutOfRange, "peerIndexOutOfRange"},
-                                     {MrtProblem::noPeerIndexTable, "noPeerIndexTable"},
-                                     {MrtProblem::badAttributes, "badAttributes"},
-                                     {MrtProblem::badMessage, "badMessage"},
-                                     {MrtProblem::badCompression, "badCompression"},
-                                     {MrtProblem::readFailed, "readFailed"}});
-}
-KELP_ENUM_FUNCTIONS(MrtProblem)
+KELP_ENUM(enum class, MrtProblem, U8, "Routing::Bgp::MrtProblem", named,
+          none = 0,
+          truncatedRecord,      // the file ends inside a record (or its header)
+          recordTooLong,        // a length above mrtMaxRecordLength
+          lengthMismatch,       // the record's content runs past its length, or stops short of it
+          badRecord,            // a field out of range (a prefix length, an address family, a count)
+          peerIndexOutOfRange,  // a RIB entry names a peer the peer index table does not have
+          noPeerIndexTable,     // a RIB record before any PEER_INDEX_TABLE
+          badAttributes,        // the path attributes broke a rule (`error` says which)
+          badMessage,           // the BGP message of a BGP4MP record broke a rule (`error` says which)
+          badCompression,       // the compressed stream is damaged or stops early
+          readFailed)           // the file could not be read (an I/O error)
 
 // One damage: what, where, and whether reading went on after it.
 struct MrtDamage {

@@ -53,6 +53,24 @@ struct EnumDesc {
   EnumNumbers numbers = EnumNumbers::named;
 };
 
+// An enumeration whose texts are not its identifiers (a protocol's own names: "OPEN",
+// "AS_PATH") is described by hand, each enumerator with its text; KELP_ENUM below serves the rest.
+template <typename E>
+struct EnumEntry {
+  E value;
+  const char* name;
+};
+
+template <typename E, std::size_t N>
+constexpr EnumDesc<E, N> enumType(std::string_view typeName, const EnumEntry<E> (&entries)[N],
+                                  EnumNumbers numbers = EnumNumbers::named) {
+  EnumDesc<E, N> d{typeName, {}, numbers};
+  for (std::size_t i = 0; i < N; ++i) {
+    d.entries[i] = EnumEntryInfo{static_cast<std::uint64_t>(entries[i].value), entries[i].name};
+  }
+  return d;
+}
+
 template <typename E>
 concept DescribedEnum = std::is_enum_v<E> && requires { kelpEnum(Tag<E>{}); };
 
