@@ -51,7 +51,8 @@ struct MrtFile::Stream {
   MrtProblem failure = MrtProblem::none;  // damaged, cut short or unreadable: nothing more comes
   bz_stream bz{};
   z_stream z{};
-  bool open = false;  // the decompressor is initialised
+  bool open = false;      // the decompressor is initialised
+  bool finished = false;  // the last stream ended with the file: nothing more to decompress
 
   ~Stream() {
     if (fd >= 0) ::close(fd);
@@ -136,7 +137,7 @@ bool MrtFile::fill(std::size_t need) {
     begin_ = 0;
   }
   if (buffer_.size() < need) buffer_.resize(need);
-  while (end_ < need) {
+  while (end_ < need && !s.finished) {
     const bool bzip2 = compression_ == Compression::bzip2;
     const unsigned availIn = bzip2 ? s.bz.avail_in : s.z.avail_in;
     if (availIn == 0 && !s.inputEnded) {
@@ -183,12 +184,13 @@ bool MrtFile::fill(std::size_t need) {
         while (n < 0 && errno == EINTR);
         if (n <= 0) {
           if (n < 0) s.failure = MrtProblem::readFailed;
-          s.inputEnded = true;
+          s.inputEnded = s.finished = true;
           break;
         }
         if (bzip2) s.bz.next_in = s.input.data(), s.bz.avail_in = static_cast<unsigned>(n);
         else s.z.next_in = reinterpret_cast<Bytef*>(s.input.data()), s.z.avail_in = static_cast<uInt>(n);
       } else if (rest == 0) {
+        s.finished = true;
         break;
       }
       if (bzip2) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -67,6 +68,21 @@ TEST(MrtCommand, BgpdumpOptionPrintsExactlyWhatBgpdumpPrints) {
     const bool cutShort = file != kUpdates;
     EXPECT_EQ(ours.status, cutShort ? 1 : 0) << ours.err;
     EXPECT_EQ(ours.err.find("badCompression at offset") != std::string::npos, cutShort) << ours.err;
+  }
+}
+
+// Whole compressed files read to their end without damage (bzip2 and gzip, one stream and two).
+TEST(MrtCommand, CompressedFilesReadWhole) {
+  const std::vector<std::string> plain = lines(runTool("mrt --bgpdump " + kUpdates, true).out);
+  const std::string dir = ::testing::TempDir();
+  for (const std::string compress : {"bzip2 -c", "gzip -c"}) {
+    const std::string file = dir + "whole-" + compress.substr(0, 4);
+    ASSERT_EQ(std::system((compress + " '" + kUpdates + "' > " + file + "; " + compress + " '" + kUpdates + "' >> " + file).c_str()), 0);
+    const auto r = runTool("mrt --bgpdump " + file, true);
+    EXPECT_EQ(r.status, 0) << compress << ": " << r.err;
+    std::vector<std::string> twice = plain;
+    twice.insert(twice.end(), plain.begin(), plain.end());
+    EXPECT_EQ(difference(lines(r.out), twice), "") << compress;
   }
 }
 
