@@ -46,7 +46,7 @@ void MrtRib::route(const MrtRoute& r) {
                                                                                 : ipv6_->dedupFromIpGenPrefix(r.prefix);
     runs_.push_back({std::move(key), static_cast<U32>(paths_.size()), 0});
   }
-  paths_.push_back({sets_->dedupRibEntry(r.attributeOctets, *r.options), r.pathId, peerOf(r)});
+  paths_.push_back({sets_->dedupRibEntry(r.attributeOctets, *r.options, scratch_), r.pathId, peerOf(r)});
   ++runs_.back().count;
 }
 

@@ -94,6 +94,7 @@ class MrtRib : public MrtVisitor {
   bool peerIndexed_ = false;   // peers_ is a peer index table (TABLE_DUMP_V2)
   Netzo::IpGenPrefix runPrefix_;  // the prefix of runs_.back()
   std::size_t ignored_ = 0;
+  std::vector<U8> scratch_;  // a set's canonical octets, when they differ from the entry's
 };
 
 }  // namespace Routing::Bgp

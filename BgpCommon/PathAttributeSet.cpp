@@ -1,10 +1,12 @@
 #include "BgpCommon/PathAttributeSet.h"
 
+#include <absl/hash/hash.h>
+
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "BgpCommon/BgpDeserialize.h"
-#include "platform/Brim/HashMix.h"
 #include "platform/Kelp/Exception.h"
 #include "platform/Kelp/Registry.h"
 #include "platform/Pico/Format.h"
@@ -30,12 +32,14 @@ void PathAttributeSet::operator delete(PathAttributeSet* p, std::destroying_dele
   KelpStash::deallocate(p, size);
 }
 
+// Abseil's hash of the octets: a set is tens of octets long, where its word-at-a-time mixing runs
+// several times faster than a field-by-field accumulator. Its seed differs from process to process,
+// which costs nothing here (the table is the process's own) and keeps a peer from aiming sets at
+// one run of slots.
 std::uint32_t PathAttributeSet::hashOf(std::span<const U8> octets, std::uint32_t mpReachWord, bool fourOctetAs) {
-  Brim::HashMix h;
-  h.mixBytes4(mpReachWord);
-  h.mixBytes1(fourOctetAs ? 1 : 0);
-  h.mixBytes(octets.data(), octets.size());
-  return h.value();
+  const std::size_t h = absl::HashOf(
+      std::string_view(reinterpret_cast<const char*>(octets.data()), octets.size()), mpReachWord, fourOctetAs);
+  return static_cast<std::uint32_t>(h ^ (h >> 32));
 }
 
 bool PathAttributeSet::same(std::span<const U8> o, std::uint32_t mpReachWord, bool fourOctetAs) const {
@@ -112,8 +116,8 @@ std::span<const U8> ribEntryAttributes(std::span<const U8> octets, const Session
 }
 
 Kelp::Ptr<const PathAttributeSet> PathAttributeSetDedupTable::dedupRibEntry(std::span<const U8> octets,
-                                                                            const SessionOptions& options) const {
-  thread_local std::vector<U8> scratch;
+                                                                            const SessionOptions& options,
+                                                                            std::vector<U8>& scratch) const {
   return dedup(ribEntryAttributes(octets, options, scratch), options);
 }
 

@@ -103,8 +103,10 @@ class PathAttributeSetDedupTable : public Kelp::PtrInterface {
   // The one set of these octets read with these options, created when absent. Octets longer than
   // PathAttributeSet::kMaxOctets throw Kelp::RangeException, interning nothing.
   Kelp::Ptr<const PathAttributeSet> dedup(std::span<const U8> octets, const SessionOptions& options) const;
-  // The same for the attributes of an MRT RIB entry, in their canonical form (ribEntryAttributes).
-  Kelp::Ptr<const PathAttributeSet> dedupRibEntry(std::span<const U8> octets, const SessionOptions& options) const;
+  // The same for the attributes of an MRT RIB entry, in their canonical form (ribEntryAttributes,
+  // into `scratch`).
+  Kelp::Ptr<const PathAttributeSet> dedupRibEntry(std::span<const U8> octets, const SessionOptions& options,
+                                                  std::vector<U8>& scratch) const;
   // The set if it is interned, else null; never inserts.
   Kelp::Ptr<const PathAttributeSet> find(std::span<const U8> octets, const SessionOptions& options) const;
   // The number of distinct sets interned.
