@@ -104,7 +104,10 @@ def main(paths):
         floor, floor_lo, floor_hi = take("kFloorNs")
         floor_ratio, floor_ratio_lo, floor_ratio_hi = take("kFloorRatio")
         floor_goal, _, _ = take("kFloorGoal")
-        ns = lambda v: f"{v:.4g} ns"
+        label = b.get("label", "")
+        # A duel of something other than time names its unit: "unit: bytes per route".
+        unit = label.removeprefix("unit: ") if label.startswith("unit: ") else "ns"
+        ns = lambda v: f"{v:.4g} {unit}"
         times = lambda v: f"{v:.2f}x"
         met = goal_text = ratio_text = ""
         if ratio is not None and goal:
@@ -121,9 +124,8 @@ def main(paths):
             other = (other + ", " if other else "") + f"median of {repetitions}"
         ours_text = f"{b['real_time']:.4g} {b['time_unit']}" if ours is None else ranged(ours, ours_lo, ours_hi, ns)
         peer_text = "" if peer is None else ranged(peer, peer_lo, peer_hi, ns)
-        label = b.get("label", "")
         peer_name = label.split(";")[0].removeprefix("peer: ") if label.startswith("peer: ") else ""
-        if label and not peer_name and not label.startswith("goal:"):
+        if label and not peer_name and not label.startswith(("goal:", "unit: ")):
             other = (other + ", " if other else "") + label
         rows.append((program, name + (f" vs {peer_name}" if peer_name else ""), ours_text, peer_text,
                      ratio_text, goal_text, met, other))

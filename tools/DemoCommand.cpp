@@ -1,6 +1,7 @@
 // bgpcommon demo: static routes redistributed into BGP, across two processes.
 //
-//   bgpcommon demo [--routes N] [--root DIR]   the redistribution flow (default 100000 routes)
+//   bgpcommon demo [--routes N] [--rib FILE] [--root DIR]   the redistribution flow (default 100000
+//                                                            routes; --rib: the prefixes of a RIB dump)
 //
 // This process plays the configuring agent: it evaluates a redistribution policy over generated
 // static routes, interns the results (IgpResultTable), which publishes one record per distinct
@@ -26,6 +27,7 @@
 #include "BgpCommon/FilteredRtStatus.h"
 #include "BgpCommon/IgpResultDedupTable.h"
 #include "BgpCommon/IgpResultStatusReaderHelper.h"
+#include "BgpCommon/MrtRib.h"
 #include "tools/Command.h"
 #include "tools/JsonSupport.h"
 #include "tools/Progress.h"
@@ -59,8 +61,13 @@ FILE* narrative = stdout;
 
 // ---- The policy --------------------------------------------------------------------------
 
-// Static route i: 10.0.0.0/24 onwards, one /24 after the other.
+// With --rib, the prefixes of a real table, each once, in the order of the dump.
+std::vector<Netzo::IpGenPrefix> ribPrefixes;
+
+// Static route i: the i-th prefix of the table given, else 10.0.0.0/24 onwards, one /24 after the
+// other.
 Netzo::IpGenPrefix routePrefix(std::uint32_t i) {
+  if (!ribPrefixes.empty()) return ribPrefixes[i];
   return Netzo::IpGenPrefix(Netzo::IpAddr::fromHostOrder(0x0A000000u + (i << 8)), 24);
 }
 
@@ -111,6 +118,8 @@ std::optional<tools::ReaderReport> runReader(const std::vector<std::string>& arg
 
 struct Options {
   std::uint32_t routes = 100000;
+  bool routesGiven = false;
+  std::string rib;  // a RIB dump whose prefixes the static routes take
   std::string root;
   bool json = false;
 };
@@ -137,13 +146,14 @@ struct DemoSummary {
   std::uint64_t milliseconds = 0;
   Kelp::String root;
   bool temporary = false;  // the root is the demo's own, removed at the end
+  tools::JsonMaybe<Kelp::String> rib;  // the dump the prefixes came from
   friend constexpr auto kelpType(Kelp::Tag<DemoSummary>) {
     return Kelp::valueType<DemoSummary>(
         "tools::DemoSummary", Kelp::field("routes", &DemoSummary::routes),
         Kelp::field("outcomes", &DemoSummary::outcomes), Kelp::field("freed", &DemoSummary::freed),
         Kelp::field("freedReused", &DemoSummary::freedReused), Kelp::field("passes", &DemoSummary::passes),
         Kelp::field("milliseconds", &DemoSummary::milliseconds), Kelp::field("root", &DemoSummary::root),
-        Kelp::field("temporary", &DemoSummary::temporary));
+        Kelp::field("temporary", &DemoSummary::temporary), Kelp::field("rib", &DemoSummary::rib));
   }
 };
 
@@ -160,6 +170,7 @@ class Demo {
   int run() {
     const auto start = Clock::now();
     std::fprintf(narrative, "Redistributing %u static routes into BGP, across two processes.\n", opt_.routes);
+    if (!opt_.rib.empty()) std::fprintf(narrative, "Their prefixes are those of the RIB dump %s.\n", opt_.rib.c_str());
     std::fprintf(narrative, "Tables under %s%s\n", root_.path().c_str(), root_.temporary() ? " (temporary)" : "");
     if (!root_.temporary()) {
       std::fprintf(narrative, "(watch the records come and go: bgpcommon igp-results watch %s --root %s)\n",
@@ -187,7 +198,8 @@ class Demo {
                 .passes = passes_,
                 .milliseconds = static_cast<std::uint64_t>(msSince(start)),
                 .root = root_.path(),
-                .temporary = root_.temporary()};
+                .temporary = root_.temporary(),
+                .rib = {opt_.rib.empty() ? std::nullopt : std::optional<Kelp::String>(opt_.rib)}};
     if (root_.temporary()) {
       std::fprintf(narrative, "Temporary tables removed.\n");
     } else {
@@ -370,10 +382,35 @@ class Demo {
   std::uint32_t checksFailed_ = 0;  // checks of this process's own (identifier reuse)
 };
 
-void runDemo(const Options& opt) {
+// The distinct prefixes of the dump, at most `limit` of them. A damaged record is named on standard
+// error; the prefixes read around it are used.
+std::vector<Netzo::IpGenPrefix> prefixesOf(const std::string& path, std::uint32_t limit) {
+  Routing::Bgp::MrtRib rib;
+  rib.onDamage = [&](const Routing::Bgp::MrtDamage& d) { std::fprintf(stderr, "%s: %s\n", path.c_str(), d.toStrep().c_str()); };
+  Routing::Bgp::MrtFile file(path);
+  rib.load(file);
+  std::vector<Netzo::IpGenPrefix> prefixes = rib.distinctPrefixes();
+  if (prefixes.size() > limit) prefixes.resize(limit);
+  return prefixes;
+}
+
+void runDemo(Options opt) {
   int code = 0;
   std::optional<DemoSummary> summary;
   narrative = opt.json ? stderr : stdout;
+  if (!opt.rib.empty()) {
+    try {
+      ribPrefixes = prefixesOf(opt.rib, opt.routesGiven ? opt.routes : UINT32_MAX);
+    } catch (const Routing::Bgp::MrtOpenError& e) {
+      std::fprintf(stderr, "demo failed: %s\n", e.what());
+      tools::exitWith(tools::exitFailure);
+    }
+    if (ribPrefixes.empty()) {
+      std::fprintf(stderr, "demo failed: %s holds no RIB entries\n", opt.rib.c_str());
+      tools::exitWith(tools::exitFailure);
+    }
+    opt.routes = static_cast<std::uint32_t>(ribPrefixes.size());
+  }
   try {
     Shelf::TempRoot root(opt.root, "bgpcommon-demo");
     tools::RemoveOnSignal removeOnSignal(root);  // interrupted (Ctrl-C, kill, a closed pipe): no tables left
@@ -392,12 +429,18 @@ void runDemo(const Options& opt) {
 tools::CommandRegistration reg("demo", [](CLI::App& app) {
   static Options opt;
   auto* demo = app.add_subcommand("demo", "Redistribute static routes into BGP across two processes");
-  demo->add_option("--routes", opt.routes, "How many static routes (default 100000)")->check(CLI::Range(1u, 1000000u));
+  demo->add_option("--routes", opt.routes, "How many static routes (default 100000; with --rib, at most this many)")
+      ->check(CLI::Range(1u, 1000000u))
+      ->each([](const std::string&) { opt.routesGiven = true; });
+  demo->add_option("--rib", opt.rib, "Take the routes' prefixes from this RIB dump (MRT), each once")
+      ->type_name("FILE")
+      ->check(tools::nonEmpty);
   demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)")
       ->type_name("DIR");
   demo->add_flag("--json", opt.json, "Print the summary as one JSON object (the steps go to standard error)");
   demo->footer(
-      "This process evaluates a policy over generated static routes, interns the results (one record and\n"
+      "This process evaluates a policy over generated static routes (with --rib, routes to the prefixes of\n"
+      "a real table), interns the results (one record and\n"
       "identifier per distinct outcome, published in a shared-memory table) and publishes every route with\n"
       "its identifier. A separate reader process looks every route up as redistribution does and reports\n"
       "what it found. Then some outcomes are released and new ones take their identifiers. Exits 1 when\n"

@@ -55,6 +55,19 @@ struct JsonRaw {
 };
 inline void kelpJson(Kelp::String& out, const JsonRaw& r) { out += r.text; }
 
+// A number that need not be whole, in the shortest text that reads back exactly (null when it is
+// not finite).
+struct JsonReal {
+  double value = 0;
+};
+inline void kelpJson(Kelp::String& out, const JsonReal& r) {
+  if (!std::isfinite(r.value)) {
+    out += "null";
+  } else {
+    fmt::format_to(std::back_inserter(out), "{}", r.value);
+  }
+}
+
 // A time stamp as seconds since 1970-01-01 UTC (fractional), or null for 0.0, which the events
 // tracking stamps use for "never".
 struct JsonStamp {

@@ -70,4 +70,21 @@ TEST(DemoCommand, ToggleOffAndAGivenRoot) {
   EXPECT_EQ(stat((root.path() + "/routing/rib/filteredRtStatus/static").c_str(), &st), 0);
 }
 
+// --rib: the routes are the distinct prefixes of a real table, each looked up by the reader.
+TEST(DemoCommand, OnThePrefixesOfARibDump) {
+  const std::string file = "/usr/lib/python3/dist-packages/data/rib.20140523.0600_firstMB.bz2";
+  FILE* p = popen(("bgpdump -m " + file + " 2>/dev/null | cut -d'|' -f6 | sort -u | wc -l").c_str(), "r");
+  int prefixes = 0;
+  if (p == nullptr || std::fscanf(p, "%d", &prefixes) != 1) prefixes = 0;
+  if (p != nullptr) pclose(p);
+  ASSERT_GT(prefixes, 1000) << "bgpdump and python3-pyasn come from scripts/setup";
+  const json s = runDemo("demo --rib " + file);
+  EXPECT_EQ(s["routes"], prefixes);
+  EXPECT_EQ(s["rib"], file);
+  const auto p0 = passes(s);
+  ASSERT_EQ(p0.size(), 3u) << s;
+  EXPECT_EQ(p0[0], (std::array<int, 4>{prefixes - prefixes / 25, prefixes / 25, 0, 0}));
+  EXPECT_EQ(runDemo("demo --routes 500 --rib " + file)["routes"], 500);
+}
+
 }  // namespace

@@ -24,7 +24,7 @@ std::string written(const std::string& kind) {
 // What bash offers after each command line, as a user pressing Tab sees it.
 TEST(DocsCommand, CompletionOffersCommandsOptionsAndTypeNames) {
   const std::pair<const char*, const char*> cases[] = {
-      {"bgpcommon ", "demo events-tracking filtered-routes igp-results mrt route-target value --help -h --version"},
+      {"bgpcommon ", "demo events-tracking filtered-routes igp-results mrt rib route-target value --help -h --version"},
       {"bgpcommon igp-results w", "watch write"},
       {"bgpcommon igp-results watch t --", "--help --root --current --count --timeout --json"},
       {"bgpcommon igp-results watch t --count ", ""},
