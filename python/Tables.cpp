@@ -48,10 +48,7 @@ namespace bgpcommon_python {
 
 namespace {
 
-using Routing::BgpRedistribute::FilteredRoute;
 using Routing::BgpRedistribute::FilteredRtStatus;
-using Routing::BgpRedistribute::IgpResult;
-using Routing::BgpRedistribute::IgpResultId;
 using Routing::BgpRedistribute::IgpResultStatus;
 
 PyObject* corruptionError = nullptr;

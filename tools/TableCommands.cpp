@@ -32,9 +32,7 @@
 
 namespace {
 
-using Routing::BgpRedistribute::FilteredRoute;
 using Routing::BgpRedistribute::FilteredRtStatus;
-using Routing::BgpRedistribute::IgpResult;
 using Routing::BgpRedistribute::IgpResultId;
 using Routing::BgpRedistribute::IgpResultStatus;
 
