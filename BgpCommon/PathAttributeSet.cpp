@@ -44,7 +44,7 @@ std::uint32_t PathAttributeSet::hashOf(std::span<const U8> octets, std::uint32_t
 
 bool PathAttributeSet::same(std::span<const U8> o, std::uint32_t mpReachWord, bool fourOctetAs) const {
   return length_ == o.size() && mpReachWord_ == mpReachWord && (fourOctetAs_ != 0) == fourOctetAs &&
-         std::memcmp(this + 1, o.data(), o.size()) == 0;
+         std::memcmp(octets().data(), o.data(), o.size()) == 0;
 }
 
 SessionOptions PathAttributeSet::options() const {
