@@ -12,7 +12,7 @@ struct V4Content : Brim::DedupContentHandle {
   std::uint32_t address;
   std::uint8_t length;
   V4Content(std::uint32_t a, std::uint8_t l) : address(a), length(l) {}
-  static std::uint32_t hashOf(std::uint32_t a, std::uint8_t l) {
+  [[gnu::always_inline]] static std::uint32_t hashOf(std::uint32_t a, std::uint8_t l) {
     Brim::HashMix h;
     h.mixBytes4(a);
     h.mixBytes1(l);
@@ -39,13 +39,21 @@ struct V4Key final : KelpStash::DedupHandleWithTableInHeap {
   }
 };
 
+// The 16 address octets compared as two 8-octet halves (std::array's == calls memcmp).
+inline bool sameWords(const std::array<std::uint32_t, 4>& a, const std::array<std::uint32_t, 4>& b) {
+  std::uint64_t x[2], y[2];
+  std::memcpy(x, a.data(), 16);
+  std::memcpy(y, b.data(), 16);
+  return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0;
+}
+
 struct V6Content : Brim::DedupContentHandle {
   std::array<std::uint32_t, 4> words;
   std::uint8_t length;
   V6Content(const std::array<std::uint32_t, 4>& w, std::uint8_t l) : words(w), length(l) {}
-  static std::uint32_t hashOf(const std::array<std::uint32_t, 4>& w, std::uint8_t l) {
+  [[gnu::always_inline]] static std::uint32_t hashOf(const std::array<std::uint32_t, 4>& w, std::uint8_t l) {
     Brim::HashMix h;
-    for (std::uint32_t x : w) h.mixBytes4(x);
+    h.mixBytes4Each(w);
     h.mixBytes1(l);
     return h.value();
   }
@@ -58,11 +66,11 @@ struct V6Key final : KelpStash::DedupHandleWithTableInHeap {
   std::uint32_t hash() const override { return V6Content::hashOf(words, length); }
   bool compare(const Brim::DedupHandleBase* o) const override {
     auto* k = static_cast<const V6Key*>(o);
-    return k->length == length && k->words == words;
+    return k->length == length && sameWords(k->words, words);
   }
   bool compareByContent(const Brim::DedupContentHandle& c) const override {
     auto& k = static_cast<const V6Content&>(c);
-    return k.length == length && k.words == words;
+    return k.length == length && sameWords(k.words, words);
   }
   static Brim::DedupHandleBase* alloc(const Brim::DedupContentHandle& c) {
     auto& k = static_cast<const V6Content&>(c);
@@ -102,6 +110,8 @@ struct PlainV4 {
   }
   static Peer peer(const Prefix& p) { return {p.addressNbo, p.length}; }
   static void dropTable() {}
+  static std::uint32_t hash(const Prefix& p) { return V4Content::hashOf(p.addressNbo, p.length); }
+  static bool matches(const Held& k, const Prefix& p) { return k->compareByContent(V4Content(p.addressNbo, p.length)); }
 };
 
 struct PlainV6 {
@@ -116,6 +126,8 @@ struct PlainV6 {
   }
   static Peer peer(const Prefix& p) { return {p.words, p.length}; }
   static void dropTable() {}
+  static std::uint32_t hash(const Prefix& p) { return V6Content::hashOf(p.words, p.length); }
+  static bool matches(const Held& k, const Prefix& p) { return k->compareByContent(V6Content(p.words, p.length)); }
 };
 
 const std::vector<bench::V4Prefix>& real2014v4() { return bench::Tables::get().real2014.v4; }

@@ -142,7 +142,8 @@ TEST(RouteKeyContents, TextFormsAndConformance) {
   testing_support::expectValueConformance<Ipv4RouteKeyContent>(
       {{}, one, {Netzo::IpAddr(255, 255, 255, 255), 32}, {Netzo::IpAddr(10, 0, 0, 0), 33}});
   testing_support::expectValueConformance<Ipv6RouteKeyContent>(
-      {{}, doc, {Netzo::Ip6Addr::fromString("::ffff:192.0.2.1"), 128}, {Netzo::Ip6Addr::fromString("fe80::1"), 64}});
+      {{}, doc, {Netzo::Ip6Addr::fromString("::ffff:192.0.2.1"), 128}, {Netzo::Ip6Addr::fromString("fe80::1"), 64},
+       {Netzo::Ip6Addr::fromString("fe80::2"), 64}});
   EXPECT_THROW(Kelp::strepToValue<Ipv6RouteKeyContent>(
                    "Value('Routing::Bgp::IpPlugin::Ipv6RouteKeyContent', ** {'address': 2001:db8:::1, 'prefixLength': 32})"),
                Kelp::RangeException);

@@ -1,5 +1,6 @@
 #include "platform/Brim/HashMix.h"
 
+#include <array>
 #include <bit>
 #include <cstring>
 #include <random>
@@ -43,6 +44,12 @@ TEST(HashMix, DependsOnSeedWidthsLengthAndOrder) {
   pieces.mixBytes4(w4b);
   pieces.mixBytes1(13);
   EXPECT_EQ(run.value(), pieces.value());
+
+  // The words of an array, fed at once, are the same pieces in the same order.
+  HashMix each, oneByOne;
+  each.mixBytes4Each(std::array<std::uint32_t, 3>{7, 8, 9});
+  for (std::uint32_t w : {7u, 8u, 9u}) oneByOne.mixBytes4(w);
+  EXPECT_EQ(each.value(), oneByOne.value());
 }
 
 // Flipping any one input bit flips close to half of the output bits, whatever the bit's position:
