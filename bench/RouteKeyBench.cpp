@@ -41,6 +41,8 @@ struct Subject {
   }
   static void dropTable() { current() = nullptr; }
   static Held intern(Brim::DedupHashTable&, const Prefix& p) { return Key::dedupContent(*current(), MakeContent()(p)); }
+  static std::uint32_t hash(const Prefix& p) { return MakeContent()(p).hash(); }
+  static bool matches(const Held& k, const Prefix& p) { return k->compareByContent(MakeContent()(p)); }
 };
 
 struct MakeV4 {
