@@ -152,7 +152,14 @@ void DedupHashTable::adoptLocked(DedupHandleBase* handle, bool stored) {
                           (number_ << DedupHandleBase::kTableShift) |
                           static_cast<std::uint32_t>(DedupState::deduped),
                       std::memory_order_release);
-  handle->takeTwoRefs();  // the table's and the caller's
+  // The table's reference and the caller's. A handle no one holds a reference to (one just built
+  // by the table's allocation callback) is known to this thread alone, so its count is set with a
+  // plain store: interning a new key then takes no locked instruction.
+  if (handle->refCount() == 0) {
+    handle->refs_.store(2, std::memory_order_relaxed);
+  } else {
+    handle->takeTwoRefs();
+  }
   takeHandleRef();    // the handle's reference on its table
   if (!stored) storeInsert(handle);
   if (notifiee_ && hasNotificationActive()) notifiee_->handleInsert(Kelp::Ptr<DedupHandleBase>(handle));
