@@ -168,7 +168,7 @@ void BM_UpdateBody(benchmark::State& state) {
     state.counters["octets"] = s.writeOffset();
   }
   bench_support::pairedRun(
-      state, 64, 1.2,
+      state, 64, 1.1,
       [&] {
         benchmark::DoNotOptimize(&in);
         Serialize s;
