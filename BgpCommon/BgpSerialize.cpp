@@ -75,10 +75,20 @@ void forwardVectorCopy(void* to, const void* from, std::size_t n) {
 }
 #endif
 
-struct AliasedCopy {
-  CopyFn copy;
-  const char* name;
-};
+using AliasedCopy = Serialize::RunCopy;
+
+// The candidates this processor can run, memcpy first.
+std::span<const AliasedCopy> candidateCopies() {
+  static const std::vector<AliasedCopy> candidates = [] {
+    std::vector<AliasedCopy> all{{&plainCopy, "memcpy"}};
+#if defined(__SSE2__)
+    all.push_back({&forwardVectorCopy, "forward vector loop"});
+    if (__builtin_cpu_supports("avx2")) all.push_back({&backwardVectorCopy, "backward vector loop"});
+#endif
+    return all;
+  }();
+  return candidates;
+}
 
 // The copy for runs placed just past their source. Which is fastest differs between processors
 // (a string move that waits on such stores, or one that does not; vector loops forward or
@@ -86,11 +96,7 @@ struct AliasedCopy {
 // copies of 4 KiB each, placed as such runs are. memcpy stays unless a loop beats it by 5%.
 const AliasedCopy& aliasedCopy() {
   static const AliasedCopy chosen = [] {
-    std::vector<AliasedCopy> candidates{{&plainCopy, "memcpy"}};
-#if defined(__SSE2__)
-    candidates.push_back({&forwardVectorCopy, "forward vector loop"});
-    if (__builtin_cpu_supports("avx2")) candidates.push_back({&backwardVectorCopy, "backward vector loop"});
-#endif
+    const std::span<const AliasedCopy> candidates = candidateCopies();
     constexpr std::size_t kPage = 4096, kRun = kPage - 1, kAhead = 16;
     alignas(64) static char buffer[3 * kPage];
     std::memset(buffer, 0x5A, sizeof buffer);
@@ -125,6 +131,8 @@ void Serialize::copyAliasedRun(Octet* p, const U8* src, U32 n) { aliasedCopy().c
 
 const char* Serialize::aliasedRunCopy() { return aliasedCopy().name; }
 
+std::span<const Serialize::RunCopy> Serialize::aliasedRunCopies() { return candidateCopies(); }
+
 void Serialize::throwLimitExceeded() {
   throw Kelp::RangeException("Serialized bytes exceed bgpMaxExtendedMessageSize");
 }
@@ -138,7 +146,11 @@ void Serialize::growBuffer(U32 needed) {
   // capped there, the room check of every add also enforces the limit.
   if (newCapacity > bgpMaxExtendedMessageSize) newCapacity = bgpMaxExtendedMessageSize;
   if (newCapacity == capacity_) return;
+  moveTo(static_cast<U32>(newCapacity));
+}
 
+void Serialize::moveTo(U32 newCapacity) {
+  if (newCapacity > bgpMaxExtendedMessageSize) throwLimitExceeded();
   Octet* grown;
   if (buffer_ == inline_) {
     grown = static_cast<Octet*>(std::malloc(newCapacity));
@@ -149,16 +161,16 @@ void Serialize::growBuffer(U32 needed) {
     if (grown == nullptr) throw std::bad_alloc();  // realloc left the old block in place
   }
   buffer_ = grown;
-  capacity_ = static_cast<U32>(newCapacity);
+  capacity_ = newCapacity;
 }
 
 void Serialize::addIpGenAddr(const Netzo::IpGenAddr& a) {
   switch (a.family()) {
     case Netzo::AddressFamily::ipv4:
-      putOctets(reserve(4), a.octets(), 4);
+      putOctets(claim(4), a.octets(), 4);
       break;
     case Netzo::AddressFamily::ipv6:
-      putOctets(reserve(16), a.octets(), 16);
+      putOctets(claim(16), a.octets(), 16);
       break;
     default:
       PICO_ASSERT(0);
@@ -168,7 +180,7 @@ void Serialize::addIpGenAddr(const Netzo::IpGenAddr& a) {
 void Serialize::add3octetMplsLabelStack(const Netzo::MplsLabelStack& stack) {
   const U32 n = static_cast<U32>(stack.count());
   if (n > bgpMaxExtendedMessageSize / 3) throwLimitExceeded();  // more than any message holds
-  Octet* p = reserve(3 * n);
+  Octet* p = claim(3 * n);
   for (U32 i = 0; i < n; ++i) {
     // Entry: label(20) tc(3) s(1) ttl(8). NLRI label: label(20) 000 s(1).
     const U32 v = stack.hostEntry(i);

@@ -82,9 +82,9 @@ class Serialize {
 
   void addU8(U8 v) { addFields(v); }
   // Already in network order: the octets as they lie in memory.
-  void addU16n(U16 v) { putMemory(reserve(2), v); }
-  void addU32n(U32 v) { putMemory(reserve(4), v); }
-  void addU64n(const U64& v) { putMemory(reserve(8), v); }
+  void addU16n(U16 v) { putMemory(claim(2), v); }
+  void addU32n(U32 v) { putMemory(claim(4), v); }
+  void addU64n(const U64& v) { putMemory(claim(8), v); }
   // Host order in, big-endian out.
   void addU16hton(U16 v) { addFields(v); }
   void addU32hton(U32 v) { addFields(v); }
@@ -93,13 +93,13 @@ class Serialize {
   void addU24hton(U32 v) { addFields(U24{v}); }
   // Bits 19..0 of `v` in three octets, big-endian (the first octet's high nibble is zero).
   void addU20hton(U32 v) { addFields(U24{v & 0x0FFFFF}); }
-  void addData(const U8* data, U32 len) { copyRun(reserve(len), data, len); }
+  void addData(const U8* data, U32 len) { copyRun(claim(len), data, len); }
   void addString(const Kelp::String& s) { addData(reinterpret_cast<const U8*>(s.data()), static_cast<U32>(s.size())); }
   void addBytes(const Kelp::Bytes& b) { addData(b.data(), static_cast<U32>(b.size())); }
 
   // AFI in two octets, then SAFI in one (the MP_REACH_NLRI / MP_UNREACH_NLRI layout of RFC 4760).
   void addAfiSafi(AfiSafi afiSafi) {
-    Octet* p = reserve(3);
+    Octet* p = claim(3);
     put16(p, afiSafi.afi());
     // Only the narrowing to one octet needs the SAFI to be small.
     PICO_ASSERT(afiSafi.safi() <= 0xFF);
@@ -116,7 +116,7 @@ class Serialize {
     }
   }
   // The family as a two-octet AFI.
-  void addAddrFamily(Netzo::AddressFamily af) { put16(reserve(2), static_cast<U8>(af)); }
+  void addAddrFamily(Netzo::AddressFamily af) { put16(claim(2), static_cast<U8>(af)); }
   void addIpv4Addr(Netzo::IpAddr a) { addFields(a); }
   void addIpv6Addr(const Netzo::Ip6Addr& a) { addFields(a); }
   // Four or sixteen address octets by family, with neither family nor length.
@@ -159,7 +159,7 @@ class Serialize {
   template <typename... Fields>
   void addFields(const Fields&... fields) {
     constexpr U32 total = (fieldWidth(static_cast<const Fields*>(nullptr)) + ... + 0);
-    Octet* p = reserve(total);
+    Octet* p = claim(total);
     (putField(p, fields), ...);
   }
 
@@ -171,7 +171,7 @@ class Serialize {
   void addEach(std::span<const T, N> items) {
     constexpr U32 width = fieldWidth(static_cast<const T*>(nullptr));
     if (items.size() > bgpMaxExtendedMessageSize / width) throwLimitExceeded();  // more than any message holds
-    Octet* p = reserve(static_cast<U32>(items.size()) * width);
+    Octet* p = claim(static_cast<U32>(items.size()) * width);
     for (const T& item : items) putField(p, item);
   }
   template <typename T, std::size_t N>
@@ -228,6 +228,13 @@ class Serialize {
   // bgpMaxExtendedMessageSize, std::bad_alloc when memory runs out; otherwise at least doubles
   // the capacity. The content is unchanged either way.
   void growBuffer(U32 needed);
+  // Makes the capacity at least `octets` in all, so that adds up to that total never grow the
+  // buffer: a writer that knows the size of what it builds (a message of several long runs) takes
+  // its memory in one allocation instead of one per doubling. Nothing is written and the capacity
+  // never shrinks. Throws like growBuffer when `octets` exceeds bgpMaxExtendedMessageSize.
+  void reserve(U32 octets) {
+    if (octets > capacity_) moveTo(octets);
+  }
 
  private:
   // The storage is char8_t, not unsigned char: char8_t may not alias other objects, so the
@@ -236,9 +243,13 @@ class Serialize {
   using Octet = char8_t;
 
   [[noreturn]] static void throwLimitExceeded();
+  // Moves the content to a heap block of `newCapacity` octets (above the capacity): out of the
+  // inline storage, or by realloc.
+  void moveTo(U32 newCapacity);
 
-  // Reserves `n` octets at the write offset and returns where they go.
-  Octet* reserve(U32 n) {
+  // Takes `n` octets at the write offset, growing first if they do not fit, and returns where
+  // they go.
+  Octet* claim(U32 n) {
     if (capacity_ - writeOffset_ < n) [[unlikely]] growBuffer(n);
     Octet* p = buffer_ + writeOffset_;
     writeOffset_ += n;
@@ -283,6 +294,14 @@ class Serialize {
   // The copy this processor uses for runs placed just past their source ("memcpy", "forward
   // vector loop" or "backward vector loop"), chosen by a one-time measurement on first use.
   static const char* aliasedRunCopy();
+  // A copy of `n` octets between ranges that do not overlap, as memcpy.
+  struct RunCopy {
+    void (*copy)(void* to, const void* from, std::size_t n);
+    const char* name;
+  };
+  // Every copy that the measurement chooses among on this processor, memcpy first: each must land
+  // exactly the octets memcpy lands, whichever is chosen.
+  static std::span<const RunCopy> aliasedRunCopies();
 
  private:
   static void putOctets(Octet* p, const U8* src, U32 n) {

@@ -145,14 +145,15 @@ TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
   EXPECT_EQ(full.serializedBytes(0), filler);  // content intact and usable
   Serialize empty;
   EXPECT_THROW(empty.growBuffer(65536), Kelp::RangeException);
+  EXPECT_THROW(empty.reserve(65536), Kelp::RangeException);
   MplsLabelStack tall;
   for (int i = 0; i < 21846; ++i) tall.labelAppend(MplsLabel(16));  // 65538 octets
   EXPECT_THROW(empty.add3octetMplsLabelStack(tall), Kelp::RangeException);
   EXPECT_EQ(empty.writeOffset(), 0u);
 }
 
-// Growing in small steps or in one large add, and moving from inline storage or from the heap,
-// keeps the octets; the moved-from writer is empty and usable.
+// Growing in small steps, in one large add or by reserving, and moving from inline storage or from
+// the heap, keeps the octets; the moved-from writer is empty and usable.
 TEST(Serialize, GrowthAndMovesKeepContent) {
   Serialize s;
   Kelp::Bytes expected;
@@ -163,8 +164,11 @@ TEST(Serialize, GrowthAndMovesKeepContent) {
   EXPECT_EQ(s.serializedBytes(0), expected);
   Serialize big;
   big.addU8(7);
+  big.reserve(30000);  // out of the inline storage before the run, which then fits
+  EXPECT_EQ(big.capacity(), 30000u);
   const Kelp::Bytes run(20000, 0x5A);
   big.addBytes(run);
+  EXPECT_EQ(big.capacity(), 30000u);
   Serialize small;
   small.addU16hton(0xBEEF);
   Serialize fromSmall(std::move(small));
@@ -192,6 +196,29 @@ TEST(Serialize, RunsLandWhateverTheirPageOffset) {
         s.addData(src, len);
         EXPECT_EQ(s.serializedBytes(before), Kelp::Bytes(src, src + len)) << before << " " << ahead << " " << len;
         EXPECT_EQ(s.serializedBytes(0).size(), before + len);
+      }
+    }
+  }
+}
+
+// Every copy the one-time measurement may choose lands exactly what memmove lands, and nothing
+// beside it, whichever this processor picks: lengths around each loop's block sizes and up to a
+// whole message, the destination adjacent to the source on either side or a few octets past it
+// modulo the page, from an aligned and an odd source.
+TEST(Serialize, EveryAliasedRunCopyLandsTheRun) {
+  std::vector<U8> pattern(4 * 65536);
+  for (std::size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<U8>(i * 131 + i / 4093);
+  for (const Serialize::RunCopy& c : Serialize::aliasedRunCopies()) {
+    for (std::size_t len : {0, 1, 15, 16, 63, 64, 65, 127, 128, 129, 1023, 1024, 1025, 4095, 4096, 4097, 65535}) {
+      const std::size_t pastPages = (len + 4095) / 4096 * 4096;
+      for (std::ptrdiff_t at : {std::ptrdiff_t(len), -std::ptrdiff_t(len), std::ptrdiff_t(pastPages + 1),
+                                std::ptrdiff_t(pastPages + 16), std::ptrdiff_t(pastPages + 31), std::ptrdiff_t(pastPages + 4095)}) {
+        for (std::size_t src : {65536u, 65536u + 7}) {
+          std::vector<U8> arena = pattern, expected = pattern;
+          std::memmove(expected.data() + src + at, expected.data() + src, len);
+          c.copy(arena.data() + src + at, arena.data() + src, len);
+          ASSERT_TRUE(arena == expected) << c.name << ": " << len << " octets to " << at << " from " << src;
+        }
       }
     }
   }

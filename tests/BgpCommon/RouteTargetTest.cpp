@@ -64,6 +64,7 @@ TEST(RouteTarget, BadTextLeavesValueUnchanged) {
       {"99999999999999999999:1",  // too long for the quick conversion: left to the decimal reader
        "RouteTarget: expected a decimal number of at most 64 bits, found \"99999999999999999999\""},
       {"10.0.0.256:1", "invalid IPv4 address \"10.0.0.256\""},
+      {"10.0.0.01:1", "invalid IPv4 address \"10.0.0.01\""}, {"1.2.3.1000:1", "invalid IPv4 address \"1.2.3.1000\""},
   };
   for (const auto& [text, message] : rows) {
     RouteTarget rt(0x0002006400000005);
