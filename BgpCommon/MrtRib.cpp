@@ -4,12 +4,11 @@
 
 namespace Routing::Bgp {
 
-static_assert(sizeof(RibPath) == 16, "a path is its set's address, its path identifier and its peer");
+static_assert(sizeof(RibPath) == 8, "a path is its set's number and its peer");
 
 MrtRib::MrtRib(bool multiThreaded)
     : ipv4_(IpPlugin::ipv4RouteKeyDedupTableFactory(multiThreaded)),
-      ipv6_(IpPlugin::ipv6RouteKeyDedupTableFactory(multiThreaded)),
-      sets_(Kelp::makePtr<PathAttributeSetDedupTable>(multiThreaded)) {}
+      ipv6_(IpPlugin::ipv6RouteKeyDedupTableFactory(multiThreaded)) {}
 
 MrtRib::~MrtRib() = default;
 
@@ -46,8 +45,16 @@ void MrtRib::route(const MrtRoute& r) {
                                                                                 : ipv6_->dedupFromIpGenPrefix(r.prefix);
     runs_.push_back({std::move(key), static_cast<U32>(paths_.size()), 0});
   }
-  paths_.push_back({sets_->dedupRibEntry(r.attributeOctets, *r.options, scratch_), r.pathId, peerOf(r)});
+  paths_.push_back({sets_.internRibEntry(r.attributeOctets, *r.options, scratch_), peerOf(r)});
   ++runs_.back().count;
+  // Identifiers are rare outside add-path dumps: kept from the first that is not 0 on, the paths
+  // before it having had none.
+  if (!pathIds_.empty()) {
+    pathIds_.push_back(r.pathId);
+  } else if (r.pathId != 0) {
+    pathIds_.resize(paths_.size() - 1);
+    pathIds_.push_back(r.pathId);
+  }
 }
 
 void MrtRib::damage(const MrtDamage& d) {
@@ -66,7 +73,9 @@ std::vector<Netzo::IpGenPrefix> MrtRib::distinctPrefixes() const {
 
 void MrtRib::clear() {
   std::vector<RibPath>().swap(paths_);
+  std::vector<U32>().swap(pathIds_);
   std::vector<RibRun>().swap(runs_);
+  sets_.clear();
   runPrefix_ = {};
 }
 

@@ -2,6 +2,7 @@
 
 #include <absl/hash/hash.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -54,9 +55,11 @@ SessionOptions PathAttributeSet::options() const {
   return o;
 }
 
-ReadError PathAttributeSet::read(PathAttributes& out) const {
-  Deserialize in(octets());
-  return readPathAttributes(in, options(), out);
+ReadError PathAttributeSet::read(PathAttributes& out) const { return AttributeSetView{octets(), options()}.read(out); }
+
+ReadError AttributeSetView::read(PathAttributes& out) const {
+  Deserialize in(octets);
+  return readPathAttributes(in, options, out);
 }
 
 PathAttributeSetDedupTable::PathAttributeSetDedupTable(bool multiThreaded)
@@ -125,6 +128,110 @@ Kelp::Ptr<const PathAttributeSet> PathAttributeSetDedupTable::find(std::span<con
                                                                    const SessionOptions& options) const {
   const PathAttributeSet::Content content(octets, options);
   return Brim::handleCast<const PathAttributeSet>(table_->find(content, content.hash()));
+}
+
+// ---- PackedAttributeSets -------------------------------------------------------------------
+
+namespace {
+constexpr std::size_t kMaxChunks = 4095;  // numbers and number + 1 (a slot's) fit in 32 bits
+// The slot a hash starts from among 2^bits: its product with a fixed odd constant, high bits (the
+// hash is Abseil's, seeded per process, so a peer cannot aim sets at one run of slots).
+std::size_t homeOf(std::uint32_t hash, std::size_t mask) {
+  return static_cast<std::size_t>((std::uint64_t{hash} * 0x9E3779B97F4A7C15ull) >> 32) & mask;
+}
+}  // namespace
+
+std::uint8_t PackedAttributeSets::optionsIndex(const SessionOptions& options) {
+  const std::uint32_t word = options.mrtAbbreviatedMpReach.value();
+  auto same = [&](const Options& o) { return o.mpReachWord == word && o.fourOctetAs == options.fourOctetAs; };
+  if (lastOptions_ < options_.size() && same(options_[lastOptions_])) return lastOptions_;
+  std::size_t i = 0;
+  while (i < options_.size() && !same(options_[i])) ++i;
+  if (i == options_.size()) {
+    if (i > 255) Pico::fmthrow<Kelp::RangeException>("PackedAttributeSets: more than 256 distinct options");
+    options_.push_back({word, options.fourOctetAs});
+  }
+  return lastOptions_ = static_cast<std::uint8_t>(i);
+}
+
+PackedAttributeSets::Number PackedAttributeSets::intern(std::span<const U8> octets, const SessionOptions& options) {
+  if (octets.size() > PathAttributeSet::kMaxOctets) {
+    Pico::fmthrow<Kelp::RangeException>("PathAttributeSet: {} octets, more than {}", octets.size(),
+                                        PathAttributeSet::kMaxOctets);
+  }
+  const std::uint8_t option = optionsIndex(options);
+  const std::size_t h = absl::HashOf(std::string_view(reinterpret_cast<const char*>(octets.data()), octets.size()), option);
+  const auto hash = static_cast<std::uint32_t>(h ^ (h >> 32));
+  if ((size_ + 1) * 4 > slots_.size() * 3) grow();
+  const std::size_t mask = slots_.size() - 1;
+  std::size_t i = homeOf(hash, mask);
+  for (;; i = (i + 1) & mask) {
+    const std::uint64_t s = slots_[i];
+    if (s == 0) break;
+    if (static_cast<std::uint32_t>(s >> 32) != hash) continue;
+    const auto n = static_cast<Number>(s - 1);
+    const U8* p = at(n);
+    if ((std::size_t{p[0]} | std::size_t{p[1]} << 8) == octets.size() && p[2] == option &&
+        (octets.empty() || std::memcmp(p + kHeader, octets.data(), octets.size()) == 0)) {
+      return n;
+    }
+  }
+  const Number n = append(octets, option);
+  slots_[i] = std::uint64_t{hash} << 32 | (std::uint64_t{n} + 1);
+  ++size_;
+  return n;
+}
+
+PackedAttributeSets::Number PackedAttributeSets::append(std::span<const U8> octets, std::uint8_t option) {
+  const std::size_t need = kHeader + octets.size();
+  if (used_ + need > kChunkBytes) {
+    if (chunks_.size() == kMaxChunks) {
+      Pico::fmthrow<Kelp::RangeException>("PackedAttributeSets: more than {} octets of sets", kMaxChunks * kChunkBytes);
+    }
+    // Not zeroed: the pages of a chunk become resident as sets are written into them.
+    chunks_.push_back(std::unique_ptr<U8[]>(new U8[kChunkBytes]));
+    used_ = 0;
+  }
+  U8* p = chunks_.back().get() + used_;
+  p[0] = static_cast<U8>(octets.size()), p[1] = static_cast<U8>(octets.size() >> 8), p[2] = option;
+  if (!octets.empty()) std::memcpy(p + kHeader, octets.data(), octets.size());
+  const auto n = static_cast<Number>((chunks_.size() - 1) << kChunkBits | used_);
+  used_ += need;
+  return n;
+}
+
+void PackedAttributeSets::grow() {
+  std::vector<std::uint64_t> old(std::max<std::size_t>(64, slots_.size() * 2));
+  old.swap(slots_);
+  const std::size_t mask = slots_.size() - 1;
+  for (const std::uint64_t s : old) {
+    if (s == 0) continue;
+    std::size_t i = homeOf(static_cast<std::uint32_t>(s >> 32), mask);
+    while (slots_[i] != 0) i = (i + 1) & mask;
+    slots_[i] = s;
+  }
+}
+
+AttributeSetView PackedAttributeSets::operator[](Number n) const {
+  const U8* p = at(n);
+  const Options& o = options_[p[2]];
+  AttributeSetView v{{p + kHeader, std::size_t{p[0]} | std::size_t{p[1]} << 8}, {}};
+  v.options.fourOctetAs = o.fourOctetAs;
+  v.options.mrtAbbreviatedMpReach = AfiSafi::fromValue(o.mpReachWord);
+  return v;
+}
+
+std::size_t PackedAttributeSets::allocatedBytes() const {
+  return chunks_.size() * kChunkBytes + slots_.capacity() * sizeof(std::uint64_t);
+}
+
+void PackedAttributeSets::clear() {
+  std::vector<std::unique_ptr<U8[]>>().swap(chunks_);
+  std::vector<std::uint64_t>().swap(slots_);
+  options_.clear();
+  used_ = kChunkBytes;
+  size_ = 0;
+  lastOptions_ = 0;
 }
 
 namespace {

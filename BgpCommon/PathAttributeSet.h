@@ -24,6 +24,7 @@
 // grows), and the table's share is one 8-octet slot at most 7/8 full.
 
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <span>
 #include <vector>
@@ -115,6 +116,79 @@ class PathAttributeSetDedupTable : public Kelp::PtrInterface {
 
  private:
   Kelp::Ptr<KelpStash::DedupHashTableUnorderedSet> table_;
+};
+
+// One set as a table that does not count references answers it: its octets and the options they
+// read with.
+struct AttributeSetView {
+  std::span<const U8> octets;
+  SessionOptions options;
+  // Reads the octets into `out` with `options`: what readPathAttributes answers.
+  ReadError read(PathAttributes& out) const;
+};
+
+// Path-attribute sets packed one after another, for a table that keeps every set it interns until
+// it is cleared whole, as a RIB loaded from a dump does. A set is named by a 32-bit number (where
+// it lies in the store), so a route holds 4 octets for it instead of an 8-octet pointer, and costs
+// its octets and a 3-octet header (its length and the index of its options among the few distinct
+// ones), unaligned, in 1 MiB chunks that are filled in order and never moved. An index of 8-octet
+// slots (hash and number) finds a set again; it is at most 3/4 full. No set leaves alone, so none
+// carries a reference count or a virtual table: what PathAttributeSet spends on being released by
+// its last holder. Identity is PathAttributeSet's: equal octets read with equal options.
+//
+//   PackedAttributeSets sets;
+//   PackedAttributeSets::Number a = sets.intern(octets, options);
+//   PackedAttributeSets::Number b = sets.intern(sameOctets, sameOptions);   // a == b
+//   AttributeSetView v = sets[a];                                           // v.octets, v.read(attrs)
+//   sets.clear();                                                           // every number let go
+//
+// Not thread-safe: one thread interns, any number read what was interned before they started.
+class PackedAttributeSets {
+ public:
+  using Number = std::uint32_t;
+  static constexpr unsigned kChunkBits = 20;
+
+  PackedAttributeSets() = default;
+  PackedAttributeSets(const PackedAttributeSets&) = delete;
+  PackedAttributeSets& operator=(const PackedAttributeSets&) = delete;
+
+  // The number of the set of these octets read with these options, stored when absent. Octets
+  // longer than PathAttributeSet::kMaxOctets throw Kelp::RangeException, storing nothing; so does
+  // a store past 4 GiB of sets or past 256 distinct options.
+  Number intern(std::span<const U8> octets, const SessionOptions& options);
+  // The same for the attributes of an MRT RIB entry, in their canonical form (ribEntryAttributes).
+  Number internRibEntry(std::span<const U8> octets, const SessionOptions& options, std::vector<U8>& scratch) {
+    return intern(ribEntryAttributes(octets, options, scratch), options);
+  }
+  // The set numbered `n` (a number this store answered since it was last cleared).
+  AttributeSetView operator[](Number n) const;
+  // The number of distinct sets stored.
+  std::size_t size() const { return size_; }
+  // Octets taken from the heap: the chunks (their unused tail included) and the index.
+  std::size_t allocatedBytes() const;
+  // Lets go of every set and of the memory they took.
+  void clear();
+
+ private:
+  struct Options {
+    std::uint32_t mpReachWord;  // SessionOptions::mrtAbbreviatedMpReach's word
+    bool fourOctetAs;
+  };
+  static constexpr std::size_t kChunkBytes = std::size_t{1} << kChunkBits;
+  static constexpr std::size_t kHeader = 3;
+
+  const U8* at(Number n) const { return chunks_[n >> kChunkBits].get() + (n & (kChunkBytes - 1)); }
+  std::uint8_t optionsIndex(const SessionOptions& options);
+  Number append(std::span<const U8> octets, std::uint8_t options);
+  void grow();
+
+  std::vector<std::unique_ptr<U8[]>> chunks_;
+  std::size_t used_ = kChunkBytes;  // octets filled in chunks_.back() (none yet: a new one is due)
+  // Open addressing, probed linearly: hash << 32 | (number + 1), 0 when empty; a power of 2 long.
+  std::vector<std::uint64_t> slots_;
+  std::size_t size_ = 0;
+  std::vector<Options> options_;  // the distinct options, by the index a set's header holds
+  std::uint8_t lastOptions_ = 0;  // the index the last set interned had (most dumps have one or two)
 };
 
 }  // namespace Routing::Bgp

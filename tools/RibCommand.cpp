@@ -113,12 +113,12 @@ struct RibShown {
 
 // ---- Publishing and the reader's check -----------------------------------------------------
 
-// The first path of each prefix, in the order the dump lists them, through `fn(prefix, set)`.
+// The first path of each prefix, in the order the dump lists them, through `fn(prefix, path)`.
 template <typename F>
 void forEachFirstPath(const MrtRib& rib, F&& fn) {
   absl::flat_hash_set<const void*> seen;
   for (const RibRun& run : rib.runs()) {
-    if (seen.insert(run.key.get()).second) fn(run.key->prefix(), *rib.pathsOf(run).front().attributes);
+    if (seen.insert(run.key.get()).second) fn(run.key->prefix(), rib.pathsOf(run).front());
   }
 }
 
@@ -131,9 +131,10 @@ PublishShown publish(const MrtRib& rib, const RibOptions& opt, FILE* narrative) 
   auto table = Kelp::ptrDynamicCast<FilteredRtStatus>(em->entity(shown.table));
   table->filteredRouteDelAll();
   const auto t0 = Clock::now();
-  absl::flat_hash_map<const PathAttributeSet*, std::uint32_t> numbers;
-  forEachFirstPath(rib, [&](const Netzo::IpGenPrefix& prefix, const PathAttributeSet& set) {
-    const std::uint32_t id = numbers.try_emplace(&set, static_cast<std::uint32_t>(numbers.size() + 1)).first->second;
+  // The table's set numbers say where a set lies; the identifiers count from 1 in publishing order.
+  absl::flat_hash_map<PackedAttributeSets::Number, std::uint32_t> numbers;
+  forEachFirstPath(rib, [&](const Netzo::IpGenPrefix& prefix, const RibPath& path) {
+    const std::uint32_t id = numbers.try_emplace(path.set, static_cast<std::uint32_t>(numbers.size() + 1)).first->second;
     table->filteredRouteIs(FilteredRoute(prefix, IgpResultId(id)));
   });
   table->routesProcessedIs(true);
