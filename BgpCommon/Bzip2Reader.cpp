@@ -145,6 +145,7 @@ struct Job {
     damaged,     // the file stops inside a stream's end
     readFailed,  // the file could not be read
   };
+  explicit Job(Kind k) : kind(k) {}
   Kind kind;
   std::vector<U8> input;
   U32 crc = 0;
@@ -223,13 +224,13 @@ class Scanner {
         case Phase::end: {
           const U64 next = (endAt_ + 80 + 7) / 8;
           if (!have(next)) return finish(readError_ ? Job::Kind::readFailed : Job::Kind::damaged);
-          auto job = std::make_unique<Job>(Job{Job::Kind::streamEnd});
+          auto job = std::make_unique<Job>(Job::Kind::streamEnd);
           job->crc = static_cast<U32>(bits(endAt_ + 48, 32));
           job->next = streamStart_ = next;
           phase_ = Phase::header;
           return job;
         }
-        case Phase::done: return std::make_unique<Job>(Job{Job::Kind::end});
+        case Phase::done: return std::make_unique<Job>(Job::Kind::end);
       }
     }
   }
@@ -240,7 +241,7 @@ class Scanner {
   std::unique_ptr<Job> finish(Job::Kind kind) {
     phase_ = Phase::done;
     if (readError_ && kind != Job::Kind::oneStream) kind = Job::Kind::readFailed;
-    return std::make_unique<Job>(Job{kind});
+    return std::make_unique<Job>(kind);
   }
 
   // Whether the window holds the file's octets up to `end`, reading on as far as needed.
@@ -330,7 +331,7 @@ class Scanner {
   // moved to an octet boundary, and for a whole block the end magic and the block's CRC as the
   // stream's combined CRC.
   std::unique_ptr<Job> cut(Job::Kind kind, U64 from, U64 to) {
-    auto job = std::make_unique<Job>(Job{kind});
+    auto job = std::make_unique<Job>(kind);
     if (kind == Job::Kind::block) job->crc = static_cast<U32>(bits(from + 48, 32));
     std::vector<U8>& out = job->input;
     const U64 count = to - from;
