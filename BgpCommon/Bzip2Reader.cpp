@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -371,11 +372,57 @@ class Scanner {
   U64 blockStart_ = 0, endAt_ = 0;  // bit offsets
 };
 
-// A worker's part: the block decompressed into its output, up to `cap` octets.
-void decompressBlock(Job& job, std::size_t cap) {
+// What libbz2 allocates for one worker, kept from block to block: a decompressor takes about
+// 64 KiB of state and four octets per octet of block, which would otherwise be mapped afresh for
+// every block and faulted in page by page.
+class Arena {
+ public:
+  Arena() = default;
+  Arena(const Arena&) = delete;
+  Arena& operator=(const Arena&) = delete;
+  ~Arena() {
+    for (const Piece& p : pieces_) std::free(p.memory);
+  }
+  void use(bz_stream& bz) {
+    bz.bzalloc = &Arena::allocate;
+    bz.bzfree = &Arena::release;
+    bz.opaque = this;
+  }
+
+ private:
+  struct Piece {
+    void* memory;
+    std::size_t size;
+    bool used;
+  };
+  static void* allocate(void* opaque, int count, int size) {
+    auto& pieces = static_cast<Arena*>(opaque)->pieces_;
+    const std::size_t bytes = static_cast<std::size_t>(count) * static_cast<std::size_t>(size);
+    for (Piece& p : pieces) {
+      if (!p.used && p.size == bytes) {
+        p.used = true;
+        return p.memory;
+      }
+    }
+    void* memory = std::malloc(bytes);
+    if (memory != nullptr) pieces.push_back({memory, bytes, true});
+    return memory;
+  }
+  static void release(void* opaque, void* memory) {
+    for (Piece& p : static_cast<Arena*>(opaque)->pieces_) {
+      if (p.memory == memory) p.used = false;
+    }
+  }
+  std::vector<Piece> pieces_;
+};
+
+// A worker's part: the block decompressed into `output` (a buffer of `cap` octets, or null for a
+// new one), which becomes the job's.
+void decompressBlock(Job& job, std::size_t cap, Arena& arena, std::unique_ptr<U8[]> output) {
+  job.output = output ? std::move(output) : std::unique_ptr<U8[]>(new U8[cap]);
   bz_stream bz{};
+  arena.use(bz);
   if (BZ2_bzDecompressInit(&bz, 0, 0) != BZ_OK) return;
-  job.output.reset(new U8[cap]);
   bz.next_in = reinterpret_cast<char*>(job.input.data());
   bz.avail_in = static_cast<unsigned>(job.input.size());
   bz.next_out = reinterpret_cast<char*>(job.output.get());
@@ -488,6 +535,10 @@ struct Bzip2Reader::State {
   // The front block is given whole: its CRC joins the stream's combined CRC.
   void blockGiven() {
     combined = (combined << 1 | combined >> 31) ^ jobs.front()->crc;
+    {
+      std::lock_guard lock(mutex);
+      spareOutputs.push_back(std::move(jobs.front()->output));  // its pages stay mapped
+    }
     ++parallelBlocks;
     given = 0;
     jobs.pop_front();
@@ -513,16 +564,22 @@ struct Bzip2Reader::State {
   }
 
   void work() {
+    Arena arena;
     for (;;) {
       Job* job;
+      std::unique_ptr<U8[]> output;
       {
         std::unique_lock lock(mutex);
         wake.wait(lock, [&] { return stopping || !todo.empty(); });
         if (stopping) return;
         job = todo.front();
         todo.pop_front();
+        if (!spareOutputs.empty()) {
+          output = std::move(spareOutputs.back());
+          spareOutputs.pop_back();
+        }
       }
-      decompressBlock(*job, cap);
+      decompressBlock(*job, cap, arena, std::move(output));
       {
         std::lock_guard lock(mutex);
         job->done = true;
@@ -570,6 +627,7 @@ struct Bzip2Reader::State {
   std::mutex mutex;
   std::condition_variable wake, decoded;
   std::deque<Job*> todo;
+  std::vector<std::unique_ptr<U8[]>> spareOutputs;  // of blocks given, for the next ones
   bool stopping = false;
   std::vector<std::thread> workers;
 };
