@@ -1,6 +1,5 @@
 #include "BgpCommon/BgpMrt.h"
 
-#include <bzlib.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -12,6 +11,8 @@
 #include <cstring>
 
 #include <fmt/format.h>
+
+#include "BgpCommon/Bzip2Reader.h"
 
 namespace Routing::Bgp {
 
@@ -43,18 +44,20 @@ constexpr std::size_t kInputSize = 256 << 10;   // compressed octets read at a t
 constexpr std::size_t kWindowSize = 1 << 20;    // decompressed octets held at a time (at least)
 }  // namespace
 
-// A compressed file being decompressed: the file, its input buffer, the decompressor.
+// A compressed file being decompressed: the file, and bzip2's reader or zlib's input buffer and
+// decompressor.
 struct MrtFile::Stream {
   int fd = -1;
-  std::vector<char> input = std::vector<char>(kInputSize);
+  std::unique_ptr<Bzip2Reader> bzip2;
+  std::vector<char> input;
   bool inputEnded = false;
   MrtProblem failure = MrtProblem::none;  // damaged, cut short or unreadable: nothing more comes
-  bz_stream bz{};
   z_stream z{};
-  bool open = false;      // the decompressor is initialised
+  bool open = false;      // zlib's decompressor is initialised
   bool finished = false;  // the last stream ended with the file: nothing more to decompress
 
   ~Stream() {
+    bzip2.reset();  // its workers stop before the file closes
     if (fd >= 0) ::close(fd);
   }
 };
@@ -108,8 +111,11 @@ MrtFile::MrtFile(const std::string& path) {
   stream_->fd = fd;
   buffer_.resize(kWindowSize);
   if (compression_ == Compression::bzip2) {
-    if (BZ2_bzDecompressInit(&stream_->bz, 0, 0) != BZ_OK) throw MrtOpenError(path + ": bzip2 decompressor failed");
-  } else if (inflateInit2(&stream_->z, 15 + 16) != Z_OK) {  // 16: a gzip header and trailer
+    stream_->bzip2 = std::make_unique<Bzip2Reader>(fd);
+    return;
+  }
+  stream_->input.resize(kInputSize);
+  if (inflateInit2(&stream_->z, 15 + 16) != Z_OK) {  // 16: a gzip header and trailer
     throw MrtOpenError(path + ": zlib decompressor failed");
   }
   stream_->open = true;
@@ -118,8 +124,7 @@ MrtFile::MrtFile(const std::string& path) {
 MrtFile::~MrtFile() {
   if (unmap_) ::munmap(const_cast<U8*>(mapped_.data()), mapped_.size());
   if (stream_ && stream_->open) {
-    if (compression_ == Compression::bzip2) BZ2_bzDecompressEnd(&stream_->bz);
-    else inflateEnd(&stream_->z);
+    inflateEnd(&stream_->z);
     stream_->open = false;
   }
 }
@@ -137,10 +142,21 @@ bool MrtFile::fill(std::size_t need) {
     begin_ = 0;
   }
   if (buffer_.size() < need) buffer_.resize(need);
-  while (end_ < need && !s.finished) {
-    const bool bzip2 = compression_ == Compression::bzip2;
-    const unsigned availIn = bzip2 ? s.bz.avail_in : s.z.avail_in;
-    if (availIn == 0 && !s.inputEnded) {
+  if (s.bzip2) {
+    while (end_ < need) {
+      const std::size_t n = s.bzip2->read(buffer_.data() + end_, buffer_.size() - end_);
+      end_ += n;
+      if (n == 0) {
+        const Bzip2Reader::Failure f = s.bzip2->failure();
+        if (f != Bzip2Reader::Failure::none) {
+          s.failure = f == Bzip2Reader::Failure::readFailed ? MrtProblem::readFailed : MrtProblem::badCompression;
+        }
+        break;
+      }
+    }
+  }
+  while (!s.bzip2 && end_ < need && !s.finished) {
+    if (s.z.avail_in == 0 && !s.inputEnded) {
       ssize_t n;
       do n = ::read(s.fd, s.input.data(), s.input.size());
       while (n < 0 && errno == EINTR);
@@ -149,36 +165,23 @@ bool MrtFile::fill(std::size_t need) {
         break;
       }
       if (n == 0) s.inputEnded = true;
-      if (bzip2) s.bz.next_in = s.input.data(), s.bz.avail_in = static_cast<unsigned>(n);
-      else s.z.next_in = reinterpret_cast<Bytef*>(s.input.data()), s.z.avail_in = static_cast<uInt>(n);
+      s.z.next_in = reinterpret_cast<Bytef*>(s.input.data()), s.z.avail_in = static_cast<uInt>(n);
     }
     const std::size_t room = buffer_.size() - end_;
-    bool streamEnd = false, error = false;
-    std::size_t produced;
-    if (bzip2) {
-      s.bz.next_out = reinterpret_cast<char*>(buffer_.data() + end_);
-      s.bz.avail_out = static_cast<unsigned>(room);
-      const int rc = BZ2_bzDecompress(&s.bz);
-      produced = room - s.bz.avail_out;
-      streamEnd = rc == BZ_STREAM_END;
-      error = rc != BZ_OK && rc != BZ_STREAM_END;
-    } else {
-      s.z.next_out = buffer_.data() + end_;
-      s.z.avail_out = static_cast<uInt>(room);
-      const int rc = inflate(&s.z, Z_NO_FLUSH);
-      produced = room - s.z.avail_out;
-      streamEnd = rc == Z_STREAM_END;
-      error = rc != Z_OK && rc != Z_STREAM_END && !(rc == Z_BUF_ERROR && !s.inputEnded);
-    }
+    s.z.next_out = buffer_.data() + end_;
+    s.z.avail_out = static_cast<uInt>(room);
+    const int rc = inflate(&s.z, Z_NO_FLUSH);
+    const std::size_t produced = room - s.z.avail_out;
+    const bool streamEnd = rc == Z_STREAM_END;
+    const bool error = rc != Z_OK && rc != Z_STREAM_END && !(rc == Z_BUF_ERROR && !s.inputEnded);
     end_ += produced;
     if (error) {
       s.failure = MrtProblem::badCompression;
       break;
     }
     if (streamEnd) {
-      // Another stream may follow (files concatenated, pbzip2's output): start it afresh.
-      const unsigned rest = bzip2 ? s.bz.avail_in : s.z.avail_in;
-      if (rest == 0 && !s.inputEnded) {
+      // Another stream may follow (files concatenated): start it afresh.
+      if (s.z.avail_in == 0 && !s.inputEnded) {
         ssize_t n;
         do n = ::read(s.fd, s.input.data(), s.input.size());
         while (n < 0 && errno == EINTR);
@@ -187,29 +190,15 @@ bool MrtFile::fill(std::size_t need) {
           s.inputEnded = s.finished = true;
           break;
         }
-        if (bzip2) s.bz.next_in = s.input.data(), s.bz.avail_in = static_cast<unsigned>(n);
-        else s.z.next_in = reinterpret_cast<Bytef*>(s.input.data()), s.z.avail_in = static_cast<uInt>(n);
-      } else if (rest == 0) {
+        s.z.next_in = reinterpret_cast<Bytef*>(s.input.data()), s.z.avail_in = static_cast<uInt>(n);
+      } else if (s.z.avail_in == 0) {
         s.finished = true;
         break;
       }
-      if (bzip2) {
-        char* in = s.bz.next_in;
-        const unsigned avail = s.bz.avail_in;
-        BZ2_bzDecompressEnd(&s.bz);
-        s.bz = bz_stream{};
-        if (BZ2_bzDecompressInit(&s.bz, 0, 0) != BZ_OK) {
-          s.open = false;
-          s.failure = MrtProblem::badCompression;
-          break;
-        }
-        s.bz.next_in = in, s.bz.avail_in = avail;
-      } else {
-        inflateReset(&s.z);
-      }
+      inflateReset(&s.z);
       continue;
     }
-    if (produced == 0 && s.inputEnded && (bzip2 ? s.bz.avail_in : s.z.avail_in) == 0) {
+    if (produced == 0 && s.inputEnded && s.z.avail_in == 0) {
       s.failure = MrtProblem::badCompression;  // the stream stops before its end
       break;
     }

@@ -4,8 +4,8 @@
 //
 // Two layers:
 // - MrtFile gives the records of one file: bzip2 and gzip (told by their first octets) are
-//   decompressed as streams through fixed buffers, a plain file is mapped, octets in memory are
-//   read in place. Memory does not grow with the file: a record is a view into a buffer that the
+//   decompressed through fixed buffers (bzip2 blocks on every core, Bzip2Reader), a plain file is
+//   mapped, octets in memory are read in place. Memory does not grow with the file: a record is a view into a buffer that the
 //   next record reuses (a record longer than the buffer grows it once, up to mrtMaxRecordLength).
 // - MrtDecoder turns records into what they carry: the peer index table, routes (one per RIB
 //   entry, per prefix an UPDATE announces or withdraws), session state changes and other BGP

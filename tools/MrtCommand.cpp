@@ -102,7 +102,7 @@ class Output {
 
  private:
   static constexpr std::size_t kChunk = 256 << 10;
-  Text text_{2 * kChunk};
+  Text text_;  // grows to about kChunk; --summary never fills it
   bool failed_ = false;
 };
 
