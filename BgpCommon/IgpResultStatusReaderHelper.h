@@ -30,6 +30,7 @@
 #include "platform/Kelp/EnumType.h"
 #include "platform/Kelp/Ptr.h"
 #include "platform/Kelp/ValueType.h"
+#include "platform/Pico/Assert.h"
 #include "platform/Routing/RibTypes.h"
 
 namespace Routing::BgpRedistribute {
@@ -67,16 +68,44 @@ class IgpResultStatusReaderHelper : public Kelp::PtrInterface {
   const Kelp::Ptr<const IgpResultStatus>& staticConfigIgpResultStatus() const { return staticConfigIgpResultStatus_; }
 
   // The record that applies to a route (see the top of this file). `routeKey` is not consulted.
-  // A static route looked up through a helper without a table stops the process.
-  IgpResultLookup lookup(const Rib::RouteKey& routeKey, Rib::RoutingProtocol protocol, std::uint32_t attrSetId) const;
+  // A static route looked up through a helper without a table stops the process. Inlined, as the
+  // table read it is built on is: a route's lookup costs that read and a few tests, no call.
+  [[gnu::always_inline]] IgpResultLookup lookup(const Rib::RouteKey& routeKey, Rib::RoutingProtocol protocol,
+                                                std::uint32_t attrSetId) const;
 
   // Whether static routes take their result from the table: the toggle "StaticRouteCommunities"
   // of "Ira.json", true when absent. Read once per process, on first use.
-  static bool staticRouteCommunities();
+  static bool staticRouteCommunities() {
+    // A function-local static: initialised once, thread-safely, by the first caller; after that a
+    // test of its guard.
+    static const bool enabled = readStaticRouteCommunities();
+    return enabled;
+  }
 
  private:
+  static bool readStaticRouteCommunities();
+
   const Kelp::Ptr<const IgpResultStatus> staticConfigIgpResultStatus_;
 };
+
+inline IgpResultLookup IgpResultStatusReaderHelper::lookup(const Rib::RouteKey&, Rib::RoutingProtocol protocol,
+                                                           std::uint32_t attrSetId) const {
+  // Other protocols carry their route tag in the identifier; so do static routes while their
+  // communities are switched off. The short-circuit keeps the toggle unread until a static route
+  // comes by.
+  if (protocol != Rib::RoutingProtocol::protocolStatic || !staticRouteCommunities()) {
+    IgpResultLookup answer(IgpResult(IgpResultId()), IgpResultReturnType::resultTagOnly);
+    answer.igpResult.tag = attrSetId;
+    return answer;
+  }
+  PICO_ASSERT(staticConfigIgpResultStatus() != nullptr);
+  if (attrSetId == 0) return IgpResultLookup(IgpResult(IgpResultId()), IgpResultReturnType::resultDefault);
+  // The table's reader copies the record out whole. A damaged entry has been handed to the table's
+  // corruption handler by the reader and reads as absent.
+  std::optional<IgpResult> stored = staticConfigIgpResultStatus_->result(IgpResultId(attrSetId));
+  if (stored) return IgpResultLookup(*stored, IgpResultReturnType::resultFound);
+  return IgpResultLookup(IgpResult(IgpResultId()), IgpResultReturnType::resultNotFound);
+}
 
 Kelp::Ptr<IgpResultStatusReaderHelper> igpResultStatusReaderHelperFactory(const Kelp::Ptr<const IgpResultStatus>& status);
 Kelp::Ptr<IgpResultStatusReaderHelper> IgpResultStatusReaderHelperIs(const Kelp::Ptr<const IgpResultStatus>& status);

@@ -359,6 +359,9 @@ struct LookupView {
   // instruction), which no typed lookup expects.
   std::uint64_t shape = 0;
 };
+// A reader's view before it attaches: of no shape, so an inlined lookup tests one word, not a null
+// pointer as well, before it goes the common way.
+inline constexpr LookupView kNoView{};
 
 // The checksum a table keeps of each record, over `words` (a multiple of 8 bytes, up to
 // kMaxSlotBytes) taken in order, as computed with tables and with the processor's CRC32C
@@ -554,7 +557,7 @@ class Reader {
 
   mutable std::mutex mutex_;  // guards attaching, the list of mappings and what was reported
   mutable std::atomic<detail::Mapping*> current_{nullptr};
-  mutable std::atomic<const detail::LookupView*> view_{nullptr};  // that of current_
+  mutable std::atomic<const detail::LookupView*> view_{&detail::kNoView};  // that of current_
   // Every mapping attached and not yet reused, the older ones turned to zeros (see refresh): a
   // concurrent call may still hold one.
   mutable std::vector<std::unique_ptr<detail::Mapping>> mappings_;
@@ -586,7 +589,7 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   constexpr std::size_t kValueWord = detail::valueAt(KeyMax) / 8;
   static_assert(detail::kSlotHeaderBytes == 32 && kValueWord == 5);
   const detail::LookupView* v = view_.load(std::memory_order_acquire);
-  if (v == nullptr || v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] return false;
+  if (v->shape != detail::shapeOf(kSlotBytes, KeyMax, ValueMax)) [[unlikely]] return false;
   // A replaced file stays mapped (or turns to zeros), so its slot may be read before the mark is
   // tested with the rest.
   detail::readerStep("home: live mark");
@@ -604,10 +607,15 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   // The two-lane CRC32C of the slot format: word 0, then words 4, 5, ... alternately.
   std::uint64_t lane0 = detail::crc32cStep(0xFFFFFFFFu, w0);
   std::uint64_t lane1 = detail::crc32cStep(0xFFFFFFFFu, w4);
-  const std::uint32_t valueLen = static_cast<std::uint32_t>(w0 >> 48);
+  // The stamp word's key and value lengths tested in one comparison: less the key's length
+  // (1..KeyMax) and turned by a half, its high half reads as the value's length, at most ValueMax,
+  // only where the stored key's length is the key's. Any difference, or a borrow from the value's
+  // half, lands in the high half and makes it exceed ValueMax.
+  static_assert(ValueMax < 0x10000);
+  const std::uint32_t lengths = std::rotr(static_cast<std::uint32_t>(w0 >> 32) - keyLen, 16);
   std::uint64_t differs = (live ^ v->mark) | (head ^ detail::linkTo(home, static_cast<std::uint32_t>(w0))) |
-                          (w4 ^ keyWord) | (((w0 >> 32) & 0xFFFF) ^ keyLen) | static_cast<std::uint64_t>(keyLen == 0) |
-                          static_cast<std::uint64_t>(valueLen > ValueMax);
+                          (w4 ^ keyWord) | static_cast<std::uint64_t>(keyLen - 1 >= KeyMax) |
+                          static_cast<std::uint64_t>(lengths > ValueMax);
   // Computed here, not sunk below the value's loads by the compiler: the header words then need no
   // registers while the value's words are held, and nothing is spilled to the stack.
   asm("" : "+r"(differs));
@@ -627,7 +635,7 @@ inline bool Reader::findAtHome(std::uint64_t keyWord, std::uint32_t keyLen, std:
   const std::uint64_t sum = (~lane0 & 0xFFFFFFFFu) << 32 | (~lane1 & 0xFFFFFFFFu);
   differs |= (w0After ^ w0) | (sum ^ stored);
   if (differs != 0) [[unlikely]] return false;
-  value.length = valueLen;
+  value.length = lengths;
   return true;
 #else
   (void)keyWord, (void)keyLen, (void)hash, (void)value;

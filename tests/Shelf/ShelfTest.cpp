@@ -526,6 +526,8 @@ TEST(Shelf, TheFileFormatIsPinned) {
   if (instruction) EXPECT_EQ(std::make_pair(value.words[0], value.length), std::make_pair(std::uint64_t{'v'}, 1u));
   EXPECT_FALSE((r.findAtHome<8, 8>)('j', 1, 1, value));
   EXPECT_FALSE((r.findAtHome<8, 8>)('k', 1, 2, value));  // another bucket's home
+  // The same word is another key under another length ("k" and a NUL), none, or one past the bound.
+  for (std::uint32_t len : {0u, 2u, 9u}) EXPECT_FALSE((r.findAtHome<8, 8>)('k', len, 1, value)) << len;
   auto one = [](const std::string&) { return 1u; };
   EXPECT_EQ(findIn(r, "j", one), "w");
 
