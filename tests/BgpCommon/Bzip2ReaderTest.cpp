@@ -94,6 +94,7 @@ TEST(Bzip2Reader, BlocksInParallelGiveWhatOneStreamGives) {
       {"a flipped bit in the second stream", flippedSecond, "", fallsBack},
       {"a flipped combined CRC", flippedCrc, "", fallsBack},
       {"something after the stream", many + "garbage", "", fallsBack},
+      {"an empty file", "", "", fallsBack},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
