@@ -27,6 +27,7 @@
 //   static bool matches(const Held&, const Prefix&) (the key's test against the prefix's record).
 
 #include <malloc.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -76,6 +77,23 @@ inline double threadFaults() {
   rusage u{};
   getrusage(RUSAGE_THREAD, &u);
   return static_cast<double>(u.ru_minflt + u.ru_majflt);
+}
+
+// What one fault of a small page costs the calling thread, measured now: pages of a fresh mapping
+// that may not use huge pages, each touched once, on the thread's CPU clock.
+inline double smallPageFaultNs() {
+  constexpr std::size_t kPages = 512;
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* m = ::mmap(nullptr, kPages * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (m == MAP_FAILED) return 0;
+  ::madvise(m, kPages * page, MADV_NOHUGEPAGE);
+  const double f0 = threadFaults();
+  const double t0 = bench_support::threadCpuNs();
+  for (std::size_t i = 0; i < kPages; ++i) static_cast<volatile char*>(m)[i * page] = 1;
+  const double ns = bench_support::threadCpuNs() - t0;
+  const double faults = threadFaults() - f0;
+  ::munmap(m, kPages * page);
+  return faults > 0 ? ns / faults : 0;
 }
 
 // The process's resident memory, in octets.
@@ -332,6 +350,11 @@ void churnDuel(benchmark::State& state, const std::vector<typename S::Prefix>& p
   // Page faults per thousand keys, each side.
   state.counters["faults_per_1k_keys"] = oursFaults * 1e3 / ops;
   state.counters["peer_faults_per_1k_keys"] = peerFaults * 1e3 / ops;
+  // The faults' share, at what a small page's fault costs in this run: each side's time without it.
+  const double faultNs = smallPageFaultNs();
+  state.counters["fault_ns"] = faultNs;
+  state.counters["ours_ns_without_faults"] = (ours * 1e9 - oursFaults * faultNs) / ops;
+  state.counters["peer_ns_without_faults"] = (peer * 1e9 - peerFaults * faultNs) / ops;
   reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, goal, label);
 }
 
