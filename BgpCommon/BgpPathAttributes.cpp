@@ -109,8 +109,11 @@ namespace {
 
 // Reads a whole AS_PATH / AS4_PATH value, AS numbers `width` octets each. Every segment must be of
 // a known type, hold at least one number and end within the attribute (RFC 7606 section 7.2).
+// A first walk checks the segment headers and counts; the lists are then sized once (keeping their
+// room) and filled straight from the octets, instead of growing by one number at a time.
 bool readAsPath(Deserialize& in, unsigned width, AsPath& out) {
-  out.clear();
+  const std::span<const U8> value = in.rest();
+  std::size_t segments = 0, numbers = 0;
   while (!in.atEnd()) {
     const U32 at = in.offset();
     U8 type, count;
@@ -118,13 +121,23 @@ bool readAsPath(Deserialize& in, unsigned width, AsPath& out) {
     if (type < AsPath::asSet || type > AsPath::asConfedSet || count == 0 || in.remaining() < count * width) {
       return in.fail(ReadRule::badAsPathSegment, at);
     }
-    out.segments.push_back(AsPath::Segment{type, count});
-    // The segment is known to fit: its numbers are taken straight from the octets.
-    const U8* p = in.rest().data();
-    for (unsigned i = 0; i < count; ++i, p += width) {
-      out.asns.push_back(width == 4 ? U32{p[0]} << 24 | U32{p[1]} << 16 | U32{p[2]} << 8 | p[3] : U32{p[0]} << 8 | p[1]);
-    }
     (void)in.skip(count * width);
+    ++segments;
+    numbers += count;
+  }
+  out.segments.resize(segments);
+  out.asns.resize(numbers);
+  AsPath::Segment* segment = out.segments.data();
+  Netzo::AutonomousSystem* asn = out.asns.data();
+  for (const U8* p = value.data(); p != value.data() + value.size();) {
+    const U8 count = p[1];
+    *segment++ = AsPath::Segment{p[0], count};
+    p += 2;
+    if (width == 4) {
+      for (unsigned i = 0; i < count; ++i, p += 4) *asn++ = U32{p[0]} << 24 | U32{p[1]} << 16 | U32{p[2]} << 8 | p[3];
+    } else {
+      for (unsigned i = 0; i < count; ++i, p += 2) *asn++ = U32{p[0]} << 8 | p[1];
+    }
   }
   return true;
 }
@@ -217,8 +230,7 @@ struct ListCodec {
   static bool read(Deserialize& in, const SessionOptions&, List& v) {
     const U32 n = in.remaining();
     if (n == 0 || n % Width != 0) return in.fail(ReadRule::badAttributeLength, in.offset());
-    emptyKeepingRoom(v);
-    v.resize(n / Width);
+    v.resize(n / Width);  // every item is read over: no need to empty the list first
     for (Item& item : v) readItem(in, item);
     return true;
   }
