@@ -19,7 +19,9 @@
 // whose CRC does not match, a combined CRC that does not match, anything else the scanner does not
 // expect: from there on the file is read by libbz2 as one stream, from the start of the stream
 // the problem is in, its octets already given skipped. The octets given and the failure reported
-// are therefore always those of the one-stream reading (what libbz2 gave before it stopped).
+// are therefore those of the one-stream reading (what libbz2 gave before it stopped), with one
+// latitude: libbz2 gives a block's octets before it checks the block's CRC, so of a damaged block
+// more or fewer octets may come before the failure than the one-stream reading gives.
 //
 //   Routing::Bgp::Bzip2Reader in(fd);        // fd stays the caller's
 //   U8 buffer[1 << 16];
