@@ -62,6 +62,7 @@ TEST(RouteTarget, BadTextLeavesValueUnchanged) {
       {"x:5", "RouteTarget: expected a decimal number of at most 64 bits, found \"x\""},
       {"100:5x", "RouteTarget: expected a decimal number of at most 64 bits, found \"5x\""},
       {".5:1", "RouteTarget: expected a decimal number of at most 64 bits, found \"\""},
+      {"1.2:3.4567", "RouteTarget: expected a decimal number of at most 64 bits, found \"3.4567\""},  // one dot before ':'
       {"99999999999999999999:1",  // too long for the quick conversion: left to the decimal reader
        "RouteTarget: expected a decimal number of at most 64 bits, found \"99999999999999999999\""},
       {"10.0.0.256:1", "invalid IPv4 address \"10.0.0.256\""},
