@@ -181,8 +181,8 @@ void writeOpen(Serialize& out, const Open& open) {
   };
   auto parameterEnd = [&](U32 p) { out.overwriteU8(p + 1, static_cast<U8>(out.writeOffset() - p - 2)); };
   auto capability = [&](U8 code, std::span<const U8> value) {
-    out.addFields(code, static_cast<U8>(value.size()));
-    out.addData(value.data(), static_cast<U32>(value.size()));
+    out.addFields(code, static_cast<U8>(value.size()),
+                  Serialize::Octets{value.data(), static_cast<U32>(value.size())});
   };
   if (open.capabilities.empty()) {
     // The typed capabilities, in one parameter.
@@ -265,8 +265,8 @@ void writeUpdate(Serialize& out, const Update& update, const SessionOptions& opt
   Serialize::AllOrNothing guard(out);
   const U32 at = start(out, MessageType::update);
   const auto withdrawn = update.withdrawn.octets();
-  out.addU16hton(static_cast<U16>(withdrawn.size()));
-  out.addData(withdrawn.data(), static_cast<U32>(withdrawn.size()));
+  out.addFields(static_cast<U16>(withdrawn.size()),
+                Serialize::Octets{withdrawn.data(), static_cast<U32>(withdrawn.size())});
   const U32 attributesAt = out.writeOffset();
   out.addU16hton(0);
   writePathAttributes(out, update.attributes, options);
@@ -292,8 +292,7 @@ ReadError readNotification(std::span<const U8> octets, Notification& out) {
 void writeNotification(Serialize& out, const Notification& n) {
   Serialize::AllOrNothing guard(out);
   const U32 at = start(out, MessageType::notification);
-  out.addFields(n.code, n.subcode);
-  out.addData(n.data.data(), static_cast<U32>(n.data.size()));
+  out.addFields(n.code, n.subcode, Serialize::Octets{n.data.data(), static_cast<U32>(n.data.size())});
   finish(out, at, bgpMaxExtendedMessageSize);
 }
 

@@ -34,6 +34,7 @@
 #include <cstring>
 #include <exception>
 #include <span>
+#include <type_traits>
 
 #include "platform/Kelp/TextForm.h"
 #include "platform/Netzo/AddressFamily.h"
@@ -93,7 +94,7 @@ class Serialize {
   void addU24hton(U32 v) { addFields(U24{v}); }
   // Bits 19..0 of `v` in three octets, big-endian (the first octet's high nibble is zero).
   void addU20hton(U32 v) { addFields(U24{v & 0x0FFFFF}); }
-  void addData(const U8* data, U32 len) { copyRun(claim(len), data, len); }
+  void addData(const U8* data, U32 len) { addFields(Octets{data, len}); }
   void addString(const Kelp::String& s) { addData(reinterpret_cast<const U8*>(s.data()), static_cast<U32>(s.size())); }
   void addBytes(const Kelp::Bytes& b) { addData(b.data(), static_cast<U32>(b.size())); }
 
@@ -143,23 +144,34 @@ class Serialize {
     return U24{field};
   }
 
-  // Appends several fixed-width fields with one room check for all of them: the header of a path
-  // attribute, an NLRI entry, anything whose size is known when the code is written. Each field is
-  // written as the single add for its type would write it:
+  // A run of octets as a field for addFields, copied as addData copies it: the octets of a prefix
+  // after its NLRI header, a value after the header that gives its length.
+  struct Octets {
+    const U8* data;
+    U32 size;
+  };
+
+  // Appends several fields with one room check for all of them: the header of a path attribute
+  // and its value, an NLRI entry and its prefix octets. Each field is written as the single add
+  // for its type would write it:
   //   U8, U16, U32, U64      big-endian, like addU8 / addU16hton / addU32hton / addU64hton
   //   U24                    three octets, like addU24hton
   //   Netzo::IpAddr          like addIpv4Addr;  Netzo::Ip6Addr like addIpv6Addr
   //   Netzo::AutonomousSystem  four octets, like addAutonomousSystem(asn, true)
   //   AfiSafi                like addAfiSafi
+  //   Octets                 its run, like addData
+  //   std::span of any of the fixed-width types above: every element, in order
   // Only these exact types are taken, so a stray int or enum does not compile instead of silently
   // choosing a width. Like every add, it throws before writing anything when the fields would take
   // the message past bgpMaxExtendedMessageSize.
   //
   //   s.addFields(U8{0x40}, U8{3}, U8{4}, nextHop);   // NEXT_HOP: flags, type, length, address
+  //   s.addFields(U8{0xC0}, U8{8}, U8(4 * communities.size()), std::span(communities));
+  //   s.addFields(U8(bits), Serialize::Octets{prefix, (bits + 7) / 8});   // an IPv4 NLRI entry
   template <typename... Fields>
   void addFields(const Fields&... fields) {
-    constexpr U32 total = (fieldWidth(static_cast<const Fields*>(nullptr)) + ... + 0);
-    Octet* p = claim(total);
+    // Summed in 64 bits: no list of runs that fits in memory can wrap it.
+    Octet* p = claim((U64{0} + ... + fieldOctets(fields)));
     (putField(p, fields), ...);
   }
 
@@ -168,15 +180,8 @@ class Serialize {
   //
   //   s.addEach(std::span(asPath));   // std::vector<Netzo::AutonomousSystem> asPath
   template <typename T, std::size_t N>
-  void addEach(std::span<const T, N> items) {
-    constexpr U32 width = fieldWidth(static_cast<const T*>(nullptr));
-    if (items.size() > bgpMaxExtendedMessageSize / width) throwLimitExceeded();  // more than any message holds
-    Octet* p = claim(static_cast<U32>(items.size()) * width);
-    for (const T& item : items) putField(p, item);
-  }
-  template <typename T, std::size_t N>
   void addEach(std::span<T, N> items) {
-    addEach(std::span<const T, N>(items));
+    addFields(items);
   }
 
   // Overwrite octets written earlier at `_offset` (big-endian): fill in a length field once what
@@ -248,11 +253,16 @@ class Serialize {
   void moveTo(U32 newCapacity);
 
   // Takes `n` octets at the write offset, growing first if they do not fit, and returns where
-  // they go.
-  Octet* claim(U32 n) {
-    if (capacity_ - writeOffset_ < n) [[unlikely]] growBuffer(n);
+  // they go. Past growBuffer's range, `n` is more than any message holds. The end is summed in 64
+  // bits, so it cannot wrap, and becomes the next write offset: one add serves the check and the
+  // advance.
+  Octet* claim(U64 n) {
+    const U64 end = U64{writeOffset_} + n;
+    if (end > capacity_) [[unlikely]] {
+      growBuffer(n > bgpMaxExtendedMessageSize ? bgpMaxExtendedMessageSize + 1 : static_cast<U32>(n));
+    }
     Octet* p = buffer_ + writeOffset_;
-    writeOffset_ += n;
+    writeOffset_ = static_cast<U32>(end);
     return p;
   }
   static void put8(Octet* p, U8 v) { p[0] = static_cast<Octet>(v); }
@@ -342,7 +352,31 @@ class Serialize {
     put8(p + 2, static_cast<U8>(afiSafi.safi()));
     p += 3;
   }
+  static void putField(Octet*& p, Octets run) { copyRun(p, run.data, run.size), p += run.size; }
+  template <typename T, std::size_t N>
+  static void putField(Octet*& p, std::span<T, N> items) {
+    for (const T& item : items) putField(p, item);
+  }
 
+  template <typename T>
+  struct IsSpan : std::false_type {};
+  template <typename T, std::size_t N>
+  struct IsSpan<std::span<T, N>> : std::true_type {};
+
+ public:
+  // The octets that addFields takes for `field`: its width, a run's size, a span's elements.
+  template <typename F>
+  static constexpr U64 fieldOctets(const F& field) {
+    if constexpr (std::is_same_v<F, Octets>) {
+      return field.size;
+    } else if constexpr (IsSpan<F>::value) {
+      return U64{field.size()} * fieldWidth(static_cast<const typename F::value_type*>(nullptr));
+    } else {
+      return fieldWidth(static_cast<const F*>(nullptr));
+    }
+  }
+
+ private:
   Octet* buffer_ = inline_;            // inline_ until the first growth, then a heap block
   U32 writeOffset_ = 0;                // octets written; at most capacity_
   U32 capacity_ = inlineCapacity;      // octets at buffer_; never 0, never above 65535

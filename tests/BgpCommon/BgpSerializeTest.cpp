@@ -85,6 +85,13 @@ const Golden kGolden[] = {
       0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 192, 0, 2, 1}},
     {"addEach: AS numbers", [](Serialize& s) { s.addEach(std::span<const Netzo::AutonomousSystem>({65536, 1})); },
      {0, 1, 0, 0, 0, 0, 0, 1}},
+    {"addFields: runs and spans among fields",
+     [](Serialize& s) {
+       const U8 prefix[] = {10, 1, 2};
+       s.addFields(U8{24}, Serialize::Octets{prefix, 3}, std::span<const U16>({0x0102, 0x0304}),
+                   Serialize::Octets{prefix, 0}, std::span<const U8>(), U8{9});
+     },
+     {24, 10, 1, 2, 1, 2, 3, 4, 9}},
 };
 
 TEST(Serialize, GoldenEncodings) {
@@ -121,6 +128,8 @@ TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
       {"addFields", 10,
        [](Serialize& s) { s.addFields(U8{0x80}, U8{4}, U8{4}, U32{7}, Serialize::mplsLabelField(MplsLabel(3), true)); }},
       {"addEach", 12, [](Serialize& s) { s.addEach(std::span<const U32>({1u, 2u, 3u})); }},
+      {"addFields with a run and a span", 12,
+       [&](Serialize& s) { s.addFields(U8{56}, Serialize::Octets{run, 7}, std::span<const U16>({1, 2})); }},
       {"add3octetMplsLabelStack", 6,
        [](Serialize& s) { s.add3octetMplsLabelStack(MplsLabelStack{MplsLabel(16), MplsLabel(17)}); }},
   };
@@ -142,6 +151,7 @@ TEST(Serialize, LimitIsExactlyOneExtendedMessage) {
   full.addData(filler.data(), bgpMaxExtendedMessageSize);  // the whole message in one add
   volatile U32 huge = 0xFFFFFFFFu;  // volatile: keeps the compiler from flagging the read it cannot see refused
   EXPECT_THROW(full.addData(filler.data(), huge), Kelp::RangeException);  // no wrap-around
+  EXPECT_THROW(full.addFields(U8{1}, Serialize::Octets{filler.data(), huge}), Kelp::RangeException);
   EXPECT_EQ(full.serializedBytes(0), filler);  // content intact and usable
   Serialize empty;
   EXPECT_THROW(empty.growBuffer(65536), Kelp::RangeException);
