@@ -9,6 +9,8 @@
 //            beside the interning peer, whose objects are made with new and freed with delete;
 //   memory   octets per interned key, the table's share included, beside a limit; and how much of
 //            the resident memory interning took is still held once every key is released;
+//   hit_probe  the hit in our table beside the same hit on our keys held in an absl set: where the
+//            probing alone differs;
 //   hash, equal  the compute of a hit without its memory: hashing the content record alone, beside
 //            absl::Hash of the peer's record (the same octets); the key's test against a record
 //            alone, beside the peer's operator== on its object's content;
@@ -304,6 +306,58 @@ std::uint64_t alternately(benchmark::State& state, unsigned& turn, Ours&& ours, 
   return runs;
 }
 
+// The interning peer's kind of set holding our keys: an absl::flat_hash_set of the keys' holders,
+// found by the prefix with our hash and our equality test.
+template <typename S>
+struct HeldSet {
+  using Held = typename S::Held;
+  using Prefix = typename S::Prefix;
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(const Held& k) const { return k->hash(); }
+    std::size_t operator()(const Prefix& p) const { return S::hash(p); }
+  };
+  struct Eq {
+    using is_transparent = void;
+    bool operator()(const Held& a, const Held& b) const { return a == b; }
+    bool operator()(const Prefix& p, const Held& k) const { return S::matches(k, p); }
+    bool operator()(const Held& k, const Prefix& p) const { return S::matches(k, p); }
+  };
+  absl::flat_hash_set<Held, Hash, Eq> set;
+};
+
+// A hit in our table beside the same hit on the same keys held in the peer's kind of set: the
+// same hash, equality, count and release, only the probing differs (absl's control octets and
+// groups against our slots). Apart from the hit duel, which it would disturb by the cache it takes.
+template <typename S>
+void probeDuel(benchmark::State& state, const std::vector<typename S::Prefix>& prefixes) {
+  InternedBoth<S> both(prefixes);
+  HeldSet<S> held;
+  for (const auto& k : both.held) held.set.insert(k);
+  const auto order = shuffled(prefixes, 99);
+  double ours = 0, peer = 0;
+  std::uintptr_t sink = 0;
+  auto timeOurs = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : order) sink += reinterpret_cast<std::uintptr_t>(S::intern(*both.table, p).get());
+    ours += cpuSecondsSince(t0);
+  };
+  auto timePeer = [&] {
+    const double t0 = bench_support::threadCpuNs();
+    for (const auto& p : order) {
+      const typename S::Held k = *held.set.find(p);
+      sink += reinterpret_cast<std::uintptr_t>(k.get());
+    }
+    peer += cpuSecondsSince(t0);
+  };
+  unsigned turn = 0;
+  const std::uint64_t ops = alternately(state, turn, timeOurs, timePeer) * order.size();
+  benchmark::DoNotOptimize(sink);
+  if (both.table->size() != prefixes.size()) state.SkipWithError("a hit missed its key");
+  state.counters["prefixes"] = static_cast<double>(prefixes.size());
+  reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 0, "peer: our keys in absl::flat_hash_set<Held>");
+}
+
 // The churn goal against the shared_ptr set holds for tables of full-table size; a smaller table's
 // ratio is shown without one.
 inline constexpr std::size_t kChurnGoalMinKeys = 100000;
@@ -530,7 +584,7 @@ void threadsDuel(benchmark::State& state, const std::vector<typename S::Prefix>&
   reportDuel(state, ours * 1e9 / ops, peer * 1e9 / ops, 1.0, "two threads, one locked table");
 }
 
-// Registers the seven duels of a subject over its prefix tables.
+// Registers the eight duels of a subject over its prefix tables.
 template <typename S>
 void registerDuels(const char* subject, const char* tableName, const std::vector<typename S::Prefix>& (*prefixes)()) {
   std::string base = std::string(subject) + "/" + tableName;
@@ -538,6 +592,9 @@ void registerDuels(const char* subject, const char* tableName, const std::vector
       ->Iterations(1)->Unit(benchmark::kMillisecond);
   bench_support::repeated(
       benchmark::RegisterBenchmark((base + "/hit").c_str(), [=](benchmark::State& s) { hitDuel<S>(s, prefixes()); }))
+      ->Iterations(2)->Unit(benchmark::kMillisecond);
+  bench_support::repeated(
+      benchmark::RegisterBenchmark((base + "/hit_probe").c_str(), [=](benchmark::State& s) { probeDuel<S>(s, prefixes()); }))
       ->Iterations(2)->Unit(benchmark::kMillisecond);
   bench_support::repeated(
       benchmark::RegisterBenchmark((base + "/churn").c_str(), [=](benchmark::State& s) {
