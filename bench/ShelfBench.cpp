@@ -123,6 +123,15 @@ auto readerLookup(Fixture& f) {
   return [&f](std::uint32_t k) __attribute__((always_inline)) { return f.reader->result(IgpResultId(k)); };
 }
 
+// The peer: absl::flat_hash_map find and a copy of the record.
+auto mapLookup(Fixture& f) {
+  return [&f](std::uint32_t k) -> std::optional<IgpResult> {
+    auto it = f.map.find(k);
+    if (it == f.map.end()) return std::nullopt;
+    return it->second;
+  };
+}
+
 // Runs `run` with the lookup loops of the benchmark's `dependent` argument (0 or 1).
 template <typename Run, typename Ours, typename Peer>
 void withLoops(benchmark::State& state, Run run, Ours ours, Peer peer) {
@@ -154,11 +163,7 @@ void ReaderLookupVsFlatHashMap(benchmark::State& state) {
   withLoops(
       state, [&](auto ours, auto peer) { ratioRun(state, 2.0, ours, peer); },
       readerLookup(f),
-      [&](std::uint32_t k) -> std::optional<IgpResult> {
-        auto it = f.map.find(k);
-        if (it == f.map.end()) return std::nullopt;
-        return it->second;
-      });
+      mapLookup(f));
 }
 BENCHMARK(ReaderLookupVsFlatHashMap)->ArgName("dependent")->Arg(0)->Arg(1)->Apply(bench_support::repeatedDuel);
 
@@ -183,6 +188,17 @@ std::optional<IgpResult> oneAccess(std::uint32_t k) {
   return r;
 }
 
+// The floor under a lookup that reads a whole record: one word from each cache line that the key's
+// slot of the table's stride (104 bytes: two lines or three) falls on, in the same buffer, loaded
+// side by side as the reader's are, and made into a record. Its bytes 0, 48 and 100: no line of the
+// slot lies between them.
+std::optional<IgpResult> recordLines(std::uint32_t k) {
+  const std::uint32_t* slot = oneAccessBuffer().data() + std::size_t{k} * (104 / 4);
+  std::optional<IgpResult> r(std::in_place, IgpResultId(k));
+  r->tag = slot[0] + slot[12] + slot[25];
+  return r;
+}
+
 // Reader lookup beside that one memory access. Goal: within 2.5x for independent lookups, where
 // the reader's record spans two or three cache lines against the access's one and its checks keep
 // fewer lookups in flight, and 1.1x for dependent ones (where both wait out the same miss, and the
@@ -195,6 +211,22 @@ void ReaderLookupVsOneMemoryAccess(benchmark::State& state) {
       readerLookup(f), &oneAccess);
 }
 BENCHMARK(ReaderLookupVsOneMemoryAccess)->ArgName("dependent")->Arg(0)->Arg(1)->Apply(bench_support::repeatedDuel);
+
+// For scale, no goal: those lines beside the map (how much of the map's lead is the record's extra
+// lines), and the reader lookup beside them.
+void RecordLinesVsFlatHashMap(benchmark::State& state) {
+  Fixture& f = fixture();
+  withLoops(
+      state, [&](auto ours, auto peer) { ratioRun(state, 0, ours, peer); }, &recordLines,
+      mapLookup(f));
+}
+BENCHMARK(RecordLinesVsFlatHashMap)->ArgName("dependent")->Arg(0)->Apply(bench_support::repeatedDuel);
+
+void ReaderLookupVsRecordLines(benchmark::State& state) {
+  withLoops(
+      state, [&](auto ours, auto peer) { ratioRun(state, 0, ours, peer); }, readerLookup(fixture()), &recordLines);
+}
+BENCHMARK(ReaderLookupVsRecordLines)->ArgName("dependent")->Arg(0)->Apply(bench_support::repeatedDuel);
 
 // For scale, no goal: the reader lookup beside LMDB mdb_get in a reused read transaction, decoded
 // to a record, and the one memory access beside the same.
@@ -240,11 +272,7 @@ void OneMemoryAccessAndWorkVsFlatHashMap(benchmark::State& state) {
   };
   withLoops(
       state, [&](auto o, auto p) { ratioRun(state, 0, o, p); }, ours,
-      [&](std::uint32_t k) -> std::optional<IgpResult> {
-        auto it = f.map.find(k);
-        if (it == f.map.end()) return std::nullopt;
-        return it->second;
-      });
+      mapLookup(f));
 }
 BENCHMARK(OneMemoryAccessAndWorkVsFlatHashMap)->ArgNames({"dependent", "work"})->ArgsProduct({{0, 1}, {0, 100, 200, 300}});
 #endif
