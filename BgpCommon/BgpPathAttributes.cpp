@@ -231,7 +231,15 @@ struct ListCodec {
     const U32 n = in.remaining();
     if (n == 0 || n % Width != 0) return in.fail(ReadRule::badAttributeLength, in.offset());
     v.resize(n / Width);  // every item is read over: no need to empty the list first
-    for (Item& item : v) readItem(in, item);
+    // The length is checked whole: each item is read through a cursor of exactly its width, whose
+    // bounds check the compiler sees through.
+    const U8* p = in.rest().data();
+    for (Item& item : v) {
+      Deserialize one({p, Width});
+      readItem(one, item);
+      p += Width;
+    }
+    (void)in.skip(n);
     return true;
   }
   static std::size_t size(const List& v, const SessionOptions&) { return Width * v.size(); }
@@ -357,13 +365,56 @@ void writeHeader(Serialize& out, U8 flags, U8 usual, U8 type, std::size_t size) 
   }
 }
 
+// Keeps the most severe error, the first of equals.
+void note(ReadError& worst, const ReadError& e) {
+  if (e.action > worst.action) worst = e;
+}
+
+// An attribute of `length` value octets whose value did not read: the cursor says which rule it
+// broke (none when octets were left over), `action` is the attribute's RFC 7606 action.
+[[gnu::noinline]] void noteMalformed(ReadError& worst, const Deserialize& value, ErrorAction action, U8 type, U32 at,
+                                     U32 length) {
+  // Not even the AFI/SAFI of MP_REACH_NLRI / MP_UNREACH_NLRI could be read: no family to disable.
+  if (action == ErrorAction::afiSafiDisable && length < 3) action = ErrorAction::sessionReset;
+  ReadRule rule = value.failed() ? value.failureRule() : ReadRule::badAttributeLength;
+  U32 offset = value.failureOffset();
+  // A length that does not fit the attribute is reported at the attribute's length field.
+  if (rule == ReadRule::truncated) rule = ReadRule::badAttributeLength;
+  if (rule == ReadRule::badAttributeLength) offset = at + 2;
+  note(worst, ReadError{rule, action, offset, type});
+}
+
+// Reads one occurrence of a known attribute, `value` being exactly its value and `at` the offset
+// of its flags octet: into its slot, marked present with its flags and added to the order, when
+// its flags and value are right; otherwise the slot is left absent and the error noted. Inlined
+// where the reader dispatches the common attributes itself, called through the table for the rest.
+template <auto Slot, typename Codec, AttrType Type, U8 Flags, ErrorAction Malformed>
+[[gnu::always_inline]] inline void readAttribute(Deserialize& value, U32 at, U8 flags, const SessionOptions& o,
+                                                 PathAttributes& a, ReadError& worst) {
+  constexpr U8 type = static_cast<U8>(Type);
+  auto& slot = a.*Slot;
+  // RFC 7606 section 3 c: optional or transitive bits in conflict with the attribute's
+  // definition make it malformed.
+  if ((flags & (attrFlagOptional | attrFlagTransitive)) != Flags) [[unlikely]] {
+    note(worst, ReadError{ReadRule::badAttributeFlags, Malformed, at, type});
+    return;
+  }
+  const U32 length = value.remaining();
+  if (!Codec::read(value, o, slot.value) || !value.atEnd()) [[unlikely]] {
+    noteMalformed(worst, value, Malformed, type, at, length);
+    slot.reset();
+    return;
+  }
+  slot.present = true;
+  slot.flags = flags;
+  a.order.push_back(type);
+}
+
 struct Row {
   AttributeInfo info;
-  // Reads the value into the slot (present and flags are set by markRead).
-  bool (*read)(Deserialize& in, const SessionOptions& o, PathAttributes& attrs);
+  // Reads one occurrence (see readAttribute).
+  void (*read)(Deserialize& value, U32 at, U8 flags, const SessionOptions& o, PathAttributes& attrs, ReadError& worst);
   bool (*present)(const PathAttributes& attrs);
-  void (*reset)(PathAttributes& attrs);  // absent, flags 0
-  void (*markRead)(PathAttributes& attrs, U8 flags);
   // Writes the whole attribute, header and value, when it is present.
   void (*write)(Serialize& out, const PathAttributes& attrs, const SessionOptions& o);
 };
@@ -384,17 +435,14 @@ void writeAttribute(Serialize& out, const PathAttributes& a, const SessionOption
   Codec::write(out, slot.value, o);
 }
 
-template <auto Slot, typename Codec, AttrType Type, U8 Flags>
-constexpr Row row(ErrorAction malformed) {
+template <auto Slot, typename Codec, AttrType Type, U8 Flags, ErrorAction Malformed>
+constexpr Row row() {
   return Row{
-      AttributeInfo{Type, attrName(Type), Flags, static_cast<U8>(attrFlagOptional | attrFlagTransitive), malformed},
-      [](Deserialize& in, const SessionOptions& o, PathAttributes& a) { return Codec::read(in, o, (a.*Slot).value); },
-      [](const PathAttributes& a) { return (a.*Slot).present; },
-      [](PathAttributes& a) { (a.*Slot).reset(); },
-      [](PathAttributes& a, U8 flags) {
-        (a.*Slot).present = true;
-        (a.*Slot).flags = flags;
+      AttributeInfo{Type, attrName(Type), Flags, static_cast<U8>(attrFlagOptional | attrFlagTransitive), Malformed},
+      [](Deserialize& value, U32 at, U8 flags, const SessionOptions& o, PathAttributes& a, ReadError& worst) {
+        readAttribute<Slot, Codec, Type, Flags, Malformed>(value, at, flags, o, a, worst);
       },
+      [](const PathAttributes& a) { return (a.*Slot).present; },
       &writeAttribute<Slot, Codec, Type, Flags>,
   };
 }
@@ -415,10 +463,16 @@ using ExtendedCommunities = absl::InlinedVector<RouteTarget, 8>;
 using LargeCommunities = absl::InlinedVector<LargeCommunity, 4>;
 
 // A row as a type: the table below is a list of these, so that what needs every attribute at
-// once (clearing them all before a read) unrolls into plain stores instead of a call per row.
+// once (clearing them all before a read) unrolls into plain stores instead of a call per row, and
+// the reader can call the common attributes' readers directly.
 template <auto Slot, typename Codec, AttrType Type, U8 Flags, ErrorAction Malformed>
 struct Def {
-  static constexpr Row row = ::Routing::Bgp::row<Slot, Codec, Type, Flags>(Malformed);
+  static constexpr U8 code = static_cast<U8>(Type);
+  static constexpr Row row = ::Routing::Bgp::row<Slot, Codec, Type, Flags, Malformed>();
+  [[gnu::always_inline]] static void read(Deserialize& value, U32 at, U8 flags, const SessionOptions& o,
+                                          PathAttributes& a, ReadError& worst) {
+    readAttribute<Slot, Codec, Type, Flags, Malformed>(value, at, flags, o, a, worst);
+  }
   static void reset(PathAttributes& a) { (a.*Slot).reset(); }
   // Writes the attribute when it is present and not written yet.
   static void writeRest(Serialize& out, const PathAttributes& a, const SessionOptions& o, const std::bitset<256>& done) {
@@ -434,15 +488,19 @@ struct Table {
   }
 };
 
+// The attributes nearly every route carries, which the reader dispatches itself.
+using OriginDef = Def<&P::origin, OriginCodec, AttrType::origin, wellKnown, withdraw>;
+using AsPathDef = Def<&P::asPath, AsPathCodec<false>, AttrType::asPath, wellKnown, withdraw>;
+using NextHopDef = Def<&P::nextHop, FixedCodec<Netzo::IpAddr, 4>, AttrType::nextHop, wellKnown, withdraw>;
+using MedDef = Def<&P::multiExitDisc, FixedCodec<U32, 4>, AttrType::multiExitDisc, optionalNonTransitive, withdraw>;
+using LocalPrefDef = Def<&P::localPref, FixedCodec<U32, 4>, AttrType::localPref, wellKnown, withdraw>;
+using AggregatorDef = Def<&P::aggregator, AggregatorCodec<false>, AttrType::aggregator, optionalTransitive, discard>;
+using CommunitiesDef = Def<&P::communities, ListCodec<Communities, 4>, AttrType::communities, optionalTransitive, withdraw>;
+
 using Attributes = Table<
-    Def<&P::origin, OriginCodec, AttrType::origin, wellKnown, withdraw>,
-    Def<&P::asPath, AsPathCodec<false>, AttrType::asPath, wellKnown, withdraw>,
-    Def<&P::nextHop, FixedCodec<Netzo::IpAddr, 4>, AttrType::nextHop, wellKnown, withdraw>,
-    Def<&P::multiExitDisc, FixedCodec<U32, 4>, AttrType::multiExitDisc, optionalNonTransitive, withdraw>,
-    Def<&P::localPref, FixedCodec<U32, 4>, AttrType::localPref, wellKnown, withdraw>,
+    OriginDef, AsPathDef, NextHopDef, MedDef, LocalPrefDef,
     Def<&P::atomicAggregate, EmptyCodec, AttrType::atomicAggregate, wellKnown, discard>,
-    Def<&P::aggregator, AggregatorCodec<false>, AttrType::aggregator, optionalTransitive, discard>,
-    Def<&P::communities, ListCodec<Communities, 4>, AttrType::communities, optionalTransitive, withdraw>,
+    AggregatorDef, CommunitiesDef,
     Def<&P::originatorId, FixedCodec<Netzo::IpAddr, 4>, AttrType::originatorId, optionalNonTransitive, withdraw>,
     Def<&P::clusterList, ListCodec<ClusterList, 4>, AttrType::clusterList, optionalNonTransitive, withdraw>,
     Def<&P::mpReach, MpReachCodec, AttrType::mpReachNlri, optionalNonTransitive, ErrorAction::afiSafiDisable>,
@@ -466,11 +524,6 @@ bool isMp(U8 type) {
   return type == static_cast<U8>(AttrType::mpReachNlri) || type == static_cast<U8>(AttrType::mpUnreachNlri);
 }
 
-// Keeps the most severe error, the first of equals.
-void note(ReadError& worst, const ReadError& e) {
-  if (e.action > worst.action) worst = e;
-}
-
 }  // namespace
 
 const AttributeInfo* attributeInfo(U8 type) {
@@ -491,26 +544,24 @@ ReadError readPathAttributes(Deserialize& in, const SessionOptions& options, Pat
   std::bitset<256> seen;
   while (!in.atEnd()) {
     const U32 at = in.offset();
-    U8 flags, type;
-    U16 length = 0;
-    bool headerRead = in.readFields(flags, type);
-    if (headerRead) {
-      if (flags & attrFlagExtendedLength) {
-        headerRead = in.readU16(length);
-      } else {
-        U8 l;
-        headerRead = in.readU8(l);
-        length = l;
-      }
-    }
-    Deserialize value({}, 0);
-    if (!headerRead || !in.readCursor(value, length)) {
+    // The header: flags, type code, and a length of one octet, or two with the extended length flag.
+    const std::span<const U8> rest = in.rest();
+    const U32 headerSize = (rest[0] & attrFlagExtendedLength) ? 4 : 3;
+    const bool headerRead = rest.size() >= headerSize;
+    const U32 length = !headerRead ? 0 : headerSize == 4 ? U32{rest[2]} << 8 | rest[3] : U32{rest[2]};
+    if (!headerRead || rest.size() - headerSize < length) [[unlikely]] {
       // RFC 7606 section 4: an attribute running past the path attributes leaves the rest of them
-      // unparseable, but the NLRI can still be found.
-      note(worst, ReadError{ReadRule::attributePastEnd, ErrorAction::treatAsWithdraw, at, headerRead ? type : U8{0}});
+      // unparseable, but the NLRI can still be found. The cursor stops where the field that did
+      // not fit starts.
+      if (rest.size() >= 2) (void)in.skip(headerRead ? headerSize : 2);
+      (void)in.fail(ReadRule::truncated, in.offset());
+      note(worst, ReadError{ReadRule::attributePastEnd, ErrorAction::treatAsWithdraw, at, headerRead ? rest[1] : U8{0}});
       break;
     }
-    if (seen[type]) {
+    const U8 flags = rest[0], type = rest[1];
+    Deserialize value(rest.subspan(headerSize, length), at + headerSize);
+    (void)in.skip(headerSize + length);
+    if (seen[type]) [[unlikely]] {
       // RFC 7606 section 3 g: a repeated MP_REACH_NLRI or MP_UNREACH_NLRI resets the session; of
       // any other attribute, the occurrences after the first are discarded.
       note(worst, ReadError{ReadRule::duplicateAttribute,
@@ -518,36 +569,25 @@ ReadError readPathAttributes(Deserialize& in, const SessionOptions& options, Pat
       continue;
     }
     seen[type] = true;
-    const Row* r = rowByType[type];
-    if (r == nullptr) {
-      if (!(flags & attrFlagOptional)) {
-        // RFC 4271 section 6.3: Unrecognized Well-known Attribute.
-        note(worst, ReadError{ReadRule::unknownWellKnown, ErrorAction::sessionReset, at, type});
-      }
-      out.unknown.push_back(RawAttribute{flags, type, value.rest()});
-      out.order.push_back(type);
+    switch (type) {
+      case OriginDef::code: OriginDef::read(value, at, flags, options, out, worst); continue;
+      case AsPathDef::code: AsPathDef::read(value, at, flags, options, out, worst); continue;
+      case NextHopDef::code: NextHopDef::read(value, at, flags, options, out, worst); continue;
+      case MedDef::code: MedDef::read(value, at, flags, options, out, worst); continue;
+      case LocalPrefDef::code: LocalPrefDef::read(value, at, flags, options, out, worst); continue;
+      case AggregatorDef::code: AggregatorDef::read(value, at, flags, options, out, worst); continue;
+      case CommunitiesDef::code: CommunitiesDef::read(value, at, flags, options, out, worst); continue;
+      default: break;
+    }
+    if (const Row* r = rowByType[type]) {
+      r->read(value, at, flags, options, out, worst);
       continue;
     }
-    // RFC 7606 section 3 c: optional or transitive bits in conflict with the attribute's
-    // definition make it malformed.
-    if ((flags & r->info.checkedFlags) != r->info.flags) {
-      note(worst, ReadError{ReadRule::badAttributeFlags, r->info.malformed, at, type});
-      continue;
+    if (!(flags & attrFlagOptional)) {
+      // RFC 4271 section 6.3: Unrecognized Well-known Attribute.
+      note(worst, ReadError{ReadRule::unknownWellKnown, ErrorAction::sessionReset, at, type});
     }
-    if (!r->read(value, options, out) || (!value.atEnd() && value.fail(ReadRule::badAttributeLength, at + 2))) {
-      ErrorAction action = r->info.malformed;
-      // Not even the AFI/SAFI of MP_REACH_NLRI / MP_UNREACH_NLRI could be read: no family to disable.
-      if (action == ErrorAction::afiSafiDisable && length < 3) action = ErrorAction::sessionReset;
-      ReadRule rule = value.failureRule();
-      U32 offset = value.failureOffset();
-      // A length that does not fit the attribute is reported at the attribute's length field.
-      if (rule == ReadRule::truncated) rule = ReadRule::badAttributeLength;
-      if (rule == ReadRule::badAttributeLength) offset = at + 2;
-      note(worst, ReadError{rule, action, offset, type});
-      r->reset(out);
-      continue;
-    }
-    r->markRead(out, flags);
+    out.unknown.push_back(RawAttribute{flags, type, value.rest()});
     out.order.push_back(type);
   }
   return worst;

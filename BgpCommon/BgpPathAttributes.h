@@ -187,9 +187,11 @@ void writeNlri(Serialize& out, const NlriEntry& entry, bool addPath, bool labell
 
 // Empties an InlinedVector without giving its heap room back (its clear() does), so that an
 // object read into again and again allocates only when a list outgrows every earlier one.
+// Shrinking never reallocates; for the plain values these lists hold it only sets the size (where
+// an erase moves and destroys through a general path).
 template <typename V>
 void emptyKeepingRoom(V& v) {
-  v.erase(v.begin(), v.end());
+  v.resize(0);
 }
 
 enum class Origin : U8 { igp = 0, egp = 1, incomplete = 2 };

@@ -320,8 +320,7 @@ class Printer : public MrtVisitor {
 
   void route(const MrtRoute& r) override {
     ++routes;
-    if (!wanted(r.peer->address) || !wantedPrefix(r.prefix)) return;
-    if (opt_.summary) return;
+    if (opt_.summary || !wanted(r.peer->address) || !wantedPrefix(r.prefix)) return;
     if (opt_.json) return json(r);
     if (opt_.bgpdump) return bgpdump(r);
     readable(r);
