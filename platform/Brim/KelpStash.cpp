@@ -68,6 +68,14 @@ constexpr bool skipsStraddlers(std::size_t size) {
   for (std::size_t i = 0; i < kLine; ++i) skipped += straddles(i * size, size);
   return skipped * 8 <= kLine;
 }
+constexpr std::array<bool, kClasses> kSkipsStraddlers = [] {
+  std::array<bool, kClasses> skips{};
+  for (std::size_t c = 0; c < kClasses; ++c) {
+    const std::size_t size = classSize(c);
+    skips[c] = size > 8 && size < kLine && skipsStraddlers(size);  // the others never straddle
+  }
+  return skips;
+}();
 
 void pushBlock(FreeBlock*& head, void* p, std::size_t size) {
   auto* b = static_cast<FreeBlock*>(p);
@@ -162,19 +170,22 @@ struct Pool {
   std::size_t emptyChunks = 0;  // chunks all of whose carved slabs are in `empty`
 
   // A slab for a class, empty and ready to carve: an empty one of any class, else the next of the
-  // current chunk, else a returned chunk's first, else a new chunk's first.
+  // current chunk or of a chunk returned whole, else a returned slab of a chunk still in use, else
+  // a new chunk's first. A chunk returned whole comes back as one huge page at one fault; a slab
+  // returned alone is faulted back a small page at a time.
   Slab* newSlab() {
     char* base;
     Chunk* chunk;
     {
       std::lock_guard<std::mutex> lock(slabsMutex);
+      const bool whole = (current != nullptr && current->carved < kSlabsPerChunk) || cold != nullptr;
       if (empty.head != nullptr) {
         Slab* s = empty.head;
         empty.unlink(s);
         chunk = s->chunk;
         if (chunk->empty-- == chunk->carved) --emptyChunks;
         base = reinterpret_cast<char*>(s);
-      } else if ((chunk = withReturnedSlab()) != nullptr) {
+      } else if (!whole && (chunk = withReturnedSlab()) != nullptr) {
         const int i = __builtin_ctz(chunk->returned);
         chunk->returned &= ~(1u << i);
         if (chunk->empty-- == chunk->carved) --emptyChunks;
@@ -310,7 +321,7 @@ struct Pool {
         }
         s->freeCount -= got;
       } else {
-        got = carve(s, size, head, n);
+        got = carve(s, c, head, n);
       }
       s->inUse += got;
       if (s->free == nullptr && s->bump + size > s->end) {
@@ -322,19 +333,35 @@ struct Pool {
   }
 
   // Cuts up to `n` (at most kBatch) blocks from the slab's uncarved part onto `head` (empty), the
-  // lowest address first, so that objects made one after another lie side by side.
-  static std::uint32_t carve(Slab* s, std::size_t size, FreeBlock*& head, std::uint32_t n) {
-    const bool skip = skipsStraddlers(size);
-    const auto slabBase = reinterpret_cast<std::uintptr_t>(s);
-    std::array<char*, kBatch> blocks;
+  // lowest address first, so that objects made one after another lie side by side. The blocks are
+  // linked in address order as they are cut, in one pass.
+  static std::uint32_t carve(Slab* s, std::size_t c, FreeBlock*& head, std::uint32_t n) {
+    const std::size_t size = classSize(c);
+    const bool skip = kSkipsStraddlers[c];
+    const std::uint32_t want = n < kBatch ? n : kBatch;
+    char* b = s->bump;
+    char* const end = s->end;
+    FreeBlock** tail = &head;
     std::uint32_t got = 0;
-    while (got < n && got < kBatch && s->bump + size <= s->end) {
-      char* b = s->bump;
-      s->bump += size;
-      if (skip && straddles(reinterpret_cast<std::uintptr_t>(b) - slabBase, size)) continue;
-      blocks[got++] = b;
+    for (; got < want && b + size <= end; b += size) {
+      // The slab is aligned on its size, so an address's line is its line within the slab.
+      const auto at = reinterpret_cast<std::uintptr_t>(b);
+      if (skip && ((at + 8) ^ (at + size - 1)) >= kLine) continue;
+      KELP_STASH_UNPOISON(b, sizeof(FreeBlock));
+      auto* block = reinterpret_cast<FreeBlock*>(b);
+      *tail = block;
+      tail = &block->next;
+      ++got;
     }
-    for (std::uint32_t i = got; i-- > 0;) pushBlock(head, blocks[i], size);
+    *tail = nullptr;
+    s->bump = b;
+#if defined(__SANITIZE_ADDRESS__)
+    for (FreeBlock* f = head; f != nullptr;) {
+      FreeBlock* next = f->next;
+      KELP_STASH_POISON(f, size);
+      f = next;
+    }
+#endif
     return got;
   }
 
@@ -420,12 +447,10 @@ inline ThreadCache* threadCache() {
   return tc != nullptr ? tc : threadCacheSlow();
 }
 
-}  // namespace
-
-void* allocate(std::size_t size) {
-  if (size == 0) size = 1;
-  if (size > kMaxPooledSize) return ::operator new(size);
-  const std::size_t c = classOf(size);
+// The paths of allocate() and deallocate() beyond the thread cache's lists: a list to refill or
+// to trim, a thread that has no cache (yet, or any more). Kept out of line, so that the common
+// case is a few instructions that save no registers.
+[[gnu::noinline]] void* allocateSlow(std::size_t c) {
   const std::size_t csize = classSize(c);
   ThreadCache* tc = threadCache();
   if (tc == nullptr) {
@@ -446,14 +471,7 @@ void* allocate(std::size_t size) {
   return b;
 }
 
-void deallocate(void* p, std::size_t size) noexcept {
-  if (p == nullptr) return;
-  if (size == 0) size = 1;
-  if (size > kMaxPooledSize) {
-    ::operator delete(p);
-    return;
-  }
-  const std::size_t c = classOf(size);
+[[gnu::noinline]] void deallocateSlow(void* p, std::size_t c) {
   const std::size_t csize = classSize(c);
   ThreadCache* tc = threadCache();
   if (tc == nullptr) {
@@ -473,6 +491,39 @@ void deallocate(void* p, std::size_t size) noexcept {
     pool().give(c, tc->head[c], kBatch);
     tc->count[c] -= kBatch;
   }
+}
+
+}  // namespace
+
+void* allocate(std::size_t size) {
+  if (size == 0) size = 1;
+  if (size > kMaxPooledSize) return ::operator new(size);
+  const std::size_t c = classOf(size);
+  ThreadCache* tc = tlsCache;
+  if (tc == nullptr || tc->head[c] == nullptr) [[unlikely]] return allocateSlow(c);
+  const std::size_t csize = classSize(c);
+  FreeBlock* b = popBlock(tc->head[c], csize);
+  --tc->count[c];
+  tc->account(1, static_cast<std::int64_t>(csize));
+  return b;
+}
+
+void deallocate(void* p, std::size_t size) noexcept {
+  if (p == nullptr) return;
+  if (size == 0) size = 1;
+  if (size > kMaxPooledSize) {
+    ::operator delete(p);
+    return;
+  }
+  const std::size_t c = classOf(size);
+  ThreadCache* tc = tlsCache;
+  if (tc == nullptr || tc->count[c] >= kCacheLimit) [[unlikely]] {
+    deallocateSlow(p, c);
+    return;
+  }
+  pushBlock(tc->head[c], p, classSize(c));
+  ++tc->count[c];
+  tc->account(-1, static_cast<std::int64_t>(classSize(c)));
 }
 
 HeapStats heapStats() {
