@@ -13,7 +13,8 @@
 // BM_AddData appends N runs of 4 KiB to a fresh writer; the peer appends them to a fresh
 // std::vector<uint8_t> with insert, so both pay for their growth (one run stays in our inline
 // storage; more runs include the growths to the heap). BM_AddDataReserved reserves the total
-// first; its limit is memcpy into a buffer allocated once, outside the timing.
+// first; its limit is memcpy into a buffer allocated once, outside the timing, at the same place
+// modulo the page as ours.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -237,20 +238,25 @@ BENCHMARK(BM_AddData)->Arg(1)->Arg(4)->Arg(15)->Apply(bench_support::repeatedDue
 void BM_AddDataReserved(benchmark::State& state) {
   const U32 runs = static_cast<U32>(state.range(0));
   const std::vector<U8> src(kRun * runs, 0x5A);
-  // The limit's destination sits off the source's page offset: a destination 4 KiB-aliased with
-  // its source slows memcpy down on some processors, and the limit should be the fast case.
-  std::vector<U8> dstBlock(kRun * runs + 4096);
-  U8* const dst = dstBlock.data() + 1088;
+  // The limit copies to the same place modulo the page as ours did on its last call: where a
+  // destination lies against its source decides how fast memcpy is (one just past its source
+  // modulo 4 KiB stalls the string move on some processors), and malloc, the stack or the caller
+  // chooses that for ours, not addData. Both sides then copy between the same page offsets.
+  std::vector<U8> dstBlock(kRun * runs + 2 * 4096);
+  U8* const page = reinterpret_cast<U8*>((reinterpret_cast<std::uintptr_t>(dstBlock.data()) + 4095) & ~std::uintptr_t{4095});
+  const U8* ourLast = nullptr;
   bench_support::pairedRun(
       state, 64, 1.2,
       [&] {
         Serialize s;
         s.reserve(kRun * runs);
         for (U32 r = 0; r < runs; ++r) s.addData(src.data() + r * kRun, kRun);
+        ourLast = s.data();
         benchmark::DoNotOptimize(s.data());
         benchmark::ClobberMemory();
       },
       [&] {
+        U8* const dst = page + (reinterpret_cast<std::uintptr_t>(ourLast) & 4095);
         for (U32 r = 0; r < runs; ++r) std::memcpy(dst + r * kRun, src.data() + r * kRun, kRun);
         benchmark::DoNotOptimize(dst);
         benchmark::ClobberMemory();
