@@ -51,7 +51,6 @@ constexpr bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') 
 // route target is 5 to 22 characters, so a few word tests replace most of a per-character loop.
 // Each test marks the octets of a word that pass with 0x80 and the others with 0, exactly: no
 // octet's carry reaches its neighbour.
-constexpr bool kWordAtATime = std::endian::native == std::endian::little;
 constexpr U64 kOnes = 0x0101010101010101;
 constexpr U64 kHigh = kOnes * 0x80;
 constexpr U64 kLow7 = ~kHigh;
@@ -59,6 +58,7 @@ constexpr U64 kLow7 = ~kHigh;
 U64 load8(const char* p) {
   U64 w;
   std::memcpy(&w, p, sizeof w);
+  if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap64(w);
   return w;
 }
 constexpr U64 zeroOctets(U64 x) { return ~(((x & kLow7) + kLow7) | x) & kHigh; }
@@ -91,24 +91,9 @@ inline bool hexWord(U64 w, U64& out) {
 // this text the two agree, and this reading costs a fraction of the library call.
 bool plainHex(std::string_view s, U64& out) {
   if (s.size() != 18 || s[0] != '0' || (s[1] != 'x' && s[1] != 'X')) return false;
-  if constexpr (kWordAtATime) {
-    U64 high, low;
-    if (!hexWord(load8(s.data() + 2), high) || !hexWord(load8(s.data() + 10), low)) return false;
-    out = high << 32 | low;
-    return true;
-  }
-  U64 v = 0;
-  for (std::size_t i = 2; i < 18; ++i) {
-    const unsigned c = static_cast<unsigned char>(s[i]);
-    unsigned d = c - unsigned{'0'};
-    if (d > 9) {
-      d = (c | 0x20) - unsigned{'a'};
-      if (d > 5) return false;
-      d += 10;
-    }
-    v = v << 4 | d;
-  }
-  out = v;
+  U64 high, low;
+  if (!hexWord(load8(s.data() + 2), high) || !hexWord(load8(s.data() + 10), low)) return false;
+  out = high << 32 | low;
   return true;
 }
 
@@ -232,21 +217,19 @@ void RouteTarget::stringValueIs(const Kelp::String& text) {
   std::size_t localStart = 0;
   bool fourOctetForced = false;
   std::size_t i = 0;
-  if constexpr (kWordAtATime) {
-    // Whole words up to the one holding the separator: its dots before the separator count, and
-    // the loop below takes the separator itself.
-    for (; i + 8 <= n; i += 8) {
-      const U64 w = load8(s.data() + i);
-      const U64 dotOctets = octetsEqual(w, '.');
-      const U64 stop = octetsEqual(w, ':') | octetsEqual(w, 'L');
-      if (stop != 0) {
-        const unsigned before = static_cast<unsigned>(std::countr_zero(stop)) & ~7u;  // bits
-        dots += markedCount(dotOctets & ((U64{1} << before) - 1));
-        i += before / 8;
-        break;
-      }
-      dots += markedCount(dotOctets);
+  // Whole words up to the one holding the separator: its dots before the separator count, and
+  // the loop below takes the separator itself.
+  for (; i + 8 <= n; i += 8) {
+    const U64 w = load8(s.data() + i);
+    const U64 dotOctets = octetsEqual(w, '.');
+    const U64 stop = octetsEqual(w, ':') | octetsEqual(w, 'L');
+    if (stop != 0) {
+      const unsigned before = static_cast<unsigned>(std::countr_zero(stop)) & ~7u;  // bits
+      dots += markedCount(dotOctets & ((U64{1} << before) - 1));
+      i += before / 8;
+      break;
     }
+    dots += markedCount(dotOctets);
   }
   for (; i < n; ++i) {
     const char c = s[i];
