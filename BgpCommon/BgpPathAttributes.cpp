@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <bitset>
 
+#include <fmt/format.h>
+
 #include "platform/Pico/Assert.h"
 
 namespace Routing::Bgp {
@@ -72,16 +74,24 @@ NlriList::iterator NlriList::end() const {
 }
 
 void writeNlri(Serialize& out, const NlriEntry& entry, bool addPath, bool labelled) {
-  if (addPath) out.addU32hton(entry.pathId);
   const unsigned bits = entry.prefix.length();
-  const U8* address = entry.prefix.address().octets();
-  if (labelled) {
-    out.addU8(static_cast<U8>(bits + 8 * entry.labelFields.size()));
-    out.addData(entry.labelFields.data(), static_cast<U32>(entry.labelFields.size()));
-  } else {
-    out.addU8(static_cast<U8>(bits));
+  const std::size_t labelOctets = labelled ? entry.labelFields.size() : 0;
+  // One octet gives the length of the label fields and the prefix together, in bits: a labelled
+  // /24 has room for ten labels, a /128 for five. Past that the field would wrap and announce a
+  // different prefix than the octets that follow it.
+  const std::size_t lengthBits = bits + 8 * labelOctets;
+  if (lengthBits > 255) {
+    throw Kelp::RangeException(fmt::format("NLRI {} with {} label fields: {} bits, above the 255 a length field counts",
+                                           entry.prefix.stringValue(), labelOctets / 3, lengthBits));
   }
-  out.addData(address, (bits + 7) / 8);
+  // One group: the entry is written whole or, past the message's limit, not at all.
+  const Serialize::Octets labels{entry.labelFields.data(), static_cast<U32>(labelOctets)};
+  const Serialize::Octets prefix{entry.prefix.address().octets(), (bits + 7) / 8};
+  if (addPath) {
+    out.addFields(U32{entry.pathId}, static_cast<U8>(lengthBits), labels, prefix);
+  } else {
+    out.addFields(static_cast<U8>(lengthBits), labels, prefix);
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

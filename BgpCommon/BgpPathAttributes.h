@@ -182,7 +182,9 @@ class NlriList {
 };
 
 // Writes one NLRI entry as `list`'s kind reads it: path identifier when addPath, labels (the
-// entry's fields as they are) when labelled, then length and prefix octets.
+// entry's fields as they are) when labelled, then length and prefix octets. Throws
+// Kelp::RangeException, writing nothing, when the labels and prefix exceed the 255 bits that the
+// length octet counts, or like every add past the message's limit.
 void writeNlri(Serialize& out, const NlriEntry& entry, bool addPath, bool labelled);
 
 // Empties an InlinedVector without giving its heap room back (its clear() does), so that an

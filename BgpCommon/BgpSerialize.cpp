@@ -179,8 +179,7 @@ void Serialize::addIpGenAddr(const Netzo::IpGenAddr& a) {
 
 void Serialize::add3octetMplsLabelStack(const Netzo::MplsLabelStack& stack) {
   const U32 n = static_cast<U32>(stack.count());
-  if (n > bgpMaxExtendedMessageSize / 3) throwLimitExceeded();  // more than any message holds
-  Octet* p = claim(3 * n);
+  Octet* p = claim(U64{3} * n);
   for (U32 i = 0; i < n; ++i) {
     // Entry: label(20) tc(3) s(1) ttl(8). NLRI label: label(20) 000 s(1).
     const U32 v = stack.hostEntry(i);

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "BgpCommon/BgpMrt.h"
@@ -246,6 +247,33 @@ TEST(BgpMessage, ChangingOneAttributeWritesTheRestAsRead) {
     EXPECT_THROW(writeUpdate(s, u, {}), Kelp::RangeException) << communities;
     if (communities * 4 > 0xFFFF) EXPECT_THROW(writePathAttributes(s, u.attributes, {}), Kelp::RangeException);
     EXPECT_EQ(s.serializedBytes(0), Kelp::Bytes({0xAB, 0xCD})) << communities;
+  }
+}
+
+// One length octet counts an entry's label and prefix bits together: the most labels that fit
+// are written and read back; one more is refused with nothing written, not wrapped into a length
+// that announces another prefix.
+TEST(BgpMessage, LabelledNlriPastItsLengthOctetIsRefused) {
+  for (const auto& [text, afi, fit] : {std::tuple{"10.1.2.0/24", afiIpv4, 9u}, {"2001:db8::1/128", afiIpv6, 5u}}) {
+    for (U32 labels : {fit, fit + 1}) {
+      SCOPED_TRACE(fmt::format("{} with {} labels", text, labels));
+      Octets fields;
+      for (U32 i = 0; i < labels; ++i) fields.insert(fields.end(), {0x00, 0x10, U8(i + 1 == labels ? 0x01 : 0x00)});
+      NlriEntry e;
+      e.prefix = Netzo::IpGenPrefix::fromString(text);
+      e.labelFields = fields;
+      Serialize s;
+      s.addU8(0xAB);
+      if (labels > fit) {
+        EXPECT_THROW(writeNlri(s, e, false, true), Kelp::RangeException);
+        EXPECT_EQ(s.writeOffset(), 1u);
+        continue;
+      }
+      writeNlri(s, e, false, true);
+      const NlriList list(std::span(s.data() + 1, s.writeOffset() - 1), AfiSafi(afi, safiMplsLabel), false);
+      ASSERT_EQ(list.begin() == list.end(), false);
+      EXPECT_EQ(*list.begin(), e);
+    }
   }
 }
 
