@@ -179,9 +179,11 @@ void writeOpen(Serialize& out, const Open& open) {
     out.addFields(type, U8{0});
     return p;
   };
-  auto parameterEnd = [&](U32 p) { out.overwriteU8(p + 1, static_cast<U8>(out.writeOffset() - p - 2)); };
+  auto parameterEnd = [&](U32 p) {
+    out.overwriteU8(p + 1, Serialize::lengthOctet(out.writeOffset() - p - 2, [] { return "OPEN capabilities parameter, in octets"; }));
+  };
   auto capability = [&](U8 code, std::span<const U8> value) {
-    out.addFields(code, static_cast<U8>(value.size()),
+    out.addFields(code, Serialize::lengthOctet(value.size(), [&] { return fmt::format("OPEN capability {}, in octets", code); }),
                   Serialize::Octets{value.data(), static_cast<U32>(value.size())});
   };
   if (open.capabilities.empty()) {
@@ -200,7 +202,8 @@ void writeOpen(Serialize& out, const Open& open) {
       if (open.extendedMessage) capability(code(CapabilityCode::extendedMessage), {});
       if (open.fourOctetAs) out.addFields(code(CapabilityCode::fourOctetAs), U8{4}, *open.fourOctetAs);
       if (!open.addPath.empty()) {
-        out.addFields(code(CapabilityCode::addPath), static_cast<U8>(4 * open.addPath.size()));
+        out.addFields(code(CapabilityCode::addPath),
+                      Serialize::lengthOctet(4 * open.addPath.size(), [] { return "OPEN add-path capability, in octets"; }));
         for (const AddPathCapability& a : open.addPath) out.addFields(a.afiSafi, a.sendReceive);
       }
       parameterEnd(p);
@@ -224,7 +227,8 @@ void writeOpen(Serialize& out, const Open& open) {
     }
     parameterEnd(p);
   }
-  out.overwriteU8(parametersAt, static_cast<U8>(out.writeOffset() - parametersAt - 1));
+  out.overwriteU8(parametersAt, Serialize::lengthOctet(out.writeOffset() - parametersAt - 1,
+                                                       [] { return "OPEN optional parameters, in octets"; }));
   finish(out, at, bgpMaxMessageSize);
 }
 

@@ -77,20 +77,17 @@ void writeNlri(Serialize& out, const NlriEntry& entry, bool addPath, bool labell
   const unsigned bits = entry.prefix.length();
   const std::size_t labelOctets = labelled ? entry.labelFields.size() : 0;
   // One octet gives the length of the label fields and the prefix together, in bits: a labelled
-  // /24 has room for ten labels, a /128 for five. Past that the field would wrap and announce a
-  // different prefix than the octets that follow it.
-  const std::size_t lengthBits = bits + 8 * labelOctets;
-  if (lengthBits > 255) {
-    throw Kelp::RangeException(fmt::format("NLRI {} with {} label fields: {} bits, above the 255 a length field counts",
-                                           entry.prefix.stringValue(), labelOctets / 3, lengthBits));
-  }
+  // /24 has room for nine labels, a /128 for five.
+  const U8 lengthBits = Serialize::lengthOctet(bits + 8 * labelOctets, [&] {
+    return fmt::format("NLRI {} with {} label fields, in bits", entry.prefix.stringValue(), labelOctets / 3);
+  });
   // One group: the entry is written whole or, past the message's limit, not at all.
   const Serialize::Octets labels{entry.labelFields.data(), static_cast<U32>(labelOctets)};
   const Serialize::Octets prefix{entry.prefix.address().octets(), (bits + 7) / 8};
   if (addPath) {
-    out.addFields(U32{entry.pathId}, static_cast<U8>(lengthBits), labels, prefix);
+    out.addFields(U32{entry.pathId}, lengthBits, labels, prefix);
   } else {
-    out.addFields(static_cast<U8>(lengthBits), labels, prefix);
+    out.addFields(lengthBits, labels, prefix);
   }
 }
 
@@ -291,7 +288,7 @@ std::size_t nextHopSize(const MpReach& v) {
   return v.nextHop.octetCount() + v.linkLocalNextHop.octetCount();
 }
 void writeNextHop(Serialize& out, const MpReach& v) {
-  out.addU8(static_cast<U8>(nextHopSize(v)));
+  out.addU8(Serialize::lengthOctet(nextHopSize(v), [] { return "MP_REACH_NLRI next hop, in octets"; }));
   if (v.nextHop.family() == Netzo::AddressFamily::ipUnknown) {
     out.addData(v.nextHopOctets.data(), static_cast<U32>(v.nextHopOctets.size()));
     return;

@@ -13,6 +13,7 @@
 #endif
 
 #include "platform/Kelp/Exception.h"
+#include "platform/Pico/Format.h"
 
 namespace Routing::Bgp {
 
@@ -135,6 +136,10 @@ std::span<const Serialize::RunCopy> Serialize::aliasedRunCopies() { return candi
 
 void Serialize::throwLimitExceeded() {
   throw Kelp::RangeException("Serialized bytes exceed bgpMaxExtendedMessageSize");
+}
+
+void Serialize::throwLengthOctet(U64 n, const std::string& what) {
+  Pico::fmthrow<Kelp::RangeException>("{}: {}, above the 255 one length octet holds", what, n);
 }
 
 void Serialize::growBuffer(U32 needed) {

@@ -34,6 +34,7 @@
 #include <cstring>
 #include <exception>
 #include <span>
+#include <string>
 #include <type_traits>
 
 #include "platform/Kelp/TextForm.h"
@@ -151,6 +152,18 @@ class Serialize {
     U32 size;
   };
 
+  // A length that one octet carries (a capability's value, an optional parameter, a next hop, an
+  // NLRI entry's label and prefix bits) as a field: `n`, or Kelp::RangeException when it exceeds
+  // 255, where the octet would wrap and announce another length than what follows it. `what` is
+  // called only then, to name the field in the message:
+  //   lengthOctet(300, [] { return "capability 99"; })  throws
+  //   "capability 99: 300, above the 255 one length octet holds"
+  template <typename What>
+  static U8 lengthOctet(U64 n, What&& what) {
+    if (n > 0xFF) [[unlikely]] throwLengthOctet(n, std::string(what()));
+    return static_cast<U8>(n);
+  }
+
   // Appends several fields with one room check for all of them: the header of a path attribute
   // and its value, an NLRI entry and its prefix octets. Each field is written as the single add
   // for its type would write it:
@@ -248,6 +261,7 @@ class Serialize {
   using Octet = char8_t;
 
   [[noreturn]] static void throwLimitExceeded();
+  [[noreturn, gnu::cold]] static void throwLengthOctet(U64 n, const std::string& what);
   // Moves the content to a heap block of `newCapacity` octets (above the capacity): out of the
   // inline storage, or by realloc.
   void moveTo(U32 newCapacity);
