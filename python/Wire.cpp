@@ -96,7 +96,11 @@ void add(Writer& w, F&& f) {
     f(w.s);
   } catch (const Kelp::RangeException& e) {
     const std::string_view what = e.what();
-    if (what.starts_with("Serialized bytes exceed") || what.starts_with("BGP message of")) raise(PyExc_OverflowError, e.what());
+    // Too much for the message, or for a field's length octet: a size that does not fit its field.
+    if (what.starts_with("Serialized bytes exceed") || what.starts_with("BGP message of") ||
+        what.ends_with("above the 255 one length octet holds")) {
+      raise(PyExc_OverflowError, e.what());
+    }
     throw;
   }
 }
@@ -278,7 +282,8 @@ Addresses are ipaddress objects or their text. Lengths written before what they 
          ""
          "Writes a whole message (Open, Update, Notification, Keepalive, RouteRefresh), header and length included, "
          "as a session with these options carries it; a message read with the same options is written as it came. "
-         "OverflowError past the session's message size, and nothing written.")
+         "OverflowError past the session's message size or past a field's length octet (a capability over 255 "
+         "octets, say), and nothing written.")
       .def("add_path_attributes", [](Writer& w, py::handle attributes, bool fourOctetAs, py::handle addPath) {
         const auto o = sessionOptions(fourOctetAs, false, addPath);
         add(w, [&](Serialize& s) { writePathAttributesFrom(s, attributes, o); });

@@ -99,6 +99,7 @@ V4 = ipaddress.ip_network
     (lambda s: s.add_message(b.Update(attributes=b.PathAttributes(as_path=[b.AsPathSegment(2, [70000])])), four_octet_as=False),
      OverflowError),
     (lambda s: s.add_message(b.Update(nlri=[b.Nlri(V4(f"10.{i // 256}.{i % 256}.0/24")) for i in range(1100)])), OverflowError),
+    (lambda s: s.add_message(b.Open(capabilities=[b.Capability(99, bytes(256))])), OverflowError),
 ])
 def test_what_a_caller_gets_wrong_raises_and_writes_nothing(call, error):
     s = b.Serialize()
