@@ -27,6 +27,7 @@
 // non-zero byte as true, and `canonical` tells whether a stored record used only 0 and 1.
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +35,7 @@
 #include <span>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "platform/Kelp/ValueType.h"
 
@@ -53,6 +55,8 @@ enum class ByteLayout : std::uint8_t { packed, aligned };
 //   canonical(in)           false when the stored bytes are not exactly what put writes (a bool
 //                           stored as 2, a count past its limit), so that a fast path copying
 //                           records whole can leave them to get and its checks
+// A one-byte codec whose canonical bytes are those with some bits clear names them in kStrayBits:
+// a record's check then tests all such bytes of its fixed part with one mask a word.
 template <typename T>
 struct ByteCodec;
 
@@ -83,6 +87,7 @@ struct ByteCodec<bool> : FixedByteCodec<1> {
   static void put(std::uint8_t* out, bool v) { out[0] = v ? 1 : 0; }
   static void get(const std::uint8_t* in, bool& v) { v = in[0] != 0; }
   static bool canonical(const std::uint8_t* in) { return in[0] <= 1; }
+  static constexpr std::uint8_t kStrayBits = 0xFE;  // put writes only 0 and 1
 };
 
 template <typename T>
@@ -188,22 +193,61 @@ struct ByteForm {
 
   // True when the record of `len` bytes at `in` (which holds kMax bytes at least, zeros after the
   // record) is one that get reads without a complaint and that put would write again byte for byte,
-  // padding aside: what a reader needs to know before it copies the bytes in whole. Meant for fixed
-  // fields followed by at most one variable one, which is all that the branch-free test below can see.
+  // padding aside: what a reader needs to know before it copies the bytes in whole. For fixed
+  // fields followed by at most one variable one: the record's own length is then the fixed part's
+  // plus what that field says it takes. Few instructions, no branches: a shared table's reader
+  // runs it on every lookup.
   [[gnu::always_inline]] static bool canonical(const std::uint8_t* in, std::uint32_t len) {
-    std::uint32_t n = 0;
+    static_assert(variableLast(), "canonical sees one variable field, the last");
+    static_assert(std::endian::native == std::endian::little);
+    // The stray bits of all fields that name them, a word at a time (little-endian: byte i of a
+    // word is its bits 8i..8i+7); a word past kMax is read only as far as kMax.
+    std::uint64_t stray = 0;
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+      ((stray |= kStrayMask[I] == 0 ? 0 : wordAt(in, I) & kStrayMask[I]), ...);
+    }(std::make_index_sequence<kStrayMask.size()>());
+    std::uint64_t n = 0;  // 64 bits: the variable field's stored size needs no clamp
     bool ok = true;
     forEachField(typeDescOf<T>, [&](const auto& f) __attribute__((always_inline)) {
       using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
       n = place<C>(n);
-      ok &= C::canonical(in + n);
+      if constexpr (!requires { C::kStrayBits; }) ok &= C::canonical(in + n);
       if constexpr (C::kMin == C::kMax) {
         n += C::kMin;
       } else {
-        n += static_cast<std::uint32_t>(std::min<std::uint64_t>(C::storedSize(in + n), C::kMax));
+        n += C::storedSize(in + n);
       }
     });
-    return ok & (n <= len);
+    return (stray | static_cast<std::uint64_t>(!ok) | static_cast<std::uint64_t>(n > len)) == 0;
+  }
+
+ private:
+  // Whether a field of variable size, if any, is the last one.
+  static constexpr bool variableLast() {
+    bool variableSeen = false, followed = false;
+    forEachField(typeDescOf<T>, [&](const auto& f) {
+      using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
+      followed = followed || variableSeen;
+      variableSeen = variableSeen || C::kMin != C::kMax;
+    });
+    return !followed;
+  }
+  // kStrayBits of the fixed fields placed in the record's words.
+  static constexpr auto kStrayMask = [] {
+    std::array<std::uint64_t, (kMin + 7) / 8> mask{};
+    std::uint32_t n = 0;
+    forEachField(typeDescOf<T>, [&](const auto& f) {
+      using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
+      n = place<C>(n);
+      if constexpr (requires { C::kStrayBits; }) mask[n / 8] |= std::uint64_t{C::kStrayBits} << (8 * (n % 8));
+      n += C::kMin;
+    });
+    return mask;
+  }();
+  [[gnu::always_inline]] static std::uint64_t wordAt(const std::uint8_t* in, std::size_t i) {
+    std::uint64_t w = 0;
+    std::memcpy(&w, in + 8 * i, std::min<std::size_t>(8, kMax - 8 * i));
+    return w;
   }
 };
 

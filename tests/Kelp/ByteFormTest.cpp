@@ -57,12 +57,14 @@ TEST(ByteForm, LayoutsFromTheDescription) {
   SampleForm::get(bytes, back);
   EXPECT_EQ(back, s);
 
-  // A flag stored as 2 reads as true but is not what put writes: not canonical, so a fast path
+  // A flag stored as 2 (or 0x80) reads as true but is not what put writes: not canonical, so a fast path
   // that copies records whole leaves it to get.
   EXPECT_TRUE(SampleForm::canonical(bytes.data(), 16));
   EXPECT_FALSE(SampleForm::canonical(bytes.data(), 15));  // longer than the record it was said to be
-  bytes[4] = 2;
-  EXPECT_FALSE(SampleForm::canonical(bytes.data(), 16));
+  for (std::uint8_t flag : {2, 0x80}) {
+    bytes[4] = flag;
+    EXPECT_FALSE(SampleForm::canonical(bytes.data(), 16)) << int{flag};
+  }
   SampleForm::get(bytes, back);
   EXPECT_TRUE(back.up);
   EXPECT_EQ(testing_support::rangeMessage([&] { SampleForm::get(std::span(bytes).first(15), back); }),
