@@ -199,9 +199,8 @@ struct ByteForm {
   // runs it on every lookup.
   [[gnu::always_inline]] static bool canonical(const std::uint8_t* in, std::uint32_t len) {
     static_assert(variableLast(), "canonical sees one variable field, the last");
-    static_assert(std::endian::native == std::endian::little);
-    // The stray bits of all fields that name them, a word at a time (little-endian: byte i of a
-    // word is its bits 8i..8i+7); a word past kMax is read only as far as kMax.
+    // The stray bits of all fields that name them, a word at a time (byte i of a word is its bits
+    // 8i..8i+7); a word past kMax is read only as far as kMax.
     std::uint64_t stray = 0;
     [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
       ((stray |= kStrayMask[I] == 0 ? 0 : wordAt(in, I) & kStrayMask[I]), ...);
@@ -247,6 +246,7 @@ struct ByteForm {
   [[gnu::always_inline]] static std::uint64_t wordAt(const std::uint8_t* in, std::size_t i) {
     std::uint64_t w = 0;
     std::memcpy(&w, in + 8 * i, std::min<std::size_t>(8, kMax - 8 * i));
+    if constexpr (std::endian::native == std::endian::big) w = __builtin_bswap64(w);
     return w;
   }
 };
