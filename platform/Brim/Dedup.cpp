@@ -315,9 +315,9 @@ DedupHashTableUnorderedSet::~DedupHashTableUnorderedSet() {
 std::size_t DedupHashTableUnorderedSet::capacity() const { return set_.capacity(); }
 
 DedupHandleBase* DedupHashTableUnorderedSet::insertNewLocked(const DedupContentHandle& content, std::uint32_t hash,
-                                                             DedupAllocFn alloc) {
+                                                             DedupAllocFn alloc, std::size_t vacancy) {
   DedupHandleBase* handle = alloc(content);  // may throw: nothing has changed yet
-  set_.insert(handle, hash);
+  set_.insertAt(handle, hash, vacancy);
   adoptLocked(handle, true);
   return handle;
 }
@@ -335,11 +335,12 @@ void DedupHashTableUnorderedSet::storeInsert(DedupHandleBase* handle) { set_.ins
 
 DedupHandleBase* DedupHashTableUnorderedSet::storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash,
                                                                DedupAllocFn alloc, bool& inserted) {
-  DedupHandleBase* found = storeFindContent(content, hash);
+  const auto [found, vacancy] =
+      set_.probe(hash, [&](const DedupHandleBase* h) { return h->compareByContent(content); });
   inserted = found == nullptr;
   if (found != nullptr) return found;
   DedupHandleBase* handle = alloc(content);
-  set_.insert(handle, hash);
+  set_.insertAt(handle, hash, vacancy);
   return handle;
 }
 

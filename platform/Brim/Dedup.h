@@ -176,6 +176,8 @@ class DedupHashTableLifeTimeNotifiee : public Kelp::PtrInterface {
 };
 
 // Builds a new, un-interned handle from a content record (the allocation callback of findOrDedup).
+// The table calls it between its search and the insertion, with its lock held: it must not use
+// that table.
 using DedupAllocFn = DedupHandleBase* (*)(const DedupContentHandle& content);
 
 class DedupHashTable : public Kelp::PtrInterface {
@@ -287,12 +289,12 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   template <typename Key, typename Content>
   Kelp::Ptr<Key> findOrDedupAs(const Content& content, std::uint32_t hash, DedupAllocFn alloc) {
     Guard g(*this);
-    DedupHandleBase* handle = set_.find(
+    auto [handle, vacancy] = set_.probe(
         hash, [&](const DedupHandleBase* h) { return static_cast<const Key*>(h)->compareByContent(content); });
     if (handle != nullptr) [[likely]] {
       takeRef(handle);
     } else {
-      handle = insertNewLocked(content, hash, alloc);
+      handle = insertNewLocked(content, hash, alloc, vacancy);
     }
     return Kelp::Ptr<Key>::adopt(static_cast<Key*>(handle));
   }
@@ -308,8 +310,10 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   void storeForEach(const std::function<void(DedupHandleBase*)>& f) const override;
 
  private:
-  // Builds the handle for a content found absent, inserts and adopts it; the lock is held.
-  DedupHandleBase* insertNewLocked(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc);
+  // Builds the handle for a content found absent, inserts it at the vacancy the search answered
+  // and adopts it; the lock is held.
+  DedupHandleBase* insertNewLocked(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc,
+                                   std::size_t vacancy);
 
   HandleSet<DedupHandleBase> set_;
 };

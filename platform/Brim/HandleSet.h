@@ -20,6 +20,8 @@
 //   Brim::HandleSet<Key> set;
 //   set.insert(key, key->hash());                                   // known to be absent
 //   Key* k = set.find(hash, [&](const Key* k) { return k->equals(content); });
+//   auto [found, vacancy] = set.probe(hash, equal);                 // a miss tells where to insert
+//   if (found == nullptr) set.insertAt(make(), hash, vacancy);
 //   set.erase(k, k->hash());
 //
 // Route keys come from BGP peers, and a key's hash is a fixed function of its content: a peer that
@@ -63,17 +65,36 @@ class HandleSet {
   // The handle with this hash that `equal` accepts, or null.
   template <typename Equal>
   T* find(std::uint32_t hash, Equal&& equal) const {
-    if (capacity_ == 0) return nullptr;
+    return probe(hash, equal).found;
+  }
+
+  // What a search answers: the handle found, or else the slot where insert() would put a handle
+  // of that hash, for insertAt().
+  struct Probe {
+    T* found;
+    std::size_t vacancy;
+  };
+
+  // find(), which on a miss also tells where the handle goes, so that interning a new value
+  // searches once.
+  template <typename Equal>
+  Probe probe(std::uint32_t hash, Equal&& equal) const {
+    if (capacity_ == 0) return {nullptr, 0};
     const std::uint64_t tag = tagOf(hash);
-    for (std::size_t i = home(hash);; i = (i + 1) & mask_) {
-      const std::uint64_t s = slots_[i];
-      if (s == kEmpty) return nullptr;
-      // Neither an empty nor a removed slot has the live bit that every tag carries.
-      if ((s & kTagMask) == tag) {
-        T* p = pointerOf(s);
-        if (equal(static_cast<const T*>(p))) return p;
-      }
+    const std::size_t i = home(hash);
+    // Most members sit at their home or in the slot after it, and which of the two varies from one
+    // member to the next, so a loop's exit after the first or the second slot was a mispredicted
+    // branch on a good share of hits. The first step reads both slots and picks the one whose
+    // fingerprint matches (home first) without a branch, then runs the one equality test. A member
+    // further on, a fingerprint shared with another handle and a miss take the loop, from home.
+    const std::uint64_t s0 = slots_[i];
+    const std::uint64_t s1 = slots_[(i + 1) & mask_];
+    const std::uint64_t s = s1 ^ ((s0 ^ s1) & -std::uint64_t{hasTag(s0, tag)});
+    if (hasTag(s, tag)) [[likely]] {
+      T* p = pointerOf(s);
+      if (equal(static_cast<const T*>(p))) [[likely]] return {p, 0};
     }
+    return probeFrom(i, tag, equal);
   }
 
   // Adds a handle known not to be in the set, under its hash.
@@ -88,25 +109,40 @@ class HandleSet {
     ++size_;
   }
 
+  // insert() at the vacancy that probe() answered for this hash, the set unchanged since.
+  void insertAt(T* p, std::uint32_t hash, std::size_t vacancy) {
+    const auto address = reinterpret_cast<std::uintptr_t>(p);
+    PICO_ASSERT(address != 0 && (address & ~kPointerMask) == 0);
+    // A set about to grow moves every slot: insert() finds the new one.
+    if ((used_ + 1) * 4 > capacity_ * 3) return insert(p, hash);
+    PICO_ASSERT((slots_[vacancy] & kLive) == 0);
+    if (slots_[vacancy] == kEmpty) ++used_;
+    slots_[vacancy] = tagOf(hash) | address;
+    ++size_;
+  }
+
   // Removes the handle at this address, which is in the set under this hash.
   void erase(const T* p, std::uint32_t hash) {
     const std::uint64_t want = tagOf(hash) | reinterpret_cast<std::uintptr_t>(p);
+    // Home or the slot after it, chosen without a branch (as in probe()).
     std::size_t i = home(hash);
+    i = (i + std::size_t{slots_[i] != want}) & mask_;
     while (slots_[i] != want) {
       PICO_ASSERT(slots_[i] != kEmpty);
       i = (i + 1) & mask_;
     }
     --size_;
-    if (slots_[(i + 1) & mask_] != kEmpty) {
-      slots_[i] = kRemoved;  // later members of the run are found through it
-      return;
-    }
-    // The end of a run: this slot and the removed ones before it end no search any more.
-    do {
+    // A slot followed by a live or removed one becomes a removal mark (later members of the run are
+    // found through it); one that ends its run is emptied, and so are the marks before it, which
+    // end no search any more. Whether the run ends here is as good as random, so it picks the
+    // value rather than a branch; marks to clear are rare.
+    const bool endsRun = slots_[(i + 1) & mask_] == kEmpty;
+    slots_[i] = endsRun ? kEmpty : kRemoved;
+    used_ -= endsRun;
+    for (i = (i - 1) & mask_; endsRun & (slots_[i] == kRemoved); i = (i - 1) & mask_) {
       slots_[i] = kEmpty;
       --used_;
-      i = (i - 1) & mask_;
-    } while (slots_[i] == kRemoved);
+    }
   }
 
   // How many slots past its home the handle at `p`, in the set under `hash`, sits: the extra steps
@@ -136,7 +172,27 @@ class HandleSet {
   static constexpr std::uint64_t kTagMask = ~kPointerMask;
   static constexpr std::size_t kMinCapacity = 8;
   static constexpr std::size_t kFetchAhead = 8;
+  static constexpr std::size_t kNoSlot = ~std::size_t{0};
 
+  // probe() past its first step: every slot from home on, up to the first empty one, noting the
+  // first removed one on the way (where insert() would put the handle).
+  template <typename Equal>
+  Probe probeFrom(std::size_t i, std::uint64_t tag, Equal& equal) const {
+    std::size_t vacancy = kNoSlot;
+    for (;; i = (i + 1) & mask_) {
+      const std::uint64_t s = slots_[i];
+      if (s == kEmpty) return {nullptr, vacancy == kNoSlot ? i : vacancy};
+      if (hasTag(s, tag)) {
+        T* p = pointerOf(s);
+        if (equal(static_cast<const T*>(p))) return {p, 0};
+      } else if (s == kRemoved && vacancy == kNoSlot) {
+        vacancy = i;
+      }
+    }
+  }
+
+  // Neither an empty nor a removed slot has the live bit that every tag carries.
+  static bool hasTag(std::uint64_t slot, std::uint64_t tag) { return ((slot ^ tag) >> 48) == 0; }
   static std::uint64_t tagOf(std::uint32_t hash) { return kLive | (std::uint64_t{hash & 0x7FFF} << 48); }
   static T* pointerOf(std::uint64_t slot) { return reinterpret_cast<T*>(slot & kPointerMask); }
   // The first slot to probe: the top bits of the hash times the process's odd multiplier, which
