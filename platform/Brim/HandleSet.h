@@ -81,20 +81,17 @@ class HandleSet {
   Probe probe(std::uint32_t hash, Equal&& equal) const {
     if (capacity_ == 0) return {nullptr, 0};
     const std::uint64_t tag = tagOf(hash);
-    const std::size_t i = home(hash);
-    // Most members sit at their home or in the slot after it, and which of the two varies from one
-    // member to the next, so a loop's exit after the first or the second slot was a mispredicted
-    // branch on a good share of hits. The first step reads both slots and picks the one whose
-    // fingerprint matches (home first) without a branch, then runs the one equality test. A member
-    // further on, a fingerprint shared with another handle and a miss take the loop, from home.
-    const std::uint64_t s0 = slots_[i];
-    const std::uint64_t s1 = slots_[(i + 1) & mask_];
-    const std::uint64_t s = s1 ^ ((s0 ^ s1) & -std::uint64_t{hasTag(s0, tag)});
-    if (hasTag(s, tag)) [[likely]] {
-      T* p = pointerOf(s);
-      if (equal(static_cast<const T*>(p))) [[likely]] return {p, 0};
+    std::size_t vacancy = kNoSlot;  // the first removed slot on the way
+    for (std::size_t i = home(hash);; i = (i + 1) & mask_) {
+      const std::uint64_t s = slots_[i];
+      if (s == kEmpty) return {nullptr, vacancy == kNoSlot ? i : vacancy};
+      if (hasTag(s, tag)) {
+        T* p = pointerOf(s);
+        if (equal(static_cast<const T*>(p))) return {p, 0};
+      } else if (s == kRemoved && vacancy == kNoSlot) {
+        vacancy = i;
+      }
     }
-    return probeFrom(i, tag, equal);
   }
 
   // Adds a handle known not to be in the set, under its hash.
@@ -124,7 +121,8 @@ class HandleSet {
   // Removes the handle at this address, which is in the set under this hash.
   void erase(const T* p, std::uint32_t hash) {
     const std::uint64_t want = tagOf(hash) | reinterpret_cast<std::uintptr_t>(p);
-    // Home or the slot after it, chosen without a branch (as in probe()).
+    // Most members sit at their home or in the slot after it, and which varies from one to the
+    // next: the first step picks between the two without a branch.
     std::size_t i = home(hash);
     i = (i + std::size_t{slots_[i] != want}) & mask_;
     while (slots_[i] != want) {
@@ -173,23 +171,6 @@ class HandleSet {
   static constexpr std::size_t kMinCapacity = 8;
   static constexpr std::size_t kFetchAhead = 8;
   static constexpr std::size_t kNoSlot = ~std::size_t{0};
-
-  // probe() past its first step: every slot from home on, up to the first empty one, noting the
-  // first removed one on the way (where insert() would put the handle).
-  template <typename Equal>
-  Probe probeFrom(std::size_t i, std::uint64_t tag, Equal& equal) const {
-    std::size_t vacancy = kNoSlot;
-    for (;; i = (i + 1) & mask_) {
-      const std::uint64_t s = slots_[i];
-      if (s == kEmpty) return {nullptr, vacancy == kNoSlot ? i : vacancy};
-      if (hasTag(s, tag)) {
-        T* p = pointerOf(s);
-        if (equal(static_cast<const T*>(p))) return {p, 0};
-      } else if (s == kRemoved && vacancy == kNoSlot) {
-        vacancy = i;
-      }
-    }
-  }
 
   // Neither an empty nor a removed slot has the live bit that every tag carries.
   static bool hasTag(std::uint64_t slot, std::uint64_t tag) { return ((slot ^ tag) >> 48) == 0; }

@@ -64,17 +64,18 @@ TEST(HandleSet, MatchesAModelUnderChurnWhateverTheHash) {
 }
 
 // A miss answers the first removal mark on its way as the vacancy, as insert() would take it: the
-// removed home slot of a run is reused, not a slot past the run.
+// removed home slot of a run is reused, not a later mark or a slot past the run.
 TEST(HandleSet, AMissReusesTheFirstRemovalMark) {
-  Item items[4] = {{0, 5}, {1, 5}, {2, 5}, {3, 5}};
+  Item items[5] = {{0, 5}, {1, 5}, {2, 5}, {3, 5}, {4, 5}};
   HandleSet<Item> set;
-  for (int i = 0; i < 3; ++i) set.insert(&items[i], 5);
-  set.erase(&items[0], 5);  // items[1] and items[2] follow it: a removal mark at home
-  const auto [found, vacancy] = set.probe(5, [](const Item* i) { return i->n == 3; });
+  for (int i = 0; i < 4; ++i) set.insert(&items[i], 5);
+  set.erase(&items[0], 5);  // items[2] and items[3] follow: removal marks at home and after it
+  set.erase(&items[1], 5);
+  const auto [found, vacancy] = set.probe(5, [](const Item* i) { return i->n == 4; });
   ASSERT_EQ(found, nullptr);
-  set.insertAt(&items[3], 5, vacancy);
-  EXPECT_EQ(set.displacement(&items[3], 5), 0u);
-  EXPECT_EQ(findIn(set, items[2]), &items[2]);
+  set.insertAt(&items[4], 5, vacancy);
+  EXPECT_EQ(set.displacement(&items[4], 5), 0u);
+  EXPECT_EQ(findIn(set, items[3]), &items[3]);
 }
 
 TEST(HandleSetDeathTest, RefusesAddressesThatDoNotFitBesideTheFingerprint) {
