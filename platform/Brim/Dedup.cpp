@@ -315,9 +315,9 @@ DedupHashTableUnorderedSet::~DedupHashTableUnorderedSet() {
 std::size_t DedupHashTableUnorderedSet::capacity() const { return set_.capacity(); }
 
 DedupHandleBase* DedupHashTableUnorderedSet::insertNewLocked(const DedupContentHandle& content, std::uint32_t hash,
-                                                             DedupAllocFn alloc, std::size_t vacancy) {
+                                                             DedupAllocFn alloc) {
   DedupHandleBase* handle = alloc(content);  // may throw: nothing has changed yet
-  set_.insertAt(handle, hash, vacancy);
+  set_.insert(handle, hash);
   adoptLocked(handle, true);
   return handle;
 }
@@ -335,12 +335,11 @@ void DedupHashTableUnorderedSet::storeInsert(DedupHandleBase* handle) { set_.ins
 
 DedupHandleBase* DedupHashTableUnorderedSet::storeFindOrInsert(const DedupContentHandle& content, std::uint32_t hash,
                                                                DedupAllocFn alloc, bool& inserted) {
-  const auto [found, vacancy] =
-      set_.probe(hash, [&](const DedupHandleBase* h) { return h->compareByContent(content); });
+  DedupHandleBase* found = storeFindContent(content, hash);
   inserted = found == nullptr;
   if (found != nullptr) return found;
   DedupHandleBase* handle = alloc(content);
-  set_.insertAt(handle, hash, vacancy);
+  set_.insert(handle, hash);
   return handle;
 }
 

@@ -176,8 +176,6 @@ class DedupHashTableLifeTimeNotifiee : public Kelp::PtrInterface {
 };
 
 // Builds a new, un-interned handle from a content record (the allocation callback of findOrDedup).
-// The table calls it between its search and the insertion, with its lock held: it must not use
-// that table.
 using DedupAllocFn = DedupHandleBase* (*)(const DedupContentHandle& content);
 
 class DedupHashTable : public Kelp::PtrInterface {
@@ -289,12 +287,12 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   template <typename Key, typename Content>
   Kelp::Ptr<Key> findOrDedupAs(const Content& content, std::uint32_t hash, DedupAllocFn alloc) {
     Guard g(*this);
-    auto [handle, vacancy] = set_.probe(
+    DedupHandleBase* handle = set_.find(
         hash, [&](const DedupHandleBase* h) { return static_cast<const Key*>(h)->compareByContent(content); });
     if (handle != nullptr) [[likely]] {
       takeRef(handle);
     } else {
-      handle = insertNewLocked(content, hash, alloc, vacancy);
+      handle = insertNewLocked(content, hash, alloc);
     }
     return Kelp::Ptr<Key>::adopt(static_cast<Key*>(handle));
   }
@@ -310,10 +308,8 @@ class DedupHashTableUnorderedSet : public DedupHashTable {
   void storeForEach(const std::function<void(DedupHandleBase*)>& f) const override;
 
  private:
-  // Builds the handle for a content found absent, inserts it at the vacancy the search answered
-  // and adopts it; the lock is held.
-  DedupHandleBase* insertNewLocked(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc,
-                                   std::size_t vacancy);
+  // Builds the handle for a content found absent, inserts and adopts it; the lock is held.
+  DedupHandleBase* insertNewLocked(const DedupContentHandle& content, std::uint32_t hash, DedupAllocFn alloc);
 
   HandleSet<DedupHandleBase> set_;
 };

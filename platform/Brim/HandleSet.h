@@ -20,8 +20,6 @@
 //   Brim::HandleSet<Key> set;
 //   set.insert(key, key->hash());                                   // known to be absent
 //   Key* k = set.find(hash, [&](const Key* k) { return k->equals(content); });
-//   auto [found, vacancy] = set.probe(hash, equal);                 // a miss tells where to insert
-//   if (found == nullptr) set.insertAt(make(), hash, vacancy);
 //   set.erase(k, k->hash());
 //
 // Route keys come from BGP peers, and a key's hash is a fixed function of its content: a peer that
@@ -65,31 +63,15 @@ class HandleSet {
   // The handle with this hash that `equal` accepts, or null.
   template <typename Equal>
   T* find(std::uint32_t hash, Equal&& equal) const {
-    return probe(hash, equal).found;
-  }
-
-  // What a search answers: the handle found, or else the slot where insert() would put a handle
-  // of that hash, for insertAt().
-  struct Probe {
-    T* found;
-    std::size_t vacancy;
-  };
-
-  // find(), which on a miss also tells where the handle goes, so that interning a new value
-  // searches once.
-  template <typename Equal>
-  Probe probe(std::uint32_t hash, Equal&& equal) const {
-    if (capacity_ == 0) return {nullptr, 0};
+    if (capacity_ == 0) return nullptr;
     const std::uint64_t tag = tagOf(hash);
-    std::size_t vacancy = kNoSlot;  // the first removed slot on the way
     for (std::size_t i = home(hash);; i = (i + 1) & mask_) {
       const std::uint64_t s = slots_[i];
-      if (s == kEmpty) return {nullptr, vacancy == kNoSlot ? i : vacancy};
-      if (hasTag(s, tag)) {
+      if (s == kEmpty) return nullptr;
+      // Neither an empty nor a removed slot has the live bit that every tag carries.
+      if ((s & kTagMask) == tag) {
         T* p = pointerOf(s);
-        if (equal(static_cast<const T*>(p))) return {p, 0};
-      } else if (s == kRemoved && vacancy == kNoSlot) {
-        vacancy = i;
+        if (equal(static_cast<const T*>(p))) return p;
       }
     }
   }
@@ -103,18 +85,6 @@ class HandleSet {
     while ((slots_[i] & kLive) != 0) i = (i + 1) & mask_;
     if (slots_[i] == kEmpty) ++used_;  // a removed slot is reused as it stands
     slots_[i] = tagOf(hash) | address;
-    ++size_;
-  }
-
-  // insert() at the vacancy that probe() answered for this hash, the set unchanged since.
-  void insertAt(T* p, std::uint32_t hash, std::size_t vacancy) {
-    const auto address = reinterpret_cast<std::uintptr_t>(p);
-    PICO_ASSERT(address != 0 && (address & ~kPointerMask) == 0);
-    // A set about to grow moves every slot: insert() finds the new one.
-    if ((used_ + 1) * 4 > capacity_ * 3) return insert(p, hash);
-    PICO_ASSERT((slots_[vacancy] & kLive) == 0);
-    if (slots_[vacancy] == kEmpty) ++used_;
-    slots_[vacancy] = tagOf(hash) | address;
     ++size_;
   }
 
@@ -170,10 +140,7 @@ class HandleSet {
   static constexpr std::uint64_t kTagMask = ~kPointerMask;
   static constexpr std::size_t kMinCapacity = 8;
   static constexpr std::size_t kFetchAhead = 8;
-  static constexpr std::size_t kNoSlot = ~std::size_t{0};
 
-  // Neither an empty nor a removed slot has the live bit that every tag carries.
-  static bool hasTag(std::uint64_t slot, std::uint64_t tag) { return ((slot ^ tag) >> 48) == 0; }
   static std::uint64_t tagOf(std::uint32_t hash) { return kLive | (std::uint64_t{hash & 0x7FFF} << 48); }
   static T* pointerOf(std::uint64_t slot) { return reinterpret_cast<T*>(slot & kPointerMask); }
   // The first slot to probe: the top bits of the hash times the process's odd multiplier, which
