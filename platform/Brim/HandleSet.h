@@ -91,22 +91,26 @@ class HandleSet {
   // Removes the handle at this address, which is in the set under this hash.
   void erase(const T* p, std::uint32_t hash) {
     const std::uint64_t want = tagOf(hash) | reinterpret_cast<std::uintptr_t>(p);
+    // Most members sit at their home or in the slot after it, and which varies from one to the
+    // next: the first step picks between the two without a branch.
     std::size_t i = home(hash);
+    i = (i + std::size_t{slots_[i] != want}) & mask_;
     while (slots_[i] != want) {
       PICO_ASSERT(slots_[i] != kEmpty);
       i = (i + 1) & mask_;
     }
     --size_;
-    if (slots_[(i + 1) & mask_] != kEmpty) {
-      slots_[i] = kRemoved;  // later members of the run are found through it
-      return;
-    }
-    // The end of a run: this slot and the removed ones before it end no search any more.
-    do {
+    // A slot followed by a live or removed one becomes a removal mark (later members of the run are
+    // found through it); one that ends its run is emptied, and so are the marks before it, which
+    // end no search any more. Whether the run ends here is as good as random, so it picks the
+    // value rather than a branch; marks to clear are rare.
+    const bool endsRun = slots_[(i + 1) & mask_] == kEmpty;
+    slots_[i] = endsRun ? kEmpty : kRemoved;
+    used_ -= endsRun;
+    for (i = (i - 1) & mask_; endsRun & (slots_[i] == kRemoved); i = (i - 1) & mask_) {
       slots_[i] = kEmpty;
       --used_;
-      i = (i - 1) & mask_;
-    } while (slots_[i] == kRemoved);
+    }
   }
 
   // How many slots past its home the handle at `p`, in the set under `hash`, sits: the extra steps
@@ -171,13 +175,19 @@ class HandleSet {
     mask_ = capacity - 1;
     shift_ = 64 - static_cast<unsigned>(__builtin_ctzll(capacity));
     used_ = size_;
+    // The live slots first, packed at the front of the old array: whether a slot is live is as good
+    // as random, and a branch on it in the loop below was mispredicted about once a handle.
+    std::size_t live = 0;
     for (std::size_t j = 0; j < oldCapacity; ++j) {
-      // Fetch a handle a few slots ahead, so that reading the hashes overlaps their cache misses.
-      if (j + kFetchAhead < oldCapacity && (old[j + kFetchAhead] & kLive) != 0) {
-        __builtin_prefetch(pointerOf(old[j + kFetchAhead]));
-      }
       const std::uint64_t s = old[j];
-      if ((s & kLive) == 0) continue;
+      old[live] = s;
+      live += (s & kLive) != 0;
+    }
+    PICO_ASSERT(live == size_);
+    for (std::size_t j = 0; j < live; ++j) {
+      // Fetch a handle a few ahead, so that reading the hashes overlaps their cache misses.
+      if (j + kFetchAhead < live) __builtin_prefetch(pointerOf(old[j + kFetchAhead]));
+      const std::uint64_t s = old[j];
       const std::uint32_t hash = pointerOf(s)->hash();
       std::size_t i = home(hash);
       while (slots_[i] != kEmpty) i = (i + 1) & mask_;
