@@ -266,7 +266,8 @@ void hitDuel(benchmark::State& state, const std::vector<typename S::Prefix>& pre
     for (const auto& p : order) sink += bareSet.find(S::peer(p)) != bareSet.end();
     floor += cpuSecondsSince(t0);
   };
-  int turn = 0;
+  // Counted on across repetitions (a repetition runs two iterations), so every order is run.
+  static unsigned turn = 0;
   for (auto _ : state) {
     // The three sides take turns at going first, so none always follows the same one.
     switch (turn++ % 3) {
