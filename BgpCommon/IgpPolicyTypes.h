@@ -210,10 +210,11 @@ struct IgpResult : Kelp::ValueBase<IgpResult> {
   static std::uint32_t deserializeLen(std::span<const std::uint8_t> in);
   // Reads the record at the front of `in`, with the checks of deserializeLen.
   static IgpResult deserialize(std::span<const std::uint8_t> in);
-  // The same from a record of `len` bytes held in little-endian words (8 of them, zeros after the
-  // record), as the shared-memory table's inlined lookup has it: the words are the record's own
-  // memory image, copied in whole. fromWords, called only where wordsDecodable holds, gives what
-  // deserialize would; where it does not hold, deserialize is the one to call, and refuses the record.
+  // The same from a record of `len` bytes (at most maxSerializedLen) held in little-endian words
+  // (8 of them, zeros after the record), as the shared-memory table's inlined lookup has it, which
+  // holds the length to that bound: the words are the record's own memory image, copied in whole.
+  // fromWords, called only where wordsDecodable holds, gives what deserialize would; where it does
+  // not hold, deserialize is the one to call, and refuses the record.
   static bool wordsDecodable(const std::uint64_t* w, std::uint32_t len);
   static IgpResult fromWords(const std::uint64_t* w);
 
@@ -394,6 +395,7 @@ struct Kelp::ByteCodec<Routing::BgpRedistribute::CommunityArray> {
   }
   static std::uint64_t storedSize(const std::uint8_t* in) { return 4 + 4 * std::uint64_t{count(in)}; }
   static bool canonical(const std::uint8_t* in) { return count(in) <= Array::kSlots; }
+  static constexpr bool kCanonicalWithinMax = true;  // a count above kSlots stores more than kMax
   // Reads the used slots without branching on how many there are (readers of the status table
   // decode records of every length in turn, and a mispredicted branch there costs more than this):
   // a slot beyond the count reads the count field, which is always there, and is masked to 0 as in

@@ -56,7 +56,10 @@ enum class ByteLayout : std::uint8_t { packed, aligned };
 //                           stored as 2, a count past its limit), so that a fast path copying
 //                           records whole can leave them to get and its checks
 // A one-byte codec whose canonical bytes are those with some bits clear names them in kStrayBits:
-// a record's check then tests all such bytes of its fixed part with one mask a word.
+// a record's check then tests all such bytes of its fixed part with one mask a word. A variable
+// codec whose only canonical test is that its stored size stays within kMax (a count within its
+// limit) says so with kCanonicalWithinMax: a record's check that already holds the record to its
+// length then has nothing to add for it.
 template <typename T>
 struct ByteCodec;
 
@@ -191,8 +194,8 @@ struct ByteForm {
     });
   }
 
-  // True when the record of `len` bytes at `in` (which holds kMax bytes at least, zeros after the
-  // record) is one that get reads without a complaint and that put would write again byte for byte,
+  // True when the record of `len` bytes (at most kMax) at `in` (which holds kMax bytes at least,
+  // zeros after the record) is one that get reads without a complaint and that put would write again byte for byte,
   // padding aside: what a reader needs to know before it copies the bytes in whole. For fixed
   // fields followed by at most one variable one: the record's own length is then the fixed part's
   // plus what that field says it takes. Few instructions, no branches: a shared table's reader
@@ -210,7 +213,9 @@ struct ByteForm {
     forEachField(typeDescOf<T>, [&](const auto& f) __attribute__((always_inline)) {
       using C = ByteCodec<typename std::decay_t<decltype(f)>::Member>;
       n = place<C>(n);
-      if constexpr (!requires { C::kStrayBits; }) ok &= C::canonical(in + n);
+      // The variable field comes last, so a stored size past its kMax takes n past the record's
+      // kMax and so past len.
+      if constexpr (!requires { C::kStrayBits; } && !requires { C::kCanonicalWithinMax; }) ok &= C::canonical(in + n);
       if constexpr (C::kMin == C::kMax) {
         n += C::kMin;
       } else {

@@ -120,11 +120,11 @@ class Collection {
   // into the caller, with the lookup of findAtHome where the types allow it: a lookup of a record
   // in its home costs no call.
   [[gnu::always_inline]] std::optional<V> find(const K& key) const {
-    std::uint8_t k[kKeyMax];
-    const std::uint32_t kn = KeyCodec<K>::encode(key, k);
     const std::uint32_t h = KeyCodec<K>::hash(key);
     if (const Shelf::Reader* r = reader_) {
       if constexpr (kWordLookup) {
+        std::uint8_t k[kKeyMax];
+        const std::uint32_t kn = KeyCodec<K>::encode(key, k);
         std::uint64_t keyWord = 0;
         std::memcpy(&keyWord, k, kn);
         Shelf::Reader::ValueWords<kKeyMax, kValueMax> value;
@@ -132,10 +132,10 @@ class Collection {
           return std::optional<V>(std::in_place, FromWords{value.words});
         }
       }
-      return readerFind(*r, Shelf::Bytes(k, kn), h);
+      return readerFind(*r, key, h);
     }
     if (!control_) return std::nullopt;
-    return writerFind(Shelf::Bytes(k, kn), h);
+    return writerFind(key, h);
   }
 
   // Writer only. Stores `value` under `key`; false when the same value was stored already.
@@ -224,13 +224,19 @@ class Collection {
   // which the processor cannot forward from its store queue.
   // Out of line: its copy of a record takes a kilobyte of stack, which the inlined lookup above
   // does without.
-  [[gnu::noinline]] static std::optional<V> readerFind(const Shelf::Reader& r, Shelf::Bytes kb, std::uint32_t h) {
+  // The key comes by value and is encoded here: the inlined lookup then keeps its bytes in a
+  // register, with no store of them to memory that only this call would read.
+  [[gnu::noinline]] static std::optional<V> readerFind(const Shelf::Reader& r, K key, std::uint32_t h) {
+    std::uint8_t k[kKeyMax];
+    const Shelf::Bytes kb(k, KeyCodec<K>::encode(key, k));
     Shelf::Reader::RecordCopy copy;
     std::optional<Shelf::Bytes> value = r.find(kb, h, copy);
     if (!value) return std::nullopt;
     return std::optional<V>(std::in_place, Decoded{*value});
   }
-  std::optional<V> writerFind(Shelf::Bytes kb, std::uint32_t h) const {
+  std::optional<V> writerFind(const K& key, std::uint32_t h) const {
+    std::uint8_t k[kKeyMax];
+    const Shelf::Bytes kb(k, KeyCodec<K>::encode(key, k));
     alignas(8) std::uint8_t v[kValueMax];
     std::optional<std::uint32_t> n;
     try {
