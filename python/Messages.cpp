@@ -175,8 +175,19 @@ NlriList nlriFrom(py::handle entries, AfiSafi family, const SessionOptions& o, b
     e.prefix = native<Netzo::IpGenPrefix>(n.attr("prefix"), "Nlri.prefix");
     if (e.prefix.family() != af) throw py::value_error("Nlri.prefix " + e.prefix.stringValue() + " is not of the family's AFI");
     e.pathId = number<U32>(n.attr("path_id"), "Nlri.path_id");
+    // Without add-path for the family the entry has no room for an identifier, and an unlabelled
+    // family none for labels: writing the entry without them would send another route than asked.
+    if (e.pathId != 0 && !addPath) {
+      throw py::value_error("Nlri.path_id " + std::to_string(e.pathId) + ": the session has no add-path for AFI " +
+                            std::to_string(U16(family.afi())) + " SAFI " + std::to_string(U8(family.safi())));
+    }
+    py::object fields = n.attr("label_fields");
+    if (!labelled && py::len(fields) != 0) {
+      throw py::value_error("Nlri.label_fields: SAFI " + std::to_string(U8(family.safi())) +
+                            " carries no labels (labelled unicast is SAFI 4)");
+    }
     std::string labels;
-    for (py::handle f : n.attr("label_fields")) {
+    for (py::handle f : fields) {
       const U32 field = number<U32>(f, "Nlri.label_fields");
       if (field > 0xFFFFFF) raise(PyExc_OverflowError, "Nlri.label_fields: " + std::to_string(field) + " is above 3 octets");
       labels += {char(field >> 16), char(field >> 8), char(field)};

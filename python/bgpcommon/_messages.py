@@ -38,7 +38,9 @@ class ReadError:
 @dataclass
 class Nlri:
     """One NLRI entry: a prefix, its add-path identifier (RFC 7911; 0 without add-path) and, for
-    labelled unicast (RFC 8277), its three-octet label fields (label << 4 | bottom-of-stack bit)."""
+    labelled unicast (RFC 8277), its three-octet label fields (label << 4 | bottom-of-stack bit).
+    Writing refuses (ValueError) a non-zero path_id where the session has no add-path for the
+    family, and label fields on a family that is not labelled: the entry has no room for them."""
     prefix: Network
     path_id: int = 0
     label_fields: list = field(default_factory=list)

@@ -100,6 +100,8 @@ V4 = ipaddress.ip_network
      OverflowError),
     (lambda s: s.add_message(b.Update(nlri=[b.Nlri(V4(f"10.{i // 256}.{i % 256}.0/24")) for i in range(1100)])), OverflowError),
     (lambda s: s.add_message(b.Open(capabilities=[b.Capability(99, bytes(256))])), OverflowError),
+    (lambda s: s.add_message(b.Update(nlri=[b.Nlri(V4("10.0.0.0/8"), path_id=5)])), ValueError),
+    (lambda s: s.add_message(b.Update(nlri=[b.Nlri(V4("10.0.0.0/8"), label_fields=[0x101])])), ValueError),
 ])
 def test_what_a_caller_gets_wrong_raises_and_writes_nothing(call, error):
     s = b.Serialize()
