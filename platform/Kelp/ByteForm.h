@@ -195,11 +195,11 @@ struct ByteForm {
   }
 
   // True when the record of `len` bytes (at most kMax) at `in` (which holds kMax bytes at least,
-  // zeros after the record) is one that get reads without a complaint and that put would write again byte for byte,
-  // padding aside: what a reader needs to know before it copies the bytes in whole. For fixed
-  // fields followed by at most one variable one: the record's own length is then the fixed part's
-  // plus what that field says it takes. Few instructions, no branches: a shared table's reader
-  // runs it on every lookup.
+  // zeros after the record) is one that get reads without a complaint and that put would write
+  // again byte for byte, padding aside: what a reader needs to know before it copies the bytes in
+  // whole. For fixed fields followed by at most one variable one: the record's own length is then
+  // the fixed part's plus what that field says it takes. Few instructions, no branches: a shared
+  // table's reader runs it on every lookup.
   [[gnu::always_inline]] static bool canonical(const std::uint8_t* in, std::uint32_t len) {
     static_assert(variableLast(), "canonical sees one variable field, the last");
     // The stray bits of all fields that name them, a word at a time (byte i of a word is its bits
