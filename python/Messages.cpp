@@ -20,8 +20,8 @@ namespace {
 using namespace Routing::Bgp;
 
 py::object messagesModule() {
-  static PyObject* m = py::module_::import("bgpcommon._messages").release().ptr();
-  return py::reinterpret_borrow<py::object>(m);
+  static py::object* m = nullptr;
+  return madeOnce(m, [] { return py::object(py::module_::import("bgpcommon._messages")); });
 }
 py::object make(const char* cls) { return messagesModule().attr(cls); }
 
@@ -64,9 +64,10 @@ py::object toPy(const absl::InlinedVector<T, N>& items) {
   return out;
 }
 py::object toPy(const absl::InlinedVector<U32, 16>& communities) {
-  static PyObject* community = py::object(py::module_::import("bgpcommon._native").attr("Community")).release().ptr();
+  static py::object* community = nullptr;
+  madeOnce(community, [] { return py::object(py::module_::import("bgpcommon._native").attr("Community")); });
   py::list out;
-  for (U32 c : communities) out.append(py::handle(community)(c));
+  for (U32 c : communities) out.append((*community)(c));
   return out;
 }
 py::object toPy(const MpReach& r) {

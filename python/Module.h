@@ -69,6 +69,25 @@ void withoutGil(F&& f) {
   if (error) std::rethrow_exception(error);
 }
 
+// The object make() returns, made once per process and kept for its life: for objects whose
+// making runs Python code (an import, a function of the package). Not a function-local static:
+// Python code lets other threads run, and a second thread that asks meanwhile would wait in the
+// static's guard holding the GIL, which the first needs back to finish, so both would wait for
+// ever. Under the GIL instead, each thread that finds it unmade makes it, and the first to finish
+// keeps its own. `slot` is a static pointer initialized to null (no guard).
+template <typename T, typename Make>
+T& madeOnce(T*& slot, Make&& make) {
+  if (slot == nullptr) {
+    T* made = new T(make());
+    if (slot == nullptr) {
+      slot = made;
+    } else {
+      delete made;
+    }
+  }
+  return *slot;
+}
+
 // An unsigned argument of the width of `type`; OverflowError naming `what` when it does not fit,
 // TypeError for anything but an int.
 std::uint64_t unsignedArg(py::handle v, const std::type_info& type, const char* what);

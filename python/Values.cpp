@@ -104,15 +104,14 @@ struct PythonTypes {
 };
 
 const PythonTypes& pythonTypes() {
-  static const PythonTypes* t = [] {
+  static PythonTypes* t = nullptr;
+  return madeOnce(t, [] {
     py::module_ ip = py::module_::import("ipaddress");
     py::module_ native = py::module_::import("bgpcommon._native");
     auto keep = [](py::object o) { return o.release().ptr(); };
-    return new PythonTypes{keep(ip.attr("IPv4Address")), keep(ip.attr("IPv6Address")),
-                           keep(ip.attr("IPv4Network")), keep(ip.attr("IPv6Network")),
-                           keep(native.attr("Community")), native};
-  }();
-  return *t;
+    return PythonTypes{keep(ip.attr("IPv4Address")), keep(ip.attr("IPv6Address")), keep(ip.attr("IPv4Network")),
+                       keep(ip.attr("IPv6Network")), keep(native.attr("Community")), native};
+  });
 }
 
 // ---- Errors --------------------------------------------------------------------------------
@@ -288,14 +287,19 @@ const std::unordered_map<std::type_index, void (*)(Conversion&)>& setters() {
 const Conversion& conversionFor(const std::type_info& cppType) {
   auto it = conversions().find(std::type_index(cppType));
   if (it != conversions().end()) return *it->second;
-  Conversion& c = newConversion(cppType);
-  if (auto set = setters().find(std::type_index(cppType)); set != setters().end()) set->second(c);
+  auto c = std::make_unique<Conversion>();
+  c->cppType = &cppType;
+  if (auto set = setters().find(std::type_index(cppType)); set != setters().end()) set->second(*c);
   if (const Kelp::TypeInfo* t = Kelp::findType(cppType)) {
-    Kind known = c.kind;
-    fillFromRegistry(c, *t);
-    if (known != Kind::textOnly) c.kind = known;  // the address types keep their ipaddress form
+    Kind known = c->kind;
+    fillFromRegistry(*c, *t);
+    if (known != Kind::textOnly) c->kind = known;  // the address types keep their ipaddress form
   }
-  return c;
+  // Published whole, once made: making it ran Python code (the type's class), which lets other
+  // threads run, and one of them may have made and published it meanwhile.
+  auto& slot = conversions()[std::type_index(cppType)];
+  if (!slot) slot = std::move(c);
+  return *slot;
 }
 
 void nativeConversionIs(const std::type_info& cppType, NativeToPython to, NativeFromPython from) {
@@ -546,21 +550,22 @@ struct TypeCache {
 
 const TypeCache& cacheOf(const Kelp::TypeInfo* t) {
   static auto* caches = new std::unordered_map<const Kelp::TypeInfo*, std::unique_ptr<TypeCache>>;
-  auto& slot = (*caches)[t];
-  if (!slot) {
-    auto c = std::make_unique<TypeCache>();
-    c->type = t;
-    c->pythonName = pythonNameOf(*t);
-    for (const Kelp::AttrInfo& a : t->attributes) {
-      Attribute at{&a, {a.id, a.name}, nullptr, c->pythonName + "." + std::string(a.name)};
-      if (a.kind == Kelp::AttrKind::field && c->fieldCount < t->fields.size()) {
-        at.conversion = &conversionForField(t->fields[c->fieldCount++]);
-      }
-      c->attributes.push_back(std::move(at));
+  if (auto found = caches->find(t); found != caches->end()) return *found->second;
+  // Published whole, once made, as conversions are (conversionFor): the field conversions run
+  // Python code.
+  auto c = std::make_unique<TypeCache>();
+  c->type = t;
+  c->pythonName = pythonNameOf(*t);
+  for (const Kelp::AttrInfo& a : t->attributes) {
+    Attribute at{&a, {a.id, a.name}, nullptr, c->pythonName + "." + std::string(a.name)};
+    if (a.kind == Kelp::AttrKind::field && c->fieldCount < t->fields.size()) {
+      at.conversion = &conversionForField(t->fields[c->fieldCount++]);
     }
-    if (t->defaultValue != nullptr) c->defaultValue = t->defaultValue();
-    slot = std::move(c);
+    c->attributes.push_back(std::move(at));
   }
+  if (t->defaultValue != nullptr) c->defaultValue = t->defaultValue();
+  auto& slot = (*caches)[t];
+  if (!slot) slot = std::move(c);
   return *slot;
 }
 
@@ -967,22 +972,22 @@ give the JSON of the tool's --json. Values pickle and copy.)");
   m.def("_python_types", [] {
     // The Python name of every registered value type and enumeration: its class, or for a Value
     // type a constructor taking its fields by name (or its long text form).
-    static py::dict* names = [] {
-      auto* ns = new py::dict;
+    static py::dict* names = nullptr;
+    return madeOnce(names, [] {
+      py::dict ns;
       for (const Kelp::TypeInfo* t : Kelp::registeredTypes()) {
         if (t->kind == Kelp::TypeKind::entity || t->cppType == nullptr) continue;
         const Conversion& c = conversionFor(*t->cppType);
         std::string name = pythonNameOf(*t);
         if (c.pyClass != nullptr) {
-          (*ns)[py::str(name)] = py::reinterpret_borrow<py::object>(c.pyClass);
+          ns[py::str(name)] = py::reinterpret_borrow<py::object>(c.pyClass);
         } else if (c.kind == Kind::value) {
-          (*ns)[py::str(name)] = pythonTypes().native.attr("value_constructor")(
+          ns[py::str(name)] = pythonTypes().native.attr("value_constructor")(
               name, std::string(t->name), t->strepToValue != nullptr, fieldDefaults(*t));
         }
       }
       return ns;
-    }();
-    return *names;
+    });
   });
 
   m.def("namespace", [m] {

@@ -165,6 +165,24 @@ def test_misuse_raises(call, error):
         call()
 
 
+def test_threads_that_meet_the_module_together():
+    # The first use of a type makes its Python class by running Python code, which lets other
+    # threads in halfway; each must wait for, or make, the whole class (this hung, or crashed).
+    code = ("import sys, threading, bgpcommon\n"
+            "sys.setswitchinterval(1e-6)\n"
+            "start = threading.Barrier(4)\n"
+            "def use():\n"
+            "    start.wait()\n"
+            "    assert bgpcommon.MaxRoutes(routes=1).routes == 1 and bgpcommon.Level(1) == 'level1'\n"
+            f"    assert str(bgpcommon.parse({SAMPLES[1]!r}).value.apply) == 'applyNew'\n"
+            "threads = [threading.Thread(target=use) for _ in range(4)]\n"
+            "for t in threads: t.start()\n"
+            "for t in threads: t.join()\n"
+            "print('done')\n")
+    out = subprocess.run([sys.executable, "-X", "dev", "-c", code], capture_output=True, text=True, timeout=120)
+    assert out.stdout == "done\n" and out.stderr == ""
+
+
 def test_bad_text_raises_range_error():
     with pytest.raises(bgpcommon.RangeError) as e:
         bgpcommon.parse("Value('Routing::Bgp::MaxRoutes', ** {'routes': 4294967296, 'warningThreshold': 2, "
