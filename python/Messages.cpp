@@ -156,6 +156,16 @@ T native(py::handle v, const char* what) {
 AfiSafi afiSafi(py::handle afi, py::handle safi) {
   return AfiSafi(static_cast<Afi>(number<U16>(afi, "afi")), static_cast<Safi>(number<U8>(safi, "safi")));
 }
+// `obj`, an instance of the message class `cls`; TypeError naming `what` otherwise (an ipaddress
+// network where an Nlri belongs, a tuple for a LargeCommunity), rather than the AttributeError of
+// the first field looked up or a conversion error of pybind11's.
+py::handle instance(py::handle obj, const char* cls, const std::string& what) {
+  if (!py::isinstance(obj, make(cls))) {
+    raise(PyExc_TypeError, what + ": expected " + cls + ", not " + Py_TYPE(obj.ptr())->tp_name);
+  }
+  return obj;
+}
+
 Netzo::AutonomousSystem asNumber(py::handle v, const SessionOptions& o, bool alwaysFour, const char* what) {
   const U32 asn = number<U32>(v, what);
   if (!alwaysFour && !o.fourOctetAs && asn > 0xFFFF) {
@@ -165,13 +175,15 @@ Netzo::AutonomousSystem asNumber(py::handle v, const SessionOptions& o, bool alw
   return Netzo::AutonomousSystem(asn);
 }
 
-NlriList nlriFrom(py::handle entries, AfiSafi family, const SessionOptions& o, bool withdrawal, Octets& keep) {
+NlriList nlriFrom(py::handle entries, AfiSafi family, const SessionOptions& o, bool withdrawal, Octets& keep,
+                  const char* what) {
   const bool addPath = o.addPath.contains(family);
   if (PyBytes_Check(entries.ptr())) return NlriList(keep.keep(entries.cast<std::string>()), family, addPath, withdrawal);
   Serialize s;
   const bool labelled = family.safi() == safiMplsLabel;
   const Netzo::AddressFamily af = family.afi() == afiIpv6 ? Netzo::AddressFamily::ipv6 : Netzo::AddressFamily::ipv4;
   for (py::handle n : entries) {
+    instance(n, "Nlri", what);
     NlriEntry e;
     e.prefix = native<Netzo::IpGenPrefix>(n.attr("prefix"), "Nlri.prefix");
     if (e.prefix.family() != af) throw py::value_error("Nlri.prefix " + e.prefix.stringValue() + " is not of the family's AFI");
@@ -202,14 +214,16 @@ NlriList nlriFrom(py::handle entries, AfiSafi family, const SessionOptions& o, b
 struct FromPy {
   const SessionOptions& o;
   Octets& keep;
+  std::string what = "PathAttributes";  // the attribute being read, for errors
 
   void operator()(py::handle v, Origin& out) const { out = static_cast<Origin>(number<U8>(v, "origin")); }
-  void operator()(py::handle v, bool& out) const { out = v.cast<bool>(); }
-  void operator()(py::handle v, U32& out) const { out = number<U32>(v, "path attribute"); }
-  void operator()(py::handle v, Netzo::IpAddr& out) const { out = native<Netzo::IpAddr>(v, "path attribute"); }
+  void operator()(py::handle v, bool& out) const { out = native<bool>(v, what.c_str()); }
+  void operator()(py::handle v, U32& out) const { out = number<U32>(v, what.c_str()); }
+  void operator()(py::handle v, Netzo::IpAddr& out) const { out = native<Netzo::IpAddr>(v, what.c_str()); }
   void path(py::handle segments, AsPath& out, bool alwaysFour) const {
     out.clear();
     for (py::handle s : segments) {
+      instance(s, "AsPathSegment", what);
       std::vector<Netzo::AutonomousSystem> asns;
       for (py::handle a : s.attr("asns")) asns.push_back(asNumber(a, o, alwaysFour, "AsPathSegment.asns"));
       if (asns.empty()) throw py::value_error("an AS path segment holds at least one AS number");
@@ -217,11 +231,13 @@ struct FromPy {
     }
   }
   void aggregator(py::handle v, Aggregator& out, bool alwaysFour) const {
+    instance(v, "Aggregator", what);
     out.asn = asNumber(v.attr("asn"), o, alwaysFour, "Aggregator.asn");
     out.address = native<Netzo::IpAddr>(v.attr("address"), "Aggregator.address");
   }
-  void operator()(py::handle v, RouteTarget& out) const { out = native<RouteTarget>(v, "extended community"); }
+  void operator()(py::handle v, RouteTarget& out) const { out = native<RouteTarget>(v, what.c_str()); }
   void operator()(py::handle v, LargeCommunity& out) const {
+    instance(v, "LargeCommunity", what);
     out = {number<U32>(v.attr("global_admin"), "LargeCommunity"), number<U32>(v.attr("local_data1"), "LargeCommunity"),
            number<U32>(v.attr("local_data2"), "LargeCommunity")};
   }
@@ -231,30 +247,31 @@ struct FromPy {
     for (py::handle item : v) (*this)(item, out.emplace_back());
   }
   void operator()(py::handle v, MpReach& out) const {
+    instance(v, "MpReach", what);
     out.afiSafi = afiSafi(v.attr("afi"), v.attr("safi"));
     py::object nextHop = v.attr("next_hop"), linkLocal = v.attr("link_local_next_hop");
     out.nextHop = nextHop.is_none() ? Netzo::IpGenAddr() : native<Netzo::IpGenAddr>(nextHop, "MpReach.next_hop");
     out.linkLocalNextHop = linkLocal.is_none() ? Netzo::IpGenAddr() : native<Netzo::IpGenAddr>(linkLocal, "MpReach.link_local_next_hop");
     out.nextHopOctets = keep.keep(bytesLike(v.attr("next_hop_octets"), "MpReach.next_hop_octets"));
     out.reserved = number<U8>(v.attr("reserved"), "MpReach.reserved");
-    out.nlri = nlriFrom(v.attr("nlri"), out.afiSafi, o, false, keep);
+    out.nlri = nlriFrom(v.attr("nlri"), out.afiSafi, o, false, keep, "MpReach.nlri");
   }
   void operator()(py::handle v, MpUnreach& out) const {
+    instance(v, "MpUnreach", what);
     out.afiSafi = afiSafi(v.attr("afi"), v.attr("safi"));
-    out.withdrawn = nlriFrom(v.attr("withdrawn"), out.afiSafi, o, true, keep);
+    out.withdrawn = nlriFrom(v.attr("withdrawn"), out.afiSafi, o, true, keep, "MpUnreach.withdrawn");
   }
 };
 
-PathAttributes attributesFrom(py::handle a, const SessionOptions& o, Octets& keep) {
-  if (!py::isinstance(a, make("PathAttributes"))) {
-    raise(PyExc_TypeError, std::string("expected a PathAttributes, not ") + Py_TYPE(a.ptr())->tp_name);
-  }
+PathAttributes attributesFrom(py::handle a, const SessionOptions& o, Octets& keep, const char* what) {
+  instance(a, "PathAttributes", what);
   PathAttributes out;
   FromPy from{o, keep};
   py::dict flags = a.attr("flags");
   forEachSlot(out, [&](AttrType type, const char* name, auto& slot) {
     py::object v = a.attr(name);
     if (v.is_none() || v.ptr() == Py_False) return;
+    from.what = std::string("PathAttributes.") + name;
     using T = std::decay_t<decltype(slot.value)>;
     if constexpr (std::is_same_v<T, AsPath>) {
       from.path(v, slot.value, type == AttrType::as4Path);
@@ -268,6 +285,7 @@ PathAttributes attributesFrom(py::handle a, const SessionOptions& o, Octets& kee
     slot.flags = flags.contains(code) ? number<U8>(flags[code], "PathAttributes.flags") : U8{0};
   });
   for (py::handle r : a.attr("unknown")) {
+    instance(r, "RawAttribute", "PathAttributes.unknown");
     out.unknown.push_back({number<U8>(r.attr("flags"), "RawAttribute.flags"), number<U8>(r.attr("type"), "RawAttribute.type"),
                            keep.keep(bytesLike(r.attr("value"), "RawAttribute.value"))});
   }
@@ -275,9 +293,10 @@ PathAttributes attributesFrom(py::handle a, const SessionOptions& o, Octets& kee
   return out;
 }
 
-std::vector<Capability> capabilitiesFrom(py::handle list, Octets& keep) {
+std::vector<Capability> capabilitiesFrom(py::handle list, Octets& keep, const char* what) {
   std::vector<Capability> out;
   for (py::handle c : list) {
+    instance(c, "Capability", what);
     out.push_back({number<U8>(c.attr("code"), "Capability.code"), number<U8>(c.attr("parameter"), "Capability.parameter"),
                    keep.keep(bytesLike(c.attr("value"), "Capability.value"))});
   }
@@ -288,9 +307,9 @@ Message messageFrom(py::handle m, const SessionOptions& o, Octets& keep) {
   auto is = [&](const char* cls) { return py::isinstance(m, make(cls)); };
   if (is("Update")) {
     Update u;
-    u.attributes = attributesFrom(m.attr("attributes"), o, keep);
-    u.withdrawn = nlriFrom(m.attr("withdrawn"), ipv4UnicastAfiSafi, o, true, keep);
-    u.nlri = nlriFrom(m.attr("nlri"), ipv4UnicastAfiSafi, o, false, keep);
+    u.attributes = attributesFrom(m.attr("attributes"), o, keep, "Update.attributes");
+    u.withdrawn = nlriFrom(m.attr("withdrawn"), ipv4UnicastAfiSafi, o, true, keep, "Update.withdrawn");
+    u.nlri = nlriFrom(m.attr("nlri"), ipv4UnicastAfiSafi, o, false, keep, "Update.nlri");
     return u;
   }
   if (is("Open")) {
@@ -304,11 +323,11 @@ Message messageFrom(py::handle m, const SessionOptions& o, Octets& keep) {
     for (py::handle p : m.attr("add_path")) {
       open.addPath.push_back({afiSafi(p[py::int_(0)], p[py::int_(1)]), number<U8>(p[py::int_(2)], "Open.add_path")});
     }
-    open.routeRefresh = m.attr("route_refresh").cast<bool>();
-    open.enhancedRouteRefresh = m.attr("enhanced_route_refresh").cast<bool>();
-    open.extendedMessage = m.attr("extended_message").cast<bool>();
-    for (const Capability& c : capabilitiesFrom(m.attr("capabilities"), keep)) open.capabilities.push_back(c);
-    for (const Capability& c : capabilitiesFrom(m.attr("other_parameters"), keep)) open.otherParameters.push_back(c);
+    open.routeRefresh = native<bool>(m.attr("route_refresh"), "Open.route_refresh");
+    open.enhancedRouteRefresh = native<bool>(m.attr("enhanced_route_refresh"), "Open.enhanced_route_refresh");
+    open.extendedMessage = native<bool>(m.attr("extended_message"), "Open.extended_message");
+    for (const Capability& c : capabilitiesFrom(m.attr("capabilities"), keep, "Open.capabilities")) open.capabilities.push_back(c);
+    for (const Capability& c : capabilitiesFrom(m.attr("other_parameters"), keep, "Open.other_parameters")) open.otherParameters.push_back(c);
     return open;
   }
   if (is("Notification")) {
@@ -353,7 +372,7 @@ void writeMessageFrom(Serialize& out, py::handle message, const SessionOptions& 
 void writePathAttributesFrom(Serialize& out, py::handle attributes, const SessionOptions& o) {
   Octets keep;
   Serialize whole;
-  writePathAttributes(whole, attributesFrom(attributes, o, keep), o);
+  writePathAttributes(whole, attributesFrom(attributes, o, keep, "attributes"), o);
   out.addData(whole.data(), whole.writeOffset());
 }
 
