@@ -128,7 +128,9 @@ class Community(int):
     def __new__(cls, value: "int | str") -> "Community":
         if isinstance(value, str):
             high, sep, low = value.partition(":")
-            if not sep or not high.isdigit() or not low.isdigit() or int(high) > 0xFFFF or int(low) > 0xFFFF:
+            # ASCII digits only: str.isdigit() also passes other scripts' digits and superscripts.
+            digits = sep and high.isascii() and low.isascii() and high.isdigit() and low.isdigit()
+            if not digits or int(high) > 0xFFFF or int(low) > 0xFFFF:
                 raise ValueError(f"a community is HIGH:LOW with two numbers of 0..65535, not {value!r}")
             return int.__new__(cls, int(high) << 16 | int(low))
         if isinstance(value, bool) or not isinstance(value, int):

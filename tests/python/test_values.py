@@ -158,6 +158,7 @@ def test_wrong_fields_name_the_field(fields, error, message):
     (lambda: bgpcommon.parse("x", type="Routing::Isis::Level"), bgpcommon.RangeError),
     (lambda: bgpcommon.RouteTag(1 << 32), OverflowError),
     (lambda: bgpcommon.Community("65536:1"), ValueError),
+    (lambda: bgpcommon.Community("\u0661:1"), ValueError),  # an Arabic-Indic one: a digit to str.isdigit()
     (lambda: hash(bgpcommon.default("Routing::Bgp::MaxRoutes")), TypeError),  # unhashable
 ])
 def test_misuse_raises(call, error):
