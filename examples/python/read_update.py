@@ -8,7 +8,8 @@
 
 Each HEX may hold several messages one after another (four-octet AS numbers, as between speakers
 that both announced the capability). A malformed message is named on standard error with what is
-wrong, where, and what RFC 7606 says to do about it (exit status 1).
+wrong, where, and what RFC 7606 says to do about it (exit status 1); the routes of one to be
+treated as withdrawn print as withdrawn.
 """
 import sys
 
@@ -23,14 +24,19 @@ def path_text(segments):
                     for s in segments or [])
 
 
-def route_lines(update):
+def route_lines(update, withdraw_all=False):
     a = update.attributes
     extras = [f"med {a.med}"] if a.med is not None else []
     extras += [f"community {c}" for c in a.communities or []]
     extras += [f"large-community {c}" for c in a.large_communities or []]
     extras += [f"rt {rt}" for rt in a.extended_communities or [] if rt.subtype == 2]
     for nlri, next_hop in update.routes():
-        yield " ".join([f"{nlri.prefix} via {next_hop} path {path_text(a.as_path)} origin {ORIGINS.get(a.origin, a.origin)}"] + extras)
+        if withdraw_all:
+            # RFC 7606 treat-as-withdraw: the attributes cannot be trusted, so every route the
+            # UPDATE announces is handled as withdrawn.
+            yield f"{nlri.prefix} withdrawn"
+        else:
+            yield " ".join([f"{nlri.prefix} via {next_hop} path {path_text(a.as_path)} origin {ORIGINS.get(a.origin, a.origin)}"] + extras)
     for nlri in update.withdrawals():
         yield f"{nlri.prefix} withdrawn"
 
@@ -45,7 +51,8 @@ def main():
                 print(f"malformed message: {result.error}", file=sys.stderr)
                 status = 1
             if isinstance(result.message, bgpcommon.Update):
-                for line in route_lines(result.message):
+                withdraw_all = result.error is not None and result.error.action == "treatAsWithdraw"
+                for line in route_lines(result.message, withdraw_all):
                     print(line)
             if result.message is None:
                 break  # the session would be reset: nothing after it can be framed

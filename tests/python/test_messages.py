@@ -123,9 +123,12 @@ def test_read_update_example():
     env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
     built = subprocess.run([sys.executable, str(examples / "build_update.py"), "10.1.0.0/16"], check=True,
                            capture_output=True, text=True, env=env).stdout
-    read = subprocess.run([sys.executable, str(examples / "read_update.py")], input=built + GOBGP.hex() + " ffff",
-                          capture_output=True, text=True, env=env)
+    bad_origin = update(bytes.fromhex("40010103") + AS_PATH + NEXT_HOP, b"\x18\xc0\xa8\x00")  # treat as withdrawn
+    read = subprocess.run([sys.executable, str(examples / "read_update.py")],
+                          input=f"{built} {GOBGP.hex()} {bad_origin.hex()} ffff", capture_output=True, text=True, env=env)
     assert read.stdout == ("10.1.0.0/16 via 192.0.2.1 path 65001 origin IGP\n"
                            "10.1.0.0/16 via 192.0.2.1 path 4200000001 4200000100 65001 70000 origin IGP med 42 "
-                           "community 65000:1 community 65000:2 large-community 4200000001:1:2 rt 65000:100\n")
-    assert read.stderr == "malformed message: truncated at offset 0: sessionReset\n" and read.returncode == 1
+                           "community 65000:1 community 65000:2 large-community 4200000001:1:2 rt 65000:100\n"
+                           "192.168.0.0/24 withdrawn\n")
+    assert read.stderr == ("malformed message: badOrigin at offset 26 in attribute 1: treatAsWithdraw\n"
+                           "malformed message: truncated at offset 0: sessionReset\n") and read.returncode == 1
