@@ -281,7 +281,7 @@ Addresses are ipaddress objects or their text. Lengths written before what they 
          py::arg("add_path") = py::none(),
          ""
          "Writes a whole message (Open, Update, Notification, Keepalive, RouteRefresh), header and length included, "
-         "as a session with these options carries it; a message read with the same options is written as it came. "
+         "as a session with these options carries it; a well-formed message read with the same options is written as it came. "
          "OverflowError past the session's message size or past a field's length octet (a capability over 255 "
          "octets, say), and nothing written.")
       .def("add_path_attributes", [](Writer& w, py::handle attributes, bool fourOctetAs, py::handle addPath) {

@@ -4,8 +4,10 @@ bgpcommon.read_message() returns them, Serialize.add_message() and Serialize.add
 write them. Values are the types Python users reach for: prefixes and addresses are `ipaddress`
 objects, standard communities `Community`, route targets `RouteTarget`, AS numbers ints.
 Everything else a message carries is kept too (attribute flags, the order attributes came in,
-unknown attributes and capabilities as bytes), so that a message read and written back with the
-same options gives the same bytes, and a program can change one attribute and send the rest on.
+unknown attributes and capabilities as bytes), so that a well-formed message read and written back
+with the same options gives the same bytes (but for the trailing bits of a prefix's last octet,
+which an `ipaddress` network does not hold: written as zero), and a program can change one
+attribute and send the rest on. A malformed message reads without the attributes found broken.
 """
 import ipaddress
 from dataclasses import dataclass, field
