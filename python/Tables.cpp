@@ -82,6 +82,16 @@ void checkTableExists(const std::string& root, const std::string& path) {
   }
 }
 
+// The root as Python's file functions take a path: a str, bytes or an os.PathLike (TypeError for
+// anything else). ValueError for a NUL in it, which the file system would take for its end and
+// so open a table under another folder than the one named.
+std::optional<std::string> rootArg(py::handle root) {
+  if (root.is_none()) return std::nullopt;
+  std::string path = py::module_::import("os").attr("fsencode")(root).cast<std::string>();
+  if (path.find('\0') != std::string::npos) throw py::value_error("root: embedded null byte");
+  return path;
+}
+
 // ---- The table -----------------------------------------------------------------------------
 
 class Table {
@@ -352,8 +362,10 @@ raised as TableCorruptionError when the operation is done.)";
 template <typename Entity>
 void bindTable(py::module_& m, py::handle base, const char* name, const char* doc) {
   py::class_<TableOf<Entity>, Table>(m, name, doc)
-      .def(py::init<const std::string&, const std::optional<std::string>&, bool, py::object>(), py::arg("name"),
-           py::arg("root") = py::none(), py::kw_only(), py::arg("missing_ok") = false,
+      .def(py::init([](const std::string& name, py::handle root, bool missingOk, py::object onCorruption) {
+             return std::make_unique<TableOf<Entity>>(name, rootArg(root), missingOk, std::move(onCorruption));
+           }),
+           py::arg("name"), py::arg("root") = py::none(), py::kw_only(), py::arg("missing_ok") = false,
            py::arg("on_corruption") = py::none());
   (void)base;
 }
@@ -389,8 +401,9 @@ void bindTables(py::module_& m) {
       .def("__exit__", [](Table& t, py::args) { t.close(); });
 
   bindTable<IgpResultStatus>(m, table, "IgpResultTable",
-                             "The IGP results of routing/rib/igpResultStatus/<name> under root (default "
-                             "$BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon), by identifier (see Table).\n"
+                             "The IGP results of routing/rib/igpResultStatus/<name> under root (a str, bytes or "
+                             "os.PathLike; default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon), by identifier (see "
+                             "Table).\n"
                              "A missing root or table raises FileNotFoundError (NotADirectoryError for a "
                              "root that is not a folder) unless missing_ok, which attaches to a table its "
                              "writer has yet to create.");

@@ -28,7 +28,7 @@ def start_writer(root, name, records, hold, first=1):
 def test_reads_what_another_process_wrote(tmp_path):
     writer = start_writer(tmp_path, "vrf1", 50, 5)
     try:
-        table = bgpcommon.IgpResultTable("vrf1", root=str(tmp_path))
+        table = bgpcommon.IgpResultTable("vrf1", root=tmp_path)  # any path os.open takes
         records = table.values()
         assert table.writer_open and len(table) == len(records) == 50
         # Record for record what the tool itself reads back.
@@ -54,6 +54,7 @@ def test_reads_what_another_process_wrote(tmp_path):
     ("missing", "vrf1", FileNotFoundError),
     ("file", "vrf1", NotADirectoryError),
     (".", "nothing", FileNotFoundError),
+    ("\0/elsewhere", "vrf1", ValueError),  # the file system would read the root as ending at the NUL
 ])
 def test_missing_table_fails_loudly(tmp_path, root, name, error):
     (tmp_path / "file").write_text("")
