@@ -51,11 +51,23 @@ class Number(int):
         return _core()._number_attribute(self.type_name, self, name)
 
 
-class Enum(str):
+class _EnumClass(type):
+    """The class of an enumeration, which, as an enum.Enum class does, iterates over its named
+    enumerators in the order they are declared (`list(Level)`) and counts them (`len(Level)`)."""
+
+    def __iter__(cls):
+        return iter(cls._by_name.values())
+
+    def __len__(cls):
+        return len(cls._by_name)
+
+
+class Enum(str, metaclass=_EnumClass):
     """An enumerator of one of the library's enumerations: a str equal to its name.
 
     `.name` is the name (the number's decimal text for a value without one), int() the number.
     Built from a name or a number: `Level('level1')`, `Level(1)`; anything else is ValueError.
+    The class iterates over its named enumerators: `list(Level)`, `len(Level)`.
     A value without a name reads back from its number: the default of an enumeration whose zero
     has no name is `Level(0)`, and so is its repr.
     """
@@ -174,8 +186,9 @@ def enum_type(type_name, short_name, entries, unnamed_default=None):
     """
     cls = _enums.get(type_name)
     if cls is None:
+        names = ", ".join(f"{name} ({number})" for name, number in entries)
         cls = type(short_name, (Enum,), {"type_name": type_name, "__module__": "bgpcommon",
-                                         "__doc__": f"An enumerator of {type_name} (see bgpcommon.Enum)."})
+                                         "__doc__": f"An enumerator of {type_name} (see bgpcommon.Enum): {names}."})
         cls._by_name = {}
         cls._by_number = {}
         for name, number in entries:

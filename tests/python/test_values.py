@@ -108,6 +108,8 @@ def test_fields_read_as_python_objects():
     apply = v.value.apply
     assert apply == "applyNew" and apply == bgpcommon.parse("applyNew", type=apply.type_name)
     assert type(apply) is bgpcommon.OutDelayApplyType and apply.name == "applyNew" and int(apply) == 1
+    # An enumeration's class lists its enumerators, as an enum.Enum class does.
+    assert list(bgpcommon.Level) == ["level1", "level2", "level1And2", "levelUnset"] == list(map(bgpcommon.Level, range(1, 5)))
     assert bgpcommon.parse(SAMPLES[2]).secret == "it's \\ \xe9\n"
     route = bgpcommon.parse(SAMPLES[3])
     assert route.key == ipaddress.ip_network("10.1.0.0/16") and route.igpResultId == 42
