@@ -104,8 +104,6 @@ V4 = ipaddress.ip_network
     (lambda s: s.add_message(b.Update(nlri=[b.Nlri(V4("10.0.0.0/8"), label_fields=[0x101])])), ValueError),
     # Objects of the wrong type, also where a field is read from them: TypeError naming the field.
     (lambda s: s.add_message(b.Update(nlri=[V4("10.0.0.0/8")])), "Update.nlri: expected Nlri, not IPv4Network"),
-    (lambda s: s.add_message(b.Update(attributes=b.PathAttributes(large_communities=[(1, 2, 3)]))),
-     "PathAttributes.large_communities: expected LargeCommunity, not tuple"),
     (lambda s: s.add_message(b.Update(attributes=b.PathAttributes(atomic_aggregate="yes"))),
      "PathAttributes.atomic_aggregate: expected a bool, not str"),
     (lambda s: s.add_message(b.Open(route_refresh=1)), "Open.route_refresh: expected a bool, not int"),
