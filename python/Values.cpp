@@ -727,7 +727,11 @@ std::any parseText(const Kelp::TypeInfo& t, std::string_view text) {
   return t.strepToValue(text);
 }
 
-py::object parse(const std::string& text, const std::optional<std::string>& typeName) {
+// Text is read as the long form writes it, one character per byte (latin1Bytes), as every text
+// field and pickle is; so the é of a text field typed into a long form is the octet 0xE9, as it is
+// given by name (not the two octets of its UTF-8).
+py::object parse(const py::str& pythonText, const std::optional<std::string>& typeName) {
+  const std::string text = latin1Bytes(pythonText, "text");
   std::string name;
   if (typeName) {
     name = *typeName;
@@ -851,11 +855,11 @@ that bgpcommon.namespace() evaluates back to the value. == is the type's equalit
 its ordering where it has one, hash() works where the type is hashable. to_dict() and to_json()
 give the JSON of the tool's --json. Values pickle and copy.)");
   value
-      .def(py::init([](const std::string& typeName, const std::optional<std::string>& text, const py::kwargs& fields) {
+      .def(py::init([](const std::string& typeName, const std::optional<py::str>& text, const py::kwargs& fields) {
              const Kelp::TypeInfo& t = typeNamed(typeName);
              if (text) {
                if (fields.size() != 0) throw py::type_error("Value() takes a text or fields, not both");
-               return Value{&t, parseText(t, *text)};
+               return Value{&t, parseText(t, latin1Bytes(*text, "text"))};
              }
              return Value{&t, buildValue(t, fields, nullptr)};
            }),

@@ -111,6 +111,8 @@ def test_fields_read_as_python_objects():
     # An enumeration's class lists its enumerators, as an enum.Enum class does.
     assert list(bgpcommon.Level) == ["level1", "level2", "level1And2", "levelUnset"] == list(map(bgpcommon.Level, range(1, 5)))
     assert bgpcommon.parse(SAMPLES[2]).secret == "it's \\ \xe9\n"
+    typed = SAMPLES[2].replace("\\xe9", "\xe9")  # the text holds é itself: one character, one byte
+    assert bgpcommon.parse(typed) == bgpcommon.Value("Routing::Bgp::BgpTcpAuthKey", typed) == bgpcommon.parse(SAMPLES[2])
     route = bgpcommon.parse(SAMPLES[3])
     assert route.key == ipaddress.ip_network("10.1.0.0/16") and route.igpResultId == 42
     assert route == bgpcommon.FilteredRoute(key=ipaddress.ip_network("10.1.0.0/16"), igpResultId=42)
