@@ -67,25 +67,18 @@ py::object compared(const RouteTarget& a, py::handle b) {
   return py::bool_(Op{}(a.value, b.cast<const RouteTarget&>().value));
 }
 
-// A Serialize with lengths to fill in: the library's writer only appends, so the octets patched
-// after the fact are kept here and laid over its bytes when they are read.
+// The Python Serialize: the library's writer, and lengths filled in over octets already written
+// (1 or 2 octets, in network order).
 struct Writer {
   Serialize s;
-  std::vector<std::pair<std::uint32_t, std::uint8_t>> patches;
 
-  py::bytes bytes() const {
-    std::string out(reinterpret_cast<const char*>(s.data()), s.writeOffset());
-    for (auto [at, octet] : patches) out[at] = static_cast<char>(octet);
-    return py::bytes(out);
-  }
+  py::bytes bytes() const { return py::bytes(reinterpret_cast<const char*>(s.data()), s.writeOffset()); }
   void patch(std::uint32_t offset, std::uint64_t value, unsigned octets) {
     if (static_cast<std::uint64_t>(offset) + octets > s.writeOffset()) {
       raise(PyExc_IndexError, "patch at " + std::to_string(offset) + " of " + std::to_string(octets) +
                                   " octets is past the " + std::to_string(s.writeOffset()) + " written");
     }
-    for (unsigned i = 0; i < octets; ++i) {
-      patches.emplace_back(offset + i, static_cast<std::uint8_t>(value >> (8 * (octets - 1 - i))));
-    }
+    octets == 1 ? s.overwriteU8(offset, static_cast<std::uint8_t>(value)) : s.overwriteU16hton(offset, static_cast<std::uint16_t>(value));
   }
 };
 
@@ -132,6 +125,12 @@ struct LengthScope {
   Writer* w;
   unsigned octets;
   std::uint32_t at = 0;
+
+  // Drops the length and what follows it (unless a scope entered before this one and left
+  // already took them back: scopes used out of order).
+  void takeBack() {
+    if (at <= w->s.writeOffset()) w->s.truncate(at);
+  }
 };
 
 }  // namespace
@@ -208,9 +207,15 @@ them back from any bytes-like object); route targets compare and sort by value.)
         return l.at;
       })
       .def("__exit__", [](LengthScope& l, py::handle type, py::handle, py::handle) {
-        if (!type.is_none()) return false;
+        // A block that raised, or wrote more than its length counts, takes back all it wrote,
+        // its length included: what stays is never a length that does not match what follows.
+        if (!type.is_none()) {
+          l.takeBack();
+          return false;
+        }
         const std::uint64_t n = l.w->s.writeOffset() - l.at - l.octets;
         if (n >> (8 * l.octets) != 0) {
+          l.takeBack();
           raise(PyExc_OverflowError, std::to_string(n) + " octets do not fit a length of " + std::to_string(l.octets) +
                                          " octet(s)");
         }
@@ -225,6 +230,7 @@ what was written before stays. An integer that does not fit its field raises Ove
 Addresses are ipaddress objects or their text. Lengths written before what they measure:
 
     with s.length(2):         # two octets, filled in with the length of what the block writes
+                              # (or, if it raises or overflows them, taken back with it)
         s.add_u8(...)
     s.patch_u16(offset, n)    # or by hand, over octets already written)")
       .def(py::init<>())
@@ -273,7 +279,8 @@ Addresses are ipaddress objects or their text. Lengths written before what they 
       }, py::arg("octets") = 2,
          ""
          "Writes a length of 1 or 2 octets and, when the block ends, fills in the octets the block wrote; "
-         "__enter__ returns the length's offset.")
+         "__enter__ returns the length's offset. A block that raises, or writes more than the length counts "
+         "(OverflowError), takes back all it wrote, its length included.")
       .def("add_message", [](Writer& w, py::handle message, bool fourOctetAs, bool extendedMessage, py::handle addPath) {
         const auto o = sessionOptions(fourOctetAs, extendedMessage, addPath);
         add(w, [&](Serialize& s) { writeMessageFrom(s, message, o); });

@@ -254,6 +254,15 @@ def test_serialize_limits():
     assert len(s) == 65535 and s.bytes()[-2:] == b"\x01\x02"
 
 
+def test_serialize_length_block_that_fails_takes_back_what_it_wrote():
+    s = bgpcommon.Serialize()
+    s.add_u8(7)
+    for block in (lambda: s.add_data(bytes(256)), lambda: (s.add_u8(1), s.add_u8(256))):  # overflows 1 octet; raises
+        with pytest.raises(OverflowError), s.length(1):
+            block()
+        assert s.bytes() == b"\x07"
+
+
 def _rows():
     """The route-target rows every reader shares: (input bytes, (value, text) or message)."""
     path = pathlib.Path(__file__).resolve().parents[1] / "data" / "route-target-rows.tsv"
