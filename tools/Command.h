@@ -27,6 +27,9 @@ struct Documented {
 };
 inline constexpr Documented kEnvironment[] = {
     {"BGPCOMMON_HASH_SEED", "the process's hash seed (a number; default random): reproducible runs"},
+    {"BGPCOMMON_SHM_OWNER",
+     "the user whose tables a reader trusts, a name or number (default this process's user or root): to read "
+     "another user's tables"},
     {"BGPCOMMON_SHM_ROOT", "root of the shared-memory tables (default /dev/shm/bgpcommon)"},
     {"BGPCOMMON_TOGGLE_DIR", "feature toggle files (default /etc/bgpcommon/toggles)"},
     {"BGPCOMMON_TRACE", "trace levels to print, as numbers: 1,3"},

@@ -96,7 +96,8 @@ std::string Location::distrust(const std::string& path, unsigned uid, unsigned m
   const bool trustedUser = owner_ ? uid == *owner_ : uid == geteuid() || uid == 0;
   if (!trustedUser) {
     return fmt::format("{} belongs to user {}, not to {}", path, userName(uid),
-                       owner_ ? "user " + userName(*owner_) : "this process's user or root");
+                       owner_ ? "user " + userName(*owner_)
+                              : "this process's user or root (BGPCOMMON_SHM_OWNER names the user to trust)");
   }
   // Writable by others: they could replace what it holds. A sticky directory lets them add names
   // only, and what they add is refused by its owner.
