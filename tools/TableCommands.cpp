@@ -74,8 +74,14 @@ struct Options {
   double hold = 0;
 };
 
-// Corruption reports seen while reading; each is printed on stderr as it comes.
+// What the reader reported, each printed on stderr as it came: damage found in an attached table,
+// and tables refused before one was attached (a file of another user, or writable by others, or
+// not a table at all). A refused table is there but unread: it is not "no table".
 std::uint32_t damaged = 0;
+std::uint32_t refused = 0;
+// Whether the table being read has been attached; until then, what the reader reports is why it
+// would not attach the file at the path.
+bool tableAttached = false;
 
 std::string rootOf(const Options& opt) { return opt.root.empty() ? Shelf::Location::defaultRoot() : opt.root; }
 
@@ -89,11 +95,19 @@ Kelp::Ptr<typename K::Status> mount(const Kelp::Ptr<KelpSharedMem::EntityManager
   em->mount(path, K::Status::kTypeName, {KelpSharedMem::MountMode::reader, {}});
   auto status = Kelp::ptrDynamicCast<typename K::Status>(em->entity(path));
   if (!status) Pico::fmthrow<Kelp::RangeException>("{} holds no {} table", path, K::kCommand);
+  tableAttached = false;
   status->recordControl()->corruptionHandlerIs([](std::string_view m) {
-    ++damaged;
-    std::fprintf(stderr, "corruption: %.*s\n", static_cast<int>(m.size()), m.data());
+    ++(tableAttached ? damaged : refused);
+    std::fprintf(stderr, "%s: %.*s\n", tableAttached ? "corruption" : "refused", static_cast<int>(m.size()), m.data());
   });
   return status;
+}
+
+// Whether the table is attached, trying to attach it if not (a refusal is reported then).
+template <typename Status>
+bool attachedNow(Status& status) {
+  tableAttached = tableAttached || status.recordControl()->reader()->attached();
+  return tableAttached;
 }
 
 template <typename K>
@@ -189,9 +203,16 @@ std::vector<std::string> tableFiles(const std::string& dir) {
 template <typename K>
 void listKind(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, tools::JsonList<TableShown>& out) {
   for (const std::string& name : tableFiles(em->root() + "/" + std::string(kPrefixOf<K>))) {
-    auto status = mount<K>(em, name);
+    Kelp::Ptr<typename K::Status> status;
+    try {
+      status = mount<K>(em, name);
+    } catch (const Kelp::RangeException& e) {  // a name no table has (a control character): the others still list
+      ++refused;
+      std::fprintf(stderr, "%s\n", e.what());
+      continue;
+    }
     const Shelf::Reader* r = status->recordControl()->reader();
-    if (!r->attached()) continue;  // refused: the reason went to stderr as corruption
+    if (!attachedNow(*status)) continue;  // refused: the reason went to stderr
     out.items.push_back({K::kCommand,
                          name,
                          status->recordCount(),
@@ -213,7 +234,7 @@ void list(const Options& opt) {
   if (opt.json) {
     std::printf("%s\n", Kelp::valueToJson(tables).c_str());
   } else if (tables.items.empty()) {
-    std::printf("no tables under %s\n", em->root().c_str());
+    if (refused == 0) std::printf("no tables under %s\n", em->root().c_str());
   } else {
     std::vector<std::vector<std::string>> rows = {
         {"kind", "name", "records", "capacity", "version", "writer", "changes", "created", "last change"}};
@@ -228,7 +249,7 @@ void list(const Options& opt) {
     }
     printAligned(rows);
   }
-  if (damaged != 0) tools::exitWith(tools::exitFailure);
+  if (damaged != 0 || refused != 0) tools::exitWith(tools::exitFailure);
 }
 
 // ---- show ----------------------------------------------------------------------------------
@@ -236,9 +257,11 @@ void list(const Options& opt) {
 template <typename K>
 void show(const Options& opt) {
   Kelp::Ptr<typename K::Status> status = attach<K>(opt);
-  if (!status->recordControl()->reader()->attached()) {
-    std::fprintf(stderr, "no table at %s/%.*s%s\n", rootOf(opt).c_str(), static_cast<int>(kPrefixOf<K>.size()),
-                 kPrefixOf<K>.data(), opt.name.c_str());
+  if (!attachedNow(*status)) {
+    if (refused == 0) {
+      std::fprintf(stderr, "no table at %s/%.*s%s\n", rootOf(opt).c_str(), static_cast<int>(kPrefixOf<K>.size()),
+                   kPrefixOf<K>.data(), opt.name.c_str());
+    }
     tools::exitWith(tools::exitFailure);
   }
   std::vector<RecordOf<K>> records;
@@ -299,12 +322,16 @@ struct ResyncEvent {
                                         Kelp::field("count", &ResyncEvent::count));
   }
 };
+// An object like the others, though of one field: described, it would print as that field alone
+// (the JSON of a one-field type such as an identifier).
 struct WriterEvent {
   Kelp::String event;
-  friend constexpr auto kelpType(Kelp::Tag<WriterEvent>) {
-    return Kelp::valueType<WriterEvent>("tools::WriterEvent", Kelp::field("event", &WriterEvent::event));
-  }
 };
+void kelpJson(Kelp::String& out, const WriterEvent& e) {
+  out += "{\"event\":";
+  Kelp::jsonString(out, e.event);
+  out += '}';
+}
 
 // Prints one line per change: "KEY <long form>" or "KEY deleted", "resync N" when the whole table
 // must be read again (with --current followed by every record, as changes), and "writer
@@ -352,7 +379,8 @@ class Printer : public KelpSharedMem::TableWatcher<KeyOf<K>> {
   const Options& opt_;
 };
 
-// Set by SIGINT and SIGTERM while watch runs: it ends at the next poll, flushing what it printed.
+// Set by SIGINT and SIGTERM while watch runs (it ends at the next poll, flushing what it printed)
+// or write does (to the signal's number).
 volatile std::sig_atomic_t interrupted = 0;
 
 template <typename K>
@@ -366,10 +394,12 @@ void watch(const Options& opt) {
   status->watcherIs(&printer);
   auto control = status->recordControl();
   // A table that is not there yet is waited for (a watch may start before its writer), but not
-  // silently, and a watch that never saw one has failed.
+  // silently, and a watch that never saw one has failed. A file there that the reader refuses is
+  // not waited on: the refusal was said, and the watch fails.
   const std::string path = rootOf(opt) + "/" + std::string(kPrefixOf<K>) + opt.name;
-  bool attached = control->reader()->attached();
-  if (!attached) std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
+  if (!attachedNow(*status) && refused == 0) {
+    std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
+  }
   // The timeout is wall-clock time: a wait returns early whenever changes arrive. Beyond a century
   // it is no limit (and would overflow the clock).
   using Clock = std::chrono::steady_clock;
@@ -377,17 +407,18 @@ void watch(const Options& opt) {
   const auto end =
       forever ? Clock::time_point::max()
               : Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeout));
-  for (auto now = Clock::now(); !printer.full() && now < end && !interrupted; now = Clock::now()) {
+  for (auto now = Clock::now(); !printer.full() && now < end && !interrupted && (tableAttached || refused == 0);
+       now = Clock::now()) {
     control->waitForChanges(std::min(0.05, std::chrono::duration<double>(end - now).count()));
     control->poll();
-    attached = attached || control->reader()->attached();
+    attachedNow(*status);
     std::fflush(stdout);
   }
   std::fflush(stdout);
   status->watcherDel(&printer);
   if (interrupted) return;
-  if (!attached) {
-    std::fprintf(stderr, "no table appeared at %s within --timeout\n", path.c_str());
+  if (!tableAttached) {
+    if (refused == 0) std::fprintf(stderr, "no table appeared at %s within --timeout\n", path.c_str());
     tools::exitWith(tools::exitFailure);
   }
   if (opt.count != 0 && printer.lines < opt.count) tools::exitWith(tools::exitTimedOut);
@@ -404,18 +435,36 @@ void write(const Options& opt) {
     std::fprintf(stderr, "--records %u do not fit a table of --size %u\n", opt.records, opt.size);
     tools::exitWith(tools::exitFailure);
   }
+  // A writer ended while it builds its file leaves that file behind (.NAME.new, as large as the
+  // table) until the next writer of the name. So SIGINT and SIGTERM only ask it to stop: it does
+  // once its table is published, then ends by that signal. A second signal ends it at once.
+  struct sigaction stop {};
+  stop.sa_handler = [](int sig) { interrupted = sig; };
+  stop.sa_flags = SA_RESETHAND;
+  sigaction(SIGINT, &stop, nullptr);
+  sigaction(SIGTERM, &stop, nullptr);
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
   Kelp::Ptr<IgpResultStatus> status = IgpResultStatus::createIgpResultStatusWriter(opt.name, em, opt.size);
+  std::uint32_t written = 0;
   {
     tools::Progress progress("records written", opt.records);
-    for (std::uint32_t i = 0; i < opt.records; ++i) {
-      status->resultIs(Routing::BgpRedistribute::sampleIgpResult(opt.first + i));
-      progress.update(i + 1);
+    for (; written < opt.records && !interrupted; progress.update(++written)) {
+      status->resultIs(Routing::BgpRedistribute::sampleIgpResult(opt.first + written));
     }
   }
-  std::printf("wrote %u records to %s\n", opt.records, IgpResultStatus::mountPath(opt.name).c_str());
-  std::fflush(stdout);
-  if (opt.hold > 0) std::this_thread::sleep_for(std::chrono::duration<double>(opt.hold));
+  if (!interrupted) {
+    std::printf("wrote %u records to %s\n", written, IgpResultStatus::mountPath(opt.name).c_str());
+    std::fflush(stdout);
+  }
+  // Held in short sleeps, so that a signal ends the hold; beyond a century (inf) it lasts until one.
+  using Clock = std::chrono::steady_clock;
+  const auto end = opt.hold > 3.2e9 ? Clock::time_point::max()
+                                    : Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                         std::chrono::duration<double>(opt.hold));
+  while (!interrupted && Clock::now() < end) {
+    std::this_thread::sleep_for(std::min<Clock::duration>(std::chrono::milliseconds(50), end - Clock::now()));
+  }
+  if (interrupted) raise(interrupted);  // the handler is reset: the signal ends the process
 }
 
 // ---- The command line ----------------------------------------------------------------------

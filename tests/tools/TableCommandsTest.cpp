@@ -61,6 +61,10 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
   const std::string rowB =
       "12   0           false      false        -       levelUnset  typeUnset       0             0"
       "              0    -\n";
+  // A file at a table's path that is not a table: named once, as refused, and not waited on.
+  std::ofstream(root.path() + "/routing/rib/igpResultStatus/junk") << "hello\n";
+  const std::string junk = "refused: Shelf " + root.path() +
+                           "/routing/rib/igpResultStatus/junk: file of 6 bytes is too short to hold a table\n";
   const std::tuple<std::string, int, std::string, std::string> rows[] = {
       {"igp-results show vrf1", exitOk, header + rowA + rowB + "2 records\n", ""},
       {"igp-results show vrf1 12 99", exitFailure, header + rowB + "1 record\n", "no record with key 99\n"},
@@ -77,14 +81,20 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
        "no table at " + root.path() +
            "/routing/rib/igpResultStatus/none yet: waiting for a writer\nno table appeared at " + root.path() +
            "/routing/rib/igpResultStatus/none within --timeout\n"},
+      {"igp-results show junk", exitFailure, "", junk},
+      {"igp-results watch junk --timeout 10", exitFailure, "", junk},
   };
   for (const auto& [args, status, out, err] : rows) {
     const auto r = runTool(args + " --root " + root.path(), true);
     EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(status, out, err)) << args;
   }
 
+  std::remove((root.path() + "/routing/rib/igpResultStatus/junk").c_str());
+  std::ofstream(root.path() + "/routing/rib/igpResultStatus/a\nb");  // refused, and the others listed all the same
   em->unmount("routing/rib/igpResultStatus/empty");
   empty = nullptr;  // its writer closes
+  EXPECT_EQ(runTool("igp-results watch empty --json --count 2 --root " + root.path()).out,
+            "{\"event\":\"resync\",\"count\":0}\n{\"event\":\"writer closed\"}\n");
   const json tables = json::parse(runTool("igp-results list --json --root " + root.path(), true).out);
   ASSERT_EQ(tables.size(), 3u) << tables;
   // kind, name, records, writer open, changes
@@ -98,7 +108,7 @@ TEST(TableCommands, ListShowAndWatchCurrent) {
     EXPECT_GT(t["created"].get<double>(), 1.7e9) << t;
     EXPECT_GE(t["lastChange"].get<double>(), t["created"].get<double>()) << t;
   }
-  EXPECT_TRUE(runTool("igp-results list --root " + root.path())
+  EXPECT_TRUE(runTool("igp-results list --root " + root.path(), true)
                   .out.starts_with("kind             name    records  capacity  version  writer"));
 }
 
@@ -131,6 +141,24 @@ TEST(TableCommands, WatchRunsUntilInterrupted) {
   kill(pid, SIGINT);
   EXPECT_EQ(testing_support::waitTool(pid), 0);
   EXPECT_EQ(fileText(out), expected);
+  std::remove(out.c_str());
+}
+
+// Interrupted while it builds its file, write publishes its table before the signal ends it (no
+// half-built file left); --hold inf holds until a signal.
+TEST(TableCommands, InterruptedWriteLeavesNoHalfBuiltFile) {
+  Shelf::TempRoot root;
+  const std::string at = " --root " + root.path(), half = root.path() + "/routing/rib/igpResultStatus/.t.new";
+  const std::string out = ::testing::TempDir() + "write.txt";
+  pid_t pid = testing_support::startTool("igp-results write t --records 1 --size 3000000" + at, out);
+  for (int i = 0; i < 100000 && access(half.c_str(), F_OK) != 0; ++i) usleep(100);
+  kill(pid, SIGINT);
+  const int status = testing_support::waitTool(pid);
+  EXPECT_EQ(std::make_pair(status, access(half.c_str(), F_OK)), std::make_pair(128 + SIGINT, -1));
+  pid = testing_support::startTool("igp-results write h --records 1 --hold inf" + at, out);
+  for (int i = 0; i < 3000 && fileText(out).empty(); ++i) usleep(10'000);
+  kill(pid, SIGTERM);
+  EXPECT_EQ(testing_support::waitTool(pid), 128 + SIGTERM);
   std::remove(out.c_str());
 }
 
