@@ -168,7 +168,15 @@ std::unique_ptr<Writer> Writer::create(const Location& where, const Labels& labe
   fileLock.l_type = F_WRLCK;
   fileLock.l_whence = SEEK_SET;
   if (fcntl(fd, F_OFD_SETLK, &fileLock) != 0) fail("cannot lock its new file");
-  if (ftruncate(fd, static_cast<off_t>(l.fileSize)) != 0) fail("cannot size");
+  // Every block taken now: where the file system has no room for it (a small /dev/shm), the
+  // writer gets an error here rather than a SIGBUS at the first page it touches through the map.
+  int error = 0;
+  while ((error = posix_fallocate(fd, 0, static_cast<off_t>(l.fileSize))) == EINTR) {
+  }
+  if (error != 0) {
+    errno = error;
+    fail("cannot size");
+  }
   void* base = mmap(nullptr, l.fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) fail("cannot map");
   auto map = std::make_unique<Mapping>();

@@ -162,6 +162,23 @@ TEST(TableCommands, InterruptedWriteLeavesNoHalfBuiltFile) {
   std::remove(out.c_str());
 }
 
+// A table beyond the room left on its file system (a small /dev/shm) is an error, not a SIGBUS, and
+// leaves no half-built file. On a tmpfs of 1 MiB in a mount namespace of its own (root only).
+TEST(TableCommands, WriteBeyondTheRoomOfTheFileSystemFails) {
+  if (system("unshare -m true 2>/dev/null") != 0) GTEST_SKIP() << "cannot make a mount namespace (root only)";
+  const std::string tool = std::string(BGPCOMMON_TOOL_LAUNCHER) + " " + BGPCOMMON_BIN_DIR + "/bgpcommon";
+  FILE* p = popen(("unshare -m sh -c 'mount -t tmpfs -o size=1m tmpfs /mnt && " + tool +
+                   " igp-results write t --records 1 --size 100000 --root /mnt; echo $?; ls -A /mnt/*/*/*' 2>&1")
+                      .c_str(),
+                  "r");
+  ASSERT_NE(p, nullptr);
+  std::string text;
+  char buf[512];
+  for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) text.append(buf, n);
+  pclose(p);
+  EXPECT_EQ(text, "Shelf /mnt/routing/rib/igpResultStatus/t: cannot size: No space left on device\n1\n.t.lock\n");
+}
+
 // The tool beside a live writer: show prints every record, sorted by key, as text and as JSON; a
 // second writer is refused with the holder named; show prints every record it can decode, reports
 // the one it cannot and fails; watch prints the changes as they come.
