@@ -20,6 +20,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -187,7 +188,8 @@ struct TableShown {
 };
 
 // The names of the table files in `dir` (a directory below the root), sorted; none when it is
-// not there. Names starting with a dot are the writers' lock and work files.
+// not there, or cannot be read (which is said, as a refusal). Names starting with a dot are the
+// writers' lock and work files.
 std::vector<std::string> tableFiles(const std::string& dir) {
   std::vector<std::string> names;
   if (DIR* d = opendir(dir.c_str())) {
@@ -195,6 +197,9 @@ std::vector<std::string> tableFiles(const std::string& dir) {
       if (e->d_name[0] != '.' && (e->d_type == DT_REG || e->d_type == DT_UNKNOWN)) names.emplace_back(e->d_name);
     }
     closedir(d);
+  } else if (errno != ENOENT) {
+    ++refused;
+    std::fprintf(stderr, "refused: cannot list %s: %s\n", dir.c_str(), std::strerror(errno));
   }
   std::sort(names.begin(), names.end());
   return names;

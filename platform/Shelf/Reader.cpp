@@ -263,7 +263,8 @@ Mapping* Reader::refreshLocked(std::string& problem) const {
 
   std::string why;
   const int dirFd = where_.openDirectory(false, why);
-  if (dirFd < 0) return errno == EPERM ? refuse(why) : m;
+  // A folder this user may not open is no more a missing table than a file it may not open.
+  if (dirFd < 0) return errno == EPERM || errno == EACCES ? refuse(why) : m;
   struct stat st;
   int fd = openRegular(dirFd, where_.leaf(), O_RDONLY, why, &where_, &st);
   close(dirFd);

@@ -24,12 +24,12 @@ struct ToolResult {
 };
 
 // `args` is appended to the tool's path as it stands: quote what the shell must not split. With
-// `splitErr`, standard error is kept apart in `err`.
-inline ToolResult runTool(const std::string& args, bool splitErr = false) {
+// `splitErr`, standard error is kept apart in `err`. `as` goes before the tool ("runuser -u nobody --").
+inline ToolResult runTool(const std::string& args, bool splitErr = false, const std::string& as = "") {
   ToolResult r;
   const std::string errFile = ::testing::TempDir() + "bgpcommon-stderr-" + std::to_string(getpid()) + ".txt";
   const std::string launcher = BGPCOMMON_TOOL_LAUNCHER;  // the emulator of a cross build, else empty
-  const std::string cmd = (launcher.empty() ? "" : launcher + " ") + BGPCOMMON_BIN_DIR + "/bgpcommon " + args +
+  const std::string cmd = as + (launcher.empty() ? "" : launcher + " ") + BGPCOMMON_BIN_DIR + "/bgpcommon " + args +
                           (splitErr ? " 2>" + errFile : " 2>&1");
   FILE* p = popen(cmd.c_str(), "r");
   if (p == nullptr) return r;

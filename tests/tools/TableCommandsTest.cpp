@@ -162,6 +162,24 @@ TEST(TableCommands, InterruptedWriteLeavesNoHalfBuiltFile) {
   std::remove(out.c_str());
 }
 
+// Another user who may not open a table's folder is told so, not "no table" (nor left waiting).
+TEST(TableCommands, AFolderAnotherUserCannotOpenIsSaid) {
+  if (geteuid() != 0 || system("runuser -u nobody true 2>/dev/null") != 0) GTEST_SKIP() << "root plays nobody";
+  Shelf::TempRoot root;
+  IgpResultStatus::createIgpResultStatusWriter("t", Kelp::makePtr<KelpSharedMem::EntityManager>(root.path()), 8);
+  const std::string dir = root.path() + "/routing/rib/igpResultStatus";
+  ASSERT_EQ(chmod(root.path().c_str(), 0755) | chmod(dir.c_str(), 0700), 0);
+  const std::pair<std::string, std::string> rows[] = {
+      {"show t", "refused: Shelf " + dir + "/t: cannot open " + dir + ": Permission denied\n"},
+      {"watch t", "refused: Shelf " + dir + "/t: cannot open " + dir + ": Permission denied\n"},
+      {"list", "refused: cannot list " + dir + "/: Permission denied\n"},
+  };
+  for (const auto& [command, err] : rows) {
+    const auto r = runTool("igp-results " + command + " --root " + root.path(), true, "runuser -u nobody -- ");
+    EXPECT_EQ(std::make_pair(r.status, r.err), std::make_pair(int(exitFailure), err)) << command;
+  }
+}
+
 // A table beyond the room left on its file system (a small /dev/shm) is an error, not a SIGBUS, and
 // leaves no half-built file. On a tmpfs of 1 MiB in a mount namespace of its own (root only).
 TEST(TableCommands, WriteBeyondTheRoomOfTheFileSystemFails) {
