@@ -22,6 +22,8 @@ TEST(CommandLine, MistakesAreNamedWithTheirStatus) {
        "igp-results --help)"},
       {"vlaue list", exitUsage, "bgpcommon: unknown command \"vlaue\"; did you mean \"value\"? (see bgpcommon --help)"},
       {"value list >/dev/full", exitFailure, "bgpcommon: write error on standard output: No space left on device"},
+      {"mrt " BGPCOMMON_SOURCE_DIR "/tests/data/updates.mrt >/dev/full", exitFailure,
+       "bgpcommon: write error on standard output: No space left on device"},
       {"igp-results write t --root /nonexistent", exitUsage, "--records is required"},
       {"igp-results write t --root ''", exitUsage, "--root: must not be empty"},
       {"igp-results write t --records 5 --first 4294967295 --root /nonexistent", exitUsage,
