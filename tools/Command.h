@@ -66,6 +66,15 @@ inline const CLI::Validator seconds(
     },
     "", "seconds");
 
+// A table's name is the last component of its path: not empty, and without a '/' (a table
+// published under "a/b" is one that show, watch and list cannot reach).
+inline const CLI::Validator tableName(
+    [](std::string& s) {
+      return s.empty() || s.find('/') != std::string::npos ? std::string("a table name, not empty and without '/'")
+                                                           : std::string();
+    },
+    "", "tableName");
+
 using CommandSetup = std::function<void(CLI::App&)>;
 
 struct CommandRegistration {

@@ -292,7 +292,7 @@ tools::CommandRegistration reg("rib", [](CLI::App& app) {
                   "then check a sample of it from a reader process")
       ->type_name("ROOT")
       ->check(tools::nonEmpty);
-  cmd->add_option("--name", opt.name, "The table's name (default rib)")->check(tools::nonEmpty);
+  cmd->add_option("--name", opt.name, "The table's name (default rib)")->check(tools::tableName);
   cmd->add_option("--sample", opt.sample, "About how many prefixes the reader checks (default 1000)")
       ->check(CLI::Range(1u, 100000000u));
   cmd->callback([] {

@@ -89,9 +89,6 @@ std::string rootOf(const Options& opt) { return opt.root.empty() ? Shelf::Locati
 // Mounts table `name` of kind K for reading; corruption found while reading is reported on stderr.
 template <typename K>
 Kelp::Ptr<typename K::Status> mount(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, const std::string& name) {
-  if (name.find('/') != std::string::npos) {
-    Pico::fmthrow<Kelp::RangeException>("table name \"{}\" refused: it holds a '/'", Kelp::quoteExcerpt(name, 64));
-  }
   const Kelp::String path = K::Status::mountPath(name);
   em->mount(path, K::Status::kTypeName, {KelpSharedMem::MountMode::reader, {}});
   auto status = Kelp::ptrDynamicCast<typename K::Status>(em->entity(path));
@@ -499,7 +496,9 @@ std::function<void()> guarded(void (*fn)(const Options&)) {
 template <typename K>
 CLI::App* tableCommand(CLI::App* parent, const char* name, const char* what, void (*fn)(const Options&)) {
   auto* c = parent->add_subcommand(name, what);
-  c->add_option("NAME", opt.name, fmt::format("Table name (the last component of {}NAME)", kPrefixOf<K>))->required();
+  c->add_option("NAME", opt.name, fmt::format("Table name (the last component of {}NAME)", kPrefixOf<K>))
+      ->required()
+      ->check(tools::tableName);
   rootOption(c);
   c->callback(guarded(fn));
   return c;

@@ -25,6 +25,7 @@ TEST(CommandLine, MistakesAreNamedWithTheirStatus) {
       {"mrt " BGPCOMMON_SOURCE_DIR "/tests/data/updates.mrt >/dev/full", exitFailure,
        "bgpcommon: write error on standard output: No space left on device"},
       {"igp-results write t --root /nonexistent", exitUsage, "--records is required"},
+      {"rib /nonexistent --publish /nonexistent --name a/b", exitUsage, "--name: a table name, not empty and without '/'"},
       {"igp-results write t --root ''", exitUsage, "--root: must not be empty"},
       {"igp-results write t --records 5 --first 4294967295 --root /nonexistent", exitUsage,
        "--first 4294967295 --records 5: keys beyond 4294967295"},
