@@ -54,10 +54,15 @@ std::string helpFooter();
 // Throws the exception that makes the tool exit with `status`.
 [[noreturn]] inline void exitWith(ExitStatus status) { throw CLI::RuntimeError(status); }
 
-// Option checks shared by the commands: a text that is not empty (a --root of "" would mean the
-// current directory by accident), and a duration in seconds, not negative, not NaN, possibly inf.
+// Option checks shared by the commands: a text that is not empty (a --rib of "" would read the
+// current directory by accident); a root of tables, an absolute path (resolved against each
+// process's working directory, a relative one would name other tables in each; said before a
+// long load, not after it); and a duration in seconds, not negative, not NaN, possibly inf.
 inline const CLI::Validator nonEmpty(
     [](std::string& s) { return s.empty() ? std::string("must not be empty") : std::string(); }, "", "nonEmpty");
+inline const CLI::Validator tableRoot(
+    [](std::string& s) { return s.starts_with('/') ? std::string() : std::string("an absolute path expected"); }, "",
+    "tableRoot");
 inline const CLI::Validator seconds(
     [](std::string& s) {
       double v = 0;

@@ -436,7 +436,8 @@ tools::CommandRegistration reg("demo", [](CLI::App& app) {
       ->type_name("FILE")
       ->check(tools::nonEmpty);
   demo->add_option("--root", opt.root, "Directory for the tables (default: a temporary one, removed afterwards)")
-      ->type_name("DIR");
+      ->type_name("DIR")
+      ->check(tools::tableRoot);
   demo->add_flag("--json", opt.json, "Print the summary as one JSON object (the steps go to standard error)");
   demo->footer(
       "This process evaluates a policy over generated static routes (with --rib, routes to the prefixes of\n"

@@ -291,7 +291,7 @@ tools::CommandRegistration reg("rib", [](CLI::App& app) {
                   "Publish a record per prefix in the filtered-route table ROOT/routing/rib/filteredRtStatus/NAME, "
                   "then check a sample of it from a reader process")
       ->type_name("ROOT")
-      ->check(tools::nonEmpty);
+      ->check(tools::tableRoot);
   cmd->add_option("--name", opt.name, "The table's name (default rib)")->check(tools::tableName);
   cmd->add_option("--sample", opt.sample, "About how many prefixes the reader checks (default 1000)")
       ->check(CLI::Range(1u, 100000000u));

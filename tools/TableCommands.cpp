@@ -476,7 +476,7 @@ Options opt;
 void rootOption(CLI::App* c) {
   c->add_option("--root", opt.root, "Root directory of the tables (default $BGPCOMMON_SHM_ROOT or /dev/shm/bgpcommon)")
       ->type_name("DIR")
-      ->check(tools::nonEmpty);
+      ->check(tools::tableRoot);
 }
 
 // Runs a command; what it throws is its failure (exit 1), said on stderr.
