@@ -435,7 +435,7 @@ void write(const Options& opt) {
   }
   if (opt.records > opt.size) {
     std::fprintf(stderr, "--records %u do not fit a table of --size %u\n", opt.records, opt.size);
-    tools::exitWith(tools::exitFailure);
+    tools::exitWith(tools::exitUsage);  // arguments that do not go together, as --first and --records above
   }
   // A writer ended while it builds its file leaves that file behind (.NAME.new, as large as the
   // table) until the next writer of the name. So SIGINT and SIGTERM only ask it to stop: it does

@@ -30,6 +30,7 @@ TEST(CommandLine, MistakesAreNamedWithTheirStatus) {
       {"rib /nonexistent --publish relative", exitUsage, "--publish: an absolute path expected"},
       {"igp-results write t --records 5 --first 4294967295 --root /nonexistent", exitUsage,
        "--first 4294967295 --records 5: keys beyond 4294967295"},
+      {"igp-results write t --records 5 --size 4 --root /nonexistent", exitUsage, "--records 5 do not fit a table of --size 4"},
       {"igp-results write t --records 5 --hold -5 --root /nonexistent", exitUsage,
        "--hold: seconds (0 or more, or inf) expected"},
       {"igp-results write t --records 5 --hold nan --root /nonexistent", exitUsage,
