@@ -381,6 +381,15 @@ class Printer : public KelpSharedMem::TableWatcher<KeyOf<K>> {
   const Options& opt_;
 };
 
+using Clock = std::chrono::steady_clock;
+
+// The instant `seconds` (0 or more) from now; none beyond a century (inf), which would overflow
+// the clock.
+Clock::time_point deadlineAfter(double seconds) {
+  return seconds > 3.2e9 ? Clock::time_point::max()
+                         : Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
 // Set by SIGINT and SIGTERM while watch runs (it ends at the next poll, flushing what it printed)
 // or write does (to the signal's number).
 volatile std::sig_atomic_t interrupted = 0;
@@ -402,13 +411,8 @@ void watch(const Options& opt) {
   if (!attachedNow(*status) && refused == 0) {
     std::fprintf(stderr, "no table at %s yet: waiting for a writer\n", path.c_str());
   }
-  // The timeout is wall-clock time: a wait returns early whenever changes arrive. Beyond a century
-  // it is no limit (and would overflow the clock).
-  using Clock = std::chrono::steady_clock;
-  const bool forever = opt.timeout > 3.2e9;
-  const auto end =
-      forever ? Clock::time_point::max()
-              : Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(opt.timeout));
+  // The timeout is wall-clock time: a wait returns early whenever changes arrive.
+  const Clock::time_point end = deadlineAfter(opt.timeout);
   for (auto now = Clock::now(); !printer.full() && now < end && !interrupted && (tableAttached || refused == 0);
        now = Clock::now()) {
     control->waitForChanges(std::min(0.05, std::chrono::duration<double>(end - now).count()));
@@ -458,11 +462,8 @@ void write(const Options& opt) {
     std::printf("wrote %u records to %s\n", written, IgpResultStatus::mountPath(opt.name).c_str());
     std::fflush(stdout);
   }
-  // Held in short sleeps, so that a signal ends the hold; beyond a century (inf) it lasts until one.
-  using Clock = std::chrono::steady_clock;
-  const auto end = opt.hold > 3.2e9 ? Clock::time_point::max()
-                                    : Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                         std::chrono::duration<double>(opt.hold));
+  // Held in short sleeps, so that a signal ends the hold (inf: only a signal does).
+  const Clock::time_point end = deadlineAfter(opt.hold);
   while (!interrupted && Clock::now() < end) {
     std::this_thread::sleep_for(std::min<Clock::duration>(std::chrono::milliseconds(50), end - Clock::now()));
   }
