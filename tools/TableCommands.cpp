@@ -230,6 +230,7 @@ void listKind(const Kelp::Ptr<KelpSharedMem::EntityManager>& em, tools::JsonList
 
 void list(const Options& opt) {
   auto em = Kelp::makePtr<KelpSharedMem::EntityManager>(opt.root);
+  (void)Shelf::Location(em->root(), "routing");  // refuses a root no table is under (a relative one)
   tools::JsonList<TableShown> tables;
   listKind<IgpResults>(em, tables);
   listKind<FilteredRoutes>(em, tables);

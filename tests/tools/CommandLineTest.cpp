@@ -45,6 +45,9 @@ TEST(CommandLine, MistakesAreNamedWithTheirStatus) {
     EXPECT_EQ(r.status, status) << args;
     EXPECT_EQ(r.err.substr(0, r.err.find('\n')), err) << args;
   }
+  const auto relative = runTool("igp-results list", true, "BGPCOMMON_SHM_ROOT=rel ");
+  EXPECT_EQ(std::make_pair(relative.status, relative.err),
+            std::make_pair(int(exitFailure), std::string("Shelf root 'rel' refused: it is not an absolute path\n")));
 }
 
 // Interrupted mid-run, or cut off by a reader that stops reading, the demo removes its tables.
