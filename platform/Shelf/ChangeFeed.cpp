@@ -31,9 +31,30 @@ bool Reader::writerDied(Mapping* m) const {
   return died_;
 }
 
+// A file whose writer has gone stays live until a new writer retires it, which that writer does
+// only if it finds the file at the path. When the file was removed meanwhile (by hand, say), the
+// new writer publishes its own with nothing to retire, and a reader would read the removed one for
+// ever. So once the writer is known gone, the path is looked at every kGoneWriterRecheckNs, and
+// another file there is attached in its place. A lookup still in the old file finishes there, with
+// the contents it had when its writer left.
+Mapping* Reader::afterGoneWriter(Mapping* m) {
+  if (writerOpenTold_ || m != cursorMapping_) return m;  // gone as last told, however it was learnt
+  const std::uint64_t now = monotonicNs();
+  if (now - lastPathCheckNs_ < kGoneWriterRecheckNs) return m;
+  lastPathCheckNs_ = now;
+  std::string problem;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    m = refreshLocked(problem, true);
+  }
+  if (!problem.empty()) report(problem);
+  return m;
+}
+
 std::size_t Reader::poll(const std::function<void(const Change&)>& fn) {
   Mapping* m = current();
   if (m == nullptr) return 0;
+  m = afterGoneWriter(m);
   std::size_t n = 0;
   auto tell = [&](Change::Kind kind, Bytes key = {}, std::uint32_t scalarIndex = 0) {
     fn(Change{kind, key, scalarIndex});
@@ -110,6 +131,7 @@ bool Reader::wait(double seconds) {
   const std::uint64_t budget = seconds <= 0 ? 0 : static_cast<std::uint64_t>(seconds * 1e9);
   while (true) {
     Mapping* m = current();
+    if (m != nullptr) m = afterGoneWriter(m);
     if (m != nullptr && pending(m)) return true;
     std::uint64_t now = monotonicNs();
     if (now - start >= budget) return false;

@@ -45,6 +45,9 @@ inline constexpr std::uint64_t kWakeIntervalNs = 100'000;
 inline constexpr std::uint64_t kLivenessIntervalNs = 20'000'000;
 // A reader whose file was retired but still stands at its path looks at the path again this often.
 inline constexpr std::uint64_t kRetiredRecheckNs = 1'000'000;
+// A reader whose writer has gone looks this often for another file at the path (one that no writer
+// retired this one for): a few system calls each time, for as long as the table has no writer.
+inline constexpr std::uint64_t kGoneWriterRecheckNs = 200'000'000;
 
 struct FileHeader {
   // Fixed at creation and covered by geometryChecksum.

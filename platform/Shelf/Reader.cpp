@@ -243,11 +243,12 @@ Mapping* Reader::refresh() const {
   return m;
 }
 
-Mapping* Reader::refreshLocked(std::string& problem) const {
+Mapping* Reader::refreshLocked(std::string& problem, bool evenIfLive) const {
   Mapping* m = current_.load(std::memory_order_acquire);
-  if (m != nullptr && isLive(*m)) return m;
+  const bool stillLive = m != nullptr && isLive(*m);
+  if (stillLive && !evenIfLive) return m;
   const std::uint64_t now = monotonicNs();
-  if (m != nullptr) {
+  if (m != nullptr && !stillLive) {
     if (now < m->recheckAtNs.load(std::memory_order_relaxed)) return m;
     // Retired while still at the path is the moment between a new writer's retiring it and
     // publishing its own (or that writer died there): look again soon, not on every call.

@@ -87,7 +87,10 @@
 // need not re-attach. Each file carries a mark of its own, so a mapping is never mistaken for
 // another file's. A reader maps the current file and keeps the one before (a call in another
 // thread may still be reading it); older ones are turned to zeros in place, and their address
-// ranges are reused for later files, so restarts do not pile up in a reader.
+// ranges are reused for later files, so restarts do not pile up in a reader. A file removed from
+// the path after its writer left is not retired by the next writer, which finds nothing there: a
+// reader that polls or waits, once told the writer closed, looks at the path every 200 ms and
+// follows a new file there (one that only looks up keys stays on the removed file until it polls).
 //
 // Changes. Each change appends its key to the ring in the file; a reader polls the ring (or waits
 // on it with a timeout) and learns which keys changed, or that it fell too far behind and must
@@ -536,7 +539,11 @@ class Reader {
  private:
   detail::Mapping* current() const;
   detail::Mapping* refresh() const;
-  detail::Mapping* refreshLocked(std::string& problem) const;
+  // Attaches the file at the path when the current one is retired (or, with evenIfLive, whenever
+  // the path names another file).
+  detail::Mapping* refreshLocked(std::string& problem, bool evenIfLive = false) const;
+  // `m`, or the file that now stands at the path when `m`'s writer has gone (see ChangeFeed.cpp).
+  detail::Mapping* afterGoneWriter(detail::Mapping* m);
   enum class Walk { done, stopped, damaged, gaveUp };
   template <typename Visit>
   Walk walk(const detail::Mapping& m, std::uint32_t bucket, std::uint8_t* buf, Visit&& visit) const;
@@ -578,6 +585,7 @@ class Reader {
   bool writerOpenTold_ = true;  // the writer's state as poll last told it
   mutable bool died_ = false;  // its writer was found dead, not yet told
   mutable std::uint64_t lastLivenessNs_ = 0;
+  std::uint64_t lastPathCheckNs_ = 0;  // when afterGoneWriter last looked at the path
 };
 
 template <std::uint32_t KeyMax, std::uint32_t ValueMax>

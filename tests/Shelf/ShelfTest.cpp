@@ -260,7 +260,8 @@ TEST(Shelf, RecordChecksumsAreCrc32cWithTablesAndWithTheInstruction) {
 // arrives; it waits for changes and scalars, hears an unchanged scalar as no change, and gets one
 // resync for the lot when it fell more than the ring's length behind. A second writer is refused
 // with the holder named. When the writer goes, readers hear so and read its last contents on; the
-// next writer starts empty, in a new file of the next generation, and the same reader follows it.
+// next writer starts empty, in a new file of the next generation, and the same reader follows it,
+// also when the old file was removed before that writer came (so it had nothing to retire).
 TEST(Shelf, AReaderFollowsATableThroughItsWriters) {
   TempRoot root;
   const Shelf::Location where(root.path(), "late/table");
@@ -311,6 +312,15 @@ TEST(Shelf, AReaderFollowsATableThroughItsWriters) {
   EXPECT_EQ(reader.generation(), generation + 1);
   EXPECT_TRUE(reader.writerOpen());
   EXPECT_EQ(kindsPolled(reader), (std::vector<Kind>{Kind::resync, Kind::writerOpen}));
+
+  writer.reset();
+  EXPECT_EQ(kindsPolled(reader), std::vector<Kind>{Kind::writerClosed});
+  std::filesystem::remove(where.fullPath());
+  writer = Shelf::Writer::create(where, kLabels, {16, 8, 40, 0});
+  EXPECT_TRUE(writer->put(bytes("third"), poorHash("third"), bytes("value")));
+  EXPECT_TRUE(reader.wait(10.0));
+  EXPECT_EQ(kindsPolled(reader), (std::vector<Kind>{Kind::resync, Kind::writerOpen}));
+  EXPECT_EQ(findIn(reader, "third"), "value");
 }
 
 // Whatever stands at a table's path, a reader answers at once: a FIFO must not block its open, a
