@@ -95,9 +95,13 @@ Location::Location(std::string root, std::string_view relativePath)
 std::string Location::distrust(const std::string& path, unsigned uid, unsigned mode) const {
   const bool trustedUser = owner_ ? uid == *owner_ : uid == geteuid() || uid == 0;
   if (!trustedUser) {
-    return fmt::format("{} belongs to user {}, not to {}", path, userName(uid),
-                       owner_ ? "user " + userName(*owner_)
-                              : "this process's user or root (BGPCOMMON_SHM_OWNER names the user to trust)");
+    if (owner_) return fmt::format("{} belongs to user {}, not to user {}", path, userName(uid), userName(*owner_));
+    // A name that is no user's falls back to the defaults: trusting less, never more.
+    const char* env = std::getenv("BGPCOMMON_SHM_OWNER");
+    return fmt::format("{} belongs to user {}, not to this process's user or root ({})", path, userName(uid),
+                       env != nullptr && *env != '\0'
+                           ? fmt::format("BGPCOMMON_SHM_OWNER \"{}\" names no user", clipped(env))
+                           : std::string("BGPCOMMON_SHM_OWNER names the user to trust"));
   }
   // Writable by others: they could replace what it holds. A sticky directory lets them add names
   // only, and what they add is refused by its owner.

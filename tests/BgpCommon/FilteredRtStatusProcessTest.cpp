@@ -388,6 +388,18 @@ TEST(ShelfProcess, AnotherLocalUserCanNeitherBlockNorFakeNorPlantATable) {
     EXPECT_NE(refused[0].find(planted[0] == 'm' ? "belongs to user " + std::to_string(uid) : "(mode 0777) is writable by users other than its owner"),
               std::string::npos) << refused[0];
   }
+  // Trusting that user by number reads its table under its own folder; a name that is no user's
+  // trusts no more than before.
+  for (const std::string owner : {std::to_string(uid), std::string("no-such-user")}) {
+    setenv("BGPCOMMON_SHM_OWNER", owner.c_str(), 1);
+    std::vector<std::string> refused;
+    Shelf::Reader p(Shelf::Location(root.path() + "/mine", "table"), labels, 8, 8, [&](std::string_view m) { refused.emplace_back(m); });
+    std::uint8_t value[8];
+    EXPECT_EQ(p.find(k("k"), 0, value, sizeof value), owner[0] == 'n' ? std::nullopt : std::optional<std::uint32_t>(6));
+    EXPECT_EQ(refused.size(), owner[0] == 'n' ? 1u : 0u) << (refused.empty() ? "" : refused[0]);
+    if (owner[0] == 'n') EXPECT_THAT(refused, testing::Contains(testing::HasSubstr("BGPCOMMON_SHM_OWNER \"no-such-user\" names no user")));
+  }
+  unsetenv("BGPCOMMON_SHM_OWNER");
   // A root made by another user is refused to a writer, naming it and its owner.
   EXPECT_THAT([&] { Shelf::Writer::create(Shelf::Location(root.path() + "/mine", "t"), labels, {8, 8, 8, 0}); },
               testing::ThrowsMessage<Shelf::Exception>(
