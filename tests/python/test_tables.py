@@ -22,6 +22,7 @@ def start_writer(root, name, records, hold, first=1):
     p = subprocess.Popen([str(TOOL), "igp-results", "write", name, "--root", str(root), "--records", str(records),
                           "--first", str(first), "--hold", str(hold)], stdout=subprocess.PIPE, text=True)
     assert p.stdout.readline().startswith(f"wrote {records} records")
+    p.stdout.close()  # nothing more is printed; an open pipe would outlive the test
     return p
 
 
